@@ -1,0 +1,336 @@
+#include "model/modeldata.h"
+
+#include <algorithm>
+#include <map>
+#include <utility>
+
+namespace kvr {
+
+// ---------------------------------------------------------------- NamePool
+
+void NamePool::resize(size_t n) {
+  if (n < len_.size()) {
+    for (size_t i = n; i < len_.size(); ++i) named_ -= len_[i] > 0;
+    start_.resize(n);
+    len_.resize(n);
+  } else {
+    start_.resize(n, chars_.size());
+    len_.resize(n, 0);
+  }
+  indexed_ = false;
+}
+
+void NamePool::push_back(std::string_view name) {
+  start_.push_back(chars_.size());
+  len_.push_back(static_cast<uint32_t>(name.size()));
+  chars_.append(name);
+  named_ += !name.empty();
+  indexed_ = false;
+}
+
+void NamePool::set(size_t i, std::string_view name) {
+  named_ -= len_[i] > 0;
+  named_ += !name.empty();
+  start_[i] = chars_.size();
+  len_[i] = static_cast<uint32_t>(name.size());
+  chars_.append(name);
+  indexed_ = false;
+  // Renaming leaves the old text behind; compact once the garbage outweighs the live text.
+  if (chars_.size() > 4096 && chars_.size() > 4 * bytes()) renumber({});
+}
+
+int NamePool::find(std::string_view name) const {
+  if (!indexed_) {
+    index_.clear();
+    index_.reserve(named_);
+    for (size_t i = 0; i < len_.size(); ++i)
+      if (len_[i]) index_.emplace(get(i), static_cast<int>(i));  // emplace keeps the first
+    indexed_ = true;
+  }
+  auto it = index_.find(name);
+  return it == index_.end() ? -1 : it->second;
+}
+
+void NamePool::renumber(const Renumbering &newpos) {
+  std::string chars;
+  std::vector<uint64_t> start;
+  std::vector<uint32_t> len;
+  start.reserve(len_.size());
+  len.reserve(len_.size());
+  named_ = 0;
+  for (size_t i = 0; i < len_.size(); ++i) {
+    if (!newpos.empty() && newpos[i] < 0) continue;
+    start.push_back(chars.size());
+    len.push_back(len_[i]);
+    chars.append(get(i));
+    named_ += len_[i] > 0;
+  }
+  chars_ = std::move(chars);
+  start_ = std::move(start);
+  len_ = std::move(len);
+  indexed_ = false;
+}
+
+void NamePool::append(const NamePool &other) {
+  for (size_t i = 0; i < other.size(); ++i) push_back(other.get(i));
+}
+
+void NamePool::clear() {
+  chars_.clear();
+  start_.clear();
+  len_.clear();
+  named_ = 0;
+  indexed_ = false;
+}
+
+size_t NamePool::bytes() const {
+  size_t live = 0;
+  for (uint32_t l : len_) live += l;
+  return live;
+}
+
+// ---------------------------------------------------------------- SparseMatrix
+
+void SparseMatrix::add_row(int n, const int *idx, const double *vals) {
+  ind.insert(ind.end(), idx, idx + n);
+  val.insert(val.end(), vals, vals + n);
+  beg.push_back(static_cast<int64_t>(ind.size()));
+}
+
+SparseMatrix SparseMatrix::transposed(int ncols) const {
+  SparseMatrix t;
+  t.beg.assign(static_cast<size_t>(ncols) + 1, 0);
+  for (int j : ind) ++t.beg[static_cast<size_t>(j) + 1];
+  for (int j = 0; j < ncols; ++j) t.beg[j + 1] += t.beg[j];
+  t.ind.resize(ind.size());
+  t.val.resize(val.size());
+  std::vector<int64_t> next(t.beg.begin(), t.beg.end() - 1);
+  for (int r = 0; r < rows(); ++r)
+    for (int64_t k = beg[r]; k < beg[r + 1]; ++k) {
+      int64_t p = next[ind[k]]++;
+      t.ind[p] = r;
+      t.val[p] = val[k];
+    }
+  return t;
+}
+
+void SparseMatrix::renumber(const Renumbering &newrow, const Renumbering &newcol) {
+  int64_t out = 0;
+  std::vector<int64_t> nbeg{0};
+  nbeg.reserve(beg.size());
+  for (int r = 0; r < rows(); ++r) {
+    if (!newrow.empty() && newrow[r] < 0) continue;
+    for (int64_t k = beg[r]; k < beg[r + 1]; ++k) {
+      int j = newcol.empty() ? ind[k] : newcol[ind[k]];
+      if (j < 0) continue;
+      ind[out] = j;
+      val[out] = val[k];
+      ++out;
+    }
+    nbeg.push_back(out);
+  }
+  ind.resize(out);
+  val.resize(out);
+  beg = std::move(nbeg);
+}
+
+void SparseMatrix::clear() {
+  beg.assign(1, 0);
+  ind.clear();
+  val.clear();
+}
+
+// ---------------------------------------------------------------- QuadTerms
+
+void QuadTerms::add(int n, const int *r, const int *c, const double *v) {
+  for (int k = 0; k < n; ++k) {
+    row.push_back(std::min(r[k], c[k]));
+    col.push_back(std::max(r[k], c[k]));
+    val.push_back(v[k]);
+  }
+}
+
+void QuadTerms::normalize() {
+  std::map<std::pair<int, int>, size_t> first;
+  size_t out = 0;
+  for (size_t k = 0; k < val.size(); ++k) {
+    auto [it, fresh] = first.emplace(std::make_pair(row[k], col[k]), out);
+    if (fresh) {
+      row[out] = row[k];
+      col[out] = col[k];
+      val[out] = val[k];
+      ++out;
+    } else {
+      val[it->second] += val[k];
+    }
+  }
+  size_t keep = 0;
+  for (size_t k = 0; k < out; ++k)
+    if (val[k] != 0.0) {
+      row[keep] = row[k], col[keep] = col[k], val[keep] = val[k];
+      ++keep;
+    }
+  row.resize(keep), col.resize(keep), val.resize(keep);
+}
+
+void QuadTerms::renumber(const Renumbering &newcol) {
+  size_t out = 0;
+  for (size_t k = 0; k < val.size(); ++k) {
+    int r = newcol[row[k]], c = newcol[col[k]];
+    if (r < 0 || c < 0) continue;
+    row[out] = std::min(r, c), col[out] = std::max(r, c), val[out] = val[k];
+    ++out;
+  }
+  row.resize(out), col.resize(out), val.resize(out);
+}
+
+// ---------------------------------------------------------------- ExtraAttrs
+
+void ExtraAttrs::resize(size_t n, const std::unordered_map<int, double> &defaults) {
+  for (auto &[attr, column] : num) {
+    auto d = defaults.find(attr);
+    column.resize(n, d == defaults.end() ? 0.0 : d->second);
+  }
+  for (auto &[attr, pool] : str) pool.resize(n);
+}
+
+namespace {
+
+template <class T>
+void keep_entries(std::vector<T> &v, const Renumbering &newpos) {
+  size_t out = 0;
+  for (size_t i = 0; i < v.size(); ++i)
+    if (newpos[i] >= 0) v[out++] = std::move(v[i]);
+  v.resize(out);
+}
+
+// Maps an index list through newpos, dropping deleted entries (and their parallel values).
+void renumber_list(std::vector<int> &idx, std::vector<double> *vals, const Renumbering &newpos) {
+  size_t out = 0;
+  for (size_t k = 0; k < idx.size(); ++k) {
+    int j = newpos[idx[k]];
+    if (j < 0) continue;
+    idx[out] = j;
+    if (vals) (*vals)[out] = (*vals)[k];
+    ++out;
+  }
+  idx.resize(out);
+  if (vals) vals->resize(out);
+}
+
+}  // namespace
+
+void ExtraAttrs::renumber(const Renumbering &newpos) {
+  for (auto &[attr, column] : num) keep_entries(column, newpos);
+  for (auto &[attr, pool] : str) pool.renumber(newpos);
+}
+
+// ---------------------------------------------------------------- ModelData
+
+bool ModelData::is_mip() const {
+  for (char t : vars.vtype)
+    if (t != KVR_CONTINUOUS) return true;
+  return sos.size() > 0 || gens.size() > 0;
+}
+
+void ModelData::delete_vars(const Renumbering &newpos) {
+  // General constraints lose their meaning without their resultant, binary, x or y variable.
+  Renumbering gennew(static_cast<size_t>(gens.size()));
+  int ng = 0;
+  auto gone = [&](int v) { return v >= 0 && newpos[v] < 0; };
+  for (int i = 0; i < gens.size(); ++i) {
+    const GenConstr &g = gens.items[i];
+    gennew[i] = gone(g.resvar) || gone(g.binvar) || gone(g.xvar) || gone(g.yvar) ? -1 : ng++;
+  }
+  if (ng != gens.size()) {
+    keep_entries(gens.items, gennew);
+    gens.names.renumber(gennew);
+    gens.extra.renumber(gennew);
+  }
+  auto map_var = [&](int &v) {
+    if (v >= 0) v = newpos[v];
+  };
+  for (GenConstr &g : gens.items) {
+    map_var(g.resvar), map_var(g.binvar), map_var(g.xvar), map_var(g.yvar);
+    renumber_list(g.vars, nullptr, newpos);
+    renumber_list(g.ind, &g.val, newpos);
+  }
+
+  constrs.rows.renumber({}, newpos);
+  q.renumber(newpos);
+  for (QConstr &qc : qconstrs.items) {
+    renumber_list(qc.lind, &qc.lval, newpos);
+    qc.q.renumber(newpos);
+  }
+  // SOS members: entries of deleted variables go; the set itself stays.
+  {
+    int64_t out = 0;
+    std::vector<int64_t> nbeg{0};
+    for (int s = 0; s < sos.size(); ++s) {
+      for (int64_t k = sos.beg[s]; k < sos.beg[s + 1]; ++k) {
+        int j = newpos[sos.ind[k]];
+        if (j < 0) continue;
+        sos.ind[out] = j;
+        sos.weight[out] = sos.weight[k];
+        ++out;
+      }
+      nbeg.push_back(out);
+    }
+    sos.ind.resize(out);
+    sos.weight.resize(out);
+    sos.beg = std::move(nbeg);
+  }
+  for (ObjectiveN &o : objn) renumber_list(o.ind, &o.val, newpos);
+  {
+    size_t out = 0;
+    for (PwlObj &p : pwlobj) {
+      int j = newpos[p.var];
+      if (j < 0) continue;
+      p.var = j;
+      pwlobj[out++] = std::move(p);
+    }
+    pwlobj.resize(out);
+  }
+  for (Scenario &s : scenarios)
+    for (auto *m : {&s.lb, &s.ub, &s.obj}) {
+      std::unordered_map<int, double> moved;
+      for (auto [v, x] : *m)
+        if (newpos[v] >= 0) moved.emplace(newpos[v], x);
+      *m = std::move(moved);
+    }
+
+  keep_entries(vars.lb, newpos);
+  keep_entries(vars.ub, newpos);
+  keep_entries(vars.obj, newpos);
+  keep_entries(vars.vtype, newpos);
+  vars.names.renumber(newpos);
+  vars.extra.renumber(newpos);
+}
+
+void ModelData::delete_constrs(const Renumbering &newpos) {
+  constrs.rows.renumber(newpos, {});
+  keep_entries(constrs.sense, newpos);
+  keep_entries(constrs.rhs, newpos);
+  constrs.names.renumber(newpos);
+  constrs.extra.renumber(newpos);
+  for (Scenario &s : scenarios) {
+    std::unordered_map<int, double> moved;
+    for (auto [c, x] : s.rhs)
+      if (newpos[c] >= 0) moved.emplace(newpos[c], x);
+    s.rhs = std::move(moved);
+  }
+}
+
+size_t ModelData::bytes() const {
+  size_t b = vars.lb.size() * (3 * sizeof(double) + 1 + 12) + vars.names.bytes();
+  b += constrs.rows.ind.size() * (sizeof(int) + sizeof(double)) +
+       constrs.rows.beg.size() * sizeof(int64_t) + constrs.sense.size() * (1 + sizeof(double) + 12) +
+       constrs.names.bytes();
+  b += q.size() * (2 * sizeof(int) + sizeof(double));
+  for (const QConstr &qc : qconstrs.items)
+    b += sizeof(QConstr) + qc.lind.size() * 12 + qc.q.size() * 16;
+  b += sos.ind.size() * 12 + gens.items.size() * sizeof(GenConstr);
+  return b;
+}
+
+}  // namespace kvr

@@ -1,0 +1,211 @@
+// The data of one optimization model, as the library stores it: structure of arrays for the
+// elements, compressed sparse rows for the linear constraints, one name pool per element kind.
+// This is what the file readers produce, the writers and the reformulation consume, and what
+// kvr_model holds as its state "as of the last update".
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "kaviro_c.h"
+
+namespace kvr {
+
+// Renumbering after deletions: newpos[i] is the new index of element i, or -1 when deleted.
+using Renumbering = std::vector<int>;
+
+// Names of one kind of element in one character pool; an unnamed element has an empty name.
+// The name-to-index map is built on the first lookup and dropped by every change.
+class NamePool {
+ public:
+  size_t size() const { return len_.size(); }
+  void resize(size_t n);
+  void push_back(std::string_view name);
+  void set(size_t i, std::string_view name);
+  std::string_view get(size_t i) const {
+    return std::string_view(chars_.data() + start_[i], len_[i]);
+  }
+  bool any_named() const { return named_ > 0; }
+  // Index of the first element with this name, or -1.
+  int find(std::string_view name) const;
+  void renumber(const Renumbering &newpos);
+  void append(const NamePool &other);
+  void clear();
+  size_t bytes() const;
+
+ private:
+  std::string chars_;
+  std::vector<uint64_t> start_;
+  std::vector<uint32_t> len_;
+  size_t named_ = 0;
+  mutable std::unordered_map<std::string_view, int> index_;
+  mutable bool indexed_ = false;
+};
+
+// Compressed sparse rows (or columns): entries of row r are [beg[r], beg[r+1]).
+struct SparseMatrix {
+  std::vector<int64_t> beg{0};
+  std::vector<int> ind;
+  std::vector<double> val;
+
+  int rows() const { return static_cast<int>(beg.size()) - 1; }
+  int64_t nnz() const { return beg.back(); }
+  void add_row(int n, const int *idx, const double *vals);
+  // Transpose into a matrix with `ncols` rows (the column view).
+  SparseMatrix transposed(int ncols) const;
+  // Drops rows with newrow[r] < 0 and maps column indices through newcol (entries of deleted
+  // columns are dropped). Either renumbering may be empty, meaning "unchanged".
+  void renumber(const Renumbering &newrow, const Renumbering &newcol);
+  void clear();
+};
+
+// Quadratic terms sum val[k] * x[row[k]] * x[col[k]], kept with row <= col, merged.
+struct QuadTerms {
+  std::vector<int> row, col;
+  std::vector<double> val;
+  size_t size() const { return val.size(); }
+  void add(int n, const int *r, const int *c, const double *v);
+  // Merges duplicate pairs and drops zeros, keeping the order of first occurrence.
+  void normalize();
+  void renumber(const Renumbering &newcol);
+  void clear() { row.clear(), col.clear(), val.clear(); }
+};
+
+// Settable per-element attributes that most models never touch (Start, hints, priorities, tags,
+// IIS forces, lazy flags, ...): a column is allocated on its first write, filled with the
+// attribute's default. Keys are attribute ids (see attrs/attrs.h).
+struct ExtraAttrs {
+  std::unordered_map<int, std::vector<double>> num;
+  std::unordered_map<int, NamePool> str;
+  void resize(size_t n, const std::unordered_map<int, double> &defaults);
+  void renumber(const Renumbering &newpos);
+  void clear() { num.clear(), str.clear(); }
+};
+
+struct VarData {
+  std::vector<double> lb, ub, obj;
+  std::vector<char> vtype;
+  NamePool names;
+  ExtraAttrs extra;
+  int size() const { return static_cast<int>(lb.size()); }
+};
+
+struct ConstrData {
+  SparseMatrix rows;
+  std::vector<char> sense;
+  std::vector<double> rhs;
+  NamePool names;
+  ExtraAttrs extra;
+  int size() const { return static_cast<int>(sense.size()); }
+};
+
+struct QConstr {
+  std::vector<int> lind;
+  std::vector<double> lval;
+  QuadTerms q;
+  char sense = KVR_LESS_EQUAL;
+  double rhs = 0.0;
+};
+
+struct QConstrData {
+  std::vector<QConstr> items;
+  NamePool names;
+  ExtraAttrs extra;
+  int size() const { return static_cast<int>(items.size()); }
+};
+
+struct SosData {
+  std::vector<int> type;  // KVR_SOS_TYPE1 or KVR_SOS_TYPE2
+  std::vector<int64_t> beg{0};
+  std::vector<int> ind;
+  std::vector<double> weight;
+  ExtraAttrs extra;
+  int size() const { return static_cast<int>(type.size()); }
+};
+
+// One general constraint; which members are used depends on the type (KVR_GENCONSTR_*).
+struct GenConstr {
+  int type = KVR_GENCONSTR_MAX;
+  // MAX, MIN, ABS, AND, OR, NORM: resvar = f(vars); ABS has one operand in vars.
+  // MAX/MIN: constant is the extra operand; NORM: constant is `which` (0, 1, 2 or KVR_INFINITY).
+  int resvar = -1;
+  std::vector<int> vars;
+  double constant = 0.0;
+  // INDICATOR: binvar == binval implies sum val[k] x[ind[k]] sense rhs.
+  int binvar = -1, binval = 1;
+  std::vector<int> ind;
+  std::vector<double> val;
+  char sense = KVR_LESS_EQUAL;
+  double rhs = 0.0;
+  // PWL and function constraints: y = f(x). PWL: points (xpts, ypts); POLY: coefficients p,
+  // highest degree first; EXPA/LOGA/POW: the parameter a.
+  int xvar = -1, yvar = -1;
+  std::vector<double> xpts, ypts, p;
+  double a = 0.0;
+  std::string options;
+  // Per-constraint approximation controls; negative FuncPieces / NaN doubles mean "use the
+  // parameter of the same name".
+  int funcpieces = -3;
+  double funcpieceerror = -1.0, funcpiecelength = -1.0, funcpieceratio = -2.0;
+};
+
+struct GenConstrData {
+  std::vector<GenConstr> items;
+  NamePool names;
+  ExtraAttrs extra;
+  int size() const { return static_cast<int>(items.size()); }
+};
+
+// Objective n of a multi-objective model (n >= 1; objective 0 is the ordinary objective, whose
+// coefficients are VarData::obj and ModelData::objcon).
+struct ObjectiveN {
+  std::vector<int> ind;
+  std::vector<double> val;
+  double constant = 0.0;
+  int priority = 0;
+  double weight = 1.0, abstol = 1e-6, reltol = 0.0;
+  std::string name;
+};
+
+// Piecewise-linear objective term of one variable: points (x, y) with non-decreasing x.
+struct PwlObj {
+  int var = -1;
+  std::vector<double> x, y;
+};
+
+// A scenario changes some bounds, objective coefficients and right-hand sides; values not listed
+// are those of the base model.
+struct Scenario {
+  std::string name;
+  std::unordered_map<int, double> lb, ub, obj, rhs;
+};
+
+struct ModelData {
+  std::string name;
+  int sense = KVR_MINIMIZE;
+  double objcon = 0.0;
+  VarData vars;
+  ConstrData constrs;
+  QuadTerms q;  // quadratic objective terms
+  QConstrData qconstrs;
+  SosData sos;
+  GenConstrData gens;
+  // Objective 0's priority, weight, tolerances and name live in objn[0]; its coefficients do not.
+  std::vector<ObjectiveN> objn{ObjectiveN{}};
+  std::vector<PwlObj> pwlobj;
+  std::vector<Scenario> scenarios;
+
+  int num_vars() const { return vars.size(); }
+  int num_constrs() const { return constrs.size(); }
+  bool is_mip() const;
+  // Deletes the elements whose newpos entry is -1 and renumbers every reference to them.
+  // General constraints whose resultant, binary, x or y variable is deleted are deleted too.
+  void delete_vars(const Renumbering &newpos);
+  void delete_constrs(const Renumbering &newpos);
+  size_t bytes() const;
+};
+
+}  // namespace kvr

@@ -1,0 +1,56 @@
+// What the last solve left behind: status, statistics and the solution vectors. Vectors are empty
+// when the solve did not produce that kind of information; attribute reads then fail with
+// DATA_NOT_AVAILABLE.
+#pragma once
+
+#include <cmath>
+#include <limits>
+#include <vector>
+
+#include "kaviro_c.h"
+
+namespace kvr {
+
+constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
+
+struct Solution {
+  int status = KVR_LOADED;
+  bool solved = false;  // an optimize call finished since the last change of the model
+
+  // Statistics of the last solve (valid when solved).
+  double runtime = 0.0, work = 0.0, itercount = 0.0, nodecount = 0.0;
+  int baritercount = 0;
+  int concurrent_win_method = -1;
+
+  // Objective information (NaN = not available).
+  double objval = kNaN, objbound = kNaN, objboundc = kNaN, mipgap = kNaN;
+
+  // Primal solution (empty = none), duals and reduced costs (continuous models only).
+  std::vector<double> x, slack, qcslack;
+  std::vector<double> rc, pi, qcpi;
+  std::vector<double> barx;
+  std::vector<int> vbasis, cbasis;
+
+  // Solution pool, best first: pool_x[k] has one value per variable; pool_obj[k] its objective.
+  std::vector<std::vector<double>> pool_x;
+  std::vector<double> pool_obj;
+  double pool_objbound = kNaN;
+
+  // Certificates (InfUnbdInfo 1).
+  std::vector<double> unbdray, farkasdual;
+  double farkasproof = kNaN;
+
+  // LP sensitivity ranges.
+  std::vector<double> saobjlow, saobjup, salblow, salbup, saublow, saubup, sarhslow, sarhsup;
+
+  // Objective values of a multi-objective solve, one per objective.
+  std::vector<double> objnval;
+  // Scenario results, one entry per scenario.
+  std::vector<std::vector<double>> scen_x;
+  std::vector<double> scen_objval, scen_objbound;
+
+  int solcount() const { return static_cast<int>(pool_x.size()); }
+  void clear() { *this = Solution(); }
+};
+
+}  // namespace kvr

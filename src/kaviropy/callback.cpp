@@ -1,0 +1,114 @@
+// The bridge from library callbacks into Python: the log callback stub and CallbackClass.
+#include "constants.h"
+
+namespace kvrpy {
+
+int log_callback_stub(char *msg, void *) {
+  PyGILState_STATE gil = PyGILState_Ensure();
+  try {
+    nb::str line = text(msg);
+    nb::module_ sys = nb::module_::import_("sys");
+    nb::object out = sys.attr("stdout");
+    if (!out.is_none()) {
+      out.attr("write")(line);
+      out.attr("flush")();
+    }
+    static nb::object *logger = nullptr;
+    if (!logger)
+      logger = new nb::object(nb::module_::import_("logging").attr("getLogger")("kaviropy"));
+    std::string s = msg ? msg : "";
+    if (!s.empty() && s.back() == '\n') s.pop_back();
+    logger->attr("info")(text(s.c_str()));
+  } catch (nb::python_error &e) {
+    e.discard_as_unraisable("kaviropy.logcallbackstub");
+  } catch (...) {
+  }
+  PyGILState_Release(gil);
+  return 0;
+}
+
+Constants callback_constants() {
+  Constants c;
+  auto add = [&](const char *name, int v) { c.emplace_back(name, nb::int_(v)); };
+  add("POLLING", KVR_CB_POLLING);
+  add("PRESOLVE", KVR_CB_PRESOLVE);
+  add("SIMPLEX", KVR_CB_SIMPLEX);
+  add("MIP", KVR_CB_MIP);
+  add("MIPSOL", KVR_CB_MIPSOL);
+  add("MIPNODE", KVR_CB_MIPNODE);
+  add("MESSAGE", KVR_CB_MESSAGE);
+  add("BARRIER", KVR_CB_BARRIER);
+  add("MULTIOBJ", KVR_CB_MULTIOBJ);
+  add("IIS", KVR_CB_IIS);
+  add("PRE_COLDEL", KVR_CB_PRE_COLDEL);
+  add("PRE_ROWDEL", KVR_CB_PRE_ROWDEL);
+  add("PRE_SENCHG", KVR_CB_PRE_SENCHG);
+  add("PRE_BNDCHG", KVR_CB_PRE_BNDCHG);
+  add("PRE_COECHG", KVR_CB_PRE_COECHG);
+  add("SPX_ITRCNT", KVR_CB_SPX_ITRCNT);
+  add("SPX_OBJVAL", KVR_CB_SPX_OBJVAL);
+  add("SPX_PRIMINF", KVR_CB_SPX_PRIMINF);
+  add("SPX_DUALINF", KVR_CB_SPX_DUALINF);
+  add("SPX_ISPERT", KVR_CB_SPX_ISPERT);
+  add("MIP_OBJBST", KVR_CB_MIP_OBJBST);
+  add("MIP_OBJBND", KVR_CB_MIP_OBJBND);
+  add("MIP_NODCNT", KVR_CB_MIP_NODCNT);
+  add("MIP_SOLCNT", KVR_CB_MIP_SOLCNT);
+  add("MIP_CUTCNT", KVR_CB_MIP_CUTCNT);
+  add("MIP_NODLFT", KVR_CB_MIP_NODLFT);
+  add("MIP_ITRCNT", KVR_CB_MIP_ITRCNT);
+  add("MIP_OPENSCENARIOS", KVR_CB_MIP_OPENSCENARIOS);
+  add("MIP_PHASE", KVR_CB_MIP_PHASE);
+  add("MIPSOL_SOL", KVR_CB_MIPSOL_SOL);
+  add("MIPSOL_OBJ", KVR_CB_MIPSOL_OBJ);
+  add("MIPSOL_OBJBST", KVR_CB_MIPSOL_OBJBST);
+  add("MIPSOL_OBJBND", KVR_CB_MIPSOL_OBJBND);
+  add("MIPSOL_NODCNT", KVR_CB_MIPSOL_NODCNT);
+  add("MIPSOL_SOLCNT", KVR_CB_MIPSOL_SOLCNT);
+  add("MIPSOL_OPENSCENARIOS", KVR_CB_MIPSOL_OPENSCENARIOS);
+  add("MIPSOL_PHASE", KVR_CB_MIPSOL_PHASE);
+  add("MIPNODE_STATUS", KVR_CB_MIPNODE_STATUS);
+  add("MIPNODE_REL", KVR_CB_MIPNODE_REL);
+  add("MIPNODE_OBJBST", KVR_CB_MIPNODE_OBJBST);
+  add("MIPNODE_OBJBND", KVR_CB_MIPNODE_OBJBND);
+  add("MIPNODE_NODCNT", KVR_CB_MIPNODE_NODCNT);
+  add("MIPNODE_SOLCNT", KVR_CB_MIPNODE_SOLCNT);
+  add("MIPNODE_BRVAR", KVR_CB_MIPNODE_BRVAR);
+  add("MIPNODE_OPENSCENARIOS", KVR_CB_MIPNODE_OPENSCENARIOS);
+  add("MIPNODE_PHASE", KVR_CB_MIPNODE_PHASE);
+  add("MSG_STRING", KVR_CB_MSG_STRING);
+  add("RUNTIME", KVR_CB_RUNTIME);
+  add("WORK", KVR_CB_WORK);
+  add("BARRIER_ITRCNT", KVR_CB_BARRIER_ITRCNT);
+  add("BARRIER_PRIMOBJ", KVR_CB_BARRIER_PRIMOBJ);
+  add("BARRIER_DUALOBJ", KVR_CB_BARRIER_DUALOBJ);
+  add("BARRIER_PRIMINF", KVR_CB_BARRIER_PRIMINF);
+  add("BARRIER_DUALINF", KVR_CB_BARRIER_DUALINF);
+  add("BARRIER_COMPL", KVR_CB_BARRIER_COMPL);
+  add("MULTIOBJ_OBJCNT", KVR_CB_MULTIOBJ_OBJCNT);
+  add("MULTIOBJ_SOLCNT", KVR_CB_MULTIOBJ_SOLCNT);
+  add("MULTIOBJ_SOL", KVR_CB_MULTIOBJ_SOL);
+  add("IIS_CONSTRMIN", 9001);
+  add("IIS_CONSTRMAX", 9002);
+  add("IIS_CONSTRGUESS", 9003);
+  add("IIS_BOUNDMIN", 9004);
+  add("IIS_BOUNDMAX", 9005);
+  add("IIS_BOUNDGUESS", 9006);
+  return c;
+}
+
+namespace {
+
+// State of one optimization's callback (instances are made by Model.optimize).
+struct CallbackState {};
+
+}  // namespace
+
+void init_callback(nb::module_ &m) {
+  nb::class_<CallbackState> cls(m, "CallbackClass", nb::dynamic_attr(),
+                                "Callback codes, and the state of a running callback.");
+  for (auto &[name, value] : callback_constants()) cls.attr(name.c_str()) = value;
+  m.attr("__modelmap") = nb::dict();
+}
+
+}  // namespace kvrpy

@@ -1,0 +1,27 @@
+// The extension module kaviropy._core: creates every class family in import order.
+#include "module.h"
+
+namespace kvrpy {
+namespace {
+nb::module_ *g_module = nullptr;
+}
+
+nb::module_ &module() { return *g_module; }
+
+nb::object module_attr(const char *name) { return g_module->attr(name); }
+
+}  // namespace kvrpy
+
+NB_MODULE(_core, m) {
+  using namespace kvrpy;
+  // Kept for the life of the process (never destroyed: that would run after Python is gone).
+  g_module = new nb::module_(nb::borrow<nb::module_>(m));
+  m.doc() = "Kaviro: build and solve optimization models.";
+  init_util(m);
+  init_exception(m);
+  init_env(m);
+  init_param(m);
+  init_callback(m);
+  init_constants(m);
+  init_kaviro(m);
+}

@@ -1,0 +1,97 @@
+// Shared declarations of the kaviropy extension: every source file includes this header.
+// Helpers here are the one place for error raising, string conversion, number checks and
+// library-handle conversion.
+#pragma once
+
+#include <nanobind/nanobind.h>
+#include <nanobind/stl/string.h>
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "kaviro_c.h"
+
+namespace nb = nanobind;
+
+namespace kvrpy {
+
+// ---------------------------------------------------------------- module registration
+// Each class family registers itself; kaviropy.cpp calls these in import order.
+void init_util(nb::module_ &m);
+void init_exception(nb::module_ &m);
+void init_env(nb::module_ &m);
+void init_param(nb::module_ &m);
+void init_constants(nb::module_ &m);  // AttrConstClass, ParamConstClass, ErrorConstClass,
+                                      // StatusConstClass, CallbackClass codes and KVR
+void init_callback(nb::module_ &m);
+void init_kaviro(nb::module_ &m);
+
+// The module object, for run-time lookups of classes defined in other files.
+nb::module_ &module();
+// Attribute of the module (for example a class defined by another family).
+nb::object module_attr(const char *name);
+// isinstance(obj, kaviropy.<class_name>); false when the module has no such class.
+bool is_instance(nb::handle obj, const char *class_name);
+
+// ---------------------------------------------------------------- errors
+// The KaviroError class object.
+nb::handle kaviro_error_type();
+// Raises KaviroError(code, message).
+[[noreturn]] void raise_error(int code, const std::string &message);
+// Raises KaviroError(code, owner): the message is the owner's latest library message.
+[[noreturn]] void raise_owner(int code, nb::handle owner);
+// Raises KaviroError(code, owner) when code is not zero.
+inline void check(int code, nb::handle owner) {
+  if (code) raise_owner(code, owner);
+}
+// Raises the given Python exception type with a message.
+[[noreturn]] void raise_python(PyObject *type, const std::string &message);
+// Latest library message of a model owner (_cmodel) or environment owner (_cenv), else "".
+std::string latest_message(nb::handle obj);
+
+// ---------------------------------------------------------------- strings
+// str -> UTF-8 bytes; bytes pass through. Anything else raises TypeError.
+std::string utf8(nb::handle text);
+// Library text -> str (strict UTF-8; invalid bytes raise UnicodeDecodeError). NULL -> "".
+nb::str text(const char *s);
+
+// ---------------------------------------------------------------- numbers
+// True (and *out set) when x converts to a double: Python numbers and NumPy scalars.
+bool isscalar(nb::handle x, double *out = nullptr);
+// Library double -> Python float with the infinity mapping of attribute values.
+double from_library(double v);
+// Python float -> library double (inf -> KVR_INFINITY).
+double to_library(double v);
+
+// ---------------------------------------------------------------- library handles
+// Library pointers are held in Python objects as integers (None when absent).
+nb::object handle_object(const void *ptr);
+template <class T>
+T *handle_pointer(nb::handle obj) {
+  if (obj.is_none()) return nullptr;
+  return reinterpret_cast<T *>(static_cast<uintptr_t>(nb::cast<unsigned long long>(obj)));
+}
+
+// ---------------------------------------------------------------- environments
+struct Env {
+  KVRenv *cenv = nullptr;
+  bool user = true;
+  bool is_default = false;
+  bool empty = false;
+  int modcnt = 0;
+  ~Env();
+};
+// The Env object wrapped around a library environment (not owned).
+nb::object wrap_env(KVRenv *cenv);
+// kaviro._getdefaultenv(create)
+nb::object default_env(bool create = true);
+// kaviro._getmodels()
+nb::list main_models();
+// kaviro._exiting
+bool exiting();
+
+// The log callback every environment and model installs (routes lines to sys.stdout and logging).
+int log_callback_stub(char *msg, void *logdata);
+
+}  // namespace kvrpy
