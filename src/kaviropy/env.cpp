@@ -170,9 +170,11 @@ nb::object wrap_env(KVRenv *cenv) {
 }
 
 void init_env(nb::module_ &m) {
-  nb::class_<Env>(m, "Env", nb::dynamic_attr(),
-                  "A solver environment: parameter settings and log destination for the models "
-                  "created from it.")
+  nb::class_<Env> cls(m, "Env", nb::dynamic_attr(),
+                      "A solver environment: parameter settings and log destination for the models "
+                      "created from it.");
+  cls.attr("__module__") = "kaviropy";
+  cls
       .def(
           "__init__",
           [](Env *self, nb::object logfilename, bool empty, nb::object params, nb::object cenv,

@@ -1,5 +1,5 @@
 // The extension module kaviropy._core: creates every class family in import order.
-#include "module.h"
+#include "handles.h"
 
 namespace kvrpy {
 namespace {
@@ -20,6 +20,7 @@ NB_MODULE(_core, m) {
   init_util(m);
   init_exception(m);
   init_env(m);
+  init_handles(m);
   init_param(m);
   init_callback(m);
   init_constants(m);
