@@ -34,3 +34,10 @@ struct kvr_model {
     return code;
   }
 };
+
+namespace kvr {
+// Applies the pending changes (what KVRupdatemodel does); throws kvr::Error on failure.
+void update_model(kvr_model *model);
+// Drops the results of the last solve (a change of the model makes them stale).
+void discard_solution(kvr_model *model);
+}  // namespace kvr
