@@ -33,6 +33,10 @@ int var_column(nb::handle obj, KVRmodel *model);
 // "Constraint not in model") for pending, removed or foreign constraints.
 int constr_row(nb::handle obj, KVRmodel *model);
 
+// The text used for a variable in reprs and expression printing: "*Awaiting Model Update*",
+// "*Removed*", or its VarName.
+std::string var_safename(const Var &v);
+
 // Number of variables / linear constraints of the library model as of the last update.
 int num_vars(KVRmodel *model);
 int num_constrs(KVRmodel *model);

@@ -16,6 +16,15 @@ int num_vars(KVRmodel *model) {
   return n;
 }
 
+std::string var_safename(const Var &v) {
+  if (v.index == -1 || v.index >= num_vars(v.model)) return "*Awaiting Model Update*";
+  if (v.index == -2) return "*Removed*";
+  char *name = nullptr;
+  if (KVRgetstrattrelement(v.model, "VarName", public_index(v.index), &name) || !name)
+    raise_error(0, KVRgetmerrormsg(v.model));
+  return name;
+}
+
 int var_column(nb::handle obj, KVRmodel *model) {
   Var *v = as_var(obj);
   if (!v) raise_error(KVR_ERROR_INVALID_ARGUMENT, "Invalid data in vars array");
