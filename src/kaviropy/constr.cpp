@@ -17,9 +17,27 @@ int num_constrs(KVRmodel *model) {
 
 int constr_row(nb::handle obj, KVRmodel *model) {
   Constr *c = as_constr(obj);
-  if (!c || c->model != model || c->index < 0)
+  if (!c || c->index < 0 || c->model != model)
     raise_error(KVR_ERROR_NOT_IN_MODEL, "Constraint not in model");
   return c->index;
+}
+
+void init_constr(nb::class_<Constr> &cls) {
+  cls.def(
+         "__numrows__", [](Constr &c) { return num_constrs(c.model); },
+         "Number of linear constraints of the model as of the last update.")
+      .def(
+          "__repr__",
+          [](Constr &c) -> std::string {
+            if (c.index == -1) return "<kaviro.Constr *Awaiting Model Update*>";
+            if (c.index == -2) return "<kaviro.Constr *Removed*>";
+            if (c.index >= num_constrs(c.model)) return "<kaviro.Constr *Awaiting Model Update*>";
+            std::string out = "<kaviro.Constr " +
+                              element_name(c.model, "ConstrName", public_index(c.index));
+            if (c.index < -2) out += " (Removed)";
+            return out + ">";
+          },
+          "<kaviro.Constr name>, or its state when pending or removed.");
 }
 
 }  // namespace kvrpy

@@ -43,4 +43,45 @@ int num_constrs(KVRmodel *model);
 
 void init_handles(nb::module_ &m);
 
+// ---------------------------------------------------------------- handle kinds
+// The five kinds, numbered so that kind + 1 is the library's attribute class of the kind.
+enum Kind : int { kVar = 0, kConstr = 1, kSOS = 2, kQConstr = 3, kGenConstr = 4, kNumKinds = 5 };
+
+struct KindInfo {
+  const char *type_name;       // "Var": class name, also used in attribute messages
+  const char *index_field;     // "_colno"
+  const char *count_attr;      // "NumVars": model attribute counting the kind
+  const char *not_in_model;    // "Variable not in model"
+  const char *missing_remove;  // "Tried to remove a variable that does not exist"
+};
+const KindInfo &kind_info(int kind);
+// The Python type of a kind (valid after init_handles).
+PyTypeObject *handle_type(int kind);
+// The kind of a handle object (subclasses included), or -1 for anything else.
+int handle_kind(nb::handle obj);
+// The Handle inside a handle object of any kind, or nullptr (kind set when not null).
+Handle *as_handle(nb::handle obj, int *kind = nullptr);
+// A new handle object of a kind, without going through Python's constructor call.
+nb::object new_handle(int kind, KVRmodel *model, int index);
+
+// Position of a handle of `kind` for a library call on `model`; raises KaviroError
+// (KVR_ERROR_NOT_IN_MODEL, kind's "not in model" text) unless obj is a handle of that kind in
+// the model at a position (pending removal included).
+int live_position(nb::handle obj, int kind, KVRmodel *model);
+
+// A string attribute of one element (ConstrName, QCName, ...); raises KaviroError on failure.
+std::string element_name(KVRmodel *model, const char *attr, int index);
+
+// "<kaviro.SOS 3>" for SOS and GenConstr handles: the position, "*Awaiting Model Update*",
+// "*Removed*", or the former position followed by " (Removed)" while a removal is pending.
+std::string indexed_repr(const char *type_name, int index);
+
+// The parts of each handle class that differ by kind (reprs, Var's hash and name), registered by
+// var.cpp, constr.cpp, qconstr.cpp, sos.cpp and genconstr.cpp.
+void init_var(nb::class_<Var> &cls);
+void init_constr(nb::class_<Constr> &cls);
+void init_qconstr(nb::class_<QConstr> &cls);
+void init_sos(nb::class_<SOS> &cls);
+void init_genconstr(nb::class_<GenConstr> &cls);
+
 }  // namespace kvrpy

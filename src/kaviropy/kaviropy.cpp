@@ -1,5 +1,7 @@
 // The extension module kaviropy._core: creates every class family in import order.
+#include "attrutil.h"
 #include "handles.h"
+#include "model.h"
 
 namespace kvrpy {
 namespace {
@@ -22,6 +24,8 @@ NB_MODULE(_core, m) {
   init_env(m);
   init_handles(m);
   init_param(m);
+  init_model(m);
+  init_attrutil(m);
   init_callback(m);
   init_constants(m);
   init_kaviro(m);

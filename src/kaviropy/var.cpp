@@ -16,9 +16,12 @@ int num_vars(KVRmodel *model) {
   return n;
 }
 
+// A removed handle may outlive its library model, so its model is looked at only for the states
+// that guarantee a live model (a position, or a removal still pending).
 std::string var_safename(const Var &v) {
-  if (v.index == -1 || v.index >= num_vars(v.model)) return "*Awaiting Model Update*";
+  if (v.index == -1) return "*Awaiting Model Update*";
   if (v.index == -2) return "*Removed*";
+  if (v.index >= num_vars(v.model)) return "*Awaiting Model Update*";
   char *name = nullptr;
   if (KVRgetstrattrelement(v.model, "VarName", public_index(v.index), &name) || !name)
     raise_error(0, KVRgetmerrormsg(v.model));
@@ -32,6 +35,40 @@ int var_column(nb::handle obj, KVRmodel *model) {
   if (v->index == -2) raise_error(0, "Variable was removed from the model");
   if (v->model != model) raise_error(KVR_ERROR_NOT_IN_MODEL, "Variable not in model");
   return public_index(v->index);
+}
+
+void init_var(nb::class_<Var> &cls) {
+  cls.def(
+         "_safename", [](Var &v) { return var_safename(v); },
+         "The name shown in reprs and printed expressions.")
+      .def(
+          "__numcols__", [](Var &v) { return num_vars(v.model); },
+          "Number of variables of the model as of the last update.")
+      .def(
+          "__hash__",
+          [](Var &v) -> Py_ssize_t {
+            if (v.index == -1) raise_error(0, "Variable has not yet been added to the model");
+            if (v.index < -1) raise_error(0, "Variable was removed from the model");
+            if (v.index >= num_vars(v.model))
+              raise_error(0, "Variable has not yet been added to the model");
+            return v.index;
+          },
+          "Hash of the column index (the variable must be in the updated model).")
+      .def(
+          "__repr__",
+          [](Var &v) {
+            if (v.index == -1 || v.index == -2 || v.index >= num_vars(v.model))
+              return "<kaviro.Var " + var_safename(v) + ">";
+            std::string out = "<kaviro.Var " + var_safename(v);
+            int solcount = 0;
+            double x = 0;
+            if (KVRgetintattr(v.model, "SolCount", &solcount) == 0 && solcount > 0 &&
+                KVRgetdblattrelement(v.model, "X", public_index(v.index), &x) == 0)
+              out += " (value " + nb::cast<std::string>(nb::str(nb::float_(from_library(x)))) + ")";
+            if (v.index < -2) out += " (Removed)";
+            return out + ">";
+          },
+          "<kaviro.Var name>, with the solution value when there is one.");
 }
 
 }  // namespace kvrpy
