@@ -1,6 +1,7 @@
 // Model: adding variables, linear, range, quadratic, SOS and general constraints, and setting
 // objectives. Every addition is checked completely before the library is called, so a failing
 // call leaves the model as it was; bulk additions are one library call.
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <limits>
