@@ -33,7 +33,7 @@ def test_add_vars_cross_product_keys_and_names(m):
     x = m.addVars(2, 3, name="x")
     m.update()
     assert list(x.keys()) == [(i, j) for i in range(2) for j in range(3)]
-    assert x[1, 2].VarName == "x[1,2]" and x[0, 0].index == 0 and x[1, 2].index == 5
+    assert x[1, 2].VarName == "x[1,2]" and x[0, 0].index() == 0 and x[1, 2].index() == 5
     y = m.addVars(["a", "b"], [(1, 2), (3, 4)], name="y")
     m.update()
     assert list(y.keys()) == [("a", 1, 2), ("a", 3, 4), ("b", 1, 2), ("b", 3, 4)]
@@ -157,8 +157,8 @@ def test_deprecated_three_argument_add_constr(m):
 @pytest.mark.parametrize("mode", [0, 1])
 def test_range_variable_handles_match_library_positions(m, mode):
     m.Params.UpdateMode = mode
-    m.update()
     x = m.addVar(name="x")
+    m.update()
     r = m.addRange(2 * x + 1, 1, 5, name="r")
     y = m.addVar(name="y")
     one_sided = m.addRange(x, -math.inf, 3, name="o")
@@ -166,7 +166,7 @@ def test_range_variable_handles_match_library_positions(m, mode):
     m.update()
     names = [v.VarName for v in m.getVars()]
     assert names == ["x", "Rgr", "y", "z"]
-    assert [y.index, z.index] == [2, 3]
+    assert [y.index(), z.index()] == [2, 3]
     rg = m.getVars()[1]
     assert (rg.LB, rg.UB) == (0.0, 4.0)  # the constant moved to the bounds
     assert (r.Sense, r.RHS) == ("=", 0.0)
@@ -215,7 +215,7 @@ def test_quadratic_constraints(m):
     m.update()
     q = m.addConstr(x * x + 2 * x * y + y <= 3, name="q")
     q2 = m.addQConstr(x * y, KVR.GREATER_EQUAL, x, name="q2")
-    assert q.index == -1
+    assert q.index() == -1
     m.update()
     assert m.getQConstrs() == [q, q2]
     assert (q.QCSense, q.QCRHS, q.QCName) == ("<", 3.0, "q")
@@ -397,4 +397,4 @@ def test_model_of_every_kind_is_queried_and_emptied(m):
     m.update()
     assert (m.NumVars, m.NumConstrs, m.NumSOS, m.NumQConstrs, m.NumGenConstrs) == (0, 0, 0, 0, 0)
     assert m.getVars() == m.getConstrs() == m.getGenConstrs() == []
-    assert all(v.index == -2 for v in x.values()) and lin.index == -2 and ind.index == -2
+    assert all(v.index() == -2 for v in x.values()) and lin.index() == -2 and ind.index() == -2

@@ -19,7 +19,7 @@ def test_class_constants_and_constructor():
         assert cls._typeenum == enum and cls._typename == cls.__name__
         assert cls.__module__ == "kaviropy"
     v = kp.Var(None, 7)
-    assert v._cmodel is None and v._colno == 7 and v.index == 7
+    assert v._cmodel is None and v._colno == 7 and v.index() == 7
     with pytest.raises(TypeError) as err:
         kp.Var(None)
     assert str(err.value) == "Var() takes exactly 2 positional arguments (1 given)"
@@ -55,7 +55,7 @@ def test_reprs_of_every_kind_and_state(m):
     assert repr(c) == "<kaviro.Constr *Removed*>"
     assert repr(q) == "<kaviro.QConstr Deleted>"
     assert repr(s) == "<kaviro.SOS *Removed*>" and repr(g) == "<kaviro.GenConstr *Removed*>"
-    assert repr(y) == "<kaviro.Var y>" and y.index == 0
+    assert repr(y) == "<kaviro.Var y>" and y.index() == 0
 
 
 def test_unnamed_elements_read_generated_names(m):

@@ -206,13 +206,11 @@ void set_attr(nb::handle obj, const std::string &name, nb::handle value) {
   if (info.type == KVR_ATTRTYPE_INT) {
     int v = 0;
     if (!to_int(value, &v)) raise_wrong_value(name, info.type);
-    code = t.is_model ? KVRsetintattr(t.model, n, v)
-                      : KVRsetintattrelement(t.model, n, t.index, v);
+    code = t.is_model ? KVRsetintattr(t.model, n, v) : KVRsetintattrelement(t.model, n, t.index, v);
   } else if (info.type == KVR_ATTRTYPE_DBL) {
     double v = 0;
     if (!to_double(value, &v)) raise_wrong_value(name, info.type);
-    code = t.is_model ? KVRsetdblattr(t.model, n, v)
-                      : KVRsetdblattrelement(t.model, n, t.index, v);
+    code = t.is_model ? KVRsetdblattr(t.model, n, v) : KVRsetdblattrelement(t.model, n, t.index, v);
   } else if (info.type == KVR_ATTRTYPE_STR) {
     std::string v;
     if (!to_text(value, &v)) raise_wrong_value(name, info.type);
@@ -387,10 +385,10 @@ void init_attrutil(nb::module_ &m) {
       },
       nb::arg("obj"), nb::arg("attrname"), nb::arg("attrtype"), nb::arg("indlist"),
       nb::arg("newval"), "Writes newval[i] to element indlist[i] (one library call).");
-  m.attr("__attrlist") = nb::cpp_function(
-      [](nb::handle cmodel, int attrclass) { return attr_names(attrclass); },
-      nb::arg("cmodel").none(), nb::arg("attrclass"),
-      "Names of the library's attributes of one class, in the library's order.");
+  m.attr("__attrlist") =
+      nb::cpp_function([](nb::handle cmodel, int attrclass) { return attr_names(attrclass); },
+                       nb::arg("cmodel").none(), nb::arg("attrclass"),
+                       "Names of the library's attributes of one class, in the library's order.");
 }
 
 }  // namespace kvrpy

@@ -32,8 +32,8 @@ void init_constr(nb::class_<Constr> &cls) {
             if (c.index == -1) return "<kaviro.Constr *Awaiting Model Update*>";
             if (c.index == -2) return "<kaviro.Constr *Removed*>";
             if (c.index >= num_constrs(c.model)) return "<kaviro.Constr *Awaiting Model Update*>";
-            std::string out = "<kaviro.Constr " +
-                              element_name(c.model, "ConstrName", public_index(c.index));
+            std::string out =
+                "<kaviro.Constr " + element_name(c.model, "ConstrName", public_index(c.index));
             if (c.index < -2) out += " (Removed)";
             return out + ">";
           },

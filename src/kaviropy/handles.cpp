@@ -53,7 +53,8 @@ nb::class_<H> register_handle(nb::module_ &m, int kind, const char *doc) {
          "Handle of element `index` of a library model (cmodel, index).")
       .def_prop_rw(
           "_cmodel", [](H &h) { return handle_object(h.model); },
-          [](H &h, nb::object v) { h.model = handle_pointer<KVRmodel>(v); }, nb::arg("value").none(),
+          [](H &h, nb::object v) { h.model = handle_pointer<KVRmodel>(v); },
+          nb::arg("value").none(),
           "The library model (an integer handle), or None once the model is disposed.")
       .def(
           "__cindex__", [](H &h) { return public_index(h.index); },
@@ -73,8 +74,7 @@ nb::class_<H> register_handle(nb::module_ &m, int kind, const char *doc) {
           },
           nb::arg("other"), "True when other is a handle of the same element.")
       .def(
-          "getAttr",
-          [](nb::handle self, nb::handle name) { return get_attr(self, utf8(name)); },
+          "getAttr", [](nb::handle self, nb::handle name) { return get_attr(self, utf8(name)); },
           nb::arg("attrname"), "Value of a library attribute of this element.")
       .def(
           "setAttr",
@@ -84,8 +84,7 @@ nb::class_<H> register_handle(nb::module_ &m, int kind, const char *doc) {
           nb::arg("attrname"), nb::arg("newvalue").none(),
           "Sets a library attribute of this element (applied at the next update).")
       .def(
-          "prefetchAttr",
-          [](nb::handle self, nb::handle name) { prefetch_attr(self, utf8(name)); },
+          "prefetchAttr", [](nb::handle self, nb::handle name) { prefetch_attr(self, utf8(name)); },
           nb::arg("attrname"), "Asks the library to cache an attribute for later reads.")
       .def(
           "__getattr__",
@@ -149,11 +148,21 @@ Handle *as_handle(nb::handle obj, int *kind) {
 nb::object new_handle(int kind, KVRmodel *model, int index) {
   nb::object obj = nb::inst_alloc(nb::handle(reinterpret_cast<PyObject *>(g_types[kind])));
   switch (kind) {
-    case kVar: construct<Var>(obj, model, index); break;
-    case kConstr: construct<Constr>(obj, model, index); break;
-    case kSOS: construct<SOS>(obj, model, index); break;
-    case kQConstr: construct<QConstr>(obj, model, index); break;
-    default: construct<GenConstr>(obj, model, index); break;
+    case kVar:
+      construct<Var>(obj, model, index);
+      break;
+    case kConstr:
+      construct<Constr>(obj, model, index);
+      break;
+    case kSOS:
+      construct<SOS>(obj, model, index);
+      break;
+    case kQConstr:
+      construct<QConstr>(obj, model, index);
+      break;
+    default:
+      construct<GenConstr>(obj, model, index);
+      break;
   }
   nb::inst_mark_ready(obj);
   return obj;

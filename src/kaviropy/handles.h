@@ -45,7 +45,14 @@ void init_handles(nb::module_ &m);
 
 // ---------------------------------------------------------------- handle kinds
 // The five kinds, numbered so that kind + 1 is the library's attribute class of the kind.
-enum Kind : int { kVar = 0, kConstr = 1, kSOS = 2, kQConstr = 3, kGenConstr = 4, kNumKinds = 5 };
+enum HandleKind : int {
+  kVar = 0,
+  kConstr = 1,
+  kSOS = 2,
+  kQConstr = 3,
+  kGenConstr = 4,
+  kNumKinds = 5
+};
 
 struct KindInfo {
   const char *type_name;       // "Var": class name, also used in attribute messages

@@ -222,7 +222,7 @@ std::string model_repr(nb::handle self) {
   if (int code = KVRgetintattr(m.cmodel, "NumVars", &nv)) raise_model(code, m.cmodel);
   if (int code = KVRgetstrattr(m.cmodel, "ModelName", &name)) raise_model(code, m.cmodel);
   std::string n = name && *name ? name : "Unnamed";
-  nb::object params = nb::borrow(PyObject_GenericGetAttr(self.ptr(), nb::str("Params").ptr()));
+  nb::object params = nb::steal(PyObject_GenericGetAttr(self.ptr(), nb::str("Params").ptr()));
   if (!params.is_valid()) throw nb::python_error();
   std::string changes = nb::cast<std::string>(params.attr("_getChangeList")());
   return "<kaviro.Model " + std::string(ismip == 1 ? "MIP" : "Continuous") + " instance " + n +
@@ -241,8 +241,8 @@ void model_init(Model *self, nb::handle name, nb::handle env, nb::handle cmodel)
   } else {
     if (!e->cenv) raise_error(-1, "Invalid Environment");
     std::string n = utf8(name);
-    int code = KVRnewmodel(e->cenv, &model, n.c_str(), 0, nullptr, nullptr, nullptr, nullptr,
-                           nullptr);
+    int code =
+        KVRnewmodel(e->cenv, &model, n.c_str(), 0, nullptr, nullptr, nullptr, nullptr, nullptr);
     if (code) {
       if (model) KVRfreemodel(model);
       raise_owner(code, uenv);
@@ -342,9 +342,9 @@ GcPause::~GcPause() {
   PyErr_Fetch(&type, &value, &trace);
   PyObject *gc = PyImport_ImportModule("gc");
   if (gc) {
-    PyObject *r = PyObject_CallMethod(gc, "set_threshold", "OOO", PyTuple_GET_ITEM(saved_.ptr(), 0),
-                                      PyTuple_GET_ITEM(saved_.ptr(), 1),
-                                      PyTuple_GET_ITEM(saved_.ptr(), 2));
+    PyObject *r =
+        PyObject_CallMethod(gc, "set_threshold", "OOO", PyTuple_GET_ITEM(saved_.ptr(), 0),
+                            PyTuple_GET_ITEM(saved_.ptr(), 1), PyTuple_GET_ITEM(saved_.ptr(), 2));
     Py_XDECREF(r);
     Py_DECREF(gc);
   }
@@ -397,8 +397,7 @@ void init_model(nb::module_ &m) {
           "_Model__liveconstrs", [](Model &m) { return m.liveconstrs; },
           "Linear constraints that existed at the last update.")
       .def_prop_ro(
-          "_Model__delvars", [](Model &m) { return m.delvars; },
-          "A variable removal is pending.")
+          "_Model__delvars", [](Model &m) { return m.delvars; }, "A variable removal is pending.")
       .def_prop_ro(
           "_Model__delconstrs", [](Model &m) { return m.delconstrs; },
           "A linear constraint removal is pending.");
@@ -414,8 +413,7 @@ void init_model(nb::module_ &m) {
         "A copy of the handle list of this kind (None until the lists are built).");
 
   cls.def(
-         "_Model__setup",
-         [](nb::handle self, bool empty) { setup(model_ref(self), empty); },
+         "_Model__setup", [](nb::handle self, bool empty) { setup(model_ref(self), empty); },
          nb::arg("empty") = false, "Builds the handle lists once.")
       .def(
           "_Model__getupdatemode", [](nb::handle self) { return model_updatemode(self); },

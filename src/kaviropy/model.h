@@ -20,7 +20,7 @@ struct Model {
   nb::object env;              // _env: Env wrapping the model's own library environment
   int updatemode = -1;         // cached UpdateMode; -1 until read after the last update
   bool built = false;          // handle lists made (lazy set-up ran)
-  // Handle lists per kind (Kind order: vars, constrs, sos, qconstrs, genconstrs).
+  // Handle lists per kind (HandleKind order: vars, constrs, sos, qconstrs, genconstrs).
   std::vector<nb::object> lists[kNumKinds];
   // Leading entries of the variable / constraint list that existed at the last update.
   int livevars = 0, liveconstrs = 0;

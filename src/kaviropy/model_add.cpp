@@ -215,9 +215,9 @@ nb::object add_prepared(nb::handle self, Prepared &p, const std::string &name) {
   int nl = static_cast<int>(d.ind.size());
   switch (p.type) {
     case Prepared::kLinear:
-      check_code(KVRaddconstr(model, nl, d.ind.data(), d.val.data(), p.sense, p.rhs,
-                              name_ptr(name)),
-                 model);
+      check_code(
+          KVRaddconstr(model, nl, d.ind.data(), d.val.data(), p.sense, p.rhs, name_ptr(name)),
+          model);
       return model_append(self, kConstr, model_updatemode(self) == 1);
     case Prepared::kQuadratic: {
       const QuadData &q = p.data;
@@ -305,16 +305,15 @@ PerVar per_var(nb::handle value, const char *what, size_t n, bool text_scalar) {
     p.value = nb::steal(PySequence_Fast(o, ""));
     if (!p.value.is_valid()) {
       PyErr_Clear();
-      raise_error(KVR_ERROR_INVALID_ARGUMENT, std::string("Invalid value for ") + what +
-                                                  " argument of Model.addVars");
+      raise_error(KVR_ERROR_INVALID_ARGUMENT,
+                  std::string("Invalid value for ") + what + " argument of Model.addVars");
     }
     p.kind = PerVar::kSequence;
     size_t m = static_cast<size_t>(PySequence_Fast_GET_SIZE(p.value.ptr()));
     if (m != n)
-      raise_error(KVR_ERROR_INVALID_ARGUMENT, std::string("Length of ") + what + " list (" +
-                                                  std::to_string(m) +
-                                                  ") differs from number of variables (" +
-                                                  std::to_string(n) + ")");
+      raise_error(KVR_ERROR_INVALID_ARGUMENT,
+                  std::string("Length of ") + what + " list (" + std::to_string(m) +
+                      ") differs from number of variables (" + std::to_string(n) + ")");
   }
   return p;
 }
@@ -336,8 +335,8 @@ std::vector<double> per_var_doubles(const PerVar &p, const std::vector<nb::objec
     if (v.is_none()) return def;
     double d = 0;
     if (!isscalar(v, &d) || std::isnan(d))
-      raise_error(KVR_ERROR_INVALID_ARGUMENT, std::string("Invalid ") + what +
-                                                  " value in Model.addVars");
+      raise_error(KVR_ERROR_INVALID_ARGUMENT,
+                  std::string("Invalid ") + what + " value in Model.addVars");
     return to_library(d);
   };
   if (p.kind == PerVar::kScalar) {
@@ -360,8 +359,8 @@ char vtype_char(nb::handle v) {
 
 nb::object add_vars(nb::handle self, nb::args indexes, nb::kwargs kwargs) {
   static const char *kAllowed[] = {"lb", "ub", "obj", "vtype", "name"};
-  nb::object args[5] = {nb::float_(0.0), nb::float_(INFINITY), nb::float_(0.0),
-                        nb::str("C"), nb::str("")};
+  nb::object args[5] = {nb::float_(0.0), nb::float_(INFINITY), nb::float_(0.0), nb::str("C"),
+                        nb::str("")};
   std::string unexpected;
   for (auto [k, v] : kwargs) {
     std::string key = utf8(k);
@@ -593,8 +592,7 @@ using FunctionAFn = int (*)(KVRmodel *, const char *, int, int, double, const ch
 void def_function(nb::class_<Model> &cls, const char *method, FunctionFn fn, const char *doc) {
   cls.def(
       method,
-      [fn](nb::handle self, nb::handle xvar, nb::handle yvar, nb::handle name,
-           nb::handle options) {
+      [fn](nb::handle self, nb::handle xvar, nb::handle yvar, nb::handle name, nb::handle options) {
         KVRmodel *model = prepare(self);
         int x = var_column(xvar, model), y = var_column(yvar, model);
         std::string n = name_arg(name), o = name_arg(options);
@@ -614,8 +612,8 @@ void def_function_a(nb::class_<Model> &cls, const char *method, FunctionAFn fn, 
         std::string n = name_arg(name), o = name_arg(options);
         return gen_added(self, fn(model, name_ptr(n), x, y, av, o.c_str()), model);
       },
-      nb::arg("xvar"), nb::arg("yvar"), nb::arg("a"), nb::arg("name") = "",
-      nb::arg("options") = "", doc);
+      nb::arg("xvar"), nb::arg("yvar"), nb::arg("a"), nb::arg("name") = "", nb::arg("options") = "",
+      doc);
 }
 
 // ---------------------------------------------------------------- objectives
@@ -632,7 +630,8 @@ void set_objective(nb::handle self, nb::handle expr, nb::handle sense) {
   if (!sense.is_none()) {
     double v = 0;
     if (!isscalar(sense, &v) || (v != KVR_MINIMIZE && v != KVR_MAXIMIZE))
-      raise_error(KVR_ERROR_INVALID_ARGUMENT, "Objective sense must be KVR.MINIMIZE or KVR.MAXIMIZE");
+      raise_error(KVR_ERROR_INVALID_ARGUMENT,
+                  "Objective sense must be KVR.MINIMIZE or KVR.MAXIMIZE");
     s = static_cast<int>(v);
   }
   check_code(KVRsetobjective(model, s, q.lin.constant, static_cast<int>(q.lin.ind.size()),
@@ -720,7 +719,8 @@ nb::object add_constrs(nb::handle self, nb::handle generator, nb::handle name) {
     for (size_t i = 0; i < items.size(); ++i)
       handles.push_back(model_append(self, kConstr, numbered));
   } else {
-    for (size_t i = 0; i < items.size(); ++i) handles.push_back(add_prepared(self, items[i], names[i]));
+    for (size_t i = 0; i < items.size(); ++i)
+      handles.push_back(add_prepared(self, items[i], names[i]));
   }
   return make_tupledict(keys, handles);
 }
@@ -872,7 +872,8 @@ void init_model_add(nb::class_<Model> &cls) {
         KVRmodel *model = prepare(self);
         double t = 0;
         if (!isscalar(type, &t) || (t != KVR_SOS_TYPE1 && t != KVR_SOS_TYPE2))
-          raise_error(KVR_ERROR_INVALID_ARGUMENT, "SOS type must be KVR.SOS_TYPE1 or KVR.SOS_TYPE2");
+          raise_error(KVR_ERROR_INVALID_ARGUMENT,
+                      "SOS type must be KVR.SOS_TYPE1 or KVR.SOS_TYPE2");
         std::vector<int> ind = var_list(vars, model);
         std::vector<double> w;
         if (wts.is_none()) {
@@ -885,9 +886,9 @@ void init_model_add(nb::class_<Model> &cls) {
           check_finite(w);
         }
         int types[1] = {static_cast<int>(t)}, beg[1] = {0};
-        check_code(KVRaddsos(model, 1, static_cast<int>(ind.size()), types, beg, ind.data(),
-                             w.data()),
-                   model);
+        check_code(
+            KVRaddsos(model, 1, static_cast<int>(ind.size()), types, beg, ind.data(), w.data()),
+            model);
         return model_append(self, kSOS, false);
       },
       nb::arg("type"), nb::arg("vars"), nb::arg("wts").none() = nb::none(),
@@ -937,10 +938,10 @@ void init_model_add(nb::class_<Model> &cls) {
         std::vector<int> ind = var_list(vars, model);
         double w = number_arg(which, "which");
         std::string n = name_arg(name);
-        return gen_added(self,
-                         KVRaddgenconstrNorm(model, name_ptr(n), r, static_cast<int>(ind.size()),
-                                             ind.data(), w),
-                         model);
+        return gen_added(
+            self,
+            KVRaddgenconstrNorm(model, name_ptr(n), r, static_cast<int>(ind.size()), ind.data(), w),
+            model);
       },
       nb::arg("resvar"), nb::arg("vars"), nb::arg("which"), nb::arg("name") = "",
       "Adds resvar = norm(vars) for which = 0, 1, 2 or infinity.");
@@ -982,14 +983,13 @@ void init_model_add(nb::class_<Model> &cls) {
         std::vector<double> coeffs = number_list(p, "p");
         if (coeffs.empty()) raise_error(-1, "Error: empty polynomial function");
         std::string n = name_arg(name), o = name_arg(options);
-        return gen_added(self,
-                         KVRaddgenconstrPoly(model, name_ptr(n), x, y,
-                                             static_cast<int>(coeffs.size()), coeffs.data(),
-                                             o.c_str()),
-                         model);
+        return gen_added(
+            self,
+            KVRaddgenconstrPoly(model, name_ptr(n), x, y, static_cast<int>(coeffs.size()),
+                                coeffs.data(), o.c_str()),
+            model);
       },
-      nb::arg("xvar"), nb::arg("yvar"), nb::arg("p"), nb::arg("name") = "",
-      nb::arg("options") = "",
+      nb::arg("xvar"), nb::arg("yvar"), nb::arg("p"), nb::arg("name") = "", nb::arg("options") = "",
       "Adds yvar = p[0] xvar^(n-1) + ... + p[n-1] (coefficients from the highest degree).");
   def_function(cls, "addGenConstrExp", KVRaddgenconstrExp, "Adds yvar = exp(xvar).");
   def_function_a(cls, "addGenConstrExpA", KVRaddgenconstrExpA, "Adds yvar = a^xvar.");

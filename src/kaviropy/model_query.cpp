@@ -22,6 +22,16 @@ void check_code(int code, KVRmodel *model) {
   if (code) raise_error(code, KVRgetmerrormsg(model));
 }
 
+// An output array of n values whose data() is never null (the library takes all arrays of a
+// reader or none, also when there is nothing to read).
+template <class T>
+std::vector<T> out_array(int n) {
+  std::vector<T> v;
+  v.reserve(static_cast<size_t>(n) + 1);
+  v.resize(static_cast<size_t>(n));
+  return v;
+}
+
 nb::object var_at(nb::handle self, int i) { return model_handle(self, kVar, i); }
 
 std::vector<nb::object> vars_at(nb::handle self, const int *ind, size_t n) {
@@ -126,8 +136,7 @@ void set_attr_many(nb::handle self, nb::handle name, nb::handle objs, nb::handle
   KVRmodel *model = prepare(self);
   AttrInfo info = attr_info("Model", n);
   int kind = attr_kind(info, kUnrecognized);
-  if (!info.settable)
-    raise_python(PyExc_AttributeError, "Attribute '" + n + "' cannot be set");
+  if (!info.settable) raise_python(PyExc_AttributeError, "Attribute '" + n + "' cannot be set");
   Objects o = objects_of(objs, kUnrecognized);
   std::vector<int> ind = element_indices(o.seq, kind, model, n, kUnrecognized);
   PyObject *v = values.ptr();
@@ -142,8 +151,8 @@ void set_attr_many(nb::handle self, nb::handle name, nb::handle objs, nb::handle
       PyObject *item = PyDict_GetItemWithError(v, key);
       if (!item) {
         if (PyErr_Occurred()) throw nb::python_error();
-        raise_error(KVR_ERROR_INVALID_ARGUMENT, "No new value given for key " +
-                                                    utf8(nb::repr(nb::handle(key))));
+        raise_error(KVR_ERROR_INVALID_ARGUMENT,
+                    "No new value given for key " + utf8(nb::repr(nb::handle(key))));
       }
       ordered.append(nb::handle(item));
     }
@@ -196,7 +205,7 @@ int gen_position(nb::handle self, nb::handle gc) {
   return live_position(gc, kGenConstr, live_model(self));
 }
 
-using ListFn = int (*)(KVRmodel *, int, int *, int *, int *);  // And, Or
+using ListFn = int (*)(KVRmodel *, int, int *, int *, int *);                 // And, Or
 using ListConstFn = int (*)(KVRmodel *, int, int *, int *, int *, double *);  // Max, Min, Norm
 using PairFn = int (*)(KVRmodel *, int, int *, int *);
 using PairAFn = int (*)(KVRmodel *, int, int *, int *, double *);
@@ -206,7 +215,7 @@ nb::tuple read_list_const(nb::handle self, nb::handle gc, ListConstFn fn, bool w
   int id = gen_position(self, gc), res = 0, n = 0;
   double c = 0;
   check_code(fn(model, id, &res, &n, nullptr, &c), model);
-  std::vector<int> ind(static_cast<size_t>(n));
+  auto ind = out_array<int>(n);
   check_code(fn(model, id, &res, &n, ind.data(), &c), model);
   if (!with_constant) return nb::make_tuple(var_at(self, res), var_list_of(self, ind));
   return nb::make_tuple(var_at(self, res), var_list_of(self, ind), from_library(c));
@@ -225,7 +234,7 @@ void def_list(nb::class_<Model> &cls, const char *name, ListFn fn, const char *d
         KVRmodel *model = prepare(self);
         int id = gen_position(self, gc), res = 0, n = 0;
         check_code(fn(model, id, &res, &n, nullptr), model);
-        std::vector<int> ind(static_cast<size_t>(n));
+        auto ind = out_array<int>(n);
         check_code(fn(model, id, &res, &n, ind.data()), model);
         return nb::make_tuple(var_at(self, res), var_list_of(self, ind));
       },
@@ -271,16 +280,16 @@ void init_model_query(nb::class_<Model> &cls) {
         } else if (rest.size() == 2) {
           set_attr_many(self, name, rest[0], rest[1]);
         } else {
-          raise_python(PyExc_TypeError, "setAttr() takes (attrname, newvalue) or (attrname, "
-                                        "objs, newvalues)");
+          raise_python(PyExc_TypeError,
+                       "setAttr() takes (attrname, newvalue) or (attrname, "
+                       "objs, newvalues)");
         }
       },
       nb::arg("attrname"), nb::arg("args"),
       "setAttr(name, value) sets a model attribute; setAttr(name, objs, values) sets the "
       "attribute of many elements (values: one value, a list in order, or a dict by key).");
   cls.def(
-      "prefetchAttr",
-      [](nb::handle self, nb::handle name) { prefetch_attr(self, utf8(name)); },
+      "prefetchAttr", [](nb::handle self, nb::handle name) { prefetch_attr(self, utf8(name)); },
       nb::arg("attrname"), "Asks the library to cache an attribute for later reads.");
   cls.def(
       "getObjective",
@@ -304,8 +313,9 @@ void init_model_query(nb::class_<Model> &cls) {
         int nq = 0;
         check_code(KVRgetq(model, &nq, nullptr, nullptr, nullptr), model);
         if (nq == 0) return lin;
-        std::vector<int> qrow(static_cast<size_t>(nq)), qcol(static_cast<size_t>(nq));
-        std::vector<double> qval(static_cast<size_t>(nq));
+        auto qrow = out_array<int>(nq);
+        auto qcol = out_array<int>(nq);
+        auto qval = out_array<double>(nq);
         check_code(KVRgetq(model, &nq, qrow.data(), qcol.data(), qval.data()), model);
         return make_quadexpr(lin, qval, vars_at(self, qrow.data(), qrow.size()),
                              vars_at(self, qcol.data(), qcol.size()));
@@ -318,7 +328,8 @@ void init_model_query(nb::class_<Model> &cls) {
         KVRmodel *model = prepare(self);
         int col = live_position(var, kVar, model), n = 0;
         check_code(KVRgetpwlobj(model, col, &n, nullptr, nullptr), model);
-        std::vector<double> x(static_cast<size_t>(n)), y(static_cast<size_t>(n));
+        auto x = out_array<double>(n);
+        auto y = out_array<double>(n);
         check_code(KVRgetpwlobj(model, col, &n, x.data(), y.data()), model);
         nb::list out;
         for (int i = 0; i < n; ++i)
@@ -355,8 +366,9 @@ void init_model_query(nb::class_<Model> &cls) {
         int col = live_position(var, kVar, model);
         size_t nnz = 0, beg[1] = {0};
         check_code(KVRXgetvars(model, &nnz, nullptr, nullptr, nullptr, col, 1), model);
-        std::vector<int> ind(nnz);
-        std::vector<double> val(nnz);
+        // Never null arrays, even for an empty column: the library takes all three or none.
+        std::vector<int> ind(nnz + 1);
+        std::vector<double> val(nnz + 1);
         check_code(KVRXgetvars(model, &nnz, beg, ind.data(), val.data(), col, 1), model);
         nb::list coeffs, constrs;
         for (size_t i = 0; i < nnz; ++i) {
@@ -373,10 +385,11 @@ void init_model_query(nb::class_<Model> &cls) {
         int row = live_position(constr, kConstr, model);
         size_t nnz = 0, beg[1] = {0};
         check_code(KVRXgetconstrs(model, &nnz, nullptr, nullptr, nullptr, row, 1), model);
-        std::vector<int> ind(nnz);
-        std::vector<double> val(nnz);
+        std::vector<int> ind(nnz + 1);
+        std::vector<double> val(nnz + 1);
         check_code(KVRXgetconstrs(model, &nnz, beg, ind.data(), val.data(), row, 1), model);
-        return make_linexpr(std::move(val), vars_at(self, ind.data(), ind.size()), 0.0);
+        val.resize(nnz);
+        return make_linexpr(std::move(val), vars_at(self, ind.data(), nnz), 0.0);
       },
       nb::arg("constr"), "The left-hand side of a linear constraint as a LinExpr.");
   cls.def(
@@ -384,16 +397,16 @@ void init_model_query(nb::class_<Model> &cls) {
       [](nb::handle self, nb::handle qc) {
         KVRmodel *model = prepare(self);
         int id = live_position(qc, kQConstr, model), nl = 0, nq = 0;
-        check_code(
-            KVRgetqconstr(model, id, &nl, nullptr, nullptr, &nq, nullptr, nullptr, nullptr),
-            model);
-        std::vector<int> lind(static_cast<size_t>(nl)), qrow(static_cast<size_t>(nq)),
-            qcol(static_cast<size_t>(nq));
-        std::vector<double> lval(static_cast<size_t>(nl)), qval(static_cast<size_t>(nq));
+        check_code(KVRgetqconstr(model, id, &nl, nullptr, nullptr, &nq, nullptr, nullptr, nullptr),
+                   model);
+        auto lind = out_array<int>(nl), qrow = out_array<int>(nq), qcol = out_array<int>(nq);
+        auto lval = out_array<double>(nl);
+        auto qval = out_array<double>(nq);
         check_code(KVRgetqconstr(model, id, &nl, lind.data(), lval.data(), &nq, qrow.data(),
                                  qcol.data(), qval.data()),
                    model);
-        nb::object lin = make_linexpr(std::move(lval), vars_at(self, lind.data(), lind.size()), 0.0);
+        nb::object lin =
+            make_linexpr(std::move(lval), vars_at(self, lind.data(), lind.size()), 0.0);
         return make_quadexpr(lin, std::move(qval), vars_at(self, qrow.data(), qrow.size()),
                              vars_at(self, qcol.data(), qcol.size()));
       },
@@ -404,8 +417,8 @@ void init_model_query(nb::class_<Model> &cls) {
         KVRmodel *model = prepare(self);
         int id = live_position(sos, kSOS, model), n = 0, type = 0, beg[1] = {0};
         check_code(KVRgetsos(model, &n, nullptr, nullptr, nullptr, nullptr, id, 1), model);
-        std::vector<int> ind(static_cast<size_t>(n));
-        std::vector<double> w(static_cast<size_t>(n));
+        auto ind = out_array<int>(n);
+        auto w = out_array<double>(n);
         check_code(KVRgetsos(model, &n, &type, beg, ind.data(), w.data(), id, 1), model);
         return nb::make_tuple(type, var_list_of(self, ind), float_list(w));
       },
@@ -430,10 +443,10 @@ void init_model_query(nb::class_<Model> &cls) {
         check_code(KVRgetgenconstrIndicator(model, id, &binvar, &binval, &n, nullptr, nullptr,
                                             &sense, &rhs),
                    model);
-        std::vector<int> ind(static_cast<size_t>(n));
-        std::vector<double> val(static_cast<size_t>(n));
-        check_code(KVRgetgenconstrIndicator(model, id, &binvar, &binval, &n, ind.data(),
-                                            val.data(), &sense, &rhs),
+        auto ind = out_array<int>(n);
+        auto val = out_array<double>(n);
+        check_code(KVRgetgenconstrIndicator(model, id, &binvar, &binval, &n, ind.data(), val.data(),
+                                            &sense, &rhs),
                    model);
         nb::object lin = make_linexpr(std::move(val), vars_at(self, ind.data(), ind.size()), 0.0);
         return nb::make_tuple(var_at(self, binvar), binval, lin, nb::str(&sense, 1),
@@ -446,7 +459,8 @@ void init_model_query(nb::class_<Model> &cls) {
         KVRmodel *model = prepare(self);
         int id = gen_position(self, gc), x = 0, y = 0, n = 0;
         check_code(KVRgetgenconstrPWL(model, id, &x, &y, &n, nullptr, nullptr), model);
-        std::vector<double> xp(static_cast<size_t>(n)), yp(static_cast<size_t>(n));
+        auto xp = out_array<double>(n);
+        auto yp = out_array<double>(n);
         check_code(KVRgetgenconstrPWL(model, id, &x, &y, &n, xp.data(), yp.data()), model);
         return nb::make_tuple(var_at(self, x), var_at(self, y), float_list(xp), float_list(yp));
       },
@@ -457,7 +471,7 @@ void init_model_query(nb::class_<Model> &cls) {
         KVRmodel *model = prepare(self);
         int id = gen_position(self, gc), x = 0, y = 0, n = 0;
         check_code(KVRgetgenconstrPoly(model, id, &x, &y, &n, nullptr), model);
-        std::vector<double> p(static_cast<size_t>(n));
+        auto p = out_array<double>(n);
         check_code(KVRgetgenconstrPoly(model, id, &x, &y, &n, p.data()), model);
         return nb::make_tuple(var_at(self, x), var_at(self, y), float_list(p));
       },
