@@ -77,6 +77,15 @@ def test_update_mode_one_numbers_at_once_but_lists_after_update(m):
     assert m.getVars() == [x] and m.getConstrs() == [c]
 
 
+def test_update_mode_change_between_additions(m):
+    x = m.addVar(name="x")  # update mode 1: in the model at once
+    m.Params.UpdateMode = 0
+    y = m.addVar(name="y")  # queued by the library, so pending here too
+    assert (x.index(), y.index()) == (0, -1)
+    m.update()
+    assert [v.VarName for v in m.getVars()] == ["x", "y"] and y.index() == 1
+
+
 def test_removal_is_pending_until_update_then_renumbers(m):
     xs = [m.addVar(name="x%d" % i) for i in range(5)]
     m.update()

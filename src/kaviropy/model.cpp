@@ -304,15 +304,15 @@ nb::object model_handle(nb::handle self, int kind, int i) {
   return list[static_cast<size_t>(i)];
 }
 
+// Read at every addition, as the library does: a handle is numbered at once exactly when the
+// library adds its element at once, also right after the parameter changed.
 int model_updatemode(nb::handle self) {
   Model &m = model_ref(self);
-  if (m.updatemode == -1) {
-    int mode = 0;
-    KVRmodel *model = live_model(self);
-    if (int code = KVRgetintparam(KVRgetenv(model), "UpdateMode", &mode)) raise_model(code, model);
-    m.updatemode = mode;
-  }
-  return m.updatemode;
+  int mode = 0;
+  KVRmodel *model = live_model(self);
+  if (int code = KVRgetintparam(KVRgetenv(model), "UpdateMode", &mode)) raise_model(code, model);
+  m.updatemode = mode;
+  return mode;
 }
 
 nb::object model_append(nb::handle self, int kind, bool numbered) {
@@ -385,7 +385,7 @@ void init_model(nb::module_ &m) {
           "The model's own environment.")
       .def_prop_ro(
           "_Model__updatemode", [](Model &m) { return m.updatemode; },
-          "Cached UpdateMode parameter (-1: read at the next addition).")
+          "UpdateMode as read at the last addition (-1 when none was made since the update).")
       .def_prop_ro(
           "_Model__newranges", [](Model &) { return 0; },
           "Kept for compatibility and always 0: a range variable's handle is appended when the "
@@ -417,7 +417,7 @@ void init_model(nb::module_ &m) {
          nb::arg("empty") = false, "Builds the handle lists once.")
       .def(
           "_Model__getupdatemode", [](nb::handle self) { return model_updatemode(self); },
-          "The UpdateMode parameter as cached since the last update.")
+          "The UpdateMode parameter of the model.")
       .def(
           "update", [](nb::handle self) { model_update(self); },
           "Applies pending additions, removals and changes, and renumbers the handles.")

@@ -18,7 +18,7 @@ struct Model {
   nb::object callback;         // _callback: the CallbackClass of a running optimization
   nb::object uenv;             // _uenv: the user's Env (its _modcnt counts this model)
   nb::object env;              // _env: Env wrapping the model's own library environment
-  int updatemode = -1;         // cached UpdateMode; -1 until read after the last update
+  int updatemode = -1;         // UpdateMode at the last addition; -1 when none since the update
   bool built = false;          // handle lists made (lazy set-up ran)
   // Handle lists per kind (HandleKind order: vars, constrs, sos, qconstrs, genconstrs).
   std::vector<nb::object> lists[kNumKinds];
@@ -41,7 +41,8 @@ void model_setup(nb::handle self);
 void model_update(nb::handle self);
 // The shared handle at position i of a kind's list (the private factories __getVar(i), ...).
 nb::object model_handle(nb::handle self, int kind, int i);
-// The cached UpdateMode of the model (read from its environment after each update).
+// The UpdateMode of the model, read from its environment (the library reads it at every
+// addition too).
 int model_updatemode(nb::handle self);
 // Appends a new handle of `kind`: numbered at once with its list position when `numbered`,
 // else pending (-1). Returns the new handle.

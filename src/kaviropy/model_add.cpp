@@ -384,8 +384,8 @@ nb::object add_vars(nb::handle self, nb::args indexes, nb::kwargs kwargs) {
   for (size_t s = 0; s < nsets; ++s) {
     nb::handle arg = indexes[s];
     auto &elems = sets[s];
-    if (PyLong_Check(arg.ptr())) {
-      long long n = PyLong_AsLongLong(arg.ptr());
+    if (PyLong_Check(arg.ptr()) || (PyIndex_Check(arg.ptr()) && !PySequence_Check(arg.ptr()))) {
+      long long n = PyLong_AsLongLong(nb::steal(PyNumber_Index(arg.ptr())).ptr());
       if (n == -1 && PyErr_Occurred()) throw nb::python_error();
       if (n > std::numeric_limits<int>::max())
         raise_error(KVR_ERROR_INVALID_ARGUMENT, "Too many variables for Model.addVars()");
@@ -795,7 +795,12 @@ void init_model_add(nb::class_<Model> &cls) {
       [](nb::handle self, nb::args args, nb::kwargs kwargs) {
         KVRmodel *model = prepare(self);
         nb::object name = nb::str("");
-        if (kwargs.contains("name")) name = kwargs["name"];
+        for (auto [k, v] : kwargs) {
+          if (utf8(k) != "name")
+            raise_python(PyExc_TypeError,
+                         "addConstr() got an unexpected keyword argument '" + utf8(k) + "'");
+          name = nb::borrow(v);
+        }
         if (args.size() == 0) invalid_addconstr();
         nb::handle tc = args[0];
         if (!is_tempconstr(tc) && args.size() >= 3) {
@@ -836,7 +841,8 @@ void init_model_add(nb::class_<Model> &cls) {
         // The library adds a range variable right after the row when both sides are finite or
         // both infinite; its handle is appended at once so that positions keep matching the
         // library's numbering (a deferred count would misnumber variables added after it).
-        if ((lo <= -KVR_INFINITY) == (up >= KVR_INFINITY)) model_append(self, kVar, numbered);
+        // Sides at or beyond 1e25 count as infinite here, as in the library.
+        if ((lo <= -1e25) == (up >= 1e25)) model_append(self, kVar, numbered);
         return constr;
       },
       nb::arg("expr"), nb::arg("lower"), nb::arg("upper"), nb::arg("name") = "",
