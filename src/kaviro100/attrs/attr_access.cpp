@@ -370,8 +370,9 @@ void check_attr_form(AttrId id, AttrType type, bool element) {
          "Attribute '%s' is a model attribute, not an element attribute: use the model form",
          d.name);
   if (d.type != type)
-    fail(KVR_ERROR_INVALID_ARGUMENT, "Attribute '%s' is a %s %s attribute, not a %s attribute",
-         d.name, type_word(d.type), class_word(d.cls), type_word(type));
+    fail(KVR_ERROR_INVALID_ARGUMENT, "Attribute '%s' is a%s %s %s attribute, not a%s %s attribute",
+         d.name, d.type == AttrType::Int ? "n" : "", type_word(d.type), class_word(d.cls),
+         type == AttrType::Int ? "n" : "", type_word(type));
 }
 
 int element_count(const kvr_model *m, AttrClass cls) {
