@@ -14,7 +14,7 @@
 struct kvr_model {
   kvr_env env;  // the model's own copy of its environment's parameters and log destinations
   std::string errmsg;
-  kvr::ModelData data;      // the state as of the last update
+  kvr::ModelData data;  // the state as of the last update
   kvr::PendingChanges pending;
   kvr::Solution sol;
 

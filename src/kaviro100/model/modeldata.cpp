@@ -324,8 +324,8 @@ void ModelData::delete_constrs(const Renumbering &newpos) {
 size_t ModelData::bytes() const {
   size_t b = vars.lb.size() * (3 * sizeof(double) + 1 + 12) + vars.names.bytes();
   b += constrs.rows.ind.size() * (sizeof(int) + sizeof(double)) +
-       constrs.rows.beg.size() * sizeof(int64_t) + constrs.sense.size() * (1 + sizeof(double) + 12) +
-       constrs.names.bytes();
+       constrs.rows.beg.size() * sizeof(int64_t) +
+       constrs.sense.size() * (1 + sizeof(double) + 12) + constrs.names.bytes();
   b += q.size() * (2 * sizeof(int) + sizeof(double));
   for (const QConstr &qc : qconstrs.items)
     b += sizeof(QConstr) + qc.lind.size() * 12 + qc.q.size() * 16;
