@@ -66,6 +66,11 @@ namespace {
 
 nb::object member_key(PyObject *member, bool scalar, const Pattern &pattern) {
   if (scalar) return nb::borrow(member);
+  // Every field constrained: the key equals the member itself.
+  if (PyTuple_CheckExact(member) && pattern.size() > 1 &&
+      PyTuple_GET_SIZE(member) == pattern.size() &&
+      pattern[pattern.size() - 1] == pattern.size() - 1)
+    return nb::borrow(member);
   if (PyTuple_Check(member))
     return pattern_key(&PyTuple_GET_ITEM(member, 0), PyTuple_GET_SIZE(member), pattern);
   if (pattern.size() == 1) return sequence_field(member, pattern[0]);
