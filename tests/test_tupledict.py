@@ -164,6 +164,18 @@ def test_multidict():
         kp.multidict([1, 2])  # neither a mapping nor pairs
 
 
+def test_state_errors(td):
+    with pytest.raises(AttributeError):
+        del td.wild
+    with pytest.raises(AttributeError):
+        td._tupledict__pos = {}
+    with pytest.raises(TypeError):
+        td.__setstate__(("*", [], None))
+    with pytest.raises(TypeError):
+        td.__setstate__("*")
+    assert td.wild == "*" and len(td._tupledict__pos) == 3
+
+
 def test_pickle_subclass_and_gc(td):
     td.wild = None
     td.label = "cost"
@@ -230,9 +242,16 @@ def test_prod_with_a_list():
         d.prod([1.0, "two"])
 
 
+class Triples(dict):
+    def items(self):
+        return [(k, v, 0) for k, v in dict.items(self)]
+
+
 def test_prod_errors(grid):
     for bad in ((5,), ([1.0], "*"), ((1.0, 2.0),), ("text",)):
         with pytest.raises(TypeError, match="^tupledict.prod requires a dictionary$"):
             grid.prod(*bad)
     with pytest.raises(TypeError):
         grid.prod()
+    with pytest.raises(TypeError, match="must be pairs"):
+        grid.prod(Triples({(0, 0): 1.0}))

@@ -253,9 +253,24 @@ class Chain:
         yield Chain()
 
 
-def test_select_recursion_is_bounded(tl):
+class Grower:
+    """A member whose hash adds to the list that is being indexed."""
+
+    def __init__(self, owner):
+        self.owner = owner
+
+    def __hash__(self):
+        list.append(self.owner, 0)
+        return 1
+
+
+def test_select_recursion_and_changes_during_indexing(tl):
     with pytest.raises(RecursionError):
         tl.select(Chain())
+    s = kp.tuplelist([1])
+    s.append(Grower(s))
+    with pytest.raises(RuntimeError, match="changed size during selection"):
+        s.select(1)
 
 
 def test_pickle_subclass_and_gc(tl):

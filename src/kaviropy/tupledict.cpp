@@ -617,6 +617,10 @@ PyObject *td_reduce(PyObject *self, PyObject *) {
 PyObject *td_setstate(PyObject *self, PyObject *state) {
   return guarded<PyObject *>(nullptr, [&]() -> PyObject * {
     PyObject *wild, *pos, *attrs;
+    if (!PyTuple_Check(state)) {
+      PyErr_SetString(PyExc_TypeError, "__setstate__ expects a tuple (wild, pos, attributes)");
+      return nullptr;
+    }
     if (!PyArg_ParseTuple(state, "OO!O:__setstate__", &wild, &PyDict_Type, &pos, &attrs))
       return nullptr;
     TupleDict *t = as_tupledict(self);

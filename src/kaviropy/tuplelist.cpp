@@ -101,11 +101,14 @@ GroupIndexPtr build_groups(PyObject *list, bool scalar, const Pattern &pattern) 
   std::vector<uint32_t> count;
   nb::object last_key;  // consecutive members often share the very key object
   uint32_t last_group = 0;
-  for (Py_ssize_t i = 0; i < n; ++i) {
+  auto check_size = [&] {
     if (PyList_GET_SIZE(list) != n) {
       PyErr_SetString(PyExc_RuntimeError, "tuplelist changed size during selection");
       throw nb::python_error();
     }
+  };
+  for (Py_ssize_t i = 0; i < n; ++i) {
+    check_size();
     nb::object member = nb::borrow(PyList_GET_ITEM(list, i));
     nb::object key = member_key(member.ptr(), scalar, pattern);
     uint32_t g;
@@ -128,6 +131,7 @@ GroupIndexPtr build_groups(PyObject *list, bool scalar, const Pattern &pattern) 
     group_of[static_cast<size_t>(i)] = g;
     ++count[g];
   }
+  check_size();
   index->start.resize(count.size() + 1);
   index->start[0] = 0;
   for (size_t g = 0; g < count.size(); ++g) index->start[g + 1] = index->start[g] + count[g];
