@@ -444,8 +444,12 @@ PyObject *td_select(PyObject *self, PyObject *const *args, Py_ssize_t nargs) {
     TupleDict *t = as_tupledict(self);
     Snapshot s = snapshot(t);
     Positions matched = select_positions(t, s, args, nargs);
-    nb::object out = owned(PyList_New(0));
-    matched.for_each(s.size(), [&](Py_ssize_t i) { ok(PyList_Append(out.ptr(), s.value(i))); });
+    Py_ssize_t count = 0;
+    matched.for_each(s.size(), [&](Py_ssize_t) { ++count; });
+    nb::object out = owned(PyList_New(count));
+    Py_ssize_t at = 0;
+    matched.for_each(
+        s.size(), [&](Py_ssize_t i) { PyList_SET_ITEM(out.ptr(), at++, Py_NewRef(s.value(i))); });
     return out.release().ptr();
   });
 }
@@ -528,6 +532,17 @@ void for_each_entry(PyObject *d, F &&f) {
   if (PyErr_Occurred()) throw nb::python_error();
 }
 
+// Keys of built-in types whose equality agrees with their hash: equal keys are the same entry.
+bool same_key(PyObject *a, PyObject *b) {
+  if (a == b) return true;
+  if (Py_TYPE(a) != Py_TYPE(b) ||
+      !(PyTuple_CheckExact(a) || PyLong_CheckExact(a) || PyUnicode_CheckExact(a)))
+    return false;
+  int equal = PyObject_RichCompareBool(a, b, Py_EQ);
+  ok(equal);
+  return equal == 1;
+}
+
 nb::object prod(TupleDict *self, PyObject *coeffs, PyObject *const *args, Py_ssize_t nargs) {
   PyObject *me = as_object(self);
   if (PyDict_Check(coeffs)) {
@@ -547,10 +562,20 @@ nb::object prod(TupleDict *self, PyObject *coeffs, PyObject *const *args, Py_ssi
     }
     Snapshot s = snapshot(self);
     Positions matched = select_positions(self, s, args, nargs);
+    // Coefficient dictionaries are often built in the same key order: while the entries line up
+    // with the keys, take them in step instead of looking each key up.
+    bool in_step = nargs == 0;
+    Py_ssize_t at = 0;
     matched.for_each(s.size(), [&](Py_ssize_t i) {
       PyObject *key = s.key(i);
       if (!key) return;
-      PyObject *coeff = PyDict_GetItemWithError(coeffs, key);
+      PyObject *coeff = nullptr;
+      if (in_step) {
+        PyObject *entry_key, *entry_value;
+        in_step = PyDict_Next(coeffs, &at, &entry_key, &entry_value) && same_key(entry_key, key);
+        if (in_step) coeff = entry_value;
+      }
+      if (!coeff) coeff = PyDict_GetItemWithError(coeffs, key);
       if (!coeff) {
         if (PyErr_Occurred()) throw nb::python_error();
         return;
