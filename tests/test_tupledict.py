@@ -230,6 +230,10 @@ def test_prod_with_dictionaries(grid):
     many = {k: 0.5 for k in grid.keys()}
     many["extra"] = 7
     assert total(grid.prod(many)) == (2**9 - 1) / 2
+    # Equal keys made anew, in the same order until one is missing and comes last.
+    fresh = {(i, j): 1.0 for i in range(3) for j in range(3) if (i, j) != (1, 1)}
+    fresh[1, 1] = 100.0
+    assert total(grid.prod(fresh)) == (2**9 - 1) - 16 + 1600
     assert total(grid.prod({(0, 1): 3, (2, 1): 1, (0, 0): 10}, 0, "*")) == 6 + 10
     assert total(grid.prod(kp.tupledict({(2, 2): 2}))) == 512
 
