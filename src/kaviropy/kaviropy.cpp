@@ -1,4 +1,5 @@
 // The extension module kaviropy._core: creates every class family in import order.
+#include "exprtypes.h"
 #include "handles.h"
 
 namespace kvrpy {
@@ -21,6 +22,11 @@ NB_MODULE(_core, m) {
   init_exception(m);
   init_env(m);
   init_handles(m);
+  init_linexpr(m);
+  init_quadexpr(m);
+  init_genexpr(m);
+  init_tempconstr(m);
+  init_column(m);
   init_param(m);
   init_callback(m);
   init_constants(m);
