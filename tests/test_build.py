@@ -89,6 +89,12 @@ def test_add_var_with_column(m):
     with pytest.raises(kp.KaviroError) as err:
         m.addVar(column=kp.Column(1.0, c1))
     assert (err.value.errno, err.value.message) == (KVR.ERROR_NOT_IN_MODEL, "Constraint not in model")
+    with pytest.raises(kp.KaviroError) as err:
+        m.addVar(column=kp.Column([float("nan")], [c0]))
+    assert (err.value.errno, err.value.message) == (KVR.ERROR_INVALID_ARGUMENT, "Coefficient is Nan or Inf")
+    with pytest.raises(kp.KaviroError) as err:
+        m.addVar(lb=float("nan"))
+    assert err.value.errno == KVR.ERROR_INVALID_ARGUMENT
     assert snapshot(m) == before
 
 

@@ -741,14 +741,11 @@ void init_model_add(nb::class_<Model> &cls) {
         std::vector<int> ind;
         std::vector<double> val;
         if (!column.is_none()) {
-          int size = nb::cast<int>(column.attr("size")());
-          for (int i = 0; i < size; ++i) {
-            ind.push_back(constr_row(column.attr("getConstr")(i), model));
-            double c = 0;
-            if (!isscalar(column.attr("getCoeff")(i), &c) || !std::isfinite(c))
-              raise_error(KVR_ERROR_INVALID_ARGUMENT, "Coefficient is Nan or Inf");
-            val.push_back(c);
-          }
+          if (!is_column(column))
+            raise_error(KVR_ERROR_INVALID_ARGUMENT,
+                        "Argument column of Model.addVar must be a Column");
+          collect_column(column, model, ind, val);
+          check_finite(val);
         }
         check_code(KVRaddvar(model, static_cast<int>(ind.size()), ind.data(), val.data(), o, l, u,
                              vt, name_ptr(n)),
