@@ -192,6 +192,10 @@ def test_add_constrs_keys_names_and_one_call(m):
     single = m.addConstrs(x[i, 0] >= 1 for i in range(3))
     m.update()
     assert list(single.keys()) == [0, 1, 2] and single[2].ConstrName == "R6"
+    # Loop variables captured by an inner generator keep their order in the key.
+    nested = m.addConstrs((kp.quicksum(x[i, j] for _ in range(1)) <= j for i in range(3) for j in range(2)))
+    m.update()
+    assert list(nested.keys())[:3] == [(0, 0), (0, 1), (1, 0)] and nested[2, 1].RHS == 1.0
     mixed = m.addConstrs((x[i, 0] * x[i, 1] <= 4 if i else x[i, 0] <= 2) for i in range(2))
     m.update()
     assert isinstance(mixed[0], kp.Constr) and isinstance(mixed[1], kp.QConstr)

@@ -647,12 +647,23 @@ nb::object add_constrs(nb::handle self, nb::handle generator, nb::handle name) {
     raise_error(KVR_ERROR_INVALID_ARGUMENT,
                 "Model.addConstrs() takes a generator expression of constraints");
   std::string base = name_arg(name);
-  // The loop variables of the generator name the keys, in the order they appear.
-  nb::object code = generator.attr("gi_code");
-  nb::tuple varnames = nb::borrow<nb::tuple>(code.attr("co_varnames"));
+  // The loop variables of the generator name the keys, in the order the generator assigns
+  // them. A loop variable that an inner expression captures is a cell rather than a plain
+  // local, so the order comes from the generator's stores, not from its list of locals.
   std::vector<nb::object> loopvars;
-  for (nb::handle v : varnames)
-    if (utf8(v).rfind('.', 0) != 0) loopvars.push_back(nb::borrow(v));
+  {
+    nb::object seen = nb::steal(PySet_New(nullptr));
+    nb::object instructions =
+        nb::module_::import_("dis").attr("get_instructions")(generator.attr("gi_code"));
+    for (nb::handle ins : instructions) {
+      std::string op = utf8(ins.attr("opname"));
+      if (op != "STORE_FAST" && op != "STORE_DEREF") continue;
+      nb::object name = ins.attr("argval");
+      if (utf8(name).rfind('.', 0) == 0 || PySet_Contains(seen.ptr(), name.ptr()) == 1) continue;
+      PySet_Add(seen.ptr(), name.ptr());
+      loopvars.push_back(name);
+    }
+  }
 
   std::vector<nb::object> keys;
   std::vector<Prepared> items;
