@@ -140,19 +140,21 @@ def pyoptinterface_build(model_name, n, phase):
             obj += 0.5 * a * dt * u[i] * u[i]
         obj += 0.25 * a * dt * u[mm] * u[mm]
         m.set_objective(obj, poi.ObjectiveSense.Minimize)
+        # HiGHS takes each variable once per row, so the coefficients are merged by hand.
+        c_next, c_here, c_side = 1 / dt + 1 / h2, -1 / dt + 1 / h2, -0.5 / h2
         for i in range(mm):
             for j in range(1, n):
                 m.add_linear_constraint(
-                    (y[i + 1, j] - y[i, j]) / dt
-                    - 0.5 * (y[i, j - 1] - 2 * y[i, j] + y[i, j + 1] + y[i + 1, j - 1]
-                             - 2 * y[i + 1, j] + y[i + 1, j + 1]) / h2, poi.Eq, 0.0)
+                    c_next * y[i + 1, j] + c_here * y[i, j] + c_side * y[i, j - 1] + c_side * y[i, j + 1]
+                    + c_side * y[i + 1, j - 1] + c_side * y[i + 1, j + 1], poi.Eq, 0.0)
         for j in range(n + 1):
             m.add_linear_constraint(1.0 * y[0, j], poi.Eq, 0.0)
         for i in range(1, mm + 1):
             m.add_linear_constraint(y[i, 2] - 4 * y[i, 1] + 3 * y[i, 0], poi.Eq, 0.0)
         for i in range(1, mm + 1):
             m.add_linear_constraint(
-                (y[i, n - 2] - 4 * y[i, n - 1] + 3 * y[i, n]) / (2 * dx) - u[i] + y[i, n], poi.Eq, 0.0)
+                (1 / (2 * dx)) * y[i, n - 2] - (4 / (2 * dx)) * y[i, n - 1]
+                + (3 / (2 * dx) + 1) * y[i, n] - u[i], poi.Eq, 0.0)
     else:
         x = {(i, j): m.add_variable(name=f"x[{i},{j}]") for i in range(n) for j in range(n)}
         y = {(i, j): m.add_variable(name=f"y[{i},{j}]") for i in range(n) for j in range(n)}

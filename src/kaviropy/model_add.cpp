@@ -415,6 +415,8 @@ nb::object add_vars(nb::handle self, nb::args indexes, nb::kwargs kwargs) {
       raise_error(KVR_ERROR_INVALID_ARGUMENT, "Too many variables for Model.addVars()");
   }
   const size_t n = total;
+  // Keys, handles and the result dict are all new objects: no collections while they are made.
+  GcPause pause(3 * n);
 
   // Keys in cross-product order (the last index runs fastest).
   std::vector<nb::object> keys;
@@ -509,7 +511,6 @@ nb::object add_vars(nb::handle self, nb::args indexes, nb::kwargs kwargs) {
   std::vector<nb::object> handles;
   handles.reserve(n);
   {
-    GcPause pause(2 * n);
     auto &list = model_ref(self).lists[kVar];
     list.reserve(list.size() + n);
     for (size_t i = 0; i < n; ++i) {
