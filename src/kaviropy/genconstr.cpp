@@ -3,9 +3,10 @@
 
 namespace kvrpy {
 
-void init_genconstr(nb::class_<GenConstr> &cls) {
-  cls.def(
-      "__repr__", [](GenConstr &g) { return indexed_repr("GenConstr", g.index); },
+void init_genconstr() {
+  def_handle_method(
+      kGenConstr, "__repr__",
+      [](nb::handle self) { return indexed_repr("GenConstr", handle_data(self.ptr())->index); },
       "<kaviro.GenConstr index>, or its state when pending or removed.");
 }
 

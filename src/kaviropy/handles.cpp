@@ -1,6 +1,9 @@
-// Registration of the handle classes: constructor, library model, index field, index, sameAs,
-// and the routing of attribute names to the library.
+// The handle classes Var, Constr, SOS, QConstr and GenConstr: plain extension types holding the
+// library model and one index, with an instance dictionary for Python attributes. Attribute
+// names that do not begin with "_" are routed to the library.
 #include "handles.h"
+
+#include <structmember.h>
 
 #include "attrutil.h"
 
@@ -18,108 +21,208 @@ const KindInfo kKinds[kNumKinds] = {
     {"GenConstr", "_genconstrno", "NumGenConstrs", "general constraint not in model",
      "Tried to remove a general constraint that does not exist"},
 };
+const char *kQualifiedNames[kNumKinds] = {"kaviropy.Var", "kaviropy.Constr", "kaviropy.SOS",
+                                          "kaviropy.QConstr", "kaviropy.GenConstr"};
+const char *kDocs[kNumKinds] = {"A variable of a model.", "A linear constraint of a model.",
+                                "A special-ordered-set constraint of a model.",
+                                "A quadratic constraint of a model.",
+                                "A general constraint of a model."};
 
 PyTypeObject *g_types[kNumKinds] = {};
 
-template <class H>
-void construct(nb::handle obj, KVRmodel *model, int index) {
-  H *h = nb::inst_ptr<H>(obj);
-  new (h) H();
-  h->model = model;
-  h->index = index;
+HandleObject *object_of(PyObject *o) { return reinterpret_cast<HandleObject *>(o); }
+
+// Runs body, turning C++ exceptions into a set Python error (for the type slots).
+template <class Body>
+auto guarded(Body &&body, decltype(body()) failure) noexcept -> decltype(body()) {
+  try {
+    return body();
+  } catch (nb::python_error &e) {
+    e.restore();
+  } catch (const nb::cast_error &) {
+    PyErr_SetString(PyExc_TypeError, "invalid argument type");
+  } catch (const std::exception &e) {
+    PyErr_SetString(PyExc_RuntimeError, e.what());
+  }
+  return failure;
 }
 
-template <class H>
-nb::class_<H> register_handle(nb::module_ &m, int kind, const char *doc) {
-  const KindInfo &info = kKinds[kind];
-  nb::class_<H> cls(m, info.type_name, nb::dynamic_attr(), doc);
-  g_types[kind] = reinterpret_cast<PyTypeObject *>(cls.ptr());
-  cls.attr("__module__") = "kaviropy";
-  cls.attr("_typeenum") = kind + 1;
-  cls.attr("_typename") = info.type_name;
-  cls.def(
-         "__init__",
-         [kind](H *self, nb::args args) {
-           if (args.size() != 2)
-             raise_python(PyExc_TypeError, std::string(kKinds[kind].type_name) +
-                                               "() takes exactly 2 positional arguments (" +
-                                               std::to_string(args.size()) + " given)");
-           KVRmodel *model = handle_pointer<KVRmodel>(args[0]);
-           int index = nb::cast<int>(args[1]);
-           new (self) H();
-           self->model = model;
-           self->index = index;
-         },
-         "Handle of element `index` of a library model (cmodel, index).")
-      .def_prop_rw(
-          "_cmodel", [](H &h) { return handle_object(h.model); },
-          [](H &h, nb::object v) { h.model = handle_pointer<KVRmodel>(v); },
-          nb::arg("value").none(),
-          "The library model (an integer handle), or None once the model is disposed.")
-      .def(
-          "__cindex__", [](H &h) { return public_index(h.index); },
-          "The element's current index (-1 pending, -2 removed).")
-      .def(
-          "index", [](H &h) { return public_index(h.index); },
-          "The element's current index (-1 pending, -2 removed).")
-      .def(
-          "sameAs",
-          [](nb::handle self, nb::handle other) {
-            if (Py_TYPE(self.ptr()) != Py_TYPE(other.ptr())) return false;
-            H &a = nb::cast<H &>(self), &b = nb::cast<H &>(other);
-            if (a.model != b.model || a.index != b.index) return false;
-            nb::object da = nb::getattr(self, "__dict__", nb::dict());
-            nb::object db = nb::getattr(other, "__dict__", nb::dict());
-            return PyObject_RichCompareBool(da.ptr(), db.ptr(), Py_EQ) == 1;
-          },
-          nb::arg("other"), "True when other is a handle of the same element.")
-      .def(
-          "getAttr", [](nb::handle self, nb::handle name) { return get_attr(self, utf8(name)); },
-          nb::arg("attrname"), "Value of a library attribute of this element.")
-      .def(
-          "setAttr",
-          [](nb::handle self, nb::handle name, nb::handle value) {
-            set_attr(self, utf8(name), value);
-          },
-          nb::arg("attrname"), nb::arg("newvalue").none(),
-          "Sets a library attribute of this element (applied at the next update).")
-      .def(
-          "prefetchAttr", [](nb::handle self, nb::handle name) { prefetch_attr(self, utf8(name)); },
-          nb::arg("attrname"), "Asks the library to cache an attribute for later reads.")
-      .def(
-          "__getattr__",
-          [kind](nb::handle self, nb::handle name) {
-            std::string n = utf8(name);
-            if (n.empty() || n[0] == '_') raise_no_attribute(kKinds[kind].type_name, n);
-            return get_attr(self, n);
-          },
-          nb::arg("name"), "Reads the library attribute of that name.")
-      .def(
-          "__setattr__",
-          [](nb::handle self, nb::handle name, nb::handle value) {
-            std::string n = utf8(name);
-            if (!n.empty() && n[0] == '_') {
-              if (PyObject_GenericSetAttr(self.ptr(), name.ptr(), value.ptr()))
-                throw nb::python_error();
-              return;
-            }
-            set_attr(self, n, value);
-          },
-          nb::arg("name"), nb::arg("value").none(),
-          "Names beginning with '_' are Python attributes; others set the library attribute.")
-      .def(
-          "__dir__",
-          [kind](nb::handle self) {
-            nb::handle object_type(reinterpret_cast<PyObject *>(&PyBaseObject_Type));
-            nb::list names = nb::borrow<nb::list>(nb::list(object_type.attr("__dir__")(self)));
-            for (nb::handle n : attr_names(kind + 1)) names.append(n);
-            return names;
-          },
-          "Python attributes and the library attributes of this kind of element.");
-  cls.def_prop_rw(
-      info.index_field, [](H &h) { return h.index; }, [](H &h, int v) { h.index = v; },
-      "The index field with its state encoding.");
-  return cls;
+int handle_traverse(PyObject *self, visitproc visit, void *arg) {
+  Py_VISIT(object_of(self)->dict);
+  Py_VISIT(Py_TYPE(self));
+  return 0;
+}
+
+int handle_clear(PyObject *self) {
+  Py_CLEAR(object_of(self)->dict);
+  return 0;
+}
+
+void handle_dealloc(PyObject *self) {
+  PyTypeObject *type = Py_TYPE(self);
+  PyObject_GC_UnTrack(self);
+  Py_CLEAR(object_of(self)->dict);
+  type->tp_free(self);
+  Py_DECREF(type);
+}
+
+// Handle(cmodel, index): exactly two positional arguments.
+PyObject *handle_new(PyTypeObject *type, PyObject *args, PyObject *kwds) {
+  Py_ssize_t n = PyTuple_GET_SIZE(args) + (kwds ? PyDict_GET_SIZE(kwds) : 0);
+  if (n != 2 || (kwds && PyDict_GET_SIZE(kwds))) {
+    int kind = 0;
+    for (int k = 0; k < kNumKinds; ++k)
+      if (PyType_IsSubtype(type, g_types[k])) kind = k;
+    PyErr_Format(PyExc_TypeError, "%s() takes exactly 2 positional arguments (%zd given)",
+                 kKinds[kind].type_name, n);
+    return nullptr;
+  }
+  return guarded(
+      [&]() -> PyObject * {
+        KVRmodel *model = handle_pointer<KVRmodel>(PyTuple_GET_ITEM(args, 0));
+        int index = nb::cast<int>(nb::handle(PyTuple_GET_ITEM(args, 1)));
+        PyObject *self = type->tp_alloc(type, 0);
+        if (!self) return nullptr;
+        object_of(self)->h = Handle{model, index};
+        return self;
+      },
+      nullptr);
+}
+
+// Names that normal lookup does not find go to the library, except those beginning with "_".
+PyObject *handle_getattro(PyObject *self, PyObject *name) {
+  PyObject *found = PyObject_GenericGetAttr(self, name);
+  if (found || !PyErr_ExceptionMatches(PyExc_AttributeError)) return found;
+  PyErr_Clear();
+  return guarded(
+      [&]() -> PyObject * {
+        std::string n = utf8(name);
+        if (n.empty() || n[0] == '_') raise_no_attribute(kKinds[handle_kind(self)].type_name, n);
+        return get_attr(self, n).release().ptr();
+      },
+      nullptr);
+}
+
+int handle_setattro(PyObject *self, PyObject *name, PyObject *value) {
+  if (!value || !PyUnicode_Check(name) || PyUnicode_GET_LENGTH(name) == 0 ||
+      PyUnicode_READ_CHAR(name, 0) == '_')
+    return PyObject_GenericSetAttr(self, name, value);
+  return guarded(
+      [&]() -> int {
+        set_attr(self, utf8(name), value);
+        return 0;
+      },
+      -1);
+}
+
+PyObject *get_cmodel(PyObject *self, void *) {
+  return guarded([&] { return handle_object(object_of(self)->h.model).release().ptr(); },
+                 static_cast<PyObject *>(nullptr));
+}
+
+int set_cmodel(PyObject *self, PyObject *value, void *) {
+  if (!value) {
+    PyErr_SetString(PyExc_AttributeError, "_cmodel cannot be deleted");
+    return -1;
+  }
+  return guarded(
+      [&] {
+        object_of(self)->h.model = handle_pointer<KVRmodel>(value);
+        return 0;
+      },
+      -1);
+}
+
+PyObject *get_index(PyObject *self, void *) { return PyLong_FromLong(object_of(self)->h.index); }
+
+int set_index(PyObject *self, PyObject *value, void *) {
+  if (!value) {
+    PyErr_SetString(PyExc_AttributeError, "the index field cannot be deleted");
+    return -1;
+  }
+  long v = PyLong_AsLong(value);
+  if (v == -1 && PyErr_Occurred()) return -1;
+  object_of(self)->h.index = static_cast<int>(v);
+  return 0;
+}
+
+PyGetSetDef g_getsets[kNumKinds][4];
+PyMemberDef g_members[] = {
+    {"__dictoffset__", T_PYSSIZET, offsetof(HandleObject, dict), READONLY, nullptr},
+    {nullptr, 0, 0, 0, nullptr}};
+
+PyTypeObject *make_type(nb::module_ &m, int kind) {
+  g_getsets[kind][0] = {"_cmodel", get_cmodel, set_cmodel,
+                        "The library model (an integer handle), or None once disposed.", nullptr};
+  g_getsets[kind][1] = {kKinds[kind].index_field, get_index, set_index,
+                        "The index field with its state encoding.", nullptr};
+  g_getsets[kind][2] = {"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr,
+                        nullptr};
+  g_getsets[kind][3] = {nullptr, nullptr, nullptr, nullptr, nullptr};
+  PyType_Slot slots[] = {{Py_tp_dealloc, reinterpret_cast<void *>(handle_dealloc)},
+                         {Py_tp_traverse, reinterpret_cast<void *>(handle_traverse)},
+                         {Py_tp_clear, reinterpret_cast<void *>(handle_clear)},
+                         {Py_tp_new, reinterpret_cast<void *>(handle_new)},
+                         {Py_tp_getattro, reinterpret_cast<void *>(handle_getattro)},
+                         {Py_tp_setattro, reinterpret_cast<void *>(handle_setattro)},
+                         {Py_tp_getset, g_getsets[kind]},
+                         {Py_tp_members, g_members},
+                         {Py_tp_doc, const_cast<char *>(kDocs[kind])},
+                         {0, nullptr}};
+  PyType_Spec spec = {kQualifiedNames[kind], static_cast<int>(sizeof(HandleObject)), 0,
+                      Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE | Py_TPFLAGS_HAVE_GC, slots};
+  PyObject *type = PyType_FromSpec(&spec);
+  if (!type) throw nb::python_error();
+  m.attr(kKinds[kind].type_name) = nb::steal(type);
+  return reinterpret_cast<PyTypeObject *>(type);
+}
+
+void add_common_methods(int kind) {
+  nb::handle type(reinterpret_cast<PyObject *>(g_types[kind]));
+  type.attr("_typeenum") = kind + 1;
+  type.attr("_typename") = kKinds[kind].type_name;
+  def_handle_method(
+      kind, "__cindex__",
+      [](nb::handle self) { return public_index(handle_data(self.ptr())->index); },
+      "The element's current index (-1 pending, -2 removed).");
+  def_handle_method(
+      kind, "index", [](nb::handle self) { return public_index(handle_data(self.ptr())->index); },
+      "The element's current index (-1 pending, -2 removed).");
+  def_handle_method(
+      kind, "sameAs",
+      [](nb::handle self, nb::handle other) {
+        if (Py_TYPE(self.ptr()) != Py_TYPE(other.ptr())) return false;
+        const Handle &a = *handle_data(self.ptr()), &b = *handle_data(other.ptr());
+        if (a.model != b.model || a.index != b.index) return false;
+        // The instance dictionaries hold the user's attributes; a missing one equals an empty one.
+        nb::dict empty;
+        PyObject *da = object_of(self.ptr())->dict, *db = object_of(other.ptr())->dict;
+        int same = PyObject_RichCompareBool(da ? da : empty.ptr(), db ? db : empty.ptr(), Py_EQ);
+        if (same < 0) throw nb::python_error();
+        return same == 1;
+      },
+      nb::arg("other"), "True when other is a handle of the same element.");
+  def_handle_method(
+      kind, "getAttr", [](nb::handle self, nb::handle name) { return get_attr(self, utf8(name)); },
+      nb::arg("attrname"), "Value of a library attribute of this element.");
+  def_handle_method(
+      kind, "setAttr",
+      [](nb::handle self, nb::handle name, nb::handle value) { set_attr(self, utf8(name), value); },
+      nb::arg("attrname"), nb::arg("newvalue").none(),
+      "Sets a library attribute of this element (applied at the next update).");
+  def_handle_method(
+      kind, "prefetchAttr",
+      [](nb::handle self, nb::handle name) { prefetch_attr(self, utf8(name)); },
+      nb::arg("attrname"), "Asks the library to cache an attribute for later reads.");
+  def_handle_method(
+      kind, "__dir__",
+      [kind](nb::handle self) {
+        nb::handle object_type(reinterpret_cast<PyObject *>(&PyBaseObject_Type));
+        nb::list names = nb::borrow<nb::list>(nb::list(object_type.attr("__dir__")(self)));
+        for (nb::handle n : attr_names(kind + 1)) names.append(n);
+        return names;
+      },
+      "Python attributes and the library attributes of this kind of element.");
 }
 
 }  // namespace
@@ -141,31 +244,15 @@ Handle *as_handle(nb::handle obj, int *kind) {
   int k = handle_kind(obj);
   if (k < 0) return nullptr;
   if (kind) *kind = k;
-  // Every handle class stores exactly a Handle; the derived structs add nothing.
-  return nb::inst_ptr<Handle>(obj);
+  return handle_data(obj.ptr());
 }
 
 nb::object new_handle(int kind, KVRmodel *model, int index) {
-  nb::object obj = nb::inst_alloc(nb::handle(reinterpret_cast<PyObject *>(g_types[kind])));
-  switch (kind) {
-    case kVar:
-      construct<Var>(obj, model, index);
-      break;
-    case kConstr:
-      construct<Constr>(obj, model, index);
-      break;
-    case kSOS:
-      construct<SOS>(obj, model, index);
-      break;
-    case kQConstr:
-      construct<QConstr>(obj, model, index);
-      break;
-    default:
-      construct<GenConstr>(obj, model, index);
-      break;
-  }
-  nb::inst_mark_ready(obj);
-  return obj;
+  PyTypeObject *type = g_types[kind];
+  PyObject *obj = type->tp_alloc(type, 0);
+  if (!obj) throw nb::python_error();
+  object_of(obj)->h = Handle{model, index};
+  return nb::steal(obj);
 }
 
 std::string element_name(KVRmodel *model, const char *attr, int index) {
@@ -184,16 +271,13 @@ int live_position(nb::handle obj, int kind, KVRmodel *model) {
 }
 
 void init_handles(nb::module_ &m) {
-  auto var = register_handle<Var>(m, kVar, "A variable of a model.");
-  auto constr = register_handle<Constr>(m, kConstr, "A linear constraint of a model.");
-  auto sos = register_handle<SOS>(m, kSOS, "A special-ordered-set constraint of a model.");
-  auto qconstr = register_handle<QConstr>(m, kQConstr, "A quadratic constraint of a model.");
-  auto gen = register_handle<GenConstr>(m, kGenConstr, "A general constraint of a model.");
-  init_var(var);
-  init_constr(constr);
-  init_sos(sos);
-  init_qconstr(qconstr);
-  init_genconstr(gen);
+  for (int k = 0; k < kNumKinds; ++k) g_types[k] = make_type(m, k);
+  for (int k = 0; k < kNumKinds; ++k) add_common_methods(k);
+  init_var();
+  init_constr();
+  init_sos();
+  init_qconstr();
+  init_genconstr();
 }
 
 }  // namespace kvrpy

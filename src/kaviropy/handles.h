@@ -11,11 +11,20 @@ struct Handle {
   KVRmodel *model = nullptr;  // not owned; null once the model is disposed
   int index = -1;
 };
-struct Var : Handle {};
-struct Constr : Handle {};
-struct QConstr : Handle {};
-struct SOS : Handle {};
-struct GenConstr : Handle {};
+// Every kind stores exactly a Handle; the names say which kind a function expects.
+using Var = Handle;
+using Constr = Handle;
+using QConstr = Handle;
+using SOS = Handle;
+using GenConstr = Handle;
+
+// The Python object of a handle: plain extension types (not registered with nanobind), so that
+// making a million of them costs no more than the objects themselves.
+struct HandleObject {
+  PyObject_HEAD PyObject *dict;  // Python attributes (names beginning with "_")
+  Handle h;
+};
+inline Handle *handle_data(PyObject *obj) { return &reinterpret_cast<HandleObject *>(obj)->h; }
 
 // The public index of an index field: i for i >= 0 and for -3 - i; -1 and -2 unchanged.
 inline int public_index(int index) { return index <= -3 ? -3 - index : index; }
@@ -83,12 +92,20 @@ std::string element_name(KVRmodel *model, const char *attr, int index);
 // "*Removed*", or the former position followed by " (Removed)" while a removal is pending.
 std::string indexed_repr(const char *type_name, int index);
 
+// Adds a method to a handle type; fn takes the handle object (nb::handle) first.
+template <class Fn, class... Extra>
+void def_handle_method(int kind, const char *name, Fn &&fn, const Extra &...extra) {
+  nb::handle type(reinterpret_cast<PyObject *>(handle_type(kind)));
+  type.attr(name) = nb::cpp_function(std::forward<Fn>(fn), nb::scope(type), nb::name(name),
+                                     nb::is_method(), extra...);
+}
+
 // The parts of each handle class that differ by kind (reprs, Var's hash and name), registered by
 // var.cpp, constr.cpp, qconstr.cpp, sos.cpp and genconstr.cpp.
-void init_var(nb::class_<Var> &cls);
-void init_constr(nb::class_<Constr> &cls);
-void init_qconstr(nb::class_<QConstr> &cls);
-void init_sos(nb::class_<SOS> &cls);
-void init_genconstr(nb::class_<GenConstr> &cls);
+void init_var();
+void init_constr();
+void init_qconstr();
+void init_sos();
+void init_genconstr();
 
 }  // namespace kvrpy

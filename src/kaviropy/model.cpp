@@ -14,7 +14,7 @@ PyTypeObject *g_model_type = nullptr;
 
 Model &model_ref(nb::handle self) { return *nb::inst_ptr<Model>(self); }
 
-Handle &handle_of(const nb::object &obj) { return *nb::inst_ptr<Handle>(obj); }
+Handle &handle_of(const nb::object &obj) { return *handle_data(obj.ptr()); }
 
 [[noreturn]] void raise_model(int code, KVRmodel *model) {
   raise_error(code, model ? KVRgetmerrormsg(model) : "");

@@ -3,10 +3,11 @@
 
 namespace kvrpy {
 
-void init_qconstr(nb::class_<QConstr> &cls) {
-  cls.def(
-      "__repr__",
-      [](QConstr &q) -> std::string {
+void init_qconstr() {
+  def_handle_method(
+      kQConstr, "__repr__",
+      [](nb::handle self) -> std::string {
+        const QConstr &q = *handle_data(self.ptr());
         if (q.index == -1) return "<kaviro.QConstr Not Yet Added>";
         if (q.index == -2) return "<kaviro.QConstr Deleted>";
         std::string out =

@@ -13,9 +13,10 @@ std::string indexed_repr(const char *type_name, int index) {
   return head + std::to_string(index) + ">";
 }
 
-void init_sos(nb::class_<SOS> &cls) {
-  cls.def(
-      "__repr__", [](SOS &s) { return indexed_repr("SOS", s.index); },
+void init_sos() {
+  def_handle_method(
+      kSOS, "__repr__",
+      [](nb::handle self) { return indexed_repr("SOS", handle_data(self.ptr())->index); },
       "<kaviro.SOS index>, or its state when pending or removed.");
 }
 
