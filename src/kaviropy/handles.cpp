@@ -201,19 +201,19 @@ void add_common_methods(int kind) {
         if (same < 0) throw nb::python_error();
         return same == 1;
       },
-      nb::arg("other"), "True when other is a handle of the same element.");
+      nb::arg("other").none(), "True when other is a handle of the same element.");
   def_handle_method(
       kind, "getAttr", [](nb::handle self, nb::handle name) { return get_attr(self, utf8(name)); },
-      nb::arg("attrname"), "Value of a library attribute of this element.");
+      nb::arg("attrname").none(), "Value of a library attribute of this element.");
   def_handle_method(
       kind, "setAttr",
       [](nb::handle self, nb::handle name, nb::handle value) { set_attr(self, utf8(name), value); },
-      nb::arg("attrname"), nb::arg("newvalue").none(),
+      nb::arg("attrname").none(), nb::arg("newvalue").none(),
       "Sets a library attribute of this element (applied at the next update).");
   def_handle_method(
       kind, "prefetchAttr",
       [](nb::handle self, nb::handle name) { prefetch_attr(self, utf8(name)); },
-      nb::arg("attrname"), "Asks the library to cache an attribute for later reads.");
+      nb::arg("attrname").none(), "Asks the library to cache an attribute for later reads.");
   def_handle_method(
       kind, "__dir__",
       [kind](nb::handle self) {

@@ -364,7 +364,7 @@ void init_model(nb::module_ &m) {
          [](Model *self, nb::handle name, nb::handle env, nb::handle cmodel) {
            model_init(self, name, env, cmodel);
          },
-         nb::arg("name") = "", nb::arg("env").none() = nb::none(),
+         nb::arg("name").none() = "", nb::arg("env").none() = nb::none(),
          nb::arg("cmodel").none() = nb::none(),
          "Creates an empty model in env (default: the default environment), or adopts the "
          "library model cmodel.")
@@ -448,8 +448,8 @@ void init_model(nb::module_ &m) {
           [](nb::handle self) {
             KVRmodel *copy = KVRcopymodel(live_model(self));
             if (!copy) raise_error(-1, "Failed to create copy");
-            return module_attr("Model")(nb::arg("env") = model_ref(self).uenv,
-                                        nb::arg("cmodel") = handle_object(copy));
+            return module_attr("Model")(nb::arg("env").none() = model_ref(self).uenv,
+                                        nb::arg("cmodel").none() = handle_object(copy));
           },
           "A new model holding a copy of the library model (pending changes are not applied).")
       .def(
@@ -480,11 +480,11 @@ void init_model(nb::module_ &m) {
       .def(
           "getVarByName",
           [](nb::handle self, nb::handle name) { return handle_by_name(self, kVar, name); },
-          nb::arg("name"), "The variable of that name, or None.")
+          nb::arg("name").none(), "The variable of that name, or None.")
       .def(
           "getConstrByName",
           [](nb::handle self, nb::handle name) { return handle_by_name(self, kConstr, name); },
-          nb::arg("name"), "The linear constraint of that name, or None.");
+          nb::arg("name").none(), "The linear constraint of that name, or None.");
   const char *factories[kNumKinds] = {"_Model__getVar", "_Model__getConstr", "_Model__getSOS",
                                       "_Model__getQConstr", "_Model__getGenConstr"};
   for (int k = 0; k < kNumKinds; ++k)
@@ -499,13 +499,13 @@ void init_model(nb::module_ &m) {
            nb::object other = nb::getattr(obj, "_cmodel", nb::none());
            return handle_pointer<KVRmodel>(other) == mine;
          },
-         nb::arg("object"), "True when the object belongs to this model.")
+         nb::arg("object").none(), "True when the object belongs to this model.")
       .def(
           "_Model__isAttrAvailable",
           [](nb::handle self, nb::handle name) {
             return KVRisattravailable(live_model(self), utf8(name).c_str());
           },
-          nb::arg("name"), "1 when the attribute has a value in the current state, else 0.")
+          nb::arg("name").none(), "1 when the attribute has a value in the current state, else 0.")
       .def(
           "__getattr__",
           [](nb::handle self, nb::handle name) {
@@ -513,7 +513,7 @@ void init_model(nb::module_ &m) {
             if (n.empty() || n[0] == '_') raise_no_attribute("Model", n);
             return get_attr(self, n);
           },
-          nb::arg("name"), "Reads the model attribute of that name.")
+          nb::arg("name").none(), "Reads the model attribute of that name.")
       .def(
           "__setattr__",
           [](nb::handle self, nb::handle name, nb::handle value) {
@@ -525,7 +525,7 @@ void init_model(nb::module_ &m) {
             }
             set_attr(self, n, value);
           },
-          nb::arg("name"), nb::arg("value").none(),
+          nb::arg("name").none(), nb::arg("value").none(),
           "Names beginning with '_' are Python attributes; others set the model attribute.")
       .def(
           "__dir__",
@@ -543,14 +543,14 @@ void init_model(nb::module_ &m) {
           [](nb::handle self, nb::handle name, nb::handle value) {
             model_ref(self).env.attr("setParam")(name, value);
           },
-          nb::arg("paramname"), nb::arg("newval").none(),
+          nb::arg("paramname").none(), nb::arg("newval").none(),
           "Sets a parameter of the model's own environment.")
       .def(
           "getParamInfo",
           [](nb::handle self, nb::handle name) {
             return model_ref(self).env.attr("getParamInfo")(name);
           },
-          nb::arg("paramname"),
+          nb::arg("paramname").none(),
           "(name, type, current value, minimum, maximum, default) of a parameter of the model.");
   init_model_add(cls);
   init_model_query(cls);
