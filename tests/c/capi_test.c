@@ -712,6 +712,16 @@ static void test_genconstrs(void) {
   CHECK(int_attr(m, "NumGenConstrs") == 12);
   CHECK(same_str(str_elem(m, "GenConstrName", 0), "ind"));
   KVRfreemodel(m);
+
+  /* An absolute value goes with its argument. */
+  m = new_model(2);
+  OK(m, KVRaddgenconstrAbs(m, "abs", 0, 1));
+  OK(m, KVRupdatemodel(m));
+  del = 1;
+  OK(m, KVRdelvars(m, 1, &del));
+  OK(m, KVRupdatemodel(m));
+  CHECK(int_attr(m, "NumGenConstrs") == 0);
+  KVRfreemodel(m);
 }
 
 /* ------------------------------------------------------------------ objectives */
