@@ -898,6 +898,13 @@ void register_linexpr_methods(PyTypeObject *type) {
       },
       nb::arg("c").none(), "Multiplies the expression by a number in place.");
   def(
+      "__sizeof__",
+      [](nb::handle self) {
+        LinExprObject *e = lin_self(self);
+        return sizeof(LinExprObject) + e->terms.capacity() * sizeof(LinTerm);
+      },
+      "Bytes of the object and its own term vector (linked pieces and variables not counted).");
+  def(
       "__reduce__", [](nb::handle self) { return lin_reduce(lin_self(self)); },
       "Pickling support.");
 }

@@ -629,6 +629,14 @@ void register_quadexpr_methods(PyTypeObject *type) {
       },
       nb::arg("c").none(), "Multiplies the expression by a number in place.");
   def(
+      "__sizeof__",
+      [](nb::handle self) {
+        QuadExprObject *q = quad_self(self);
+        return sizeof(QuadExprObject) + q->terms.capacity() * sizeof(QuadTerm);
+      },
+      "Bytes of the object and its own term vector (the linear part, linked pieces and "
+      "variables not counted).");
+  def(
       "__reduce__", [](nb::handle self) { return quad_reduce(quad_self(self)); },
       "Pickling support.");
 }
