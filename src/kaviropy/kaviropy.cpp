@@ -1,4 +1,5 @@
 // The extension module kaviropy._core: creates every class family in import order.
+#include "containers.h"
 #include "exprtypes.h"
 #include "handles.h"
 
@@ -27,8 +28,11 @@ NB_MODULE(_core, m) {
   init_genexpr(m);
   init_tempconstr(m);
   init_column(m);
+  init_multidict(m);
   init_param(m);
   init_callback(m);
   init_constants(m);
+  init_tupledict(m);
+  init_tuplelist(m);
   init_kaviro(m);
 }

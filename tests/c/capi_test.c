@@ -290,6 +290,21 @@ static void test_update_mode_1(void) {
   OK(m, KVRupdatemodel(m));
   CHECK(int_attr(m, "NumConstrs") == 2 && same_str(str_elem(m, "ConstrName", 0), "c1"));
 
+  /* With IgnoreNames the names given are dropped. */
+  OK(m, KVRsetintparam(KVRgetenv(m), "IgnoreNames", 1));
+  OK(m, KVRaddvar(m, 0, NULL, NULL, 0, 0, 1, 'C', "dropped"));
+  OK(m, KVRaddrangeconstr(m, 0, NULL, NULL, 0, 1, "dropped"));
+  CHECK(same_str(str_elem(m, "VarName", 3), "C3") && same_str(str_elem(m, "VarName", 4), "C4"));
+  CHECK(same_str(str_elem(m, "ConstrName", 2), "R2"));
+  OK(m, KVRsetintparam(KVRgetenv(m), "IgnoreNames", 0));
+  {
+    int newvars[2] = {3, 4}, newrow = 2;
+    OK(m, KVRdelvars(m, 2, newvars));
+    OK(m, KVRdelconstrs(m, 1, &newrow));
+  }
+  OK(m, KVRupdatemodel(m));
+  CHECK(int_attr(m, "NumVars") == 3 && int_attr(m, "NumConstrs") == 2);
+
   /* SOS, quadratic and general constraints wait for the update in mode 1 too. */
   {
     int t = 1, b = 0, sind[2] = {0, 1};
@@ -828,18 +843,19 @@ static void test_coefficients(void) {
   /* Changes are queued; a zero removes the entry, a new position adds one; the last wins. */
   OK(m, KVRchgcoeffs(m, 3, ci, vi, nv));
   OK(m, KVRchgcoeffs(m, 1, &ci[2], &vi[2], &nv[1]));
+  OK(m, KVRchgcoeffs(m, 1, &ci[1], &vi[1], &nv[2])); /* the new entry changes again: 9 */
   OK(m, KVRgetcoeff(m, 0, 1, &v));
   CHECK(v == 2);
   OK(m, KVRupdatemodel(m));
   OK(m, KVRgetcoeff(m, 0, 1, &v));
   CHECK(v == 0);
   OK(m, KVRgetcoeff(m, 1, 2, &v));
-  CHECK(v == 7);
+  CHECK(v == 9);
   OK(m, KVRgetcoeff(m, 1, 0, &v));
   CHECK(v == 7);
   CHECK(int_attr(m, "NumNZs") == 5 && dbl_attr(m, "DNumNZs") == 5);
   OK(m, KVRXgetvars(m, &nz, beg, ind, val, 2, 1));
-  CHECK(nz == 2 && ind[0] == 0 && val[0] == 3 && ind[1] == 1 && val[1] == 7);
+  CHECK(nz == 2 && ind[0] == 0 && val[0] == 3 && ind[1] == 1 && val[1] == 9);
 
   before = model_state(m);
   ERR(m, KVR_ERROR_INDEX_OUT_OF_RANGE, KVRchgcoeffs(m, 1, bad, vi, nv));
