@@ -18,6 +18,7 @@
 #include <cmath>
 #include <functional>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "expr.h"
@@ -125,6 +126,24 @@ std::string var_text(PyObject *var);
 std::string coeff_text(double c);
 // sameAs of two variables (same type, model, index and instance attributes).
 bool same_var(PyObject *a, PyObject *b);
+// The distinct objects among `vars` that are sameAs `which`. Comparing instance attributes may
+// run Python code that changes the caller's expression, so this works on references of its own
+// and the caller filters its terms by object afterwards.
+std::unordered_set<PyObject *> vars_same_as(const std::vector<PyObject *> &vars, PyObject *which);
+// Strong references held for a scope.
+struct OwnedRefs {
+  std::vector<PyObject *> objects;
+  OwnedRefs() = default;
+  OwnedRefs(const OwnedRefs &) = delete;
+  OwnedRefs &operator=(const OwnedRefs &) = delete;
+  void add(PyObject *o) {
+    objects.push_back(o);  // may throw before the reference is taken
+    Py_INCREF(o);
+  }
+  ~OwnedRefs() {
+    for (PyObject *o : objects) Py_DECREF(o);
+  }
+};
 
 // ---------------------------------------------------------------- term vectors
 // Makes room for `extra` more elements, keeping growth geometric (a plain reserve of size + n
@@ -169,8 +188,11 @@ nb::object lin_new();
 void lin_flatten(LinExprObject *e);
 // e += mult * x for an operand of linear kind (Num, Var, Lin). mult must be finite.
 void lin_add(LinExprObject *e, PyObject *x, const Operand &o, double mult);
-// A new expression with the value of e, made without copying a long term vector.
-nb::object lin_extend(LinExprObject *e);
+// A new expression with the value of e, made without copying a long term vector, with room for
+// `extra` more terms.
+nb::object lin_extend(LinExprObject *e, size_t extra = 0);
+// Number of terms an operand of linear kind adds.
+size_t operand_terms(PyObject *x, const Operand &o);
 // A new expression equal to c * e (e flattened). Checks c ("Multiplier is Nan or Inf").
 nb::object lin_scaled(LinExprObject *e, double c);
 // Scales e in place (checks c as lin_scaled).

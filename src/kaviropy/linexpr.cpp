@@ -160,6 +160,19 @@ bool same_var(PyObject *a, PyObject *b) {
   return eq == 1;
 }
 
+std::unordered_set<PyObject *> vars_same_as(const std::vector<PyObject *> &vars, PyObject *which) {
+  OwnedRefs refs;
+  refs.objects.reserve(vars.size() + 1);
+  refs.add(which);
+  for (PyObject *v : vars) refs.add(v);
+  std::unordered_set<PyObject *> seen, same;
+  for (size_t i = 1; i < refs.objects.size(); ++i) {
+    PyObject *v = refs.objects[i];
+    if (seen.insert(v).second && same_var(v, which)) same.insert(v);
+  }
+  return same;
+}
+
 void release_terms(std::vector<LinTerm> &terms) {
   // Detach first: a release may run arbitrary code that looks at the owner.
   std::vector<LinTerm> old;
@@ -247,10 +260,20 @@ void lin_flatten(LinExprObject *e) {
   release_chain(old);
 }
 
-nb::object lin_extend(LinExprObject *e) {
+size_t operand_terms(PyObject *x, const Operand &o) {
+  if (o.kind == Kind::Var) return 1;
+  if (o.kind != Kind::Lin) return 0;
+  LinExprObject *e = L(x);
+  size_t n = e->terms.size();
+  for (LinExprObject *p = e->next; p; p = p->next) n += p->terms.size();
+  return n;
+}
+
+nb::object lin_extend(LinExprObject *e, size_t extra) {
   nb::object r = lin_new();
   LinExprObject *out = L(r);
   if (e->terms.size() <= kPieceMin) {
+    out->terms.reserve(e->terms.size() + extra);
     copy_terms(out->terms, e->terms.data(), e->terms.size(), 1.0);
     out->constant = e->constant;
     out->next = e->next;
@@ -265,6 +288,7 @@ nb::object lin_extend(LinExprObject *e) {
   e->next = piece;
   Py_INCREF(piece);
   out->next = piece;
+  out->terms.reserve(extra);
   return r;
 }
 
@@ -561,7 +585,7 @@ PyObject *lin_nb_add(PyObject *a, PyObject *b) {
     PyObject *self = is_lin(a) ? a : b, *other = is_lin(a) ? b : a;
     Operand o = classify(other);
     if (!is_linear_kind(o.kind)) return not_implemented();
-    nb::object r = lin_extend(L(self));
+    nb::object r = lin_extend(L(self), operand_terms(other, o));
     lin_add(L(r), other, o, 1.0);
     return r.release().ptr();
   });
@@ -572,7 +596,7 @@ PyObject *lin_nb_subtract(PyObject *a, PyObject *b) {
     if (is_lin(a)) {
       Operand o = classify(b);
       if (!is_linear_kind(o.kind)) return not_implemented();
-      nb::object r = lin_extend(L(a));
+      nb::object r = lin_extend(L(a), operand_terms(b, o));
       lin_add(L(r), b, o, -1.0);
       return r.release().ptr();
     }
@@ -692,9 +716,13 @@ void lin_remove(LinExprObject *e, nb::handle which) {
   lin_flatten(e);
   std::vector<LinTerm> dropped;
   if (is_var(which.ptr())) {
+    std::vector<PyObject *> vars;
+    vars.reserve(e->terms.size());
+    for (const LinTerm &t : e->terms) vars.push_back(t.var);
+    std::unordered_set<PyObject *> same = vars_same_as(vars, which.ptr());
     std::vector<LinTerm> kept;
     kept.reserve(e->terms.size());
-    for (const LinTerm &t : e->terms) (same_var(t.var, which.ptr()) ? dropped : kept).push_back(t);
+    for (const LinTerm &t : e->terms) (same.count(t.var) ? dropped : kept).push_back(t);
     e->terms.swap(kept);
   } else if (PyLong_Check(which.ptr())) {
     size_t i = term_position(which, e->terms.size(), "a LinExpr");
@@ -923,8 +951,9 @@ VarOperands var_operands(PyObject *a, PyObject *b) {
   return {left ? a : b, left ? b : a, left};
 }
 
-nb::object var_linexpr(PyObject *var, double coeff) {
+nb::object var_linexpr(PyObject *var, double coeff, size_t extra = 0) {
   nb::object r = lin_new();
+  L(r)->terms.reserve(1 + extra);
   lin_add(L(r), var, {Kind::Var, 0.0}, coeff);
   return r;
 }
@@ -934,7 +963,7 @@ PyObject *var_nb_add(PyObject *a, PyObject *b) {
     VarOperands v = var_operands(a, b);
     Operand o = classify(v.other);
     if (!is_linear_kind(o.kind)) return not_implemented();
-    nb::object r = var_linexpr(v.var, 1.0);
+    nb::object r = var_linexpr(v.var, 1.0, operand_terms(v.other, o));
     lin_add(L(r), v.other, o, 1.0);
     return r.release().ptr();
   });
@@ -946,6 +975,7 @@ PyObject *var_nb_subtract(PyObject *a, PyObject *b) {
     Operand o = classify(v.other);
     if (!is_linear_kind(o.kind)) return not_implemented();
     nb::object r = lin_new();
+    L(r)->terms.reserve(1 + operand_terms(v.other, o));
     lin_add(L(r), a, v.var_left ? Operand{Kind::Var, 0.0} : o, 1.0);
     lin_add(L(r), b, v.var_left ? o : Operand{Kind::Var, 0.0}, -1.0);
     return r.release().ptr();

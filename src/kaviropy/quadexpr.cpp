@@ -220,8 +220,16 @@ std::string quad_pretty(QuadExprObject *q) {
   if (!q->terms.empty()) {
     if (!s.empty()) s += " + ";
     s += "[ ";
-    for (size_t i = 0; i < q->terms.size(); ++i) {
-      const QuadTerm &t = q->terms[i];
+    // sameAs may run Python code: print from a copy that holds its own references.
+    std::vector<QuadTerm> terms = q->terms;
+    OwnedRefs refs;
+    refs.objects.reserve(2 * terms.size());
+    for (const QuadTerm &t : terms) {
+      refs.add(t.var1);
+      refs.add(t.var2);
+    }
+    for (size_t i = 0; i < terms.size(); ++i) {
+      const QuadTerm &t = terms[i];
       if (i) s += " + ";
       s += coeff_text(t.coeff);
       s += var_text(t.var1);
@@ -395,10 +403,17 @@ void quad_remove(QuadExprObject *q, nb::handle which) {
   quad_flatten(q);
   std::vector<QuadTerm> dropped;
   if (is_var(which.ptr())) {
+    std::vector<PyObject *> vars;
+    vars.reserve(2 * q->terms.size());
+    for (const QuadTerm &t : q->terms) {
+      vars.push_back(t.var1);
+      vars.push_back(t.var2);
+    }
+    std::unordered_set<PyObject *> same = vars_same_as(vars, which.ptr());
     std::vector<QuadTerm> kept;
     kept.reserve(q->terms.size());
     for (const QuadTerm &t : q->terms) {
-      bool hit = same_var(t.var1, which.ptr()) || same_var(t.var2, which.ptr());
+      bool hit = same.count(t.var1) || same.count(t.var2);
       (hit ? dropped : kept).push_back(t);
     }
     q->terms.swap(kept);
