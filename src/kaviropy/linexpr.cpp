@@ -173,15 +173,15 @@ std::unordered_set<PyObject *> vars_same_as(const std::vector<PyObject *> &vars,
   return same;
 }
 
-void release_terms(std::vector<LinTerm> &terms) {
+void release_terms(LinTerms &terms) {
   // Detach first: a release may run arbitrary code that looks at the owner.
-  std::vector<LinTerm> old;
+  LinTerms old;
   old.swap(terms);
   for (LinTerm &t : old) Py_DECREF(t.var);
 }
 
-void release_terms(std::vector<QuadTerm> &terms) {
-  std::vector<QuadTerm> old;
+void release_terms(QuadTerms &terms) {
+  QuadTerms old;
   old.swap(terms);
   for (QuadTerm &t : old) {
     Py_DECREF(t.var1);
@@ -205,7 +205,7 @@ void add_method(PyTypeObject *type, const char *name, nb::object func) {
 
 namespace {
 
-void copy_terms(std::vector<LinTerm> &dst, const LinTerm *src, size_t n, double mult) {
+void copy_terms(LinTerms &dst, const LinTerm *src, size_t n, double mult) {
   grow(dst, n);
   for (size_t i = 0; i < n; ++i) {
     Py_INCREF(src[i].var);
@@ -219,7 +219,7 @@ LinExprObject *lin_alloc() {
   LinExprObject *e = PyObject_GC_New(LinExprObject, g_linexpr_type);
   if (!e) throw nb::python_error();
   e->constant = 0.0;
-  new (&e->terms) std::vector<LinTerm>();
+  new (&e->terms) LinTerms();
   e->next = nullptr;
   PyObject_GC_Track(reinterpret_cast<PyObject *>(e));
   return e;
@@ -235,7 +235,7 @@ void lin_flatten(LinExprObject *e) {
     chain.push_back(p);
     total += p->terms.size();
   }
-  std::vector<LinTerm> merged;
+  LinTerms merged;
   merged.reserve(total);
   // Pieces referenced only along this chain hand over their terms instead of copying them.
   size_t exclusive = 0;
@@ -402,7 +402,7 @@ std::vector<double> var_values(const std::vector<PyObject *> &vars) {
   return x;
 }
 
-double terms_value(const std::vector<LinTerm> &terms) {
+double terms_value(const LinTerms &terms) {
   std::vector<PyObject *> vars;
   vars.reserve(terms.size());
   for (const LinTerm &t : terms) vars.push_back(t.var);
@@ -714,13 +714,13 @@ void lin_add_terms(LinExprObject *e, nb::handle coeffs, nb::handle vars) {
 
 void lin_remove(LinExprObject *e, nb::handle which) {
   lin_flatten(e);
-  std::vector<LinTerm> dropped;
+  LinTerms dropped;
   if (is_var(which.ptr())) {
     std::vector<PyObject *> vars;
     vars.reserve(e->terms.size());
     for (const LinTerm &t : e->terms) vars.push_back(t.var);
     std::unordered_set<PyObject *> same = vars_same_as(vars, which.ptr());
-    std::vector<LinTerm> kept;
+    LinTerms kept;
     kept.reserve(e->terms.size());
     for (const LinTerm &t : e->terms) (same.count(t.var) ? dropped : kept).push_back(t);
     e->terms.swap(kept);
@@ -747,7 +747,7 @@ void lin_normalize(LinExprObject *e) {
   lin_flatten(e);
   std::unordered_map<TermKey, size_t, TermKeyHash> first;
   first.reserve(e->terms.size());
-  std::vector<LinTerm> merged, dropped;
+  LinTerms merged, dropped;
   merged.reserve(e->terms.size());
   for (const LinTerm &t : e->terms) {
     auto [it, fresh] = first.emplace(var_key(t.var), merged.size());

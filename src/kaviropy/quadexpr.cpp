@@ -18,13 +18,13 @@ QuadExprObject *quad_alloc(LinExprObject *lin) {
     throw nb::python_error();
   }
   q->lin = lin;
-  new (&q->terms) std::vector<QuadTerm>();
+  new (&q->terms) QuadTerms();
   q->next = nullptr;
   PyObject_GC_Track(reinterpret_cast<PyObject *>(q));
   return q;
 }
 
-void copy_quad_terms(std::vector<QuadTerm> &dst, const QuadTerm *src, size_t n, double mult) {
+void copy_quad_terms(QuadTerms &dst, const QuadTerm *src, size_t n, double mult) {
   grow(dst, n);
   for (size_t i = 0; i < n; ++i) {
     Py_INCREF(src[i].var1);
@@ -63,7 +63,7 @@ void quad_flatten(QuadExprObject *q) {
     chain.push_back(p);
     total += p->terms.size();
   }
-  std::vector<QuadTerm> merged;
+  QuadTerms merged;
   merged.reserve(total);
   size_t exclusive = 0;
   while (exclusive < chain.size() && Py_REFCNT(chain[exclusive]) == 1) ++exclusive;
@@ -221,7 +221,7 @@ std::string quad_pretty(QuadExprObject *q) {
     if (!s.empty()) s += " + ";
     s += "[ ";
     // sameAs may run Python code: print from a copy that holds its own references.
-    std::vector<QuadTerm> terms = q->terms;
+    QuadTerms terms = q->terms;
     OwnedRefs refs;
     refs.objects.reserve(2 * terms.size());
     for (const QuadTerm &t : terms) {
@@ -401,7 +401,7 @@ void quad_add_terms(QuadExprObject *q, nb::handle coeffs, nb::handle vars, nb::h
 
 void quad_remove(QuadExprObject *q, nb::handle which) {
   quad_flatten(q);
-  std::vector<QuadTerm> dropped;
+  QuadTerms dropped;
   if (is_var(which.ptr())) {
     std::vector<PyObject *> vars;
     vars.reserve(2 * q->terms.size());
@@ -410,7 +410,7 @@ void quad_remove(QuadExprObject *q, nb::handle which) {
       vars.push_back(t.var2);
     }
     std::unordered_set<PyObject *> same = vars_same_as(vars, which.ptr());
-    std::vector<QuadTerm> kept;
+    QuadTerms kept;
     kept.reserve(q->terms.size());
     for (const QuadTerm &t : q->terms) {
       bool hit = same.count(t.var1) || same.count(t.var2);
@@ -441,7 +441,7 @@ void quad_normalize(QuadExprObject *q) {
   // x * y and y * x are one product.
   std::unordered_map<std::pair<TermKey, TermKey>, size_t, PairHash> first;
   first.reserve(q->terms.size());
-  std::vector<QuadTerm> merged, dropped;
+  QuadTerms merged, dropped;
   merged.reserve(q->terms.size());
   for (const QuadTerm &t : q->terms) {
     TermKey a = var_key(t.var1), b = var_key(t.var2);
