@@ -1,7 +1,9 @@
 // The extension module kaviropy._core: creates every class family in import order.
+#include "attrutil.h"
 #include "containers.h"
 #include "exprtypes.h"
 #include "handles.h"
+#include "model.h"
 
 namespace kvrpy {
 namespace {
@@ -30,6 +32,8 @@ NB_MODULE(_core, m) {
   init_column(m);
   init_multidict(m);
   init_param(m);
+  init_model(m);
+  init_attrutil(m);
   init_callback(m);
   init_constants(m);
   init_tupledict(m);
