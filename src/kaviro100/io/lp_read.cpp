@@ -661,7 +661,12 @@ class LpReader {
     }
     int row = d_.constrs.size();
     std::string rgname = "Rg";
-    rgname += name.empty() ? "R" + std::to_string(row) : name;
+    if (name.empty()) {
+      rgname += 'R';
+      rgname += std::to_string(row);
+    } else {
+      rgname += name;
+    }
     add_row(std::move(name), lin, KVR_EQUAL, 0.0);
     // The range variable's column is known once every file variable is.
     SparseMatrix &A = d_.constrs.rows;
