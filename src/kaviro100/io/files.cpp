@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "io/datafiles.h"
 #include "io/formats.h"
 #include "model/model.h"
 #include "util/error.h"
@@ -115,6 +116,54 @@ int KVRreadmodel(KVRenv *env, const char *filename, KVRmodel **modelP) {
     if (!env->started) kvr::fail(KVR_ERROR_INVALID_ARGUMENT, "Environment not started");
     kvr::ModelData d = read_model_file(filename, *env);
     *modelP = new kvr_model(*env, std::move(d));
+  });
+}
+
+int KVRread(KVRmodel *model, const char *filename) {
+  if (!model) return KVR_ERROR_NULL_ARGUMENT;
+  return model->run([&] {
+    if (!filename) kvr::fail(KVR_ERROR_NULL_ARGUMENT, "Null file name given to KVRread");
+    kvr::check_modifiable(model);
+    FileType t = file_type(filename);
+    if (t == FileType::Unknown) unknown_type(filename, "cannot read it into a model");
+    if (t == FileType::Lp || t == FileType::Mps)
+      kvr::fail(KVR_ERROR_INVALID_ARGUMENT,
+                "Unable to read model file '%s' into an existing model: read it as a new model",
+                filename);
+    if (t == FileType::Json)
+      kvr::fail(KVR_ERROR_INVALID_ARGUMENT,
+                "Unable to read '%s': JSON solution files are written, not read", filename);
+    read_data_file(model, filename, t);
+    model->env.logf("Read %s file %s\n", file_type_name(t), filename);
+  });
+}
+
+int KVRwrite(KVRmodel *model, const char *filename) {
+  if (!model) return KVR_ERROR_NULL_ARGUMENT;
+  return model->run([&] {
+    if (!filename) kvr::fail(KVR_ERROR_NULL_ARGUMENT, "Null file name given to KVRwrite");
+    kvr::check_queryable(model);
+    FileType t = file_type(filename);
+    if (t == FileType::Unknown) unknown_type(filename, "cannot write it");
+    kvr::update_model(model);
+    if (t == FileType::Lp || t == FileType::Mps)
+      write_model_file(model->data, filename, t);
+    else
+      write_data_file(model, filename, t);
+  });
+}
+
+int KVRgetjsonsolution(KVRmodel *model, char **buffP) {
+  if (buffP) *buffP = nullptr;
+  if (!model) return KVR_ERROR_NULL_ARGUMENT;
+  return model->run([&] {
+    if (!buffP) kvr::fail(KVR_ERROR_NULL_ARGUMENT, "Null buffer pointer given to KVRgetjsonsolution");
+    kvr::check_queryable(model);
+    std::string s = json_solution(model);
+    char *p = static_cast<char *>(std::malloc(s.size() + 1));
+    if (!p) throw std::bad_alloc();
+    std::memcpy(p, s.c_str(), s.size() + 1);
+    *buffP = p;
   });
 }
 

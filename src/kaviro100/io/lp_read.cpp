@@ -915,9 +915,7 @@ class LpReader {
 
   void pwlobj() {
     if (!at_label()) expected("a variable followed by ':'");
-    int j = var(cur().text);
-    advance();
-    advance();
+    int j = var(label());
     for (const PwlObj &p : d_.pwlobj)
       if (p.var == j) in_.fail("second piecewise-linear objective for variable '%.*s'",
                                static_cast<int>(d_.vars.names.get(j).size()), d_.vars.names.get(j).data());

@@ -588,8 +588,8 @@ class MpsReader {
       d_.q.row.push_back(std::min(a, b)), d_.q.col.push_back(std::max(a, b)), d_.q.val.push_back(v);
       return;
     }
-    if (a != b) v *= 0.5;  // each off-diagonal pair appears twice
-    if (section_ == Section::QMatrix && a == b) v *= 0.5;
+    // Both triangles are listed: in x'Qx each entry is a term of its own.
+    if (section_ == Section::QMatrix) v *= 0.5;
     QuadTerms &q = section_ == Section::QMatrix ? d_.q : qrows_[qc_row_];
     q.row.push_back(std::min(a, b)), q.col.push_back(std::max(a, b)), q.val.push_back(v);
   }
