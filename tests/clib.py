@@ -28,6 +28,7 @@ IP, DP = C.POINTER(C.c_int), C.POINTER(C.c_double)
 _SIGS = {
     "KVRemptyenv": [C.POINTER(P)], "KVRstartenv": [P], "KVRfreeenv": [P],
     "KVRsetintparam": [P, S, I], "KVRsetparam": [P, S, S], "KVRgeterrormsg": [P],
+    "KVRgetdblparam": [P, S, DP],
     "KVRnewmodel": [P, C.POINTER(P), S, I, DP, DP, DP, S, C.POINTER(S)],
     "KVRreadmodel": [P, S, C.POINTER(P)], "KVRread": [P, S], "KVRwrite": [P, S],
     "KVRfreemodel": [P], "KVRgetmerrormsg": [P], "KVRupdatemodel": [P], "KVRgetenv": [P],
