@@ -99,10 +99,11 @@ class HighsInstance {
     if (Highs_getInfoType(h_, name, &type) != kHighsStatusOk) return 0;
     if (type == kHighsInfoTypeInt64) {
       int64_t v64 = 0;
-      return Highs_getInt64InfoValue(h_, name, &v64) == kHighsStatusOk ? v64 : 0;
+      return Highs_getInt64InfoValue(h_, name, &v64) == kHighsStatusOk ? std::max<int64_t>(v64, 0)
+                                                                         : 0;
     }
-    HighsInt v = 0;
-    return Highs_getIntInfoValue(h_, name, &v) == kHighsStatusOk ? v : 0;
+    HighsInt v = 0;  // counts the engine did not keep read -1
+    return Highs_getIntInfoValue(h_, name, &v) == kHighsStatusOk ? std::max<HighsInt>(v, 0) : 0;
   }
 
  private:
@@ -290,7 +291,8 @@ void engine_event(int type, const char *msg, const HighsCallbackDataOut *out,
   } catch (...) {
     // Nothing may escape into the engine; a failing event is dropped.
   }
-  if (type != kHighsCallbackLogging && ctx.must_stop()) in->user_interrupt = 1;
+  // The engine keeps the flag between runs: it is written on every event.
+  if (in) in->user_interrupt = ctx.must_stop() ? 1 : 0;
 }
 
 int map_status(HighsInt model_status, bool mip, bool has_x) {
@@ -483,7 +485,7 @@ void HighsEngine::set_options(HighsInstance &hi, const ParamValues &p, SolveCont
   int presolve = p.get_int(ParamId::Presolve);
   hi.set_str("presolve", presolve == 0 ? "off" : presolve < 0 ? "choose" : "on");
   double cutoff = p.get_dbl(ParamId::Cutoff);
-  bool cutoff_set = ctx.sense == KVR_MINIMIZE ? cutoff < KVR_INFINITY : cutoff > -KVR_INFINITY;
+  bool cutoff_set = std::fabs(cutoff) < KVR_INFINITY;
   if (cutoff_set) hi.set_dbl("objective_bound", cutoff);
   if (p.get_int(ParamId::ScaleFlag) == 0) hi.set_int("simplex_scale_strategy", 0);
   if (mip) {
@@ -664,7 +666,7 @@ EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues 
     }
     st.base_iters += iters;
     st.base_nodes += static_cast<double>(std::max(0LL, hi->info_int("mip_node_count")));
-    r.baritercount += static_cast<double>(hi->info_int("ipm_iteration_count"));
+    r.baritercount += static_cast<double>(std::max(0LL, hi->info_int("ipm_iteration_count")));
     r.itercount += mip ? iters
                        : iters + hi->info_int("crossover_iteration_count") +
                              hi->info_int("pdlp_iteration_count") +

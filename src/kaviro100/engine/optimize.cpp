@@ -137,9 +137,18 @@ const char *status_text(int status) {
 
 namespace {
 
-const std::vector<double> *extra_column(const ExtraAttrs &extra, AttrId id) {
-  auto it = extra.num.find(static_cast<int>(id));
+const std::vector<double> *extra_column(const ExtraAttrs &extra, int key) {
+  auto it = extra.num.find(key);
   return it == extra.num.end() ? nullptr : &it->second;
+}
+
+const std::vector<double> *extra_column(const ExtraAttrs &extra, AttrId id) {
+  return extra_column(extra, static_cast<int>(id));
+}
+
+// Entry j of an extra column, which may be shorter than the element count.
+double extra_at(const std::vector<double> *col, int j, double def) {
+  return col && j < static_cast<int>(col->size()) ? (*col)[j] : def;
 }
 
 bool any_defined(const std::vector<double> *v) {
@@ -157,40 +166,51 @@ EngineProblem make_problem(const kvr_model *model, const Reformulated &rf) {
   p.user_vars = rf.user_vars;
   const ModelData &user = model->data;
   const int n = rf.model.num_vars(), m = rf.model.num_constrs();
+  const int nu = rf.user_vars, mu = rf.user_constrs;
   const std::vector<double> *start = extra_column(user.vars.extra, AttrId::Start);
   const std::vector<double> *hint = extra_column(user.vars.extra, AttrId::VarHintVal);
   if (any_defined(start) || any_defined(hint)) {
     p.mip_start.assign(n, KVR_UNDEFINED);
-    for (int j = 0; j < rf.user_vars; ++j) {
-      if (start && (*start)[j] != KVR_UNDEFINED)
-        p.mip_start[j] = (*start)[j];
-      else if (hint && (*hint)[j] != KVR_UNDEFINED)
-        p.mip_start[j] = (*hint)[j];
+    for (int j = 0; j < nu; ++j) {
+      double v = extra_at(start, j, KVR_UNDEFINED);
+      p.mip_start[j] = v != KVR_UNDEFINED ? v : extra_at(hint, j, KVR_UNDEFINED);
     }
   }
   const std::vector<double> *vb = extra_column(user.vars.extra, AttrId::VBasis);
   const std::vector<double> *cb = extra_column(user.constrs.extra, AttrId::CBasis);
   // A basis is complete only for the user's own model.
-  if (vb && cb && !rf.changed && static_cast<int>(vb->size()) == n &&
-      static_cast<int>(cb->size()) == m) {
-    p.vbasis.assign(vb->begin(), vb->end());
-    p.cbasis.assign(cb->begin(), cb->end());
+  if ((vb || cb) && !rf.changed && n == nu && m == mu) {
+    p.vbasis.resize(n);
+    p.cbasis.resize(m);
     int basic = 0;
-    for (int s : p.vbasis) basic += s == KVR_BASIC;
-    for (int s : p.cbasis) basic += s == KVR_BASIC;
+    for (int j = 0; j < n; ++j)
+      basic += (p.vbasis[j] = static_cast<int>(extra_at(vb, j, KVR_NONBASIC_LOWER))) == KVR_BASIC;
+    for (int i = 0; i < m; ++i)
+      basic += (p.cbasis[i] = static_cast<int>(extra_at(cb, i, KVR_BASIC))) == KVR_BASIC;
     if (basic != m) p.vbasis.clear(), p.cbasis.clear();
   }
   const std::vector<double> *ps = extra_column(user.vars.extra, AttrId::PStart);
   const std::vector<double> *ds = extra_column(user.constrs.extra, AttrId::DStart);
   if (any_defined(ps)) {
     p.pstart.assign(n, KVR_UNDEFINED);
-    std::copy(ps->begin(), ps->begin() + rf.user_vars, p.pstart.begin());
+    for (int j = 0; j < nu; ++j) p.pstart[j] = extra_at(ps, j, KVR_UNDEFINED);
   }
   if (any_defined(ds)) {
     p.dstart.assign(m, KVR_UNDEFINED);
-    std::copy(ds->begin(), ds->begin() + rf.user_constrs, p.dstart.begin());
+    for (int i = 0; i < mu; ++i) p.dstart[i] = extra_at(ds, i, KVR_UNDEFINED);
   }
   return p;
+}
+
+// MIP starts beyond the first (NumStart > 1) are offered to the engine as user solutions.
+void queue_extra_starts(const kvr_model *model, const Reformulated &rf, SolveContext &ctx) {
+  const ExtraAttrs &extra = model->data.vars.extra;
+  for (const auto &[key, col] : extra.num) {
+    if (key < attr_count() || !any_defined(&col)) continue;
+    std::vector<double> x(rf.model.num_vars(), KVR_UNDEFINED);
+    for (int j = 0; j < rf.user_vars; ++j) x[j] = extra_at(&col, j, KVR_UNDEFINED);
+    ctx.user_solutions.push_back(std::move(x));
+  }
 }
 
 double objective_value(const ModelData &m, const std::vector<double> &x) {
@@ -475,6 +495,7 @@ void optimize(kvr_model *model) {
       ctx.invoke(cb);
     }
     EngineProblem problem = make_problem(model, rf);
+    if (ctx.is_mip) queue_extra_starts(model, rf, ctx);
     EngineResult r = engine->solve(problem, params, ctx);
     fill_solution(model, rf, ctx, std::move(r), sol);
   }
