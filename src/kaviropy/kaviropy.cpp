@@ -1,5 +1,6 @@
 // The extension module kaviropy._core: creates every class family in import order.
 #include "handles.h"
+#include "model_optimize.h"
 
 namespace kvrpy {
 namespace {
@@ -25,4 +26,6 @@ NB_MODULE(_core, m) {
   init_callback(m);
   init_constants(m);
   init_kaviro(m);
+  init_model_optimize(m);
+  init_model_print(m);
 }

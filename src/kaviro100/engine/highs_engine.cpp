@@ -100,7 +100,7 @@ class HighsInstance {
     if (type == kHighsInfoTypeInt64) {
       int64_t v64 = 0;
       return Highs_getInt64InfoValue(h_, name, &v64) == kHighsStatusOk ? std::max<int64_t>(v64, 0)
-                                                                         : 0;
+                                                                       : 0;
     }
     HighsInt v = 0;  // counts the engine did not keep read -1
     return Highs_getIntInfoValue(h_, name, &v) == kHighsStatusOk ? std::max<HighsInt>(v, 0) : 0;
