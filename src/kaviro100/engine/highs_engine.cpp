@@ -486,7 +486,9 @@ void HighsEngine::set_options(HighsInstance &hi, const ParamValues &p, SolveCont
   hi.set_str("presolve", presolve == 0 ? "off" : presolve < 0 ? "choose" : "on");
   double cutoff = p.get_dbl(ParamId::Cutoff);
   bool cutoff_set = std::fabs(cutoff) < KVR_INFINITY;
-  if (cutoff_set) hi.set_dbl("objective_bound", cutoff);
+  // The engine prunes with the bound in its own (minimizing) sense; only its MIP solver uses it.
+  if (cutoff_set && mip)
+    hi.set_dbl("objective_bound", ctx.sense == KVR_MAXIMIZE ? -cutoff : cutoff);
   if (p.get_int(ParamId::ScaleFlag) == 0) hi.set_int("simplex_scale_strategy", 0);
   if (mip) {
     hi.set_dbl("mip_rel_gap", p.get_dbl(ParamId::MIPGap));
@@ -662,7 +664,7 @@ EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues 
     double iters = hi->info_int("simplex_iteration_count");
     if (mip) {
       // The MIP's LP iterations are only reported through its events.
-      iters = std::max(0.0, ctx.iters_now - st.base_iters);
+      iters = std::max(iters, ctx.iters_now - st.base_iters);
     }
     st.base_iters += iters;
     st.base_nodes += static_cast<double>(std::max(0LL, hi->info_int("mip_node_count")));
@@ -773,6 +775,20 @@ EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues 
     double nl = params.get_dbl(ParamId::NodeLimit);
     if (nl < KVR_INFINITY && st.base_nodes >= nl) r.status = KVR_NODE_LIMIT;
   }
+  // Cutoff: no solution better than the given value exists (or none at all was found).
+  double cutoff = params.get_dbl(ParamId::Cutoff);
+  if (std::fabs(cutoff) < KVR_INFINITY &&
+      (r.status == KVR_OPTIMAL || (mip && r.status == KVR_INFEASIBLE))) {
+    double obj = kNaN;
+    if (r.status == KVR_OPTIMAL && pstat == kHighsSolutionStatusFeasible)
+      obj = Highs_getObjectiveValue(hi->get());
+    bool worse = std::isnan(obj) || (ctx.sense == KVR_MINIMIZE ? obj >= cutoff : obj <= cutoff);
+    if (worse) {
+      r.status = KVR_CUTOFF;
+      has_x = false;
+      found.clear();
+    }
+  }
   r.nodecount = st.base_nodes;
   r.work = SolveContext::work_units(r.itercount + r.baritercount, r.nodecount);
   if (!mip) {
@@ -805,6 +821,7 @@ EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues 
     if (!std::isnan(bound)) r.objbound = from_engine(bound);
     if (r.status == KVR_INFEASIBLE)
       r.objbound = ctx.sense == KVR_MINIMIZE ? KVR_INFINITY : -KVR_INFINITY;
+    if (r.status == KVR_CUTOFF) r.objbound = kNaN;
     r.found_x = std::move(found);
   } else if (r.status == KVR_OPTIMAL && !r.x.empty()) {
     r.objbound = r.objval;
