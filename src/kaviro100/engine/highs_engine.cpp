@@ -65,11 +65,6 @@ struct SchedulerUse {
   int threads_used = -1;
 };
 
-int default_threads() {
-  unsigned hw = std::thread::hardware_concurrency();
-  return hw == 0 ? 1 : static_cast<int>(hw);
-}
-
 class HighsInstance {
  public:
   HighsInstance() : h_(Highs_create()) {
@@ -588,9 +583,8 @@ EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues 
          "Quadratic objectives with integer variables (MIQP) are not supported by the engine in "
          "use; relax the integrality or linearize the objective");
 
-  int threads = params.get_int(ParamId::Threads);
-  if (threads <= 0) threads = std::min(default_threads(), 8);
-  SchedulerUse sched(threads, ctx);
+  // Threads 0 leaves the count to the engine (it uses part of the machine's threads).
+  SchedulerUse sched(params.get_int(ParamId::Threads), ctx);
 
   auto hi = std::make_shared<HighsInstance>();
   std::vector<std::vector<double>> found;

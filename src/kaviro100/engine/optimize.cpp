@@ -404,8 +404,11 @@ std::string range_text(double lo, double hi) {
 void log_header(const kvr_model *model, const ModelData &m, int threads) {
   const kvr_env &env = model->env;
   kvr_env &out = const_cast<kvr_env &>(env);
-  out.logf("Kaviro %d.%d.%d, engine HiGHS %s, up to %d threads\n", KVR_VERSION_MAJOR,
-           KVR_VERSION_MINOR, KVR_VERSION_TECHNICAL, highs_version().c_str(), threads);
+  unsigned hw = std::thread::hardware_concurrency();
+  std::string thread_text = threads > 0 ? format("%d threads", threads)
+                                        : format("threads chosen by the engine (%u available)", hw);
+  out.logf("Kaviro %d.%d.%d, engine HiGHS %s, %s\n", KVR_VERSION_MAJOR, KVR_VERSION_MINOR,
+           KVR_VERSION_TECHNICAL, highs_version().c_str(), thread_text.c_str());
   std::string name = m.name.empty() ? std::string("(unnamed)") : "'" + m.name + "'";
   out.logf("Model %s: %d rows, %d columns, %lld nonzeros, %s\n", name.c_str(), m.num_constrs(),
            m.num_vars(), static_cast<long long>(m.constrs.rows.nnz()),
@@ -449,13 +452,6 @@ void log_summary(kvr_env &env, const Solution &sol, bool mip) {
            sol.itercount, sol.baritercount, sol.work, sol.runtime);
 }
 
-int thread_count(const ParamValues &p) {
-  int t = p.get_int(ParamId::Threads);
-  if (t > 0) return t;
-  unsigned hw = std::thread::hardware_concurrency();
-  return std::min(hw == 0 ? 1 : static_cast<int>(hw), 8);
-}
-
 void optimize(kvr_model *model) {
   if (model->optimizing.load())
     fail(KVR_ERROR_OPTIMIZATION_IN_PROGRESS, "The model is being optimized already");
@@ -473,7 +469,7 @@ void optimize(kvr_model *model) {
   ctx.started = std::chrono::steady_clock::now();
   ctx.sense = model->data.sense;
 
-  log_header(model, model->data, thread_count(params));
+  log_header(model, model->data, params.get_int(ParamId::Threads));
   Reformulated rf = reformulate(model->data, params);
   if (rf.changed)
     model->env.logf("Rewritten for the engine: %d rows, %d columns\n", rf.model.num_constrs(),
