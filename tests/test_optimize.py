@@ -281,3 +281,57 @@ def test_sub_environments(m):
     with pytest.raises(kp.KaviroError):
         m.getConcurrentEnv(KVR.MAX_CONCURRENT)
     m.discardConcurrentEnvs()
+
+
+def test_other_thread_can_terminate_while_the_lock_is_released(env):
+    import threading
+    m = kp.read(str(INSTANCES / "dcmulti.mps"), env=env)
+    timer = threading.Timer(0.3, m.terminate)
+    timer.start()
+    m.optimize()
+    timer.join()
+    assert m.Status == KVR.INTERRUPTED and m.Runtime < 5
+    m.dispose()
+
+
+def test_interrupt_signal_stops_the_solve_and_keeps_python_handler(env):
+    import os
+    import signal
+    import threading
+    m = kp.read(str(INSTANCES / "dcmulti.mps"), env=env)
+    timer = threading.Timer(0.3, lambda: os.kill(os.getpid(), signal.SIGINT))
+    timer.start()
+    m.optimize()  # the library handles the signal: no KeyboardInterrupt here
+    timer.join()
+    assert m.Status == KVR.INTERRUPTED
+    assert signal.getsignal(signal.SIGINT) is signal.default_int_handler
+    m.dispose()
+
+
+def test_work_and_node_limits(env):
+    m = kp.read(str(INSTANCES / "25fv47.mps"), env=env)
+    m.Params.Presolve = 0
+    m.Params.WorkLimit = 0.01  # 100 iterations
+    m.optimize()
+    assert m.Status == KVR.WORK_LIMIT and m.Work >= 0.01 and m.IterCount < 2000
+    m.dispose()
+    m = kp.read(str(INSTANCES / "bell5.mps"), env=env)
+    m.Params.NodeLimit = 20
+    m.optimize()
+    assert m.Status == KVR.NODE_LIMIT and 20 <= m.NodeCount < 100
+    m.dispose()
+
+
+def test_convexity_check_of_coupled_terms(m):
+    x = m.addVar(lb=-1, ub=1, name="x")
+    y = m.addVar(lb=-1, ub=1, name="y")
+    m.setObjective(x * x + x * y + y * y)  # [[1, .5], [.5, 1]]: positive definite
+    m.optimize()
+    assert m.Status == KVR.OPTIMAL and m.ObjVal == pytest.approx(0, abs=1e-6)
+    m.setObjective(x * x + 4 * x * y + 4 * y * y)  # (x + 2y)^2: singular but PSD
+    m.optimize()
+    assert m.Status == KVR.OPTIMAL
+    m.setObjective(x * x + 4 * x * y + y * y)  # eigenvalues 3 and -1
+    with pytest.raises(kp.KaviroError) as err:
+        m.optimize()
+    assert err.value.errno == KVR.ERROR_Q_NOT_PSD
