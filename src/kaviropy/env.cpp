@@ -19,6 +19,11 @@ KVRenv *live_env(nb::handle self) {
   return cenv;
 }
 
+// Raises KaviroError(code, <the environment's latest message>) when code is not zero.
+void check_env(int code, KVRenv *cenv) {
+  if (code) raise_error(code, KVRgeterrormsg(cenv));
+}
+
 bool has_wildcard(const std::string &s) { return s.find_first_of("*?[") != std::string::npos; }
 
 std::string lower(std::string s) {
@@ -29,7 +34,7 @@ std::string lower(std::string s) {
 // Python text of a parameter value, as shown in change lists.
 std::string value_repr(nb::handle v) { return nb::cast<std::string>(nb::repr(v)); }
 
-void set_one(nb::handle self, KVRenv *cenv, const std::string &name, nb::handle value) {
+void set_one(KVRenv *cenv, const std::string &name, nb::handle value) {
   int type = KVRgetparamtype(cenv, name.c_str());
   int code;
   if (type == KVR_PARAM_INT && PyLong_Check(value.ptr())) {
@@ -48,46 +53,54 @@ void set_one(nb::handle self, KVRenv *cenv, const std::string &name, nb::handle 
   } else {
     code = KVRsetstrparam(cenv, name.c_str(), utf8(value).c_str());
   }
-  check(code, self);
+  check_env(code, cenv);
 }
 
 }  // namespace
 
 nb::tuple param_info(nb::handle self, const std::string &name) {
-  KVRenv *cenv = live_env(self);
+  return param_info(live_env(self), name);
+}
+
+nb::tuple param_info(KVRenv *cenv, const std::string &name) {
   int type = KVRgetparamtype(cenv, name.c_str());
   if (type < 0) raise_error(KVR_ERROR_UNKNOWN_PARAMETER, "Unknown parameter " + name);
   int flags = 0;
-  check(KVRgetparamflags(cenv, name.c_str(), &flags), self);
+  check_env(KVRgetparamflags(cenv, name.c_str(), &flags), cenv);
   if (type == KVR_PARAM_INT) {
     int cur, mn, mx, def;
-    check(KVRgetintparaminfo(cenv, name.c_str(), &cur, &mn, &mx, &def), self);
-    return nb::make_tuple(name, nb::handle(reinterpret_cast<PyObject *>(&PyLong_Type)), cur, mn,
-                          mx, def, flags);
+    check_env(KVRgetintparaminfo(cenv, name.c_str(), &cur, &mn, &mx, &def), cenv);
+    return nb::make_tuple(name, nb::handle(reinterpret_cast<PyObject *>(&PyLong_Type)), cur, mn, mx,
+                          def, flags);
   }
   if (type == KVR_PARAM_DBL) {
     double cur, mn, mx, def;
-    check(KVRgetdblparaminfo(cenv, name.c_str(), &cur, &mn, &mx, &def), self);
+    check_env(KVRgetdblparaminfo(cenv, name.c_str(), &cur, &mn, &mx, &def), cenv);
     return nb::make_tuple(name, nb::handle(reinterpret_cast<PyObject *>(&PyFloat_Type)), cur, mn,
                           mx, def, flags);
   }
   char def[KVR_MAX_STRLEN];
-  check(KVRgetstrparaminfo(cenv, name.c_str(), nullptr, def), self);
+  check_env(KVRgetstrparaminfo(cenv, name.c_str(), nullptr, def), cenv);
   std::vector<char> buf(KVR_MAX_STRLEN);
   int length = 0;
-  check(KVRgetlongstrparam(cenv, name.c_str(), buf.data(), static_cast<int>(buf.size()), &length),
-        self);
+  check_env(
+      KVRgetlongstrparam(cenv, name.c_str(), buf.data(), static_cast<int>(buf.size()), &length),
+      cenv);
   if (length >= static_cast<int>(buf.size())) {
     buf.resize(static_cast<size_t>(length) + 1);
-    check(KVRgetlongstrparam(cenv, name.c_str(), buf.data(), static_cast<int>(buf.size()), &length),
-          self);
+    check_env(
+        KVRgetlongstrparam(cenv, name.c_str(), buf.data(), static_cast<int>(buf.size()), &length),
+        cenv);
   }
   return nb::make_tuple(name, nb::handle(reinterpret_cast<PyObject *>(&PyUnicode_Type)),
                         text(buf.data()), nb::none(), nb::none(), text(def), flags);
 }
 
 nb::list param_list(nb::handle self, const std::string &pattern) {
-  KVRenv *cenv = live_env(self);
+  return param_list(live_env(self), pattern);
+}
+
+nb::list param_list(KVRenv *cenv, const std::string &pattern) {
   nb::list out;
   if (KVRgetparamtype(cenv, pattern.c_str()) >= 0) {
     out.append(pattern);
@@ -98,7 +111,7 @@ nb::list param_list(nb::handle self, const std::string &pattern) {
   int n = KVRgetnumparams(cenv);
   for (int i = 0; i < n; ++i) {
     char *name = nullptr;
-    check(KVRgetparamname(cenv, i, &name), self);
+    check_env(KVRgetparamname(cenv, i, &name), cenv);
     if (nb::cast<bool>(fnmatchcase(nb::str(lower(name).c_str()), pat))) out.append(text(name));
   }
   return out;
@@ -106,10 +119,13 @@ nb::list param_list(nb::handle self, const std::string &pattern) {
 
 void env_message(nb::handle self, const std::string &msg) {
   Env &env = nb::cast<Env &>(self);
-  if (!env.cenv || env.empty) return;
+  if (!env.empty) env_message(env.cenv, msg);
+}
+
+void env_message(KVRenv *cenv, const std::string &msg) {
   int output = 0;
-  if (KVRgetintparam(env.cenv, "OutputFlag", &output) || !output) return;
-  KVRmsg(env.cenv, (msg + "\n").c_str());
+  if (!cenv || KVRgetintparam(cenv, "OutputFlag", &output) || !output) return;
+  KVRmsg(cenv, (msg + "\n").c_str());
 }
 
 std::string change_list(nb::handle self) {
@@ -118,8 +134,8 @@ std::string change_list(nb::handle self) {
   int n = KVRgetnumparams(cenv);
   for (int i = 0; i < n; ++i) {
     char *name = nullptr;
-    check(KVRgetparamname(cenv, i, &name), self);
-    nb::tuple info = param_info(self, name);
+    check_env(KVRgetparamname(cenv, i, &name), cenv);
+    nb::tuple info = param_info(cenv, name);
     nb::object current = info[2], def = info[5];
     int same = PyObject_RichCompareBool(current.ptr(), def.ptr(), Py_EQ);
     if (same < 0) throw nb::python_error();
@@ -131,28 +147,37 @@ std::string change_list(nb::handle self) {
   return items.empty() ? "No parameter changes" : "Parameter changes: " + items;
 }
 
-void set_param(nb::handle self, const std::string &paramname, nb::handle newval) {
-  KVRenv *cenv = live_env(self);
-  std::string name = paramname;
+// Sets one parameter of cenv by name or pattern; returns the value set (None when nothing was).
+nb::object set_param_value(KVRenv *cenv, const std::string &paramname, nb::handle newval,
+                           std::string &resolved) {
+  resolved = paramname;
   if (paramname.find("KAVO_PAR_") == std::string::npos) {
-    nb::list matches = param_list(self, paramname);
+    nb::list matches = param_list(cenv, paramname);
     if (matches.size() == 0) {
       if (has_wildcard(paramname)) {
-        env_message(self, "No parameters matching '" + paramname + "' found");
-        return;
+        env_message(cenv, "No parameters matching '" + paramname + "' found");
+        return nb::none();
       }
       raise_error(KVR_ERROR_UNKNOWN_PARAMETER, "Unknown parameter " + paramname);
     }
     if (matches.size() > 1) {
-      env_message(self, "Matching parameters: " + nb::cast<std::string>(nb::str(matches)));
-      return;
+      env_message(cenv, "Matching parameters: " + nb::cast<std::string>(nb::str(matches)));
+      return nb::none();
     }
-    name = nb::cast<std::string>(matches[0]);
+    resolved = nb::cast<std::string>(matches[0]);
   }
   nb::object value = nb::borrow(newval);
   if (PyUnicode_Check(newval.ptr()) && lower(utf8(newval)) == "default")
-    value = param_info(self, name)[5];
-  set_one(self, cenv, name, value);
+    value = param_info(cenv, resolved)[5];
+  set_one(cenv, resolved, value);
+  return value;
+}
+
+void set_param(nb::handle self, const std::string &paramname, nb::handle newval) {
+  KVRenv *cenv = live_env(self);
+  std::string name;
+  nb::object value = set_param_value(cenv, paramname, newval, name);
+  if (value.is_none() && !newval.is_none()) return;
 
   // Settings on the default environment reach the models made from it.
   nb::object def = default_env(false);
@@ -161,7 +186,7 @@ void set_param(nb::handle self, const std::string &paramname, nb::handle newval)
     if (!nb::getattr(model, "_uenv", nb::none()).is(self)) continue;
     nb::object menv = nb::getattr(model, "_env", nb::none());
     if (menv.is_none() || nb::cast<Env &>(menv).cenv == nullptr) continue;
-    set_one(model, nb::cast<Env &>(menv).cenv, name, value);
+    set_one(nb::cast<Env &>(menv).cenv, name, value);
   }
 }
 
@@ -174,47 +199,53 @@ void init_env(nb::module_ &m) {
                       "A solver environment: parameter settings and log destination for the models "
                       "created from it.");
   cls.attr("__module__") = "kaviropy";
-  cls
-      .def(
-          "__init__",
-          [](Env *self, nb::object logfilename, bool empty, nb::object params, nb::object cenv,
-             bool isDefault) {
-            if (!cenv.is_none()) {
-              new (self) Env();
-              self->cenv = handle_pointer<KVRenv>(cenv);
-              self->user = false;
-              return;
-            }
-            KVRenv *env = nullptr;
-            int code = KVRemptyenvadvinternal(&env, KVR_VERSION_MAJOR, KVR_VERSION_MINOR,
-                                              KVR_VERSION_TECHNICAL);
-            // Until the object is built, failures free the environment and report its text.
-            auto fail = [&](int c) {
-              std::string msg = env ? KVRgeterrormsg(env) : "Failed to create environment";
-              if (env) KVRfreeenv(env);
-              raise_error(c, msg);
-            };
-            if (code) fail(code);
-            if ((code = KVRsetstrparam(env, "LogFile", utf8(logfilename).c_str()))) fail(code);
-            if ((code = KVRsetlogcallbackfuncenv(env, log_callback_stub, nullptr))) fail(code);
-            new (self) Env();
-            self->cenv = env;
-            self->empty = true;
-            nb::handle pyself = nb::find(self);
-            if (!params.is_none())
-              for (nb::handle item : params.attr("items")()) {
-                nb::tuple kv = nb::borrow<nb::tuple>(item);
-                set_param(pyself, nb::cast<std::string>(nb::str(kv[0])), kv[1]);
-              }
-            if (!empty) {
-              self->empty = false;
-              check(KVRstartenv(env), pyself);
-              self->is_default = isDefault;
-            }
-          },
-          nb::arg("logfilename") = "", nb::arg("empty") = false, nb::arg("params") = nb::none(),
-          nb::arg("cenv") = nb::none(), nb::arg("isDefault") = false,
-          "Creates an environment; with empty=True it is started later by start().")
+  cls.def(
+         "__init__",
+         [](Env *self, nb::object logfilename, bool empty, nb::object params, nb::object cenv,
+            bool isDefault) {
+           if (!cenv.is_none()) {
+             new (self) Env();
+             self->cenv = handle_pointer<KVRenv>(cenv);
+             self->user = false;
+             return;
+           }
+           KVRenv *env = nullptr;
+           int code = KVRemptyenvadvinternal(&env, KVR_VERSION_MAJOR, KVR_VERSION_MINOR,
+                                             KVR_VERSION_TECHNICAL);
+           // Until the object is built, failures free the environment and report its text.
+           auto fail = [&](int c) {
+             std::string msg = env ? KVRgeterrormsg(env) : "Failed to create environment";
+             if (env) KVRfreeenv(env);
+             raise_error(c, msg);
+           };
+           if (code) fail(code);
+           if ((code = KVRsetstrparam(env, "LogFile", utf8(logfilename).c_str()))) fail(code);
+           if ((code = KVRsetlogcallbackfuncenv(env, log_callback_stub, nullptr))) fail(code);
+           new (self) Env();
+           self->cenv = env;
+           self->empty = true;
+           // The object is not usable from Python before __init__ returns: work on the
+           // library environment, and free it if anything fails.
+           try {
+             if (!params.is_none())
+               for (nb::handle item : params.attr("items")()) {
+                 nb::tuple kv = nb::borrow<nb::tuple>(item);
+                 std::string resolved;
+                 set_param_value(env, nb::cast<std::string>(nb::str(kv[0])), kv[1], resolved);
+               }
+             if (!empty) check_env(KVRstartenv(env), env);
+           } catch (...) {
+             self->~Env();
+             throw;
+           }
+           if (!empty) {
+             self->empty = false;
+             self->is_default = isDefault;
+           }
+         },
+         nb::arg("logfilename") = "", nb::arg("empty") = false, nb::arg("params") = nb::none(),
+         nb::arg("cenv") = nb::none(), nb::arg("isDefault") = false,
+         "Creates an environment; with empty=True it is started later by start().")
       .def_prop_rw(
           "_cenv", [](Env &e) { return handle_object(e.cenv); },
           [](Env &e, nb::object v) { e.cenv = handle_pointer<KVRenv>(v); }, nb::arg("value").none())
@@ -271,7 +302,8 @@ void init_env(nb::module_ &m) {
       .def(
           "__repr__",
           [](nb::handle self) {
-            if (!nb::cast<Env &>(self).cenv) return std::string("<kaviropy.Env, invalid or closed state>");
+            if (!nb::cast<Env &>(self).cenv)
+              return std::string("<kaviropy.Env, invalid or closed state>");
             return "<kaviropy.Env, " + change_list(self) + ">";
           },
           "Text form listing the changed parameters.")
@@ -292,7 +324,8 @@ void init_env(nb::module_ &m) {
           nb::arg("paramname"),
           "Returns (name, type, current value, minimum, maximum, default) of a parameter.")
       .def(
-          "_getParamInfo", [](nb::handle self, nb::handle name) { return param_info(self, utf8(name)); },
+          "_getParamInfo",
+          [](nb::handle self, nb::handle name) { return param_info(self, utf8(name)); },
           nb::arg("paramname"), "Returns the parameter information with the flags.")
       .def(
           "resetParams",

@@ -20,10 +20,12 @@ bool owner_message(nb::handle owner, std::string &message) {
                              : std::string(KVRgeterrormsg(handle_pointer<KVRenv>(cenv)));
     return true;
   }
-  for (const char *cls : {"Model", "Var", "Constr", "SOS", "QConstr", "MVar", "MConstr", "MQConstr"}) {
+  for (const char *cls :
+       {"Model", "Var", "Constr", "SOS", "QConstr", "MVar", "MConstr", "MQConstr"}) {
     if (!is_instance(owner, cls)) continue;
     nb::object cmodel = owner.attr("_cmodel");
-    message = cmodel.is_none() ? "" : std::string(KVRgetmerrormsg(handle_pointer<KVRmodel>(cmodel)));
+    message =
+        cmodel.is_none() ? "" : std::string(KVRgetmerrormsg(handle_pointer<KVRmodel>(cmodel)));
     return true;
   }
   return false;
@@ -64,7 +66,8 @@ void raise_python(PyObject *type, const std::string &message) {
 std::string latest_message(nb::handle obj) {
   if (nb::hasattr(obj, "_cmodel")) {
     nb::object cm = obj.attr("_cmodel");
-    return cm.is_none() ? std::string() : std::string(KVRgetmerrormsg(handle_pointer<KVRmodel>(cm)));
+    return cm.is_none() ? std::string()
+                        : std::string(KVRgetmerrormsg(handle_pointer<KVRmodel>(cm)));
   }
   if (nb::hasattr(obj, "_cenv")) {
     nb::object ce = obj.attr("_cenv");
@@ -84,17 +87,17 @@ void init_exception(nb::module_ &m) {
       },
       nb::is_method(), nb::arg("errno"), nb::arg("argument"),
       "Creates the exception from an error code and a message or a library owner.");
-  cls.attr("_get_message") = nb::cpp_function(
-      [](nb::handle self) { return nb::getattr(self, "_message"); }, nb::is_method(),
-      "Returns the message.");
+  cls.attr("_get_message") =
+      nb::cpp_function([](nb::handle self) { return nb::getattr(self, "_message"); },
+                       nb::is_method(), "Returns the message.");
   cls.attr("_set_message") = nb::cpp_function(
       [](nb::handle self, nb::handle value) { nb::setattr(self, "_message", value); },
       nb::is_method(), nb::arg("value"), "Sets the message.");
   nb::handle property_type(reinterpret_cast<PyObject *>(&PyProperty_Type));
   cls.attr("message") = property_type(cls.attr("_get_message"), cls.attr("_set_message"));
-  cls.attr("__str__") = nb::cpp_function(
-      [](nb::handle self) { return nb::getattr(self, "message"); }, nb::is_method(),
-      "Returns the message.");
+  cls.attr("__str__") =
+      nb::cpp_function([](nb::handle self) { return nb::getattr(self, "message"); },
+                       nb::is_method(), "Returns the message.");
   cls.attr("__module__") = "kaviropy";
   m.attr("KaviroError") = cls;
   m.attr("__geterrormsg") = nb::cpp_function(

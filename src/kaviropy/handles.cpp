@@ -15,10 +15,12 @@ void register_handle(nb::module_ &m, const char *name, const char *index_field, 
            self->model = handle_pointer<KVRmodel>(cmodel);
            self->index = index;
          },
-         nb::arg("cmodel").none(), nb::arg("index"), "Handle of element `index` of a library model.")
+         nb::arg("cmodel").none(), nb::arg("index"),
+         "Handle of element `index` of a library model.")
       .def_prop_rw(
           "_cmodel", [](H &h) { return handle_object(h.model); },
-          [](H &h, nb::object v) { h.model = handle_pointer<KVRmodel>(v); }, nb::arg("value").none(),
+          [](H &h, nb::object v) { h.model = handle_pointer<KVRmodel>(v); },
+          nb::arg("value").none(),
           "The library model (an integer handle), or None once the model is disposed.")
       .def(
           "__cindex__", [](H &h) { return public_index(h.index); },

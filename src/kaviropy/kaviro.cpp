@@ -17,7 +17,8 @@ nb::object read_model(nb::handle filename, nb::handle env) {
   std::string name = utf8(filename);
   if (name.find('*') != std::string::npos || name.find('?') != std::string::npos) {
     nb::list matches = nb::borrow<nb::list>(nb::module_::import_("glob").attr("glob")(filename));
-    if (matches.size() == 0) raise_error(KVR_ERROR_FILE_READ, "No file matching '" + name + "' found");
+    if (matches.size() == 0)
+      raise_error(KVR_ERROR_FILE_READ, "No file matching '" + name + "' found");
     name = utf8(matches[0]);
   }
   nb::object e = env.is_none() ? default_env(true) : nb::borrow(env);
@@ -38,7 +39,8 @@ void print_models() {
     return;
   }
   print("Currently loaded models:");
-  nb::dict members = nb::borrow<nb::dict>(nb::module_::import_("sys").attr("modules")["__main__"].attr("__dict__"));
+  nb::dict members = nb::borrow<nb::dict>(
+      nb::module_::import_("sys").attr("modules")["__main__"].attr("__dict__"));
   for (nb::handle model : models)
     for (auto [key, value] : members)
       if (value.is(model)) print(nb::str("    {}: {}").format(key, nb::repr(model)));
@@ -192,15 +194,15 @@ void init_kaviro(nb::module_ &m) {
       "paramHelp", [](nb::handle name) { param_help(utf8(name)); }, nb::arg("paramname"),
       "Prints the type, range, default and purpose of a parameter (wildcards allowed).");
   m.def(
-      "system", [](nb::handle command) { return nb::module_::import_("os").attr("system")(command); },
+      "system",
+      [](nb::handle command) { return nb::module_::import_("os").attr("system")(command); },
       nb::arg("command"), "Runs a shell command.");
   m.def("read", &read_model, nb::arg("filename"), nb::arg("env").none() = nb::none(),
         "Reads a model file (type from the suffix; .gz and .bz2 accepted) into a new Model.");
   m.def("models", &print_models, "Prints the models of the main module.");
   m.def("disposeDefaultEnv", &dispose_default, "Frees the default environment.");
   m.def(
-      "getParamInfo",
-      [](nb::handle name) { return default_env(true).attr("getParamInfo")(name); },
+      "getParamInfo", [](nb::handle name) { return default_env(true).attr("getParamInfo")(name); },
       nb::arg("paramname"),
       "(name, type, value, minimum, maximum, default) of a parameter of the default environment.");
   m.def(

@@ -12,12 +12,12 @@ nb::object make_constant_class(nb::module_ &m, const char *name, const char *doc
   if (*guard_message) {
     std::string message = guard_message;
     body["__setattr__"] = nb::cpp_function(
-        [message](nb::handle, nb::handle, nb::handle) { raise_error(0, message); },
-        nb::is_method(), nb::arg("name"), nb::arg("value").none(),
-        "Constants cannot be changed.");
+        [message](nb::handle, nb::handle, nb::handle) { raise_error(0, message); }, nb::is_method(),
+        nb::arg("name"), nb::arg("value").none(), "Constants cannot be changed.");
   }
   nb::handle type_type(reinterpret_cast<PyObject *>(&PyType_Type));
-  nb::object cls = type_type(name, nb::make_tuple(nb::handle(reinterpret_cast<PyObject *>(&PyBaseObject_Type))), body);
+  nb::object cls = type_type(
+      name, nb::make_tuple(nb::handle(reinterpret_cast<PyObject *>(&PyBaseObject_Type))), body);
   m.attr(name) = cls;
   return cls;
 }
@@ -29,10 +29,9 @@ void init_constants(nb::module_ &m) {
   nb::object status = make_status_const_class(m)();
   nb::object callback = m.attr("CallbackClass");
 
-  Constants kvr{{"attr", attr},         {"Attr", attr},         {"param", param},
-                {"Param", param},       {"callback", callback}, {"Callback", callback},
-                {"error", error},       {"Error", error},       {"status", status},
-                {"Status", status}};
+  Constants kvr{{"attr", attr},         {"Attr", attr},         {"param", param}, {"Param", param},
+                {"callback", callback}, {"Callback", callback}, {"error", error}, {"Error", error},
+                {"status", status},     {"Status", status}};
   for (auto &c : status_constants()) kvr.push_back(c);
   auto add = [&](std::string key, nb::object v) { kvr.emplace_back(std::move(key), std::move(v)); };
   auto i = [](long v) { return nb::int_(v); };
@@ -62,8 +61,9 @@ void init_constants(nb::module_ &m) {
   add("MAXIMIZE", i(KVR_MAXIMIZE));
   add("SOS_TYPE1", i(KVR_SOS_TYPE1));
   add("SOS_TYPE2", i(KVR_SOS_TYPE2));
-  const char *genconstr[] = {"MAX", "MIN", "ABS", "AND",  "OR",  "NORM", "INDICATOR", "PWL",  "POLY",
-                             "EXP", "EXPA", "LOG", "LOGA", "POW", "SIN",  "COS",       "TAN", "LOGISTIC"};
+  const char *genconstr[] = {"MAX",       "MIN", "ABS",  "AND", "OR",   "NORM",
+                             "INDICATOR", "PWL", "POLY", "EXP", "EXPA", "LOG",
+                             "LOGA",      "POW", "SIN",  "COS", "TAN",  "LOGISTIC"};
   for (int k = 0; k < 18; ++k) add("GENCONSTR_" + std::string(genconstr[k]), i(k));
   add("INFINITY", f(KVR_INFINITY));
   add("UNDEFINED", f(KVR_UNDEFINED));
@@ -73,8 +73,7 @@ void init_constants(nb::module_ &m) {
   add("MAX_TAGLEN", i(KVR_MAX_TAGLEN));
   add("MAX_CONCURRENT", i(KVR_MAX_CONCURRENT));
   add("DEFAULT_CS_PORT", i(61000));
-  for (auto &[name, value] : error_constants())
-    add("ERROR_" + name, value);
+  for (auto &[name, value] : error_constants()) add("ERROR_" + name, value);
   add("CUTS_AUTO", i(-1));
   add("CUTS_OFF", i(0));
   add("CUTS_CONSERVATIVE", i(1));

@@ -35,7 +35,8 @@ void init_param(nb::module_ &m) {
           [](nb::handle self, nb::handle name, nb::handle value) {
             std::string n = utf8(name);
             if (!n.empty() && n[0] == '_') {
-              if (PyObject_GenericSetAttr(self.ptr(), name.ptr(), value.ptr())) throw nb::python_error();
+              if (PyObject_GenericSetAttr(self.ptr(), name.ptr(), value.ptr()))
+                throw nb::python_error();
               return;
             }
             set_param(nb::cast<ParamClass &>(self).env, n, value);

@@ -56,7 +56,8 @@ std::string param_help_text(nb::handle env, const std::string &name) {
   nb::tuple info = param_info(env, name);
   char *canonical = nullptr;
   for (int i = 0, n = KVRgetnumparams(nullptr); i < n; ++i)
-    if (KVRgetparamname(nullptr, i, &canonical) == 0 && strcasecmp(canonical, name.c_str()) == 0) break;
+    if (KVRgetparamname(nullptr, i, &canonical) == 0 && strcasecmp(canonical, name.c_str()) == 0)
+      break;
   std::string shown = canonical ? canonical : name;
   nb::handle type = info[1];
   bool is_str = type.is(reinterpret_cast<PyObject *>(&PyUnicode_Type));

@@ -6,7 +6,15 @@
 namespace kvr {
 
 enum class AttrType { Char = 0, Int = 1, Dbl = 2, Str = 3 };
-enum class AttrClass { Model = 0, Var = 1, Constr = 2, Sos = 3, QConstr = 4, GenConstr = 5, Batch = 6 };
+enum class AttrClass {
+  Model = 0,
+  Var = 1,
+  Constr = 2,
+  Sos = 3,
+  QConstr = 4,
+  GenConstr = 5,
+  Batch = 6
+};
 
 enum class AttrId {
 #define KVR_ATTR(name, type, cls, settable, meaning) name,

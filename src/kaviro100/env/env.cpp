@@ -88,10 +88,9 @@ void check_remote_settings(const kvr_env *env) {
       p.get_int(ParamId::ConcurrentJobs) > 0)
     fail(KVR_ERROR_CSWORKER,
          "Distributed optimization needs a worker pool, and this library has none");
-  if (set(ParamId::ServerPassword) || set(ParamId::WorkerPassword) ||
-      set(ParamId::CSAuthToken) || set(ParamId::CSAPISecret) || set(ParamId::CSAPIAccessID))
-    fail(KVR_ERROR_SECURITY,
-         "Credentials were given, but there is no server to present them to");
+  if (set(ParamId::ServerPassword) || set(ParamId::WorkerPassword) || set(ParamId::CSAuthToken) ||
+      set(ParamId::CSAPISecret) || set(ParamId::CSAPIAccessID))
+    fail(KVR_ERROR_SECURITY, "Credentials were given, but there is no server to present them to");
 }
 
 }  // namespace kvr

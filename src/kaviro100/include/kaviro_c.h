@@ -27,12 +27,14 @@ typedef struct kvr_env KVRenv;
 typedef struct kvr_model KVRmodel;
 typedef struct kvr_batch KVRbatch;
 
-/* ---------------------------------------------------------------- version ---------------------- */
+/* ---------------------------------------------------------------- version ----------------------
+ */
 #define KVR_VERSION_MAJOR 10
 #define KVR_VERSION_MINOR 0
 #define KVR_VERSION_TECHNICAL 3
 
-/* ---------------------------------------------------------------- error codes ------------------ */
+/* ---------------------------------------------------------------- error codes ------------------
+ */
 #define KVR_ERROR_OUT_OF_MEMORY 10001
 #define KVR_ERROR_NULL_ARGUMENT 10002
 #define KVR_ERROR_INVALID_ARGUMENT 10003
@@ -67,7 +69,8 @@ typedef struct kvr_batch KVRbatch;
 #define KVR_ERROR_FAILED_TO_CREATE_MODEL 20002
 #define KVR_ERROR_INTERNAL 20003
 
-/* ---------------------------------------------------------------- constants -------------------- */
+/* ---------------------------------------------------------------- constants --------------------
+ */
 #define KVR_INFINITY 1e100
 #define KVR_UNDEFINED 1e101
 #define KVR_MAXINT 2000000000
@@ -216,7 +219,8 @@ typedef struct kvr_batch KVRbatch;
 #define KVR_CB_MULTIOBJ_SOLCNT 8002
 #define KVR_CB_MULTIOBJ_SOL 8003
 
-/* ---------------------------------------------------------------- environments ----------------- */
+/* ---------------------------------------------------------------- environments -----------------
+ */
 /* Creates an environment that is not started yet. The interface version of the caller must match
    the library's major and minor version. On failure *envP may still hold an environment whose
    message tells why; it must be freed with KVRfreeenv. */
@@ -241,7 +245,8 @@ KVR_API int KVRgetcommstats(KVRenv *env, double *sentbytesP, double *recvbytesP,
 /* Releases memory the library handed out (JSON solutions and the like). */
 KVR_API void KVRfree(void *ptr);
 
-/* ---------------------------------------------------------------- parameters ------------------- */
+/* ---------------------------------------------------------------- parameters -------------------
+ */
 /* Names are case-insensitive. */
 KVR_API int KVRgetparamtype(KVRenv *env, const char *paramname); /* KVR_PARAM_* or -1 */
 KVR_API int KVRgetparamflags(KVRenv *env, const char *paramname, int *flagsP);
@@ -272,7 +277,8 @@ KVR_API int KVRwriteparams(KVRenv *env, const char *filename);
 /* Marks a parameter as fixed for tuning (the tuner will not change it). */
 KVR_API int KVRfixtuneparam(KVRenv *env, const char *paramname);
 
-/* ---------------------------------------------------------------- models ----------------------- */
+/* ---------------------------------------------------------------- models -----------------------
+ */
 KVR_API int KVRnewmodel(KVRenv *env, KVRmodel **modelP, const char *Pname, int numvars,
                         const double *obj, const double *lb, const double *ub, const char *vtype,
                         const char *const *varnames);
@@ -292,8 +298,8 @@ KVR_API int KVRaddvars(KVRmodel *model, int numvars, int numnz, const int *vbeg,
 KVR_API int KVRaddconstr(KVRmodel *model, int numnz, const int *cind, const double *cval,
                          char sense, double rhs, const char *constrname);
 KVR_API int KVRaddconstrs(KVRmodel *model, int numconstrs, int numnz, const int *cbeg,
-                          const int *cind, const double *cval, const char *sense,
-                          const double *rhs, const char *const *constrnames);
+                          const int *cind, const double *cval, const char *sense, const double *rhs,
+                          const char *const *constrnames);
 /* lower <= expr <= upper; adds one range variable (see the model's documentation). */
 KVR_API int KVRaddrangeconstr(KVRmodel *model, int numnz, const int *cind, const double *cval,
                               double lower, double upper, const char *constrname);
@@ -303,8 +309,8 @@ KVR_API int KVRaddrangeconstrs(KVRmodel *model, int numconstrs, int numnz, const
 KVR_API int KVRaddqconstr(KVRmodel *model, int numlnz, const int *lind, const double *lval,
                           int numqnz, const int *qrow, const int *qcol, const double *qval,
                           char sense, double rhs, const char *QCname);
-KVR_API int KVRaddsos(KVRmodel *model, int numsos, int nummembers, const int *types,
-                      const int *beg, const int *ind, const double *weight);
+KVR_API int KVRaddsos(KVRmodel *model, int numsos, int nummembers, const int *types, const int *beg,
+                      const int *ind, const double *weight);
 KVR_API int KVRaddqpterms(KVRmodel *model, int numqnz, const int *qrow, const int *qcol,
                           const double *qval);
 KVR_API int KVRdelq(KVRmodel *model);
@@ -379,9 +385,9 @@ KVR_API int KVRgetgenconstrTan(KVRmodel *model, int id, int *xvarP, int *yvarP);
 KVR_API int KVRsetobjective(KVRmodel *model, int sense, double constant, int lnz, const int *lind,
                             const double *lval, int qnz, const int *qrow, const int *qcol,
                             const double *qval);
-KVR_API int KVRsetobjectiven(KVRmodel *model, int index, int priority, double weight,
-                             double abstol, double reltol, const char *name, double constant,
-                             int lnz, const int *lind, const double *lval);
+KVR_API int KVRsetobjectiven(KVRmodel *model, int index, int priority, double weight, double abstol,
+                             double reltol, const char *name, double constant, int lnz,
+                             const int *lind, const double *lval);
 KVR_API int KVRsetpwlobj(KVRmodel *model, int var, int npoints, const double *x, const double *y);
 /* x and y NULL: only *npointsP is set. */
 KVR_API int KVRgetpwlobj(KVRmodel *model, int var, int *npointsP, double *x, double *y);
@@ -397,12 +403,14 @@ KVR_API int KVRchgcoeffs(KVRmodel *model, int cnt, const int *cind, const int *v
                          const double *val);
 KVR_API int KVRXgetvars(KVRmodel *model, size_t *numnzP, size_t *vbeg, int *vind, double *vval,
                         int start, int len);
-KVR_API int KVRXgetconstrs(KVRmodel *model, size_t *numnzP, size_t *cbeg, int *cind,
-                           double *cval, int start, int len);
+KVR_API int KVRXgetconstrs(KVRmodel *model, size_t *numnzP, size_t *cbeg, int *cind, double *cval,
+                           int start, int len);
 KVR_API int KVRgetvarbyname(KVRmodel *model, const char *name, int *indexP);
 KVR_API int KVRgetconstrbyname(KVRmodel *model, const char *name, int *indexP);
 
-/* Merge duplicate indices (summing values) and drop zeros, in place; returns the new length. */
+/* Merge duplicate indices (summing values) and drop zeros, in place, keeping the order of first
+   occurrence; *lenP becomes the new length, which is also returned (-1 for invalid arguments).
+   KVRclean3 treats (i, j) and (j, i) as the same pair. */
 KVR_API int KVRclean2(int *lenP, int *ind, double *val);
 KVR_API int KVRclean3(int *lenP, int *ind0, int *ind1, double *val);
 
@@ -413,7 +421,8 @@ KVR_API int KVRdelsos(KVRmodel *model, int numdel, const int *ind);
 KVR_API int KVRdelqconstrs(KVRmodel *model, int numdel, const int *ind);
 KVR_API int KVRdelgenconstrs(KVRmodel *model, int numdel, const int *ind);
 
-/* ---------------------------------------------------------------- attributes ------------------- */
+/* ---------------------------------------------------------------- attributes -------------------
+ */
 /* 1 when the attribute has a value in the current state, else 0. */
 KVR_API int KVRisattravailable(KVRmodel *model, const char *attrname);
 /* The attribute table is global: model may be NULL for these three. */
@@ -435,14 +444,12 @@ KVR_API int KVRgetcharattrelement(KVRmodel *model, const char *attrname, int ele
 KVR_API int KVRsetcharattrelement(KVRmodel *model, const char *attrname, int element,
                                   char newvalue);
 KVR_API int KVRgetintattrelement(KVRmodel *model, const char *attrname, int element, int *valueP);
-KVR_API int KVRsetintattrelement(KVRmodel *model, const char *attrname, int element,
-                                 int newvalue);
+KVR_API int KVRsetintattrelement(KVRmodel *model, const char *attrname, int element, int newvalue);
 KVR_API int KVRgetdblattrelement(KVRmodel *model, const char *attrname, int element,
                                  double *valueP);
 KVR_API int KVRsetdblattrelement(KVRmodel *model, const char *attrname, int element,
                                  double newvalue);
-KVR_API int KVRgetstrattrelement(KVRmodel *model, const char *attrname, int element,
-                                 char **valueP);
+KVR_API int KVRgetstrattrelement(KVRmodel *model, const char *attrname, int element, char **valueP);
 KVR_API int KVRsetstrattrelement(KVRmodel *model, const char *attrname, int element,
                                  const char *newvalue);
 
@@ -480,7 +487,8 @@ KVR_API int KVRgetstrattrlist(KVRmodel *model, const char *attrname, int len, co
 KVR_API int KVRsetstrattrlist(KVRmodel *model, const char *attrname, int len, const int *ind,
                               const char *const *newvalues);
 
-/* ---------------------------------------------------------------- optimization ----------------- */
+/* ---------------------------------------------------------------- optimization -----------------
+ */
 KVR_API int KVRoptimize(KVRmodel *model);
 /* Installs the library's interrupt handling (Ctrl-C stops the next solve of this model). */
 KVR_API int KVRsetsignal(KVRmodel *model);
@@ -505,7 +513,8 @@ KVR_API int KVRcblazy(void *cbdata, int lazylen, const int *lazyind, const doubl
 KVR_API int KVRcbproceed(void *cbdata);
 KVR_API int KVRcbstoponemultiobj(KVRmodel *model, void *cbdata, int objnum);
 
-/* ---------------------------------------------------------------- files ------------------------ */
+/* ---------------------------------------------------------------- files ------------------------
+ */
 /* Reads a model file (type from the suffix; .gz and .bz2 accepted). */
 KVR_API int KVRreadmodel(KVRenv *env, const char *filename, KVRmodel **modelP);
 /* Reads a data file (solution, start, hints, priorities, basis, parameters, attributes) into an

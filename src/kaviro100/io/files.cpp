@@ -7,7 +7,8 @@ int KVRreadmodel(KVRenv *env, const char *filename, KVRmodel **modelP) {
   if (!env || !filename || !modelP) return KVR_ERROR_NULL_ARGUMENT;
   *modelP = nullptr;
   return env->run([&] {
-    kvr::fail(KVR_ERROR_FILE_READ, "Unable to read '%s': no reader for this file type yet", filename);
+    kvr::fail(KVR_ERROR_FILE_READ, "Unable to read '%s': no reader for this file type yet",
+              filename);
   });
 }
 

@@ -32,8 +32,8 @@ void read_param_file(ParamValues &values, const std::string &filename,
     if (!value.empty() && value.front() == '=') value = trim(value.substr(1));
     ParamId id = find_param(name);
     if (id == ParamId::Count)
-      fail(KVR_ERROR_FILE_READ, "%s, line %d: unknown parameter '%.*s'", filename.c_str(),
-           lineno, static_cast<int>(name.size()), name.data());
+      fail(KVR_ERROR_FILE_READ, "%s, line %d: unknown parameter '%.*s'", filename.c_str(), lineno,
+           static_cast<int>(name.size()), name.data());
     if (value.empty() && param_def(id).type != ParamType::Str)
       fail(KVR_ERROR_FILE_READ, "%s, line %d: no value given for parameter %s", filename.c_str(),
            lineno, param_def(id).name);

@@ -28,7 +28,8 @@ static_assert(sizeof kDefs / sizeof kDefs[0] == static_cast<size_t>(ParamId::Cou
 const std::unordered_map<std::string, ParamId> &name_index() {
   static const std::unordered_map<std::string, ParamId> index = [] {
     std::unordered_map<std::string, ParamId> m;
-    for (int i = 0; i < param_count(); ++i) m.emplace(lower(kDefs[i].name), static_cast<ParamId>(i));
+    for (int i = 0; i < param_count(); ++i)
+      m.emplace(lower(kDefs[i].name), static_cast<ParamId>(i));
     return m;
   }();
   return index;
@@ -74,9 +75,8 @@ void ParamValues::set_int(ParamId id, long long value) {
   if (d.type != ParamType::Int)
     fail(KVR_ERROR_INVALID_ARGUMENT, "Parameter '%s' takes a string value", d.name);
   if (value < d.min || value > d.max)
-    fail(KVR_ERROR_VALUE_OUT_OF_RANGE,
-         "Unable to set parameter %s to %lld (allowed range %s)", d.name, value,
-         range_text(d).c_str());
+    fail(KVR_ERROR_VALUE_OUT_OF_RANGE, "Unable to set parameter %s to %lld (allowed range %s)",
+         d.name, value, range_text(d).c_str());
   num_[static_cast<size_t>(id)] = static_cast<double>(value);
 }
 

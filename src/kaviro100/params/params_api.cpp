@@ -62,7 +62,8 @@ int KVRgetparamflags(KVRenv *env, const char *paramname, int *flagsP) {
 int KVRgetintparam(KVRenv *env, const char *paramname, int *valueP) {
   return with_env(env, [&] {
     ParamId id = lookup_typed(paramname, ParamType::Int);
-    if (!valueP) kvr::fail(KVR_ERROR_NULL_ARGUMENT, "No place given for the value of %s", paramname);
+    if (!valueP)
+      kvr::fail(KVR_ERROR_NULL_ARGUMENT, "No place given for the value of %s", paramname);
     *valueP = env->params.get_int(id);
   });
 }
@@ -70,7 +71,8 @@ int KVRgetintparam(KVRenv *env, const char *paramname, int *valueP) {
 int KVRgetdblparam(KVRenv *env, const char *paramname, double *valueP) {
   return with_env(env, [&] {
     ParamId id = lookup_typed(paramname, ParamType::Dbl);
-    if (!valueP) kvr::fail(KVR_ERROR_NULL_ARGUMENT, "No place given for the value of %s", paramname);
+    if (!valueP)
+      kvr::fail(KVR_ERROR_NULL_ARGUMENT, "No place given for the value of %s", paramname);
     *valueP = env->params.get_dbl(id);
   });
 }
@@ -212,7 +214,8 @@ int KVRwriteparams(KVRenv *env, const char *filename) {
 }
 
 int KVRfixtuneparam(KVRenv *env, const char *paramname) {
-  return with_env(env, [&] { env->params.tune_fixed[static_cast<size_t>(lookup(paramname))] = true; });
+  return with_env(env,
+                  [&] { env->params.tune_fixed[static_cast<size_t>(lookup(paramname))] = true; });
 }
 
 }  // extern "C"
