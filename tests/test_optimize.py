@@ -338,3 +338,32 @@ def test_convexity_check_of_coupled_terms(m):
     with pytest.raises(kp.KaviroError) as err:
         m.optimize()
     assert err.value.errno == KVR.ERROR_Q_NOT_PSD
+
+
+def test_scenarios_are_solved_one_by_one(m):
+    x, y, c0, c1 = small_lp(m)
+    m.NumScenarios = 2
+    m.update()
+    m.Params.ScenarioNumber = 0
+    c0.ScenNRHS = 4  # x + y >= 4: optimum x = 2.5, y = 1.5
+    m.Params.ScenarioNumber = 1
+    y.ScenNObj = 0.5  # y becomes cheap: x = 0, y = 2
+    m.optimize()
+    assert m.ObjVal == pytest.approx(2.5)
+    m.Params.ScenarioNumber = 0
+    assert m.ScenNObjVal == pytest.approx(5.5) and (x.ScenNX, y.ScenNX) == pytest.approx((2.5, 1.5))
+    m.Params.ScenarioNumber = 1
+    assert m.ScenNObjVal == pytest.approx(1.0) and (x.ScenNX, y.ScenNX) == pytest.approx((0, 2))
+
+
+def test_engine_options_reach_the_first_order_lp_method(m, monkeypatch):
+    x, y, c0, c1 = small_lp(m)
+    monkeypatch.setenv("KAVIRO_ENGINE_OPTIONS", "solver=pdlp")
+    m.optimize()
+    assert m.Status == KVR.OPTIMAL and m.ObjVal == pytest.approx(2.5, rel=1e-4)
+    for bad in ("no_such_option=1", "solver"):
+        monkeypatch.setenv("KAVIRO_ENGINE_OPTIONS", bad)
+        with pytest.raises(kp.KaviroError) as err:
+            m.optimize()
+        assert err.value.errno == KVR.ERROR_INVALID_ARGUMENT
+        assert "KAVIRO_ENGINE_OPTIONS" in err.value.message

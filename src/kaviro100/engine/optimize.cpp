@@ -480,6 +480,10 @@ void optimize(kvr_model *model) {
   ctx.engine_model = &rf.model;
   ctx.rewritten = rf.changed;
 
+  if (!model->env.concurrent_envs.empty())
+    model->env.log(
+        "Concurrent environments are not used: the engine runs one method at a time with the "
+        "model's own parameters\n");
   std::unique_ptr<Engine> engine = make_highs_engine();
   Solution sol;
   if (model->data.objn.size() > 1) {
@@ -494,6 +498,7 @@ void optimize(kvr_model *model) {
     if (ctx.is_mip) queue_extra_starts(model, rf, ctx);
     EngineResult r = engine->solve(problem, params, ctx);
     fill_solution(model, rf, ctx, std::move(r), sol);
+    solve_scenarios(model, rf, *engine, ctx, sol);
   }
   sol.runtime = ctx.elapsed();
   model->sol = std::move(sol);

@@ -22,6 +22,10 @@ void fill_solution(const kvr_model *model, const Reformulated &rf, const SolveCo
 void solve_multiobjective(kvr_model *model, const Reformulated &rf, Engine &engine,
                           SolveContext &ctx, Solution &sol);
 
+// Solves every scenario of the model after the base model; fills the scenario results of sol.
+void solve_scenarios(kvr_model *model, const Reformulated &rf, Engine &engine, SolveContext &ctx,
+                     Solution &sol);
+
 // Short name of a status code ("optimal", "infeasible", ...).
 const char *status_text(int status);
 
