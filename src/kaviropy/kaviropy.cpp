@@ -4,6 +4,7 @@
 #include "exprtypes.h"
 #include "handles.h"
 #include "model.h"
+#include "model_optimize.h"
 
 namespace kvrpy {
 namespace {
@@ -39,4 +40,6 @@ NB_MODULE(_core, m) {
   init_tupledict(m);
   init_tuplelist(m);
   init_kaviro(m);
+  init_model_optimize(m);
+  init_model_print(m);
 }
