@@ -323,6 +323,23 @@ nb::object model_append(nb::handle self, int kind, bool numbered) {
   return h;
 }
 
+void model_resync(nb::handle self) {
+  Model &m = model_ref(self);
+  if (!m.built) return;  // the lazy set-up reads the counts when the lists are first needed
+  KVRmodel *model = live_model(self);
+  int counts[kNumKinds] = {};
+  for (int k = 0; k < kNumKinds; ++k)
+    if (int code = KVRgetintattr(model, kind_info(k).count_attr, &counts[k]))
+      raise_model(code, model);
+  for (int k = 0; k < kNumKinds; ++k) {
+    auto &list = m.lists[k];
+    while (list.size() < static_cast<size_t>(counts[k]))
+      list.push_back(new_handle(k, model, static_cast<int>(list.size())));
+  }
+  m.livevars = static_cast<int>(m.lists[kVar].size());
+  m.liveconstrs = static_cast<int>(m.lists[kConstr].size());
+}
+
 GcPause::GcPause(size_t objects) {
   if (objects < 10000) return;
   nb::module_ gc = nb::module_::import_("gc");
@@ -415,6 +432,9 @@ void init_model(nb::module_ &m) {
   cls.def(
          "_Model__setup", [](nb::handle self, bool empty) { setup(model_ref(self), empty); },
          nb::arg("empty") = false, "Builds the handle lists once.")
+      .def(
+          "_Model__resync", [](nb::handle self) { model_resync(self); },
+          "Appends handles for elements the library added by itself since the lists were made.")
       .def(
           "_Model__getupdatemode", [](nb::handle self) { return model_updatemode(self); },
           "The UpdateMode parameter of the model.")
