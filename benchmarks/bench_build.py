@@ -379,7 +379,7 @@ def main():
         for n in sizes:
             times = {p: [] for p in packages}
             errors = {}
-            unsupported = dict(UNSUPPORTED, **(UNSUPPORTED_SOLVE if phase == "solve" else {}))
+            unsupported = {**UNSUPPORTED, **(UNSUPPORTED_SOLVE if phase == "solve" else {})}
             for _ in range(args.runs):
                 for p in packages:  # alternate the packages within each round
                     if (p, model_name) in unsupported or p in errors:
@@ -400,7 +400,8 @@ def main():
                     med = statistics.median(times[p])
                     ratio = f"{med / base:.2f}" if base else ""
                     rows.append((f"{model_name}-{n}", p, f"{med:.3f}", ratio, ""))
-            sys.stdout.flush()
+            for row in rows[-len(packages):]:
+                print("  " + "  ".join(row), flush=True)
     print(f"{'model':<14} {'package':<16} {'median s':>10} {'ratio':>7}  note")
     for model_label, p, med, ratio, note in rows:
         print(f"{model_label:<14} {p:<16} {med:>10} {ratio:>7}  {note}")
