@@ -1,4 +1,6 @@
 // The extension module kaviropy._core: creates every class family in import order.
+#include "containers.h"
+#include "exprtypes.h"
 #include "handles.h"
 
 namespace kvrpy {
@@ -21,8 +23,16 @@ NB_MODULE(_core, m) {
   init_exception(m);
   init_env(m);
   init_handles(m);
+  init_linexpr(m);
+  init_quadexpr(m);
+  init_genexpr(m);
+  init_tempconstr(m);
+  init_column(m);
+  init_multidict(m);
   init_param(m);
   init_callback(m);
   init_constants(m);
+  init_tupledict(m);
+  init_tuplelist(m);
   init_kaviro(m);
 }

@@ -408,7 +408,9 @@ KVR_API int KVRXgetconstrs(KVRmodel *model, size_t *numnzP, size_t *cbeg, int *c
 KVR_API int KVRgetvarbyname(KVRmodel *model, const char *name, int *indexP);
 KVR_API int KVRgetconstrbyname(KVRmodel *model, const char *name, int *indexP);
 
-/* Merge duplicate indices (summing values) and drop zeros, in place; returns the new length. */
+/* Merge duplicate indices (summing values) and drop zeros, in place, keeping the order of first
+   occurrence; *lenP becomes the new length, which is also returned (-1 for invalid arguments).
+   KVRclean3 treats (i, j) and (j, i) as the same pair. */
 KVR_API int KVRclean2(int *lenP, int *ind, double *val);
 KVR_API int KVRclean3(int *lenP, int *ind0, int *ind1, double *val);
 

@@ -3,8 +3,10 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "env/env.h"
 #include "model/modeldata.h"
@@ -24,7 +26,28 @@ struct kvr_model {
   std::atomic<bool> terminate_requested{false};
   std::atomic<bool> optimizing{false};
 
+  // Number of improved parameter sets found by the last tuning run.
+  int tune_result_count = 0;
+
+  // Counts changes of `data`; caches derived from the data remember the version they were built
+  // from. Code that changes `data` directly calls kvr::data_changed.
+  uint64_t version = 0;
+  // Set when `data` changed outside an update (additions in update mode 1): the next update then
+  // discards the solution even when nothing is queued.
+  bool changed_since_update = false;
+
+  // Column view of the constraint matrix, built on demand.
+  kvr::SparseMatrix colview;
+  uint64_t colview_version = UINT64_MAX;
+
+  // Storage behind the strings handed out by the string attribute queries.
+  std::string strbuf;
+  std::vector<char *> strptrs;
+
   kvr_model(const kvr_env &parent, kvr::ModelData d) : env(parent), data(std::move(d)) {}
+  // A full, independent copy (data, pending changes, parameters, solution); no callback.
+  kvr_model(const kvr_model &other);
+  kvr_model &operator=(const kvr_model &) = delete;
 
   // Runs body and stores the message of a failure on the model; returns the error code.
   template <class Body>
@@ -40,4 +63,16 @@ namespace kvr {
 void update_model(kvr_model *model);
 // Drops the results of the last solve (a change of the model makes them stale).
 void discard_solution(kvr_model *model);
+// Marks `data` as changed (invalidates the caches derived from it).
+void data_changed(kvr_model *model);
+
+// Entry checks: a change of the model while it is being optimized fails with
+// MODEL_MODIFICATION; a query with OPTIMIZATION_IN_PROGRESS.
+void check_modifiable(const kvr_model *model);
+void check_queryable(const kvr_model *model);
+int update_mode(const kvr_model *model);
+
+// Column view of data.constrs.rows: row j holds the entries of variable j (constraint index,
+// value), in constraint order.
+const SparseMatrix &column_view(kvr_model *model);
 }  // namespace kvr

@@ -1,5 +1,19 @@
-// C entry points for the life of a model.
+// C entry points for the life of a model: creation, copies, updates, resets and its environment.
+#include <algorithm>
+#include <memory>
+#include <string_view>
+
+#include "model/build.h"
+#include "model/checks.h"
 #include "model/model.h"
+
+kvr_model::kvr_model(const kvr_model &other)
+    : env(other.env),
+      data(other.data),
+      pending(other.pending),
+      sol(other.sol),
+      tune_result_count(other.tune_result_count),
+      changed_since_update(other.changed_since_update) {}
 
 extern "C" {
 
@@ -7,9 +21,81 @@ const char *KVRgetmerrormsg(KVRmodel *model) { return model ? model->errmsg.c_st
 
 KVRenv *KVRgetenv(KVRmodel *model) { return model ? &model->env : nullptr; }
 
+int KVRnewmodel(KVRenv *env, KVRmodel **modelP, const char *Pname, int numvars, const double *obj,
+                const double *lb, const double *ub, const char *vtype,
+                const char *const *varnames) {
+  if (!env) return KVR_ERROR_NULL_ARGUMENT;
+  return env->run([&] {
+    if (!modelP) kvr::fail(KVR_ERROR_NULL_ARGUMENT, "No place given for the new model");
+    *modelP = nullptr;
+    if (!env->started)
+      kvr::fail(KVR_ERROR_FAILED_TO_CREATE_MODEL,
+                "Unable to create the model: the environment has not been started (call "
+                "KVRstartenv first)");
+    kvr::check_count(numvars, "number of variables");
+    kvr::ModelData d;
+    if (Pname) {
+      if (std::string_view(Pname).size() > KVR_MAX_NAMELEN)
+        kvr::fail(KVR_ERROR_INVALID_ARGUMENT, "Model name is too long (at most %d characters)",
+                  KVR_MAX_NAMELEN);
+      d.name = Pname;
+    }
+    kvr::NewVars nv{numvars, obj, lb, ub, vtype, varnames};
+    kvr::check_new_vars(nv, 0);
+    bool ignore_names = env->params.get_int(kvr::ParamId::IgnoreNames) != 0;
+    kvr::append_new_vars(d.vars, nv, ignore_names);
+    *modelP = new kvr_model(*env, std::move(d));
+  });
+}
+
 int KVRfreemodel(KVRmodel *model) {
   delete model;
   return 0;
+}
+
+KVRmodel *KVRcopymodel(KVRmodel *model) {
+  if (!model) return nullptr;
+  KVRmodel *copy = nullptr;
+  model->run([&] {
+    kvr::check_queryable(model);
+    copy = new kvr_model(*model);
+  });
+  return copy;
+}
+
+int KVRupdatemodel(KVRmodel *model) {
+  if (!model) return KVR_ERROR_NULL_ARGUMENT;
+  return model->run([&] {
+    kvr::check_modifiable(model);
+    kvr::update_model(model);
+  });
+}
+
+int KVRsetlogcallbackfunc(KVRmodel *model, KVRlogcallback cb, void *logdata) {
+  if (!model) return KVR_ERROR_NULL_ARGUMENT;
+  return model->run([&] {
+    model->env.logcb = cb;
+    model->env.logdata = logdata;
+  });
+}
+
+int KVRreset(KVRmodel *model, int clearall) {
+  if (!model) return KVR_ERROR_NULL_ARGUMENT;
+  return model->run([&] {
+    kvr::check_modifiable(model);
+    if (clearall != 0 && clearall != 1)
+      kvr::fail(KVR_ERROR_INVALID_ARGUMENT, "Invalid clearall value %d: use 0 or 1", clearall);
+    kvr::discard_solution(model);
+    if (!clearall) return;
+    using kvr::AttrId;
+    kvr::ModelData &d = model->data;
+    for (int k = 0; k < std::max(d.numstart, 1); ++k) d.vars.extra.num.erase(kvr::start_key(k));
+    d.numstart = 0;
+    for (AttrId id : {AttrId::VarHintVal, AttrId::VarHintPri, AttrId::VBasis, AttrId::PStart})
+      d.vars.extra.num.erase(static_cast<int>(id));
+    for (AttrId id : {AttrId::CBasis, AttrId::DStart})
+      d.constrs.extra.num.erase(static_cast<int>(id));
+  });
 }
 
 }  // extern "C"

@@ -10,7 +10,7 @@ namespace kvr {
 
 void NamePool::resize(size_t n) {
   if (n < len_.size()) {
-    for (size_t i = n; i < len_.size(); ++i) named_ -= len_[i] > 0;
+    for (size_t i = n; i < len_.size(); ++i) named_ -= len_[i] > 0, live_ -= len_[i];
     start_.resize(n);
     len_.resize(n);
   } else {
@@ -25,12 +25,14 @@ void NamePool::push_back(std::string_view name) {
   len_.push_back(static_cast<uint32_t>(name.size()));
   chars_.append(name);
   named_ += !name.empty();
+  live_ += name.size();
   indexed_ = false;
 }
 
 void NamePool::set(size_t i, std::string_view name) {
   named_ -= len_[i] > 0;
   named_ += !name.empty();
+  live_ = live_ - len_[i] + name.size();
   start_[i] = chars_.size();
   len_[i] = static_cast<uint32_t>(name.size());
   chars_.append(name);
@@ -58,12 +60,14 @@ void NamePool::renumber(const Renumbering &newpos) {
   start.reserve(len_.size());
   len.reserve(len_.size());
   named_ = 0;
+  live_ = 0;
   for (size_t i = 0; i < len_.size(); ++i) {
     if (!newpos.empty() && newpos[i] < 0) continue;
     start.push_back(chars.size());
     len.push_back(len_[i]);
     chars.append(get(i));
     named_ += len_[i] > 0;
+    live_ += len_[i];
   }
   chars_ = std::move(chars);
   start_ = std::move(start);
@@ -80,13 +84,8 @@ void NamePool::clear() {
   start_.clear();
   len_.clear();
   named_ = 0;
+  live_ = 0;
   indexed_ = false;
-}
-
-size_t NamePool::bytes() const {
-  size_t live = 0;
-  for (uint32_t l : len_) live += l;
-  return live;
 }
 
 // ---------------------------------------------------------------- SparseMatrix
@@ -95,6 +94,36 @@ void SparseMatrix::add_row(int n, const int *idx, const double *vals) {
   ind.insert(ind.end(), idx, idx + n);
   val.insert(val.end(), vals, vals + n);
   beg.push_back(static_cast<int64_t>(ind.size()));
+}
+
+void SparseMatrix::append_entries(const std::vector<Entry> &entries) {
+  if (entries.empty()) return;
+  const int nrows = rows();
+  std::vector<int64_t> extra(static_cast<size_t>(nrows) + 1, 0);
+  for (const Entry &e : entries) ++extra[static_cast<size_t>(e.row) + 1];
+  for (int r = 0; r < nrows; ++r) extra[r + 1] += extra[r];
+  const size_t total = ind.size() + entries.size();
+  std::vector<int> nind(total);
+  std::vector<double> nval(total);
+  std::vector<int64_t> nbeg(beg.size());
+  // next[r]: where the next appended entry of row r goes in the new arrays.
+  std::vector<int64_t> next(static_cast<size_t>(nrows));
+  for (int r = 0; r < nrows; ++r) {
+    nbeg[r] = beg[r] + extra[r];
+    const int64_t len = beg[r + 1] - beg[r];
+    std::copy(ind.begin() + beg[r], ind.begin() + beg[r + 1], nind.begin() + nbeg[r]);
+    std::copy(val.begin() + beg[r], val.begin() + beg[r + 1], nval.begin() + nbeg[r]);
+    next[r] = nbeg[r] + len;
+  }
+  nbeg[nrows] = static_cast<int64_t>(total);
+  for (const Entry &e : entries) {
+    int64_t p = next[e.row]++;
+    nind[p] = e.col;
+    nval[p] = e.val;
+  }
+  ind = std::move(nind);
+  val = std::move(nval);
+  beg = std::move(nbeg);
 }
 
 SparseMatrix SparseMatrix::transposed(int ncols) const {
@@ -185,6 +214,44 @@ void QuadTerms::renumber(const Renumbering &newcol) {
 }
 
 // ---------------------------------------------------------------- ExtraAttrs
+
+int start_key(int k) { return k == 0 ? static_cast<int>(AttrId::Start) : attr_count() + k; }
+
+double extra_default(int key) {
+  if (key >= attr_count()) return KVR_UNDEFINED;  // MIP starts beyond the first
+  switch (static_cast<AttrId>(key)) {
+    case AttrId::Start:
+    case AttrId::VarHintVal:
+    case AttrId::PStart:
+    case AttrId::DStart:
+    case AttrId::PreFixVal:
+      return KVR_UNDEFINED;
+    case AttrId::IISLBForce:
+    case AttrId::IISUBForce:
+    case AttrId::IISConstrForce:
+    case AttrId::IISSOSForce:
+    case AttrId::IISQConstrForce:
+    case AttrId::IISGenConstrForce:
+      return -1.0;
+    case AttrId::VBasis:
+      return KVR_NONBASIC_LOWER;
+    case AttrId::CBasis:
+      return KVR_BASIC;
+    default:
+      return 0.0;
+  }
+}
+
+void ExtraAttrs::resize(size_t n) {
+  for (auto &[key, column] : num) column.resize(n, extra_default(key));
+  for (auto &[key, pool] : str) pool.resize(n);
+}
+
+double ExtraAttrs::get(int key, size_t i) const {
+  auto it = num.find(key);
+  if (it == num.end() || i >= it->second.size()) return extra_default(key);
+  return it->second[i];
+}
 
 void ExtraAttrs::resize(size_t n, const std::unordered_map<int, double> &defaults) {
   for (auto &[attr, column] : num) {
@@ -319,6 +386,74 @@ void ModelData::delete_constrs(const Renumbering &newpos) {
       if (newpos[c] >= 0) moved.emplace(newpos[c], x);
     s.rhs = std::move(moved);
   }
+}
+
+void ModelData::delete_sos(const Renumbering &newpos) {
+  int64_t out = 0;
+  std::vector<int64_t> nbeg{0};
+  for (int s = 0; s < sos.size(); ++s) {
+    if (newpos[s] < 0) continue;
+    for (int64_t k = sos.beg[s]; k < sos.beg[s + 1]; ++k) {
+      sos.ind[out] = sos.ind[k];
+      sos.weight[out] = sos.weight[k];
+      ++out;
+    }
+    nbeg.push_back(out);
+  }
+  sos.ind.resize(out);
+  sos.weight.resize(out);
+  sos.beg = std::move(nbeg);
+  keep_entries(sos.type, newpos);
+  sos.extra.renumber(newpos);
+}
+
+void ModelData::delete_qconstrs(const Renumbering &newpos) {
+  keep_entries(qconstrs.items, newpos);
+  qconstrs.names.renumber(newpos);
+  qconstrs.extra.renumber(newpos);
+}
+
+void ModelData::delete_gens(const Renumbering &newpos) {
+  keep_entries(gens.items, newpos);
+  gens.names.renumber(newpos);
+  gens.extra.renumber(newpos);
+}
+
+void ModelData::append(ModelData &&added, const std::vector<SparseMatrix::Entry> &cols) {
+  VarData &av = added.vars;
+  vars.lb.insert(vars.lb.end(), av.lb.begin(), av.lb.end());
+  vars.ub.insert(vars.ub.end(), av.ub.begin(), av.ub.end());
+  vars.obj.insert(vars.obj.end(), av.obj.begin(), av.obj.end());
+  vars.vtype.insert(vars.vtype.end(), av.vtype.begin(), av.vtype.end());
+  vars.names.append(av.names);
+  vars.extra.resize(vars.lb.size());
+
+  ConstrData &ac = added.constrs;
+  for (int r = 0; r < ac.size(); ++r)
+    constrs.rows.add_row(static_cast<int>(ac.rows.beg[r + 1] - ac.rows.beg[r]),
+                         ac.rows.ind.data() + ac.rows.beg[r], ac.rows.val.data() + ac.rows.beg[r]);
+  constrs.sense.insert(constrs.sense.end(), ac.sense.begin(), ac.sense.end());
+  constrs.rhs.insert(constrs.rhs.end(), ac.rhs.begin(), ac.rhs.end());
+  constrs.names.append(ac.names);
+  constrs.extra.resize(constrs.sense.size());
+  constrs.rows.append_entries(cols);
+
+  for (QConstr &qc : added.qconstrs.items) qconstrs.items.push_back(std::move(qc));
+  qconstrs.names.append(added.qconstrs.names);
+  qconstrs.extra.resize(qconstrs.items.size());
+
+  const int64_t base = sos.beg.back();
+  for (int s = 0; s < added.sos.size(); ++s) {
+    sos.type.push_back(added.sos.type[s]);
+    sos.beg.push_back(base + added.sos.beg[s + 1]);
+  }
+  sos.ind.insert(sos.ind.end(), added.sos.ind.begin(), added.sos.ind.end());
+  sos.weight.insert(sos.weight.end(), added.sos.weight.begin(), added.sos.weight.end());
+  sos.extra.resize(sos.type.size());
+
+  for (GenConstr &g : added.gens.items) gens.items.push_back(std::move(g));
+  gens.names.append(added.gens.names);
+  gens.extra.resize(gens.items.size());
 }
 
 size_t ModelData::bytes() const {

@@ -10,6 +10,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "attrs/attrs.h"
 #include "kaviro_c.h"
 
 namespace kvr {
@@ -21,6 +22,33 @@ using Renumbering = std::vector<int>;
 // The name-to-index map is built on the first lookup and dropped by every change.
 class NamePool {
  public:
+  NamePool() = default;
+  // The lookup map holds views into chars_, so copies and moves rebuild it on demand.
+  NamePool(const NamePool &o)
+      : chars_(o.chars_), start_(o.start_), len_(o.len_), named_(o.named_), live_(o.live_) {}
+  NamePool(NamePool &&o) noexcept
+      : chars_(std::move(o.chars_)),
+        start_(std::move(o.start_)),
+        len_(std::move(o.len_)),
+        named_(o.named_),
+        live_(o.live_) {
+    o.clear();
+  }
+  NamePool &operator=(const NamePool &o) {
+    if (this != &o) *this = NamePool(o);
+    return *this;
+  }
+  NamePool &operator=(NamePool &&o) noexcept {
+    chars_ = std::move(o.chars_);
+    start_ = std::move(o.start_);
+    len_ = std::move(o.len_);
+    named_ = o.named_;
+    live_ = o.live_;
+    index_.clear();
+    indexed_ = false;
+    o.clear();
+    return *this;
+  }
   size_t size() const { return len_.size(); }
   void resize(size_t n);
   void push_back(std::string_view name);
@@ -34,13 +62,14 @@ class NamePool {
   void renumber(const Renumbering &newpos);
   void append(const NamePool &other);
   void clear();
-  size_t bytes() const;
+  size_t bytes() const { return live_; }
 
  private:
   std::string chars_;
   std::vector<uint64_t> start_;
   std::vector<uint32_t> len_;
   size_t named_ = 0;
+  size_t live_ = 0;  // bytes of the current names (chars_ may also hold replaced ones)
   mutable std::unordered_map<std::string_view, int> index_;
   mutable bool indexed_ = false;
 };
@@ -54,6 +83,13 @@ struct SparseMatrix {
   int rows() const { return static_cast<int>(beg.size()) - 1; }
   int64_t nnz() const { return beg.back(); }
   void add_row(int n, const int *idx, const double *vals);
+  // Appends entries (row, col, val) at the ends of their rows, in the order given; one pass over
+  // the matrix however many entries there are.
+  struct Entry {
+    int row, col;
+    double val;
+  };
+  void append_entries(const std::vector<Entry> &entries);
   // Transpose into a matrix with `ncols` rows (the column view).
   SparseMatrix transposed(int ncols) const;
   // Drops rows with newrow[r] < 0 and maps column indices through newcol (entries of deleted
@@ -75,15 +111,28 @@ struct QuadTerms {
 };
 
 // Settable per-element attributes that most models never touch (Start, hints, priorities, tags,
-// IIS forces, lazy flags, ...): a column is allocated on its first write, filled with the
-// attribute's default. Keys are attribute ids (see attrs/attrs.h).
+// IIS forces, lazy flags, warm-start basis, ...): a column is allocated on its first write, filled
+// with the attribute's default (extra_default). Keys are attribute ids (see attrs/attrs.h), except
+// MIP starts beyond the first, which use start_key(k). A column may be shorter than the element
+// count only transiently; readers treat missing entries as the default.
 struct ExtraAttrs {
   std::unordered_map<int, std::vector<double>> num;
   std::unordered_map<int, NamePool> str;
   void resize(size_t n, const std::unordered_map<int, double> &defaults);
+  // Resizes every column, new entries taking extra_default of the column's key.
+  void resize(size_t n);
+  // Value of element i in column key, or the default when the column does not exist.
+  double get(int key, size_t i) const;
   void renumber(const Renumbering &newpos);
   void clear() { num.clear(), str.clear(); }
 };
+
+// Key of MIP start k in VarData::extra: start 0 is the Start attribute's column.
+int start_key(int k);
+// Default of an extra column: KVR_UNDEFINED for start values, hints, PStart, DStart and PreFixVal
+// (meaning "none given"), -1 for the IIS forces ("let the algorithm decide"), the slack basis
+// for the warm-start VBasis (nonbasic at lower) and CBasis (basic), 0 for the rest.
+double extra_default(int key);
 
 struct VarData {
   std::vector<double> lb, ub, obj;
@@ -146,8 +195,9 @@ struct GenConstr {
   std::vector<double> xpts, ypts, p;
   double a = 0.0;
   std::string options;
-  // Per-constraint approximation controls; negative FuncPieces / NaN doubles mean "use the
-  // parameter of the same name".
+  // Per-constraint approximation controls; the defaults below the parameters' ranges (FuncPieces
+  // -3, FuncPieceError and FuncPieceLength -1, FuncPieceRatio -2) mean "use the parameter of the
+  // same name".
   int funcpieces = -3;
   double funcpieceerror = -1.0, funcpiecelength = -1.0, funcpieceratio = -2.0;
 };
@@ -197,6 +247,8 @@ struct ModelData {
   std::vector<ObjectiveN> objn{ObjectiveN{}};
   std::vector<PwlObj> pwlobj;
   std::vector<Scenario> scenarios;
+  // Number of MIP starts (NumStart); start k lives in vars.extra under start_key(k).
+  int numstart = 0;
 
   int num_vars() const { return vars.size(); }
   int num_constrs() const { return constrs.size(); }
@@ -205,6 +257,12 @@ struct ModelData {
   // General constraints whose resultant, binary, x or y variable is deleted are deleted too.
   void delete_vars(const Renumbering &newpos);
   void delete_constrs(const Renumbering &newpos);
+  void delete_sos(const Renumbering &newpos);
+  void delete_qconstrs(const Renumbering &newpos);
+  void delete_gens(const Renumbering &newpos);
+  // Appends the elements of `added` (whose variable and constraint references already use this
+  // model's numbering followed by the added elements) and then the column entries `cols`.
+  void append(ModelData &&added, const std::vector<SparseMatrix::Entry> &cols);
   size_t bytes() const;
 };
 

@@ -43,13 +43,28 @@ struct Solution {
   // LP sensitivity ranges.
   std::vector<double> saobjlow, saobjup, salblow, salbup, saublow, saubup, sarhslow, sarhsup;
 
+  // Condition number estimates of the final basis (NaN = not available).
+  double kappa = kNaN, kappa_exact = kNaN;
+
+  // Irreducible infeasible subsystem (after computeIIS; iis_available tells whether one exists):
+  // one flag (0 or 1) per element of each kind.
+  bool iis_available = false;
+  int iis_minimal = 0;
+  std::vector<int> iis_lb, iis_ub, iis_constr, iis_sos, iis_qconstr, iis_genconstr;
+
+  // Status of each variable in the presolved model (empty = not available).
+  std::vector<int> varprestat;
+
   // Objective values of a multi-objective solve, one per objective.
   std::vector<double> objnval;
   // Scenario results, one entry per scenario.
   std::vector<std::vector<double>> scen_x;
   std::vector<double> scen_objval, scen_objbound;
 
-  int solcount() const { return static_cast<int>(pool_x.size()); }
+  // Stored solutions: the pool, or the single solution x when the pool was not filled.
+  int solcount() const {
+    return !pool_x.empty() ? static_cast<int>(pool_x.size()) : x.empty() ? 0 : 1;
+  }
   void clear() { *this = Solution(); }
 };
 
