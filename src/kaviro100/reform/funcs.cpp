@@ -29,18 +29,15 @@
 //             (1), or in between with the largest deviation split in proportion (0.5: as much
 //             above as below). Shifted pieces no longer meet at the breakpoints: there y may take
 //             the value of either piece, both within the error.
-// Each constraint's FuncPieces, FuncPieceError, FuncPieceLength and FuncPieceRatio attributes,
-// when set (FuncPieces >= -2, error and length > 0, ratio >= -1), take precedence over its
-// options text ("FuncPieces=-1 FuncPieceError=1e-4", also FuncMaxVal), which takes precedence over
-// the parameters.
+// Each constraint's FuncPieces, FuncPieceError, FuncPieceLength and FuncPieceRatio attributes
+// (which its options text sets when it is added), when set (FuncPieces >= -2, error and length
+// > 0, ratio >= -1), take precedence over the parameters of the same names.
 #include <algorithm>
-#include <cctype>
 #include <cmath>
 #include <numbers>
 
 #include "reform/internal.h"
 #include "util/error.h"
-#include "util/strings.h"
 
 namespace kvr::reform {
 
@@ -137,64 +134,10 @@ Function make_function(const GenConstr &g, const std::string &what) {
   return f;
 }
 
-// Options text: "Name=value" items separated by spaces, commas or semicolons.
-void apply_options(const std::string &text, Controls &c, const std::string &what) {
-  size_t i = 0;
-  while (i < text.size()) {
-    while (i < text.size() &&
-           (std::isspace(static_cast<unsigned char>(text[i])) || text[i] == ',' || text[i] == ';'))
-      ++i;
-    size_t start = i;
-    while (i < text.size() && !std::isspace(static_cast<unsigned char>(text[i])) &&
-           text[i] != ',' && text[i] != ';')
-      ++i;
-    if (start == i) break;
-    std::string item = text.substr(start, i - start);
-    size_t eq = item.find('=');
-    double value = 0.0;
-    if (eq == std::string::npos || !parse_double(item.substr(eq + 1), value))
-      fail(KVR_ERROR_INVALID_ARGUMENT, "%s: option '%s' is not of the form Name=number",
-           what.c_str(), item.c_str());
-    std::string key = item.substr(0, eq);
-    ParamId id = find_param(key);
-    bool known = id == ParamId::FuncPieces || id == ParamId::FuncPieceError ||
-                 id == ParamId::FuncPieceLength || id == ParamId::FuncPieceRatio ||
-                 id == ParamId::FuncMaxVal;
-    if (!known)
-      fail(KVR_ERROR_INVALID_ARGUMENT,
-           "%s: unknown option '%s' (options are FuncPieces, FuncPieceError, FuncPieceLength, "
-           "FuncPieceRatio and FuncMaxVal)",
-           what.c_str(), key.c_str());
-    const ParamDef &def = param_def(id);
-    if (!(value >= def.min && value <= def.max) ||
-        (id == ParamId::FuncPieces && !is_integer(value)))
-      fail(KVR_ERROR_INVALID_ARGUMENT, "%s: option %s=%s is outside its range [%s, %s]",
-           what.c_str(), def.name, num(value).c_str(), num(def.min).c_str(), num(def.max).c_str());
-    switch (id) {
-      case ParamId::FuncPieces:
-        c.pieces = static_cast<int>(value);
-        break;
-      case ParamId::FuncPieceError:
-        c.error = value;
-        break;
-      case ParamId::FuncPieceLength:
-        c.length = value;
-        break;
-      case ParamId::FuncPieceRatio:
-        c.ratio = value;
-        break;
-      default:
-        c.maxval = value;
-        break;
-    }
-  }
-}
-
 Controls controls(const GenConstr &g, const ParamValues &params, const std::string &what) {
   Controls c{params.get_int(ParamId::FuncPieces), params.get_dbl(ParamId::FuncPieceError),
              params.get_dbl(ParamId::FuncPieceLength), params.get_dbl(ParamId::FuncPieceRatio),
              params.get_dbl(ParamId::FuncMaxVal)};
-  apply_options(g.options, c, what);
   if (g.funcpieces >= -2) c.pieces = g.funcpieces;
   if (g.funcpieceerror > 0.0) c.error = g.funcpieceerror;
   if (g.funcpiecelength > 0.0) c.length = g.funcpiecelength;
