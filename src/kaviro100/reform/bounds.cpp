@@ -37,6 +37,7 @@ class Propagator {
   Builder &b_;
   const ModelData &u_;
   std::vector<double> &lo_, &hi_;
+  std::vector<double> entry_lo_, entry_hi_;
 };
 
 void Propagator::raise_lb(int j, double v) {
@@ -71,10 +72,14 @@ void Propagator::row(int r) {
   double min_fin = 0.0, max_fin = 0.0;
   int min_inf = 0, max_inf = 0;
   int64_t min_inf_k = -1, max_inf_k = -1;
+  // Bounds as of the start of the row: a variable may occur twice, and its first occurrence must
+  // not change what the second one subtracts.
+  entry_lo_.clear(), entry_hi_.clear();
   for (int64_t k = A.beg[r]; k < A.beg[r + 1]; ++k) {
     double a = A.val[k];
     int j = A.ind[k];
     double lo = a > 0 ? lo_[j] : hi_[j], hi = a > 0 ? hi_[j] : lo_[j];
+    entry_lo_.push_back(lo), entry_hi_.push_back(hi);
     if (std::isfinite(lo))
       min_fin += a * lo;
     else
@@ -89,7 +94,7 @@ void Propagator::row(int r) {
     double a = A.val[k];
     int j = A.ind[k];
     if (std::fabs(a) < kTinyCoef) continue;
-    double lo = a > 0 ? lo_[j] : hi_[j], hi = a > 0 ? hi_[j] : lo_[j];
+    double lo = entry_lo_[k - A.beg[r]], hi = entry_hi_[k - A.beg[r]];
     if (has_upper) {
       // a x_j <= rhs - (minimal activity of the others)
       double rest = kInfinity;
