@@ -338,7 +338,7 @@ Fit fit_piece(const Function &f, double a, double b, double fa, double fb, doubl
     double l = pts[best - 1].x, r = pts[best + 1].x;
     const double g = 0.5 * (std::sqrt(5.0) - 1.0);
     Sample c = sample(r - g * (r - l)), d = sample(l + g * (r - l));
-    for (int it = 0; it < 30; ++it) {
+    for (int it = 0; it < 20; ++it) {
       if (sign * c.d > sign * d.d) {
         r = d.x, d = c;
         c = sample(r - g * (r - l));
@@ -407,7 +407,7 @@ std::vector<double> adaptive_breaks(const Function &f, double lo, double hi, dou
       }
     }
     if (bad > 0.0)
-      for (int it = 0; it < 12; ++it) {
+      for (int it = 0; it < 10; ++it) {
         double mid = 0.5 * (good + bad);
         if (ok(mid))
           good = mid;
