@@ -1,7 +1,7 @@
 """The model rewriting seen from Python: models with SOS constraints, semi-continuous variables,
 general constraints, piecewise-linear objectives and function constraints solve to their known
-optima, the FuncPiece* controls shape the approximations, and what cannot be rewritten raises a
-KaviroError that names the culprit and leaves the model usable."""
+optima, and what cannot be rewritten raises a KaviroError that names the culprit and leaves the
+model usable. (tests/c/reform_test.c covers every construct and error in detail.)"""
 
 import math
 
@@ -97,41 +97,6 @@ def test_piecewise_linear(model):
     assert x.X == pytest.approx(1.0)
 
 
-def sin_deviation(pieces=None, error=None, ratio=None, on_constraint=False):
-    """Smallest and largest y - sin(x) of the approximation of y = sin(x) on [0, 6], at 11 values
-    of x. x is fixed through an indicator whose binary is fixed to 1, so that the approximation
-    covers the whole range of x."""
-    devs = []
-    for k in range(11):
-        t = 6 * (k + 0.37) / 11
-        with kp.Model() as m:
-            m.Params.OutputFlag = 0
-            x = m.addVar(ub=6)
-            y = m.addVar(lb=-2, ub=2)
-            on = m.addVar(lb=1, vtype=KVR.BINARY)
-            g = m.addGenConstrSin(x, y)
-            m.addGenConstrIndicator(on, 1, x == t)
-            controls = {"FuncPieces": pieces, "FuncPieceError": error, "FuncPieceRatio": ratio}
-            m.update()
-            for name, value in controls.items():
-                if value is not None:
-                    setattr(g if on_constraint else m.Params, name, value)
-            m.optimize()
-            devs.append(y.X - math.sin(t))
-    return min(devs), max(devs)
-
-
-def test_function_approximation_controls():
-    worst = [max(map(abs, sin_deviation(pieces=n, on_constraint=n > 4))) for n in (2, 4, 8, 32)]
-    assert worst == sorted(worst, reverse=True) and worst[-1] < 0.01
-    lo, hi = sin_deviation(pieces=-1, error=0.01, on_constraint=True)
-    assert max(-lo, hi) <= 0.01 * 1.001
-    lo, hi = sin_deviation(pieces=6, ratio=0.0)
-    assert hi <= 1e-6 < -lo
-    lo, hi = sin_deviation(pieces=6, ratio=1.0, on_constraint=True)
-    assert lo >= -1e-6 and hi > 0.01
-
-
 def test_functions_solve_near_their_optima(model):
     x = model.addVar(lb=0.5, ub=4, name="x")
     y = model.addVar(lb=-KVR.INFINITY, name="y")
@@ -161,12 +126,3 @@ def test_what_cannot_be_rewritten(model):
         model.optimize()
     assert e.value.errno == KVR.ERROR_INVALID_ARGUMENT
     assert "operand z is not a binary variable" in e.value.message
-
-
-def test_quadratic_constraints_are_refused(model):
-    x = model.addVar(name="x")
-    model.addQConstr(x * x <= 4, name="disc")
-    with pytest.raises(KaviroError) as e:
-        model.optimize()
-    assert e.value.errno == KVR.ERROR_NOT_SUPPORTED
-    assert "Quadratic constraint disc" in e.value.message
