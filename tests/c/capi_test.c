@@ -1259,6 +1259,26 @@ static void test_results(void) {
   OK(m, KVRgetdblattrelement(m, "SAObjUp", 0, &v));
   CHECK(v >= -1 - 1e-9);
 
+  /* Rows added in update mode 1 join at once while the solution stays until the update: the
+     solution's quality is measured against them. */
+  {
+    int ind[2] = {0, 1}, rows[3] = {2, 3, 4};
+    double d[2] = {1, -1}, one[2] = {1, 1};
+    OK(m, KVRaddconstr(m, 2, ind, d, '<', 1, "vio1"));    /* 3 - 1 = 2 > 1 */
+    OK(m, KVRaddconstr(m, 1, ind, one, '>', 5, "vio2"));  /* 3 < 5 */
+    OK(m, KVRaddconstr(m, 2, ind, one, '=', 3, "vio1b")); /* 4 != 3 */
+    NEAR(dbl_attr(m, "ConstrVio"), 2);
+    CHECK(int_attr(m, "ConstrVioIndex") == 3);
+    NEAR(dbl_attr(m, "ConstrVioSum"), 4);
+    NEAR(dbl_attr(m, "MaxVio"), 2);
+    ERR(m, KVR_ERROR_DATA_NOT_AVAILABLE, KVRgetdblattrelement(m, "Slack", 2, &v));
+    ERR(m, KVR_ERROR_DATA_NOT_AVAILABLE, KVRgetdblattr(m, "ConstrResidual", &v));
+    ERR(m, KVR_ERROR_DATA_NOT_AVAILABLE, KVRgetdblattr(m, "DualVio", &v));
+    OK(m, KVRdelconstrs(m, 3, rows));
+    OK(m, KVRupdatemodel(m));
+    OK(m, KVRoptimize(m));
+  }
+
   /* The solution stays until the model changes: a variable added in update mode 1 has no value
      yet, and the update drops the solution. */
   OK(m, KVRaddvar(m, 0, NULL, NULL, 0, 0, 1, 'C', "late"));
