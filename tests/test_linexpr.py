@@ -474,3 +474,25 @@ def test_var_operators_as_methods(xs):
     assert x.__add__("a") is NotImplemented and x.__mul__(x * y) is NotImplemented
     assert x.__pow__(3) is NotImplemented and type(x.__pow__(2)) is QuadExpr
     assert x.__rtruediv__("a") is NotImplemented
+
+
+def test_comparisons_that_change_the_expression_are_safe():
+    # sameAs compares instance attributes, which may run arbitrary Python code.
+    class Meddler:
+        def __eq__(self, other):
+            target.clear()
+            target.addTerms(5, c)
+            return True
+
+    a, b, c = kp.Var(None, 0), kp.Var(None, 0), kp.Var(None, 1)
+    a._tag, b._tag = Meddler(), Meddler()
+    target = LinExpr([1, 2, 3], [a, b, c])
+    target.remove(a)
+    assert same_terms(target, [(5.0, c)])
+    target = QuadExpr()
+    target.addTerms([1, 2], [a, b], [b, a])
+    assert "^ 2" in str(target)
+    target = QuadExpr()
+    target.addTerms([1, 2], [a, c], [b, c])
+    target.remove(a)
+    assert target.size() == 0 and same_terms(target.getLinExpr(), [(5.0, c)])

@@ -182,6 +182,13 @@ def test_operator_errors(xs):
     assert isinstance(q + a, np.ndarray) and all(type(v) is QuadExpr for v in q * a)
 
 
+def test_wrong_self_type(xs):
+    with pytest.raises(TypeError):
+        QuadExpr.size(LinExpr())
+    with pytest.raises(TypeError):
+        QuadExpr.getLinExpr(xs[0])
+
+
 def test_mul_method(xs):
     x, y = xs[:2]
     q = x * y + x

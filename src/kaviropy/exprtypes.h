@@ -17,7 +17,9 @@
 #include <algorithm>
 #include <cmath>
 #include <functional>
+#include <new>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "expr.h"
@@ -36,15 +38,38 @@ struct QuadTerm {
   PyObject *var2;
 };
 
+// Term vectors allocate through the interpreter's allocator: small vectors come from its
+// fast pools, and tracemalloc sees the memory of expressions.
+template <class T>
+struct PyAllocator {
+  using value_type = T;
+  PyAllocator() = default;
+  template <class U>
+  PyAllocator(const PyAllocator<U> &) {}
+  T *allocate(size_t n) {
+    if (n > PY_SSIZE_T_MAX / sizeof(T)) throw std::bad_alloc();
+    void *p = PyMem_Malloc(n * sizeof(T));
+    if (!p) throw std::bad_alloc();
+    return static_cast<T *>(p);
+  }
+  void deallocate(T *p, size_t) { PyMem_Free(p); }
+  template <class U>
+  bool operator==(const PyAllocator<U> &) const {
+    return true;
+  }
+};
+using LinTerms = std::vector<LinTerm, PyAllocator<LinTerm>>;
+using QuadTerms = std::vector<QuadTerm, PyAllocator<QuadTerm>>;
+
 struct LinExprObject {
   PyObject_HEAD double constant;
-  std::vector<LinTerm> terms;
+  LinTerms terms;
   LinExprObject *next;  // frozen piece with the earlier terms, or null
 };
 
 struct QuadExprObject {
   PyObject_HEAD LinExprObject *lin;  // the linear part; null only in a frozen piece
-  std::vector<QuadTerm> terms;
+  QuadTerms terms;
   QuadExprObject *next;  // frozen piece with the earlier quadratic terms, or null
 };
 
@@ -125,17 +150,35 @@ std::string var_text(PyObject *var);
 std::string coeff_text(double c);
 // sameAs of two variables (same type, model, index and instance attributes).
 bool same_var(PyObject *a, PyObject *b);
+// The distinct objects among `vars` that are sameAs `which`. Comparing instance attributes may
+// run Python code that changes the caller's expression, so this works on references of its own
+// and the caller filters its terms by object afterwards.
+std::unordered_set<PyObject *> vars_same_as(const std::vector<PyObject *> &vars, PyObject *which);
+// Strong references held for a scope.
+struct OwnedRefs {
+  std::vector<PyObject *> objects;
+  OwnedRefs() = default;
+  OwnedRefs(const OwnedRefs &) = delete;
+  OwnedRefs &operator=(const OwnedRefs &) = delete;
+  void add(PyObject *o) {
+    objects.push_back(o);  // may throw before the reference is taken
+    Py_INCREF(o);
+  }
+  ~OwnedRefs() {
+    for (PyObject *o : objects) Py_DECREF(o);
+  }
+};
 
 // ---------------------------------------------------------------- term vectors
 // Makes room for `extra` more elements, keeping growth geometric (a plain reserve of size + n
 // would reallocate on every small append).
-template <class T>
-void grow(std::vector<T> &v, size_t extra) {
+template <class T, class A>
+void grow(std::vector<T, A> &v, size_t extra) {
   size_t need = v.size() + extra;
   if (need > v.capacity()) v.reserve(std::max(need, 2 * v.capacity()));
 }
-void release_terms(std::vector<LinTerm> &terms);
-void release_terms(std::vector<QuadTerm> &terms);
+void release_terms(LinTerms &terms);
+void release_terms(QuadTerms &terms);
 
 // A left operand with more own terms than this is frozen into a piece by binary operators
 // instead of being copied.
@@ -169,8 +212,11 @@ nb::object lin_new();
 void lin_flatten(LinExprObject *e);
 // e += mult * x for an operand of linear kind (Num, Var, Lin). mult must be finite.
 void lin_add(LinExprObject *e, PyObject *x, const Operand &o, double mult);
-// A new expression with the value of e, made without copying a long term vector.
-nb::object lin_extend(LinExprObject *e);
+// A new expression with the value of e, made without copying a long term vector, with room for
+// `extra` more terms.
+nb::object lin_extend(LinExprObject *e, size_t extra = 0);
+// Number of terms an operand of linear kind adds.
+size_t operand_terms(PyObject *x, const Operand &o);
 // A new expression equal to c * e (e flattened). Checks c ("Multiplier is Nan or Inf").
 nb::object lin_scaled(LinExprObject *e, double c);
 // Scales e in place (checks c as lin_scaled).
@@ -184,7 +230,7 @@ inline size_t lin_size(LinExprObject *e) {
 // terms.
 nb::object lin_product(PyObject *a, const Operand &oa, PyObject *b, const Operand &ob);
 // Sum of coeff * X over the terms (see var_values).
-double terms_value(const std::vector<LinTerm> &terms);
+double terms_value(const LinTerms &terms);
 // The methods addTerms and remove, shared with the linear part of QuadExpr.
 void lin_add_terms(LinExprObject *e, nb::handle coeffs, nb::handle vars);
 void lin_remove(LinExprObject *e, nb::handle which);

@@ -1,7 +1,9 @@
 // The extension module kaviropy._core: creates every class family in import order.
+#include "attrutil.h"
 #include "containers.h"
 #include "exprtypes.h"
 #include "handles.h"
+#include "model.h"
 #include "model_optimize.h"
 
 namespace kvrpy {
@@ -31,6 +33,8 @@ NB_MODULE(_core, m) {
   init_column(m);
   init_multidict(m);
   init_param(m);
+  init_model(m);
+  init_attrutil(m);
   init_callback(m);
   init_constants(m);
   init_tupledict(m);

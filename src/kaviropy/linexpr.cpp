@@ -12,7 +12,7 @@ PyTypeObject *g_linexpr_type = nullptr;
 constexpr long kLinExprLayout = 76435576;
 
 PyTypeObject *var_type() {
-  static PyTypeObject *type = reinterpret_cast<PyTypeObject *>(nb::type<Var>().ptr());
+  static PyTypeObject *type = handle_type(kVar);
   return type;
 }
 
@@ -160,15 +160,28 @@ bool same_var(PyObject *a, PyObject *b) {
   return eq == 1;
 }
 
-void release_terms(std::vector<LinTerm> &terms) {
+std::unordered_set<PyObject *> vars_same_as(const std::vector<PyObject *> &vars, PyObject *which) {
+  OwnedRefs refs;
+  refs.objects.reserve(vars.size() + 1);
+  refs.add(which);
+  for (PyObject *v : vars) refs.add(v);
+  std::unordered_set<PyObject *> seen, same;
+  for (size_t i = 1; i < refs.objects.size(); ++i) {
+    PyObject *v = refs.objects[i];
+    if (seen.insert(v).second && same_var(v, which)) same.insert(v);
+  }
+  return same;
+}
+
+void release_terms(LinTerms &terms) {
   // Detach first: a release may run arbitrary code that looks at the owner.
-  std::vector<LinTerm> old;
+  LinTerms old;
   old.swap(terms);
   for (LinTerm &t : old) Py_DECREF(t.var);
 }
 
-void release_terms(std::vector<QuadTerm> &terms) {
-  std::vector<QuadTerm> old;
+void release_terms(QuadTerms &terms) {
+  QuadTerms old;
   old.swap(terms);
   for (QuadTerm &t : old) {
     Py_DECREF(t.var1);
@@ -192,7 +205,7 @@ void add_method(PyTypeObject *type, const char *name, nb::object func) {
 
 namespace {
 
-void copy_terms(std::vector<LinTerm> &dst, const LinTerm *src, size_t n, double mult) {
+void copy_terms(LinTerms &dst, const LinTerm *src, size_t n, double mult) {
   grow(dst, n);
   for (size_t i = 0; i < n; ++i) {
     Py_INCREF(src[i].var);
@@ -206,7 +219,7 @@ LinExprObject *lin_alloc() {
   LinExprObject *e = PyObject_GC_New(LinExprObject, g_linexpr_type);
   if (!e) throw nb::python_error();
   e->constant = 0.0;
-  new (&e->terms) std::vector<LinTerm>();
+  new (&e->terms) LinTerms();
   e->next = nullptr;
   PyObject_GC_Track(reinterpret_cast<PyObject *>(e));
   return e;
@@ -222,7 +235,7 @@ void lin_flatten(LinExprObject *e) {
     chain.push_back(p);
     total += p->terms.size();
   }
-  std::vector<LinTerm> merged;
+  LinTerms merged;
   merged.reserve(total);
   // Pieces referenced only along this chain hand over their terms instead of copying them.
   size_t exclusive = 0;
@@ -247,10 +260,20 @@ void lin_flatten(LinExprObject *e) {
   release_chain(old);
 }
 
-nb::object lin_extend(LinExprObject *e) {
+size_t operand_terms(PyObject *x, const Operand &o) {
+  if (o.kind == Kind::Var) return 1;
+  if (o.kind != Kind::Lin) return 0;
+  LinExprObject *e = L(x);
+  size_t n = e->terms.size();
+  for (LinExprObject *p = e->next; p; p = p->next) n += p->terms.size();
+  return n;
+}
+
+nb::object lin_extend(LinExprObject *e, size_t extra) {
   nb::object r = lin_new();
   LinExprObject *out = L(r);
   if (e->terms.size() <= kPieceMin) {
+    out->terms.reserve(e->terms.size() + extra);
     copy_terms(out->terms, e->terms.data(), e->terms.size(), 1.0);
     out->constant = e->constant;
     out->next = e->next;
@@ -265,6 +288,7 @@ nb::object lin_extend(LinExprObject *e) {
   e->next = piece;
   Py_INCREF(piece);
   out->next = piece;
+  out->terms.reserve(extra);
   return r;
 }
 
@@ -378,7 +402,7 @@ std::vector<double> var_values(const std::vector<PyObject *> &vars) {
   return x;
 }
 
-double terms_value(const std::vector<LinTerm> &terms) {
+double terms_value(const LinTerms &terms) {
   std::vector<PyObject *> vars;
   vars.reserve(terms.size());
   for (const LinTerm &t : terms) vars.push_back(t.var);
@@ -561,7 +585,7 @@ PyObject *lin_nb_add(PyObject *a, PyObject *b) {
     PyObject *self = is_lin(a) ? a : b, *other = is_lin(a) ? b : a;
     Operand o = classify(other);
     if (!is_linear_kind(o.kind)) return not_implemented();
-    nb::object r = lin_extend(L(self));
+    nb::object r = lin_extend(L(self), operand_terms(other, o));
     lin_add(L(r), other, o, 1.0);
     return r.release().ptr();
   });
@@ -572,7 +596,7 @@ PyObject *lin_nb_subtract(PyObject *a, PyObject *b) {
     if (is_lin(a)) {
       Operand o = classify(b);
       if (!is_linear_kind(o.kind)) return not_implemented();
-      nb::object r = lin_extend(L(a));
+      nb::object r = lin_extend(L(a), operand_terms(b, o));
       lin_add(L(r), b, o, -1.0);
       return r.release().ptr();
     }
@@ -690,11 +714,15 @@ void lin_add_terms(LinExprObject *e, nb::handle coeffs, nb::handle vars) {
 
 void lin_remove(LinExprObject *e, nb::handle which) {
   lin_flatten(e);
-  std::vector<LinTerm> dropped;
+  LinTerms dropped;
   if (is_var(which.ptr())) {
-    std::vector<LinTerm> kept;
+    std::vector<PyObject *> vars;
+    vars.reserve(e->terms.size());
+    for (const LinTerm &t : e->terms) vars.push_back(t.var);
+    std::unordered_set<PyObject *> same = vars_same_as(vars, which.ptr());
+    LinTerms kept;
     kept.reserve(e->terms.size());
-    for (const LinTerm &t : e->terms) (same_var(t.var, which.ptr()) ? dropped : kept).push_back(t);
+    for (const LinTerm &t : e->terms) (same.count(t.var) ? dropped : kept).push_back(t);
     e->terms.swap(kept);
   } else if (PyLong_Check(which.ptr())) {
     size_t i = term_position(which, e->terms.size(), "a LinExpr");
@@ -719,7 +747,7 @@ void lin_normalize(LinExprObject *e) {
   lin_flatten(e);
   std::unordered_map<TermKey, size_t, TermKeyHash> first;
   first.reserve(e->terms.size());
-  std::vector<LinTerm> merged, dropped;
+  LinTerms merged, dropped;
   merged.reserve(e->terms.size());
   for (const LinTerm &t : e->terms) {
     auto [it, fresh] = first.emplace(var_key(t.var), merged.size());
@@ -898,6 +926,13 @@ void register_linexpr_methods(PyTypeObject *type) {
       },
       nb::arg("c").none(), "Multiplies the expression by a number in place.");
   def(
+      "__sizeof__",
+      [](nb::handle self) {
+        LinExprObject *e = lin_self(self);
+        return sizeof(LinExprObject) + e->terms.capacity() * sizeof(LinTerm);
+      },
+      "Bytes of the object and its own term vector (linked pieces and variables not counted).");
+  def(
       "__reduce__", [](nb::handle self) { return lin_reduce(lin_self(self)); },
       "Pickling support.");
 }
@@ -916,8 +951,9 @@ VarOperands var_operands(PyObject *a, PyObject *b) {
   return {left ? a : b, left ? b : a, left};
 }
 
-nb::object var_linexpr(PyObject *var, double coeff) {
+nb::object var_linexpr(PyObject *var, double coeff, size_t extra = 0) {
   nb::object r = lin_new();
+  L(r)->terms.reserve(1 + extra);
   lin_add(L(r), var, {Kind::Var, 0.0}, coeff);
   return r;
 }
@@ -927,7 +963,7 @@ PyObject *var_nb_add(PyObject *a, PyObject *b) {
     VarOperands v = var_operands(a, b);
     Operand o = classify(v.other);
     if (!is_linear_kind(o.kind)) return not_implemented();
-    nb::object r = var_linexpr(v.var, 1.0);
+    nb::object r = var_linexpr(v.var, 1.0, operand_terms(v.other, o));
     lin_add(L(r), v.other, o, 1.0);
     return r.release().ptr();
   });
@@ -939,6 +975,7 @@ PyObject *var_nb_subtract(PyObject *a, PyObject *b) {
     Operand o = classify(v.other);
     if (!is_linear_kind(o.kind)) return not_implemented();
     nb::object r = lin_new();
+    L(r)->terms.reserve(1 + operand_terms(v.other, o));
     lin_add(L(r), a, v.var_left ? Operand{Kind::Var, 0.0} : o, 1.0);
     lin_add(L(r), b, v.var_left ? o : Operand{Kind::Var, 0.0}, -1.0);
     return r.release().ptr();

@@ -18,13 +18,13 @@ QuadExprObject *quad_alloc(LinExprObject *lin) {
     throw nb::python_error();
   }
   q->lin = lin;
-  new (&q->terms) std::vector<QuadTerm>();
+  new (&q->terms) QuadTerms();
   q->next = nullptr;
   PyObject_GC_Track(reinterpret_cast<PyObject *>(q));
   return q;
 }
 
-void copy_quad_terms(std::vector<QuadTerm> &dst, const QuadTerm *src, size_t n, double mult) {
+void copy_quad_terms(QuadTerms &dst, const QuadTerm *src, size_t n, double mult) {
   grow(dst, n);
   for (size_t i = 0; i < n; ++i) {
     Py_INCREF(src[i].var1);
@@ -63,7 +63,7 @@ void quad_flatten(QuadExprObject *q) {
     chain.push_back(p);
     total += p->terms.size();
   }
-  std::vector<QuadTerm> merged;
+  QuadTerms merged;
   merged.reserve(total);
   size_t exclusive = 0;
   while (exclusive < chain.size() && Py_REFCNT(chain[exclusive]) == 1) ++exclusive;
@@ -220,8 +220,16 @@ std::string quad_pretty(QuadExprObject *q) {
   if (!q->terms.empty()) {
     if (!s.empty()) s += " + ";
     s += "[ ";
-    for (size_t i = 0; i < q->terms.size(); ++i) {
-      const QuadTerm &t = q->terms[i];
+    // sameAs may run Python code: print from a copy that holds its own references.
+    QuadTerms terms = q->terms;
+    OwnedRefs refs;
+    refs.objects.reserve(2 * terms.size());
+    for (const QuadTerm &t : terms) {
+      refs.add(t.var1);
+      refs.add(t.var2);
+    }
+    for (size_t i = 0; i < terms.size(); ++i) {
+      const QuadTerm &t = terms[i];
       if (i) s += " + ";
       s += coeff_text(t.coeff);
       s += var_text(t.var1);
@@ -393,12 +401,19 @@ void quad_add_terms(QuadExprObject *q, nb::handle coeffs, nb::handle vars, nb::h
 
 void quad_remove(QuadExprObject *q, nb::handle which) {
   quad_flatten(q);
-  std::vector<QuadTerm> dropped;
+  QuadTerms dropped;
   if (is_var(which.ptr())) {
-    std::vector<QuadTerm> kept;
+    std::vector<PyObject *> vars;
+    vars.reserve(2 * q->terms.size());
+    for (const QuadTerm &t : q->terms) {
+      vars.push_back(t.var1);
+      vars.push_back(t.var2);
+    }
+    std::unordered_set<PyObject *> same = vars_same_as(vars, which.ptr());
+    QuadTerms kept;
     kept.reserve(q->terms.size());
     for (const QuadTerm &t : q->terms) {
-      bool hit = same_var(t.var1, which.ptr()) || same_var(t.var2, which.ptr());
+      bool hit = same.count(t.var1) || same.count(t.var2);
       (hit ? dropped : kept).push_back(t);
     }
     q->terms.swap(kept);
@@ -426,7 +441,7 @@ void quad_normalize(QuadExprObject *q) {
   // x * y and y * x are one product.
   std::unordered_map<std::pair<TermKey, TermKey>, size_t, PairHash> first;
   first.reserve(q->terms.size());
-  std::vector<QuadTerm> merged, dropped;
+  QuadTerms merged, dropped;
   merged.reserve(q->terms.size());
   for (const QuadTerm &t : q->terms) {
     TermKey a = var_key(t.var1), b = var_key(t.var2);
@@ -628,6 +643,14 @@ void register_quadexpr_methods(PyTypeObject *type) {
         quad_scale(q, v);
       },
       nb::arg("c").none(), "Multiplies the expression by a number in place.");
+  def(
+      "__sizeof__",
+      [](nb::handle self) {
+        QuadExprObject *q = quad_self(self);
+        return sizeof(QuadExprObject) + q->terms.capacity() * sizeof(QuadTerm);
+      },
+      "Bytes of the object and its own term vector (the linear part, linked pieces and "
+      "variables not counted).");
   def(
       "__reduce__", [](nb::handle self) { return quad_reduce(quad_self(self)); },
       "Pickling support.");
