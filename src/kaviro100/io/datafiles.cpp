@@ -616,6 +616,10 @@ void write_data_file(kvr_model *model, const std::string &filename, FileType t) 
     write_params(model, filename);
     return;
   }
+  if (t == FileType::Ilp) {
+    write_iis_file(model, filename);
+    return;
+  }
   if (t == FileType::Json) {
     std::string s = json_solution(model);
     TextWriter out(filename);

@@ -24,10 +24,10 @@ FileType file_type(std::string_view filename) {
   static const struct {
     const char *ext;
     FileType type;
-  } kTypes[] = {{"lp", FileType::Lp},     {"mps", FileType::Mps},   {"sol", FileType::Sol},
-                {"mst", FileType::Mst},   {"hnt", FileType::Hnt},   {"ord", FileType::Ord},
-                {"bas", FileType::Bas},   {"prm", FileType::Prm},   {"attr", FileType::Attr},
-                {"json", FileType::Json}};
+  } kTypes[] = {{"lp", FileType::Lp},     {"mps", FileType::Mps}, {"sol", FileType::Sol},
+                {"mst", FileType::Mst},   {"hnt", FileType::Hnt}, {"ord", FileType::Ord},
+                {"bas", FileType::Bas},   {"prm", FileType::Prm}, {"attr", FileType::Attr},
+                {"json", FileType::Json}, {"ilp", FileType::Ilp}};
   for (const auto &t : kTypes)
     if (iequals(ext, t.ext)) return t.type;
   return FileType::Unknown;
@@ -55,6 +55,8 @@ const char *file_type_name(FileType t) {
       return "attribute";
     case FileType::Json:
       return "JSON solution";
+    case FileType::Ilp:
+      return "IIS";
     default:
       return "unknown";
   }
@@ -69,7 +71,7 @@ double seconds_since(std::chrono::steady_clock::time_point t0) {
 [[noreturn]] void unknown_type(const char *filename, const char *what) {
   fail(KVR_ERROR_INVALID_ARGUMENT,
        "Unknown file type for file '%s': %s (known suffixes: .lp, .mps, .sol, .mst, .hnt, .ord, "
-       ".bas, .prm, .attr, .json, optionally followed by .gz or .bz2)",
+       ".bas, .prm, .attr, .json, .ilp, optionally followed by .gz or .bz2)",
        filename, what);
 }
 
@@ -130,9 +132,9 @@ int KVRread(KVRmodel *model, const char *filename) {
       kvr::fail(KVR_ERROR_INVALID_ARGUMENT,
                 "Unable to read model file '%s' into an existing model: read it as a new model",
                 filename);
-    if (t == FileType::Json)
-      kvr::fail(KVR_ERROR_INVALID_ARGUMENT,
-                "Unable to read '%s': JSON solution files are written, not read", filename);
+    if (t == FileType::Json || t == FileType::Ilp)
+      kvr::fail(KVR_ERROR_INVALID_ARGUMENT, "Unable to read '%s': %s files are written, not read",
+                filename, file_type_name(t));
     read_data_file(model, filename, t);
     model->env.logf("Read %s file %s\n", file_type_name(t), filename);
   });
