@@ -496,3 +496,44 @@ def test_comparisons_that_change_the_expression_are_safe():
     target.addTerms([1, 2], [a, c], [b, c])
     target.remove(a)
     assert target.size() == 0 and same_terms(target.getLinExpr(), [(5.0, c)])
+
+
+def test_random_operation_sequences_match_a_reference(xs):
+    # Expressions next to plain (terms, constant) references, through long and short operands so
+    # that linked pieces are created, shared, mutated around and flattened in every order.
+    import random
+    rng = random.Random(7)
+    exprs = [(LinExpr(), [], 0.0)]
+    for step in range(3000):
+        i = rng.randrange(len(exprs))
+        e, ref, const = exprs[i]
+        op = rng.randrange(7)
+        if len(ref) > 500 and op in (1, 5):
+            continue
+        v = xs[rng.randrange(len(xs))]
+        if op == 0:  # binary sum with a variable
+            exprs.append((e + v, ref + [(1.0, v)], const))
+        elif op == 1:  # binary difference with another expression
+            f, fref, fconst = exprs[rng.randrange(len(exprs))]
+            exprs.append((e - f, ref + [(-c, w) for c, w in fref], const - fconst))
+        elif op == 2:  # in place
+            e += 2 * v
+            exprs[i] = (e, ref + [(2.0, v)], const)
+            for k, (g, gref, gconst) in enumerate(exprs):  # aliases see the change
+                if g is e:
+                    exprs[k] = exprs[i]
+        elif op == 3:
+            exprs.append((LinExpr(e), list(ref), const))
+        elif op == 4:
+            exprs.append((e + 1.5, list(ref), const + 1.5))
+        elif op == 5:
+            exprs.append((kp.quicksum([e, v, e]), ref + [(1.0, v)] + ref, 2 * const))
+        elif op == 6:
+            e._flatten()
+        if len(exprs) > 40:
+            exprs.pop(rng.randrange(len(exprs)))
+        if step % 500 == 0:
+            gc.collect()
+    assert any(e._is_nested() for e, _, _ in exprs)  # the sequence did link pieces
+    for e, ref, const in exprs:
+        assert same_terms(e, ref) and e.getConstant() == pytest.approx(const)
