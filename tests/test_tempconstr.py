@@ -83,8 +83,7 @@ def test_repr(xs):
     x, y = xs[:2]
     assert repr(x + y <= 3) == f"<kaviro.TempConstr: {P} + {P} <= 3>"
     assert repr(x >= 2.5) == f"<kaviro.TempConstr: {P} >= 2.5>"
-    assert repr(x * x == y) == f"<kaviro.TempConstr: [ {P} ^ 2 ] == <kaviropy.Var object" + \
-        repr(y)[len("<kaviropy.Var object"):] + ">"
+    assert repr(x * x == y) == f"<kaviro.TempConstr: [ {P} ^ 2 ] == {y!r}>"
     ind = (x == 1) >> (y <= 2)
     assert repr(ind) == (f"<kaviro.TempConstr: <kaviro.TempConstr: {P} == 1> == "
                          f"<kaviro.TempConstr: {P} <= 2>>")

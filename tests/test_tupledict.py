@@ -259,3 +259,28 @@ def test_prod_errors(grid):
         grid.prod()
     with pytest.raises(TypeError, match="must be pairs"):
         grid.prod(Triples({(0, 0): 1.0}))
+
+
+def same_terms(expr, expected):
+    got = [(expr.getCoeff(i), expr.getVar(i)) for i in range(expr.size())]
+    return len(got) == len(expected) and all(
+        c == ec and v is ev for (c, v), (ec, ev) in zip(got, expected))
+
+
+def test_sums_of_variables_keep_the_key_order():
+    x = kp.tupledict()
+    for key in [(2, "b"), (1, "a"), (2, "a"), (1, "b")]:
+        x[key] = kp.Var(None, len(x))
+    v = {k: dict.__getitem__(x, k) for k in dict.keys(x)}
+    assert same_terms(x.sum(2, "*"), [(1.0, v[2, "b"]), (1.0, v[2, "a"])])
+    # Fewer coefficients than entries: the coefficients' order; otherwise the keys' order.
+    coeffs = {(1, "b"): 3.0, (2, "b"): -1.0, (1, "a"): 0.5}
+    assert same_terms(x.prod(coeffs), [(3.0, v[1, "b"]), (-1.0, v[2, "b"]), (0.5, v[1, "a"])])
+    coeffs[9, "z"] = 1.0
+    assert same_terms(x.prod(coeffs), [(-1.0, v[2, "b"]), (0.5, v[1, "a"]), (3.0, v[1, "b"])])
+    # A coefficient that is not a number multiplies as Python does: a quadratic term here.
+    q = x.prod({(1, "a"): v[2, "a"]}, 1, "*")
+    assert type(q) is kp.QuadExpr and q.size() == 1
+    with pytest.raises(kp.KaviroError):
+        x.prod({(1, "a"): float("nan")}, 1, "a")
+    assert same_terms(kp.quicksum(x), [(1.0, w) for w in x.values()])

@@ -18,7 +18,7 @@ struct ColumnObject {
 ColumnObject *C(nb::handle h) { return reinterpret_cast<ColumnObject *>(h.ptr()); }
 
 PyTypeObject *constr_type() {
-  static PyTypeObject *type = reinterpret_cast<PyTypeObject *>(nb::type<Constr>().ptr());
+  static PyTypeObject *type = handle_type(kConstr);
   return type;
 }
 

@@ -1,7 +1,10 @@
 // The extension module kaviropy._core: creates every class family in import order.
+#include "attrutil.h"
 #include "containers.h"
 #include "exprtypes.h"
 #include "handles.h"
+#include "model.h"
+#include "model_optimize.h"
 
 namespace kvrpy {
 namespace {
@@ -30,9 +33,13 @@ NB_MODULE(_core, m) {
   init_column(m);
   init_multidict(m);
   init_param(m);
+  init_model(m);
+  init_attrutil(m);
   init_callback(m);
   init_constants(m);
   init_tupledict(m);
   init_tuplelist(m);
   init_kaviro(m);
+  init_model_optimize(m);
+  init_model_print(m);
 }

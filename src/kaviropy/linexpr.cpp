@@ -12,7 +12,7 @@ PyTypeObject *g_linexpr_type = nullptr;
 constexpr long kLinExprLayout = 76435576;
 
 PyTypeObject *var_type() {
-  static PyTypeObject *type = reinterpret_cast<PyTypeObject *>(nb::type<Var>().ptr());
+  static PyTypeObject *type = handle_type(kVar);
   return type;
 }
 

@@ -184,6 +184,14 @@ class Positions : public SelectVisitor {
  public:
   void all() override { pieces_.push_back({nullptr, 0}); }
   void group(const GroupIndexPtr &index, uint32_t g) override { pieces_.push_back({index, g}); }
+  // Number of positions matched, for reserving room (for_each may skip some past `size`).
+  Py_ssize_t count(Py_ssize_t size) const {
+    Py_ssize_t n = 0;
+    for (const Piece &piece : pieces_)
+      n += piece.index ? piece.index->start[piece.group + 1] - piece.index->start[piece.group]
+                       : size;
+    return n;
+  }
   template <class F>
   void for_each(Py_ssize_t size, F &&f) const {
     for (const Piece &piece : pieces_) {
@@ -215,18 +223,23 @@ Positions select_positions(TupleDict *self, const Snapshot &s, PyObject *const *
   return positions;
 }
 
-// The running sum of sum() and prod(): the terms go to the module's quicksum.
+// The running sum of sum() and prod(): one expression built in place, no expression per item.
 class TermSum {
  public:
-  void add(PyObject *item) { ok(PyList_Append(terms_.ptr(), item)); }
+  void reserve(Py_ssize_t terms) { sum_.reserve(static_cast<size_t>(terms)); }
+  void add(PyObject *item) { sum_.add(item); }
+  // coeff * item; a coefficient that is a number scales the item as it is added.
   void add_product(PyObject *coeff, PyObject *item) {
-    nb::object term = owned(PyNumber_Multiply(coeff, item));
-    ok(PyList_Append(terms_.ptr(), term.ptr()));
+    double c;
+    if (isscalar(coeff, &c))
+      sum_.add(item, c);
+    else
+      sum_.add(owned(PyNumber_Multiply(coeff, item)));
   }
-  nb::object result() { return module_attr("quicksum")(terms_); }
+  nb::object result() { return sum_.result(); }
 
  private:
-  nb::object terms_ = owned(PyList_New(0));
+  ExprSum sum_;
 };
 
 // ---------------------------------------------------------------- type slots
@@ -499,6 +512,7 @@ PyObject *td_sum(PyObject *self, PyObject *const *args, Py_ssize_t nargs) {
     Snapshot s = snapshot(t);
     Positions matched = select_positions(t, s, args, nargs);
     TermSum sum;
+    sum.reserve(matched.count(s.size()));
     matched.for_each(s.size(), [&](Py_ssize_t i) { sum.add(s.value(i)); });
     return sum.result().release().ptr();
   });
@@ -562,6 +576,7 @@ nb::object prod(TupleDict *self, PyObject *coeffs, PyObject *const *args, Py_ssi
     }
     Snapshot s = snapshot(self);
     Positions matched = select_positions(self, s, args, nargs);
+    sum.reserve(matched.count(s.size()));
     // Coefficient dictionaries are often built in the same key order: while the entries line up
     // with the keys, take them in step instead of looking each key up.
     bool in_step = nargs == 0;

@@ -712,6 +712,16 @@ static void test_genconstrs(void) {
   CHECK(int_attr(m, "NumGenConstrs") == 12);
   CHECK(same_str(str_elem(m, "GenConstrName", 0), "ind"));
   KVRfreemodel(m);
+
+  /* An absolute value goes with its argument. */
+  m = new_model(2);
+  OK(m, KVRaddgenconstrAbs(m, "abs", 0, 1));
+  OK(m, KVRupdatemodel(m));
+  del = 1;
+  OK(m, KVRdelvars(m, 1, &del));
+  OK(m, KVRupdatemodel(m));
+  CHECK(int_attr(m, "NumGenConstrs") == 0);
+  KVRfreemodel(m);
 }
 
 /* ------------------------------------------------------------------ objectives */
@@ -1180,6 +1190,64 @@ static void test_results_absent(void) {
   KVRfreemodel(m);
 }
 
+/* Every attribute of the table can be read in its own form (or says why it has no value), and
+   every settable one takes back the value it reads. */
+static void test_every_attribute(void) {
+  KVRmodel *m = small_model();
+  int i, n = KVRgetnumattributes(NULL), type, cls, settable, rc, iv, t = 1, b = 0, sind[1] = {0};
+  double dv, w[1] = {1};
+  char cv, *name, *sv, copy[KVR_MAX_STRLEN];
+  OK(m, KVRaddsos(m, 1, 1, &t, &b, sind, w));
+  OK(m, KVRaddqconstr(m, 1, sind, w, 0, NULL, NULL, NULL, '<', 1, "q"));
+  OK(m, KVRaddgenconstrExp(m, "e", 0, 1, NULL));
+  OK(m, KVRupdatemodel(m));
+  CHECK(n > 170);
+  for (i = 0; i < n; ++i) {
+    OK(m, KVRgetattrname(m, i, &name));
+    OK(m, KVRgetattrinfo(m, name, &type, &cls, &settable));
+    if (cls == KVR_ATTRCLASS_BATCH) {
+      ERR(m, KVR_ERROR_INVALID_ARGUMENT, KVRgetintattr(m, name, &iv));
+      continue;
+    }
+    if (cls == KVR_ATTRCLASS_MODEL) {
+      rc = type == KVR_ATTRTYPE_INT   ? KVRgetintattr(m, name, &iv)
+           : type == KVR_ATTRTYPE_DBL ? KVRgetdblattr(m, name, &dv)
+                                      : KVRgetstrattr(m, name, &sv);
+    } else {
+      rc = type == KVR_ATTRTYPE_CHAR  ? KVRgetcharattrelement(m, name, 0, &cv)
+           : type == KVR_ATTRTYPE_INT ? KVRgetintattrelement(m, name, 0, &iv)
+           : type == KVR_ATTRTYPE_DBL ? KVRgetdblattrelement(m, name, 0, &dv)
+                                      : KVRgetstrattrelement(m, name, 0, &sv);
+    }
+    if (rc != 0 && rc != KVR_ERROR_DATA_NOT_AVAILABLE && rc != KVR_ERROR_NOT_FOR_MIP) {
+      ++g_failed;
+      fprintf(stderr, "reading attribute %s failed with %d: %s\n", name, rc, KVRgetmerrormsg(m));
+    }
+    if (rc != 0 || !settable) continue;
+    if (type == KVR_ATTRTYPE_STR) {
+      strncpy(copy, sv, sizeof copy - 1);
+      copy[sizeof copy - 1] = 0;
+    }
+    if (cls == KVR_ATTRCLASS_MODEL) {
+      rc = type == KVR_ATTRTYPE_INT   ? KVRsetintattr(m, name, iv)
+           : type == KVR_ATTRTYPE_DBL ? KVRsetdblattr(m, name, dv)
+                                      : KVRsetstrattr(m, name, copy);
+    } else {
+      rc = type == KVR_ATTRTYPE_CHAR  ? KVRsetcharattrelement(m, name, 0, cv)
+           : type == KVR_ATTRTYPE_INT ? KVRsetintattrelement(m, name, 0, iv)
+           : type == KVR_ATTRTYPE_DBL ? KVRsetdblattrelement(m, name, 0, dv)
+                                      : KVRsetstrattrelement(m, name, 0, copy);
+    }
+    if (rc != 0) {
+      ++g_failed;
+      fprintf(stderr, "writing back attribute %s failed with %d: %s\n", name, rc,
+              KVRgetmerrormsg(m));
+    }
+  }
+  OK(m, KVRupdatemodel(m));
+  KVRfreemodel(m);
+}
+
 static void test_statistics(void) {
   KVRmodel *m = small_model(), *copy;
   int fp, ind[2] = {0, 1};
@@ -1293,6 +1361,7 @@ int main(int argc, char **argv) {
   test_attribute_forms();
   test_user_data();
   test_results_absent();
+  test_every_attribute();
   test_statistics();
   test_clean();
   KVRfreeenv(g_env);

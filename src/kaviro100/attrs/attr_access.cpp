@@ -592,8 +592,9 @@ void check_available(kvr_model *m, AttrId id) {
     case A::IterCount:
     case A::NodeCount:
     case A::BarIterCount:
-    case A::ConcurrentWinMethod:
       return need(s.solved);
+    case A::ConcurrentWinMethod:  // only a concurrent solve has a winner
+      return need(s.solved && s.concurrent_win_method >= 0);
     default:
       if (is_quality(id)) check_quality_available(m, id);
       return;

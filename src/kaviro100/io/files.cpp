@@ -1,15 +1,192 @@
-// Reading and writing files: the file type follows from the suffix.
+// Reading and writing files: the file type follows from the suffix (after a compression suffix).
+#include "io/files.h"
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+
+#include "io/datafiles.h"
+#include "io/formats.h"
 #include "model/model.h"
+#include "util/error.h"
+#include "util/strings.h"
+
+namespace kvr::io {
+
+FileType file_type(std::string_view filename) {
+  std::string_view inner;
+  compression_of(filename, &inner);
+  size_t dot = inner.rfind('.');
+  size_t slash = inner.find_last_of("/\\");
+  if (dot == std::string_view::npos || (slash != std::string_view::npos && dot < slash))
+    return FileType::Unknown;
+  std::string_view ext = inner.substr(dot + 1);
+  static const struct {
+    const char *ext;
+    FileType type;
+  } kTypes[] = {{"lp", FileType::Lp},     {"mps", FileType::Mps},   {"sol", FileType::Sol},
+                {"mst", FileType::Mst},   {"hnt", FileType::Hnt},   {"ord", FileType::Ord},
+                {"bas", FileType::Bas},   {"prm", FileType::Prm},   {"attr", FileType::Attr},
+                {"json", FileType::Json}};
+  for (const auto &t : kTypes)
+    if (iequals(ext, t.ext)) return t.type;
+  return FileType::Unknown;
+}
+
+const char *file_type_name(FileType t) {
+  switch (t) {
+    case FileType::Lp:
+      return "LP";
+    case FileType::Mps:
+      return "MPS";
+    case FileType::Sol:
+      return "solution";
+    case FileType::Mst:
+      return "MIP start";
+    case FileType::Hnt:
+      return "hint";
+    case FileType::Ord:
+      return "branching priority";
+    case FileType::Bas:
+      return "basis";
+    case FileType::Prm:
+      return "parameter";
+    case FileType::Attr:
+      return "attribute";
+    case FileType::Json:
+      return "JSON solution";
+    default:
+      return "unknown";
+  }
+}
+
+namespace {
+
+double seconds_since(std::chrono::steady_clock::time_point t0) {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+}
+
+[[noreturn]] void unknown_type(const char *filename, const char *what) {
+  fail(KVR_ERROR_INVALID_ARGUMENT,
+       "Unknown file type for file '%s': %s (known suffixes: .lp, .mps, .sol, .mst, .hnt, .ord, "
+       ".bas, .prm, .attr, .json, optionally followed by .gz or .bz2)",
+       filename, what);
+}
+
+}  // namespace
+
+ModelData read_model_file(const std::string &filename, kvr_env &env) {
+  FileType t = file_type(filename);
+  if (t != FileType::Lp && t != FileType::Mps) {
+    if (t == FileType::Unknown) unknown_type(filename.c_str(), "cannot read a model from it");
+    fail(KVR_ERROR_INVALID_ARGUMENT,
+         "Unable to read a model from '%s': it is a %s file, not a model file (.lp or .mps)",
+         filename.c_str(), file_type_name(t));
+  }
+  auto t0 = std::chrono::steady_clock::now();
+  LineReader in(filename);
+  env.logf("Read %s format model from file %s\n", file_type_name(t), filename.c_str());
+  ModelData d = t == FileType::Lp ? read_lp(in) : read_mps(in);
+  env.logf("Reading time = %.2f seconds\n", seconds_since(t0));
+  env.logf("%s: %d rows, %d columns, %lld nonzeros\n", d.name.c_str(), d.num_constrs(),
+           d.num_vars(), static_cast<long long>(d.constrs.rows.nnz()));
+  return d;
+}
+
+void write_model_file(const ModelData &d, const std::string &filename, FileType t) {
+  TextWriter out(filename);
+  if (t == FileType::Lp)
+    write_lp(d, out);
+  else
+    write_mps(d, out);
+  out.finish();
+}
+
+}  // namespace kvr::io
+
+using namespace kvr::io;
 
 extern "C" {
 
 int KVRreadmodel(KVRenv *env, const char *filename, KVRmodel **modelP) {
-  if (!env || !filename || !modelP) return KVR_ERROR_NULL_ARGUMENT;
-  *modelP = nullptr;
+  if (modelP) *modelP = nullptr;
+  if (!env) return KVR_ERROR_NULL_ARGUMENT;
   return env->run([&] {
-    kvr::fail(KVR_ERROR_FILE_READ, "Unable to read '%s': no reader for this file type yet",
-              filename);
+    if (!filename || !modelP) kvr::fail(KVR_ERROR_NULL_ARGUMENT, "Null argument to KVRreadmodel");
+    if (!env->started) kvr::fail(KVR_ERROR_INVALID_ARGUMENT, "Environment not started");
+    kvr::ModelData d = read_model_file(filename, *env);
+    *modelP = new kvr_model(*env, std::move(d));
   });
+}
+
+int KVRread(KVRmodel *model, const char *filename) {
+  if (!model) return KVR_ERROR_NULL_ARGUMENT;
+  return model->run([&] {
+    if (!filename) kvr::fail(KVR_ERROR_NULL_ARGUMENT, "Null file name given to KVRread");
+    kvr::check_modifiable(model);
+    FileType t = file_type(filename);
+    if (t == FileType::Unknown) unknown_type(filename, "cannot read it into a model");
+    if (t == FileType::Lp || t == FileType::Mps)
+      kvr::fail(KVR_ERROR_INVALID_ARGUMENT,
+                "Unable to read model file '%s' into an existing model: read it as a new model",
+                filename);
+    if (t == FileType::Json)
+      kvr::fail(KVR_ERROR_INVALID_ARGUMENT,
+                "Unable to read '%s': JSON solution files are written, not read", filename);
+    read_data_file(model, filename, t);
+    model->env.logf("Read %s file %s\n", file_type_name(t), filename);
+  });
+}
+
+int KVRwrite(KVRmodel *model, const char *filename) {
+  if (!model) return KVR_ERROR_NULL_ARGUMENT;
+  return model->run([&] {
+    if (!filename) kvr::fail(KVR_ERROR_NULL_ARGUMENT, "Null file name given to KVRwrite");
+    kvr::check_queryable(model);
+    FileType t = file_type(filename);
+    if (t == FileType::Unknown) unknown_type(filename, "cannot write it");
+    kvr::update_model(model);
+    if (t == FileType::Lp || t == FileType::Mps)
+      write_model_file(model->data, filename, t);
+    else
+      write_data_file(model, filename, t);
+  });
+}
+
+int KVRgetjsonsolution(KVRmodel *model, char **buffP) {
+  if (buffP) *buffP = nullptr;
+  if (!model) return KVR_ERROR_NULL_ARGUMENT;
+  return model->run([&] {
+    if (!buffP) kvr::fail(KVR_ERROR_NULL_ARGUMENT, "Null buffer pointer given to KVRgetjsonsolution");
+    kvr::check_queryable(model);
+    std::string s = json_solution(model);
+    char *p = static_cast<char *>(std::malloc(s.size() + 1));
+    if (!p) throw std::bad_alloc();
+    std::memcpy(p, s.c_str(), s.size() + 1);
+    *buffP = p;
+  });
+}
+
+int KVRismodelfile(const char *filename) {
+  if (!filename) return -1;
+  try {
+    FileType t = file_type(filename);
+    if (t == FileType::Unknown) return -1;
+    return t == FileType::Lp || t == FileType::Mps ? 1 : 0;
+  } catch (...) {
+    return -1;  // a compression this build cannot handle
+  }
+}
+
+int KVRisattrfile(const char *filename) {
+  if (!filename) return -1;
+  try {
+    FileType t = file_type(filename);
+    if (t == FileType::Unknown) return -1;
+    return t == FileType::Attr ? 1 : 0;
+  } catch (...) {
+    return -1;
+  }
 }
 
 }  // extern "C"

@@ -1,0 +1,55 @@
+// The model file formats (LP, MPS) and the helpers their readers and writers share.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "attrs/attrs.h"
+#include "io/stream.h"
+#include "model/modeldata.h"
+
+namespace kvr::io {
+
+ModelData read_mps(LineReader &in);
+ModelData read_lp(LineReader &in);
+void write_mps(const ModelData &d, TextWriter &out);
+void write_lp(const ModelData &d, TextWriter &out);
+
+// Throws NOT_SUPPORTED when the model holds something neither model format can express.
+void check_writable(const ModelData &d, const char *format);
+
+// Names as files show them: an unnamed element is written (and read back) as its generated name:
+// "C<i>" for variables, "R<i>" for linear constraints, "QC<i>" for quadratic constraints,
+// "GC<i>" for general constraints.
+class ElementNames {
+ public:
+  ElementNames(const NamePool &pool, const char *prefix) : pool_(pool), prefix_(prefix) {}
+  std::string_view operator()(int i) const {
+    std::string_view s = pool_.get(static_cast<size_t>(i));
+    if (!s.empty()) return s;
+    scratch_ = prefix_;
+    scratch_ += std::to_string(i);
+    return scratch_;
+  }
+
+ private:
+  const NamePool &pool_;
+  const char *prefix_;
+  mutable std::string scratch_;
+};
+
+// Lazy level of constraint i (0 when the model never set one).
+int lazy_level(const ModelData &d, int i);
+void set_lazy_levels(ModelData &d, const std::vector<int> &levels);
+
+// The general-constraint type keywords both formats use ("MAX", "EXPA", ...) and back.
+const char *genconstr_keyword(int type);
+int genconstr_type(std::string_view keyword);  // -1 when unknown (case-insensitive)
+bool is_function_genconstr(int type);          // the y = f(x) kinds (PWL and POLY included)
+
+// The per-constraint approximation settings of a function constraint that differ from their
+// defaults, as "Key=value" pairs; and setting one of them from such a pair (false: unknown key).
+std::string funcpiece_settings(const GenConstr &g);
+bool set_funcpiece(GenConstr &g, std::string_view key, double value);
+
+}  // namespace kvr::io

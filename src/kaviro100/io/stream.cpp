@@ -1,0 +1,478 @@
+#include "io/stream.h"
+
+#include <cerrno>
+#include <charconv>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+
+#include "kaviro_c.h"
+#include "util/error.h"
+
+#ifdef KVR_HAVE_ZLIB
+#include <zlib.h>
+#endif
+#ifdef KVR_HAVE_BZIP2
+#include <bzlib.h>
+#endif
+
+namespace kvr::io {
+
+namespace {
+
+bool ends_with_ci(std::string_view s, std::string_view suffix) {
+  if (s.size() < suffix.size()) return false;
+  for (size_t i = 0; i < suffix.size(); ++i) {
+    char a = s[s.size() - suffix.size() + i];
+    if (a >= 'A' && a <= 'Z') a = static_cast<char>(a - 'A' + 'a');
+    if (a != suffix[i]) return false;
+  }
+  return true;
+}
+
+// ---------------------------------------------------------------- plain files
+
+class PlainSource : public ByteSource {
+ public:
+  PlainSource(const std::string &name) : name_(name) {
+    f_ = std::fopen(name.c_str(), "rb");
+    if (!f_)
+      fail(KVR_ERROR_FILE_READ, "Unable to open '%s' for reading: %s", name.c_str(),
+           std::strerror(errno));
+  }
+  ~PlainSource() override { std::fclose(f_); }
+  size_t read(char *buf, size_t n) override {
+    size_t got = std::fread(buf, 1, n, f_);
+    if (got < n && std::ferror(f_))
+      fail(KVR_ERROR_FILE_READ, "Error while reading '%s': %s", name_.c_str(),
+           std::strerror(errno));
+    return got;
+  }
+
+ private:
+  std::string name_;
+  std::FILE *f_;
+};
+
+class PlainSink : public ByteSink {
+ public:
+  PlainSink(const std::string &name) : name_(name) {
+    f_ = std::fopen(name.c_str(), "wb");
+    if (!f_)
+      fail(KVR_ERROR_FILE_WRITE, "Unable to open '%s' for writing: %s", name.c_str(),
+           std::strerror(errno));
+  }
+  ~PlainSink() override {
+    if (f_) std::fclose(f_);
+  }
+  void write(const char *data, size_t n) override {
+    if (std::fwrite(data, 1, n, f_) != n)
+      fail(KVR_ERROR_FILE_WRITE, "Error while writing '%s': %s", name_.c_str(),
+           std::strerror(errno));
+  }
+  void close() override {
+    std::FILE *f = f_;
+    f_ = nullptr;
+    if (std::fclose(f) != 0)
+      fail(KVR_ERROR_FILE_WRITE, "Error while writing '%s': %s", name_.c_str(),
+           std::strerror(errno));
+  }
+
+ private:
+  std::string name_;
+  std::FILE *f_;
+};
+
+// ---------------------------------------------------------------- gzip
+
+#ifdef KVR_HAVE_ZLIB
+class GzipSource : public ByteSource {
+ public:
+  GzipSource(const std::string &name) : name_(name) {
+    f_ = gzopen(name.c_str(), "rb");
+    if (!f_)
+      fail(KVR_ERROR_FILE_READ, "Unable to open '%s' for reading: %s", name.c_str(),
+           errno ? std::strerror(errno) : "out of memory");
+    gzbuffer(f_, 1 << 17);
+  }
+  ~GzipSource() override { gzclose(f_); }
+  size_t read(char *buf, size_t n) override {
+    int got = gzread(f_, buf, static_cast<unsigned>(n));
+    if (got < 0) {
+      int code = 0;
+      const char *msg = gzerror(f_, &code);
+      fail(KVR_ERROR_FILE_READ, "Error while decompressing '%s': %s", name_.c_str(), msg);
+    }
+    return static_cast<size_t>(got);
+  }
+
+ private:
+  std::string name_;
+  gzFile f_;
+};
+
+class GzipSink : public ByteSink {
+ public:
+  GzipSink(const std::string &name) : name_(name) {
+    f_ = gzopen(name.c_str(), "wb6");
+    if (!f_)
+      fail(KVR_ERROR_FILE_WRITE, "Unable to open '%s' for writing: %s", name.c_str(),
+           errno ? std::strerror(errno) : "out of memory");
+  }
+  ~GzipSink() override {
+    if (f_) gzclose(f_);
+  }
+  void write(const char *data, size_t n) override {
+    while (n > 0) {
+      unsigned chunk = static_cast<unsigned>(std::min<size_t>(n, 1u << 30));
+      if (gzwrite(f_, data, chunk) != static_cast<int>(chunk)) {
+        int code = 0;
+        fail(KVR_ERROR_FILE_WRITE, "Error while compressing '%s': %s", name_.c_str(),
+             gzerror(f_, &code));
+      }
+      data += chunk;
+      n -= chunk;
+    }
+  }
+  void close() override {
+    gzFile f = f_;
+    f_ = nullptr;
+    if (gzclose(f) != Z_OK) fail(KVR_ERROR_FILE_WRITE, "Error while writing '%s'", name_.c_str());
+  }
+
+ private:
+  std::string name_;
+  gzFile f_;
+};
+#endif
+
+// ---------------------------------------------------------------- bzip2
+
+#ifdef KVR_HAVE_BZIP2
+class Bzip2Source : public ByteSource {
+ public:
+  Bzip2Source(const std::string &name) : name_(name) {
+    f_ = std::fopen(name.c_str(), "rb");
+    if (!f_)
+      fail(KVR_ERROR_FILE_READ, "Unable to open '%s' for reading: %s", name.c_str(),
+           std::strerror(errno));
+    open_stream(nullptr, 0);
+  }
+  ~Bzip2Source() override {
+    int err;
+    if (bz_) BZ2_bzReadClose(&err, bz_);
+    std::fclose(f_);
+  }
+  size_t read(char *buf, size_t n) override {
+    size_t total = 0;
+    while (total < n && bz_) {
+      int err = BZ_OK;
+      int want = static_cast<int>(std::min<size_t>(n - total, 1u << 30));
+      int got = BZ2_bzRead(&err, bz_, buf + total, want);
+      if (err != BZ_OK && err != BZ_STREAM_END)
+        fail(KVR_ERROR_FILE_READ, "Error while decompressing '%s' (bzip2 error %d)",
+             name_.c_str(), err);
+      total += static_cast<size_t>(got);
+      if (err == BZ_STREAM_END) next_stream();
+    }
+    return total;
+  }
+
+ private:
+  void open_stream(void *unused, int nunused) {
+    int err = BZ_OK;
+    bz_ = BZ2_bzReadOpen(&err, f_, 0, 0, unused, nunused);
+    if (err != BZ_OK)
+      fail(KVR_ERROR_FILE_READ, "Unable to decompress '%s' (bzip2 error %d)", name_.c_str(), err);
+  }
+  // Files made by parallel compressors are several streams back to back.
+  void next_stream() {
+    int err = BZ_OK;
+    void *unused = nullptr;
+    int nunused = 0;
+    BZ2_bzReadGetUnused(&err, bz_, &unused, &nunused);
+    char keep[BZ_MAX_UNUSED];
+    std::memcpy(keep, unused, static_cast<size_t>(nunused));
+    BZ2_bzReadClose(&err, bz_);
+    bz_ = nullptr;
+    if (nunused == 0) {
+      int c = std::fgetc(f_);
+      if (c == EOF) return;
+      std::ungetc(c, f_);
+    }
+    open_stream(keep, nunused);
+  }
+  std::string name_;
+  std::FILE *f_;
+  BZFILE *bz_ = nullptr;
+};
+
+class Bzip2Sink : public ByteSink {
+ public:
+  Bzip2Sink(const std::string &name) : name_(name) {
+    f_ = std::fopen(name.c_str(), "wb");
+    if (!f_)
+      fail(KVR_ERROR_FILE_WRITE, "Unable to open '%s' for writing: %s", name.c_str(),
+           std::strerror(errno));
+    int err = BZ_OK;
+    bz_ = BZ2_bzWriteOpen(&err, f_, 9, 0, 0);
+    if (err != BZ_OK) {
+      std::fclose(f_);
+      fail(KVR_ERROR_FILE_WRITE, "Unable to compress '%s' (bzip2 error %d)", name.c_str(), err);
+    }
+  }
+  ~Bzip2Sink() override {
+    if (bz_) {
+      int err;
+      BZ2_bzWriteClose(&err, bz_, 1, nullptr, nullptr);
+    }
+    if (f_) std::fclose(f_);
+  }
+  void write(const char *data, size_t n) override {
+    while (n > 0) {
+      int chunk = static_cast<int>(std::min<size_t>(n, 1u << 30));
+      int err = BZ_OK;
+      BZ2_bzWrite(&err, bz_, const_cast<char *>(data), chunk);
+      if (err != BZ_OK)
+        fail(KVR_ERROR_FILE_WRITE, "Error while compressing '%s' (bzip2 error %d)",
+             name_.c_str(), err);
+      data += chunk;
+      n -= static_cast<size_t>(chunk);
+    }
+  }
+  void close() override {
+    int err = BZ_OK;
+    BZFILE *bz = bz_;
+    bz_ = nullptr;
+    BZ2_bzWriteClose(&err, bz, 0, nullptr, nullptr);
+    std::FILE *f = f_;
+    f_ = nullptr;
+    bool closed = std::fclose(f) == 0;
+    if (err != BZ_OK || !closed)
+      fail(KVR_ERROR_FILE_WRITE, "Error while writing '%s'", name_.c_str());
+  }
+
+ private:
+  std::string name_;
+  std::FILE *f_;
+  BZFILE *bz_ = nullptr;
+};
+#endif
+
+}  // namespace
+
+Compression compression_of(std::string_view filename, std::string_view *inner) {
+  Compression c = Compression::None;
+  size_t cut = 0;
+  if (ends_with_ci(filename, ".gz")) {
+    c = Compression::Gzip, cut = 3;
+  } else if (ends_with_ci(filename, ".bz2")) {
+    c = Compression::Bzip2, cut = 4;
+  } else {
+    for (std::string_view other : {".zip", ".7z", ".xz"})
+      if (ends_with_ci(filename, other))
+        fail(KVR_ERROR_NOT_SUPPORTED,
+             "Unable to handle '%.*s': %.*s compression is not supported (use .gz or .bz2)",
+             static_cast<int>(filename.size()), filename.data(), static_cast<int>(other.size()),
+             other.data());
+  }
+  if (inner) *inner = filename.substr(0, filename.size() - cut);
+#ifndef KVR_HAVE_ZLIB
+  if (c == Compression::Gzip)
+    fail(KVR_ERROR_NOT_SUPPORTED,
+         "Unable to handle '%.*s': this build of the library has no gzip support",
+         static_cast<int>(filename.size()), filename.data());
+#endif
+#ifndef KVR_HAVE_BZIP2
+  if (c == Compression::Bzip2)
+    fail(KVR_ERROR_NOT_SUPPORTED,
+         "Unable to handle '%.*s': this build of the library has no bzip2 support",
+         static_cast<int>(filename.size()), filename.data());
+#endif
+  return c;
+}
+
+std::unique_ptr<ByteSource> open_source(const std::string &filename) {
+  switch (compression_of(filename)) {
+#ifdef KVR_HAVE_ZLIB
+    case Compression::Gzip:
+      return std::make_unique<GzipSource>(filename);
+#endif
+#ifdef KVR_HAVE_BZIP2
+    case Compression::Bzip2:
+      return std::make_unique<Bzip2Source>(filename);
+#endif
+    default:
+      return std::make_unique<PlainSource>(filename);
+  }
+}
+
+std::unique_ptr<ByteSink> open_sink(const std::string &filename) {
+  switch (compression_of(filename)) {
+#ifdef KVR_HAVE_ZLIB
+    case Compression::Gzip:
+      return std::make_unique<GzipSink>(filename);
+#endif
+#ifdef KVR_HAVE_BZIP2
+    case Compression::Bzip2:
+      return std::make_unique<Bzip2Sink>(filename);
+#endif
+    default:
+      return std::make_unique<PlainSink>(filename);
+  }
+}
+
+// ---------------------------------------------------------------- LineReader
+
+LineReader::LineReader(const std::string &filename)
+    : filename_(filename), src_(open_source(filename)), buf_(1 << 20) {}
+
+bool LineReader::refill() {
+  if (eof_) return false;
+  // Keep the unfinished line, move it to the front, grow when one line fills the buffer.
+  size_t keep = end_ - pos_;
+  if (pos_ > 0) {
+    std::memmove(buf_.data(), buf_.data() + pos_, keep);
+    pos_ = 0;
+    end_ = keep;
+  }
+  if (end_ == buf_.size()) buf_.resize(buf_.size() * 2);
+  size_t got = src_->read(buf_.data() + end_, buf_.size() - end_);
+  if (got == 0) eof_ = true;
+  end_ += got;
+  return got > 0;
+}
+
+bool LineReader::next(std::string_view &line) {
+  size_t scanned = pos_;
+  for (;;) {
+    const char *start = buf_.data() + scanned;
+    const void *nl = std::memchr(start, '\n', end_ - scanned);
+    if (nl) {
+      size_t e = static_cast<size_t>(static_cast<const char *>(nl) - buf_.data());
+      size_t len = e - pos_;
+      if (len > 0 && buf_[e - 1] == '\r') --len;
+      line = std::string_view(buf_.data() + pos_, len);
+      pos_ = e + 1;
+      ++lineno_;
+      return true;
+    }
+    size_t done = end_ - pos_;
+    if (!refill()) {
+      if (pos_ == end_) return false;
+      size_t len = end_ - pos_;
+      if (buf_[pos_ + len - 1] == '\r') --len;
+      line = std::string_view(buf_.data() + pos_, len);
+      pos_ = end_;
+      ++lineno_;
+      return true;
+    }
+    scanned = pos_ + done;
+  }
+}
+
+void LineReader::vfail(const char *fmt, va_list ap) const {
+  std::string what = vformat(fmt, ap);
+  throw Error(KVR_ERROR_FILE_READ, format("%s, line %ld: %s", filename_.c_str(), lineno_, what.c_str()));
+}
+
+void LineReader::fail(const char *fmt, ...) const {
+  va_list ap;
+  va_start(ap, fmt);
+  vfail(fmt, ap);
+}
+
+// ---------------------------------------------------------------- TextWriter
+
+TextWriter::TextWriter(const std::string &filename)
+    : filename_(filename), sink_(open_sink(filename)), buf_(new char[kBufSize]) {}
+
+TextWriter::~TextWriter() {
+  if (!finished_) {
+    sink_.reset();
+    std::remove(filename_.c_str());
+  }
+}
+
+void TextWriter::flush() {
+  if (used_) sink_->write(buf_.get(), used_);
+  used_ = 0;
+}
+
+void TextWriter::finish() {
+  flush();
+  sink_->close();
+  finished_ = true;
+}
+
+int format_double(double v, char *out) {
+  if (v >= KVR_INFINITY) v = KVR_INFINITY;
+  if (v <= -KVR_INFINITY) v = -KVR_INFINITY;
+  if (std::isnan(v)) {
+    std::memcpy(out, "nan", 3);
+    return 3;
+  }
+  if (v == 0.0) v = 0.0;  // no "-0"
+  auto r = std::to_chars(out, out + 32, v);
+  return static_cast<int>(r.ptr - out);
+}
+
+TextWriter &TextWriter::num(double v) {
+  if (kBufSize - used_ < 32) flush();
+  used_ += static_cast<size_t>(format_double(v, buf_.get() + used_));
+  return *this;
+}
+
+TextWriter &TextWriter::num(long long v) {
+  if (kBufSize - used_ < 24) flush();
+  auto r = std::to_chars(buf_.get() + used_, buf_.get() + kBufSize, v);
+  used_ = static_cast<size_t>(r.ptr - buf_.get());
+  return *this;
+}
+
+// ---------------------------------------------------------------- numbers
+
+bool to_double(std::string_view s, double &out) {
+  if (s.empty()) return false;
+  const char *b = s.data(), *e = s.data() + s.size();
+  bool neg = false;
+  if (*b == '+' || *b == '-') {
+    neg = *b == '-';
+    ++b;
+    if (b == e) return false;
+  }
+  // from_chars would take "inf"/"nan" too; handle the words here so that "nan" is refused.
+  char c = *b;
+  if (c == 'i' || c == 'I') {
+    std::string_view w(b, static_cast<size_t>(e - b));
+    if (w.size() != 3 && w.size() != 8) return false;
+    static constexpr std::string_view kWord = "infinity";
+    for (size_t i = 0; i < w.size(); ++i)
+      if ((w[i] | 0x20) != kWord[i]) return false;
+    out = neg ? -KVR_INFINITY : KVR_INFINITY;
+    return true;
+  }
+  if (!((c >= '0' && c <= '9') || c == '.')) return false;
+  auto r = std::from_chars(b, e, out);
+  if (r.ptr != e) return false;
+  if (r.ec == std::errc::result_out_of_range) {
+    // Too large is infinite; too small (a negative exponent) is zero.
+    out = KVR_INFINITY;
+    for (const char *p = b; p + 1 < e; ++p)
+      if ((*p == 'e' || *p == 'E') && p[1] == '-') out = 0.0;
+  } else if (r.ec != std::errc()) {
+    return false;
+  }
+  if (out >= KVR_INFINITY) out = KVR_INFINITY;
+  if (neg) out = -out;
+  return true;
+}
+
+bool to_int(std::string_view s, long long &out) {
+  if (!s.empty() && s.front() == '+') s.remove_prefix(1);
+  if (s.empty()) return false;
+  auto r = std::from_chars(s.data(), s.data() + s.size(), out);
+  return r.ec == std::errc() && r.ptr == s.data() + s.size();
+}
+
+}  // namespace kvr::io
