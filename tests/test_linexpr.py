@@ -548,3 +548,39 @@ def test_random_operation_sequences_match_a_reference(xs):
     assert any(e._is_nested() for e, _, _ in exprs)  # the sequence did link pieces
     for e, ref, const in exprs:
         assert same_terms(e, ref) and e.getConstant() == pytest.approx(const)
+
+
+def test_operations_release_their_references(xs):
+    import sys
+    x, y, z = xs[:3]
+    big = kp.quicksum(xs[3:])
+
+    def workout():
+        e = 2 * x + 3 * y - z + 4
+        e += x
+        e -= y * 1
+        e *= 2
+        (e / 2, -e, e * e, e ** 2, x * y, x ** 2, (x + 1) * (y - 1), e == 1, x <= y)
+        f = big + x
+        f = f + big - e
+        f.size()
+        LinExpr(f).copy()._normalize()
+        q = kp.quicksum([e, x * y, f, 3])
+        q += e * x
+        (q + q, q - x, 2 * q, q / 2, -q, q.copy(), QuadExpr(q))
+        q.remove(x)
+        f.remove(0)
+        str(q), str(f), q.__reduce__(), f.__reduce__(), kp.max_(x, y), kp.Column()
+        try:
+            e / x
+        except kp.KaviroError:
+            pass
+        LinExpr([1, 2], [x, y]).addTerms([1], [z])
+
+    workout()
+    gc.collect()
+    before = [sys.getrefcount(v) for v in xs]
+    for _ in range(20):
+        workout()
+    gc.collect()
+    assert [sys.getrefcount(v) for v in xs] == before
