@@ -24,9 +24,9 @@ FileType file_type(std::string_view filename) {
   static const struct {
     const char *ext;
     FileType type;
-  } kTypes[] = {{"lp", FileType::Lp},     {"mps", FileType::Mps},   {"sol", FileType::Sol},
-                {"mst", FileType::Mst},   {"hnt", FileType::Hnt},   {"ord", FileType::Ord},
-                {"bas", FileType::Bas},   {"prm", FileType::Prm},   {"attr", FileType::Attr},
+  } kTypes[] = {{"lp", FileType::Lp},    {"mps", FileType::Mps}, {"sol", FileType::Sol},
+                {"mst", FileType::Mst},  {"hnt", FileType::Hnt}, {"ord", FileType::Ord},
+                {"bas", FileType::Bas},  {"prm", FileType::Prm}, {"attr", FileType::Attr},
                 {"json", FileType::Json}};
   for (const auto &t : kTypes)
     if (iequals(ext, t.ext)) return t.type;
@@ -157,7 +157,8 @@ int KVRgetjsonsolution(KVRmodel *model, char **buffP) {
   if (buffP) *buffP = nullptr;
   if (!model) return KVR_ERROR_NULL_ARGUMENT;
   return model->run([&] {
-    if (!buffP) kvr::fail(KVR_ERROR_NULL_ARGUMENT, "Null buffer pointer given to KVRgetjsonsolution");
+    if (!buffP)
+      kvr::fail(KVR_ERROR_NULL_ARGUMENT, "Null buffer pointer given to KVRgetjsonsolution");
     kvr::check_queryable(model);
     std::string s = json_solution(model);
     char *p = static_cast<char *>(std::malloc(s.size() + 1));
