@@ -248,6 +248,8 @@ MPS_ERRORS = [
     (MPS_HEAD + "GENCONS\n MAX g\n    FOO x\n", 9, "unexpected item 'FOO'"),
     (MPS_HEAD + "PWLOBJ\n x 1 0\n x 0 1\n", 9, "x values of the points of column 'x' decrease"),
     (MPS_HEAD + "SOS\n x 1\n", 8, "expected S1 or S2 to begin a set"),
+    (MPS_HEAD + " y c1 1e999\n", 7, "coefficient of column 'y' in row 'c1' is infinite"),
+    ("NAME t\nROWS\n L " + "r" * 256 + "\n", 3, "longer than 255 characters"),
 ]
 LP_ERRORS = [
     ("Subject To\n c: x <= 1\nEnd\n", 1, "expected Minimize or Maximize before this section"),
@@ -265,6 +267,8 @@ LP_ERRORS = [
     ("Minimize\n x\nSubject To\n c: x <= 1\n\x01\nEnd\n", 5, "unexpected character"),
     ("Minimize\n x\nPWLObj\n x: ( 1 , 0 ) ( 0 , 1 )\nEnd\n", 4, "x values of the points decrease"),
     ("Minimize multi-objectives\n o1: Prio=1\n x\nEnd\n", 2, "unknown objective setting 'Prio'"),
+    ("Minimize\n 1e400 x\nEnd\n", 2, "'1e400' is infinite"),
+    ("Minimize\n x\nSubject To\n " + "c" * 300 + ": x >= 1\nEnd\n", 4, "longer than 255"),
 ]
 
 

@@ -430,6 +430,8 @@ class LpReader {
     if (j >= 0) return j;
     if (lp::is_reserved(name) && (iequals(name, "inf") || iequals(name, "infinity")))
       in_.fail("'%.*s' cannot be a variable name here", static_cast<int>(name.size()), name.data());
+    if (name.size() > KVR_MAX_NAMELEN)
+      in_.fail("name '%.20s...' is longer than %d characters", name.data(), KVR_MAX_NAMELEN);
     j = d_.vars.size();
     d_.vars.names.push_back(name);
     vars_.add(j);
@@ -517,6 +519,9 @@ class LpReader {
         bracket(*q, sign);
       } else if (t->type == Tk::Num) {
         double c = sign * t->num;
+        if (c <= -KVR_INFINITY || c >= KVR_INFINITY)
+          in_.fail("'%.*s' is infinite; coefficients must be finite",
+                   static_cast<int>(t->text.size()), t->text.data());
         advance();
         if (cur().type == Tk::Times && peek(1) == Tk::Name) advance();
         if (cur().type == Tk::Name && !at_label() && !is_inf(cur().text)) {
@@ -590,6 +595,8 @@ class LpReader {
     std::string name;
     if (at_label()) {
       name = std::string(cur().text);
+      if (name.size() > KVR_MAX_NAMELEN)
+        in_.fail("name '%.20s...' is longer than %d characters", name.c_str(), KVR_MAX_NAMELEN);
       if (cur().type == Tk::Name) advance();  // the colon
       advance();
     }

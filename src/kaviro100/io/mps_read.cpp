@@ -303,6 +303,11 @@ class MpsReader {
 
   bool has_range(int r) const { return !std::isnan(range_[r]); }
 
+  void check_name(std::string_view name) {
+    if (name.size() > KVR_MAX_NAMELEN)
+      in_.fail("name '%.20s...' is longer than %d characters", name.data(), KVR_MAX_NAMELEN);
+  }
+
   void row_line(std::string_view line, int n) {
     std::string_view type, name;
     if (n == 2) {
@@ -318,6 +323,7 @@ class MpsReader {
     if (t != 'N' && t != 'L' && t != 'G' && t != 'E')
       in_.fail("unknown row type '%.*s' (expected N, L, G or E)", static_cast<int>(type.size()),
                type.data());
+    check_name(name);
     int r = static_cast<int>(row_names_.size());
     row_names_.push_back(name);
     if (row_index_.add(r) != r)
@@ -332,6 +338,7 @@ class MpsReader {
 
   // Adds a column; returns its index.
   int new_column(std::string_view name) {
+    check_name(name);
     int j = d_.vars.size();
     d_.vars.names.push_back(name);
     col_index_.add(j);
@@ -352,6 +359,10 @@ class MpsReader {
     if (!to_double(value, v))
       in_.fail("expected a number for the coefficient of column '%s' in row '%s', found '%.*s'",
                col_name(j), row_name(r), static_cast<int>(value.size()), value.data());
+    if (v <= -KVR_INFINITY || v >= KVR_INFINITY)
+      in_.fail(
+          "the coefficient of column '%s' in row '%s' is infinite; coefficients must be finite",
+          col_name(j), row_name(r));
     if (r == obj_row_) {
       if (obj_seen_.size() <= static_cast<size_t>(j)) obj_seen_.resize(static_cast<size_t>(j) + 1);
       if (obj_seen_[j]) in_.fail("second objective entry for column '%s'", col_name(j));
