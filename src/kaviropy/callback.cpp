@@ -1,4 +1,6 @@
 // The bridge from library callbacks into Python: the log callback stub and CallbackClass.
+#include "callback.h"
+
 #include "constants.h"
 
 namespace kvrpy {
@@ -97,17 +99,109 @@ Constants callback_constants() {
   return c;
 }
 
+// ---------------------------------------------------------------- CallbackClass
+
+CallbackState &callback_state(nb::handle obj) { return nb::cast<CallbackState &>(obj); }
+
+void CallbackState::begin(void *data, int w) {
+  cbdata = data;
+  where = w;
+  sol = nb::none();
+  noderel = nb::none();
+  setsol = nb::none();
+}
+
+nb::object CallbackState::solnow() {
+  if (setsol.is_none()) return nb::none();
+  std::vector<double> values(static_cast<size_t>(n), KVR_UNDEFINED);
+  nb::list items = nb::borrow<nb::list>(setsol);
+  for (size_t i = 0; i < values.size() && i < nb::len(items); ++i)
+    values[i] = nb::cast<double>(nb::float_(items[i]));
+  setsol = nb::none();
+  double objective = 0.0;
+  int code = KVRcbsolution(cbdata, values.data(), &objective);
+  if (code) raise_error(code, "Callback error: the solution could not be handed over");
+  return nb::float_(objective);
+}
+
 namespace {
 
-// State of one optimization's callback (instances are made by Model.optimize).
-struct CallbackState {};
+// Called by the library for every callback event of a model optimized with a Python callback.
+int callback_stub(KVRmodel *model, void *cbdata, int where, void *) {
+  PyGILState_STATE gil = PyGILState_Ensure();
+  try {
+    nb::object key = handle_object(model);
+    nb::dict map = nb::borrow<nb::dict>(module().attr("__modelmap"));
+    if (map.contains(key)) {
+      nb::object m = map[key];
+      nb::object state = m.attr("_callback");
+      if (!state.is_none()) {
+        nb::object data = cbdata ? handle_object(cbdata) : nb::none();
+        state.attr("callback")(m, data, where);
+      }
+    }
+  } catch (nb::python_error &e) {
+    e.discard_as_unraisable("kaviropy.callbackstub");
+  } catch (std::exception &e) {
+    PyErr_SetString(PyExc_RuntimeError, e.what());
+    PyErr_WriteUnraisable(nullptr);
+  }
+  PyGILState_Release(gil);
+  return 0;
+}
 
 }  // namespace
+
+KVRcallback callback_function() { return callback_stub; }
 
 void init_callback(nb::module_ &m) {
   nb::class_<CallbackState> cls(m, "CallbackClass", nb::dynamic_attr(),
                                 "Callback codes, and the state of a running callback.");
+  cls.attr("__module__") = "kaviropy";
   for (auto &[name, value] : callback_constants()) cls.attr(name.c_str()) = value;
+  cls.def(
+         "__init__",
+         [](CallbackState *self, nb::handle model, nb::object function) {
+           new (self) CallbackState();
+           self->func = std::move(function);
+           if (is_instance(model, "Model"))
+             self->n = nb::cast<int>(model.attr("getAttr")("NumVars"));
+         },
+         nb::arg("model").none(), nb::arg("function").none(),
+         "State of one optimization's callback: the user's function(model, where) and the "
+         "data of the current invocation.")
+      .def_prop_rw(
+          "_CallbackClass__cbfunc", [](CallbackState &s) { return s.func; },
+          [](CallbackState &s, nb::object v) { s.func = std::move(v); }, nb::arg("value").none(),
+          "The user's callback function.")
+      .def_rw("_n", &CallbackState::n, "Number of variables of the model.")
+      .def_prop_rw(
+          "_cbdata",
+          [](CallbackState &s) { return s.cbdata ? handle_object(s.cbdata) : nb::none(); },
+          [](CallbackState &s, nb::object v) { s.cbdata = handle_pointer<void>(v); },
+          nb::arg("value").none(), "Library data of the current invocation, or None.")
+      .def_rw("_where", &CallbackState::where, "Where code of the current invocation.")
+      .def_rw("_sol", &CallbackState::sol, nb::arg("value").none(),
+              "Cached new solution of this invocation, or None.")
+      .def_rw("_noderel", &CallbackState::noderel, nb::arg("value").none(),
+              "Cached node relaxation of this invocation, or None.")
+      .def_rw("_setsol", &CallbackState::setsol, nb::arg("value").none(),
+              "Values collected by cbSetSolution, or None.")
+      .def(
+          "callback",
+          [](CallbackState &s, nb::handle model, nb::handle cbdata, int where) {
+            s.begin(handle_pointer<void>(cbdata), where);
+            s.func(model, where);
+            s.sol = nb::none();
+            s.noderel = nb::none();
+            s.solnow();
+          },
+          nb::arg("model"), nb::arg("cbdata").none(), nb::arg("where"),
+          "Runs the user's function for one library callback invocation.")
+      .def(
+          "_solnow", [](CallbackState &s) { return s.solnow(); },
+          "Hands the values of cbSetSolution to the library; returns the objective of the "
+          "solution (None when no values were given).");
   m.attr("__modelmap") = nb::dict();
 }
 

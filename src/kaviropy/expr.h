@@ -26,6 +26,7 @@ bool is_linexpr(nb::handle obj);
 bool is_quadexpr(nb::handle obj);
 bool is_tempconstr(nb::handle obj);
 bool is_genexpr(nb::handle obj);
+bool is_column(nb::handle obj);
 
 // Appends mult * obj to out. obj may be a number, a Var or a LinExpr; returns false (and appends
 // nothing) for anything else. Column indices come from var_column(), which raises for pending,
@@ -33,6 +34,12 @@ bool is_genexpr(nb::handle obj);
 bool collect_linear(nb::handle obj, double mult, KVRmodel *model, LinearData &out);
 // The same for a number, Var, LinExpr or QuadExpr.
 bool collect_quadratic(nb::handle obj, double mult, KVRmodel *model, QuadData &out);
+
+// Appends the (row index, coefficient) terms of a Column for a library call on `model`. Raises
+// as constr_row() for constraints that are pending, removed or of another model (nothing is
+// appended then), and TypeError when column is not a Column.
+void collect_column(nb::handle column, KVRmodel *model, std::vector<int> &ind,
+                    std::vector<double> &val);
 
 // Builds a LinExpr from terms (vars must hold Var objects) and a constant, without checks.
 nb::object make_linexpr(std::vector<double> coeffs, std::vector<nb::object> vars, double constant);
@@ -46,8 +53,10 @@ nb::object make_quadexpr(nb::object linexpr, std::vector<double> coeffs,
 class ExprSum {
  public:
   ExprSum();
-  // Adds mult * item.
+  // Adds mult * item. NaN or infinite mult raises KaviroError as LinExpr.add does.
   void add(nb::handle item, double mult = 1.0);
+  // Room for this many linear terms (a size hint; the sum stays correct without it).
+  void reserve(size_t terms);
   // The sum: a LinExpr, a QuadExpr, or whatever += produced for other item types.
   nb::object result();
 

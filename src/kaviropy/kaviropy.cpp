@@ -1,5 +1,10 @@
 // The extension module kaviropy._core: creates every class family in import order.
+#include "attrutil.h"
+#include "containers.h"
+#include "exprtypes.h"
 #include "handles.h"
+#include "model.h"
+#include "model_optimize.h"
 
 namespace kvrpy {
 namespace {
@@ -21,8 +26,20 @@ NB_MODULE(_core, m) {
   init_exception(m);
   init_env(m);
   init_handles(m);
+  init_linexpr(m);
+  init_quadexpr(m);
+  init_genexpr(m);
+  init_tempconstr(m);
+  init_column(m);
+  init_multidict(m);
   init_param(m);
+  init_model(m);
+  init_attrutil(m);
   init_callback(m);
   init_constants(m);
+  init_tupledict(m);
+  init_tuplelist(m);
   init_kaviro(m);
+  init_model_optimize(m);
+  init_model_print(m);
 }

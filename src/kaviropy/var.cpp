@@ -5,9 +5,9 @@
 namespace kvrpy {
 
 Var *as_var(nb::handle obj) {
-  static PyTypeObject *type = reinterpret_cast<PyTypeObject *>(nb::type<Var>().ptr());
+  PyTypeObject *type = handle_type(kVar);
   if (Py_TYPE(obj.ptr()) != type && !PyObject_TypeCheck(obj.ptr(), type)) return nullptr;
-  return nb::inst_ptr<Var>(obj);
+  return handle_data(obj.ptr());
 }
 
 int num_vars(KVRmodel *model) {
@@ -16,9 +16,12 @@ int num_vars(KVRmodel *model) {
   return n;
 }
 
+// A removed handle may outlive its library model, so its model is looked at only for the states
+// that guarantee a live model (a position, or a removal still pending).
 std::string var_safename(const Var &v) {
-  if (v.index == -1 || v.index >= num_vars(v.model)) return "*Awaiting Model Update*";
+  if (v.index == -1) return "*Awaiting Model Update*";
   if (v.index == -2) return "*Removed*";
+  if (v.index >= num_vars(v.model)) return "*Awaiting Model Update*";
   char *name = nullptr;
   if (KVRgetstrattrelement(v.model, "VarName", public_index(v.index), &name) || !name)
     raise_error(0, KVRgetmerrormsg(v.model));
@@ -32,6 +35,42 @@ int var_column(nb::handle obj, KVRmodel *model) {
   if (v->index == -2) raise_error(0, "Variable was removed from the model");
   if (v->model != model) raise_error(KVR_ERROR_NOT_IN_MODEL, "Variable not in model");
   return public_index(v->index);
+}
+
+void init_var() {
+  def_handle_method(
+      kVar, "_safename", [](nb::handle self) { return var_safename(*handle_data(self.ptr())); },
+      "The name shown in reprs and printed expressions.");
+  def_handle_method(
+      kVar, "__numcols__", [](nb::handle self) { return num_vars(handle_data(self.ptr())->model); },
+      "Number of variables of the model as of the last update.");
+  def_handle_method(
+      kVar, "__hash__",
+      [](nb::handle self) -> Py_ssize_t {
+        const Var &v = *handle_data(self.ptr());
+        if (v.index == -1) raise_error(0, "Variable has not yet been added to the model");
+        if (v.index < -1) raise_error(0, "Variable was removed from the model");
+        if (v.index >= num_vars(v.model))
+          raise_error(0, "Variable has not yet been added to the model");
+        return v.index;
+      },
+      "Hash of the column index (the variable must be in the updated model).");
+  def_handle_method(
+      kVar, "__repr__",
+      [](nb::handle self) {
+        const Var &v = *handle_data(self.ptr());
+        if (v.index == -1 || v.index == -2 || v.index >= num_vars(v.model))
+          return "<kaviro.Var " + var_safename(v) + ">";
+        std::string out = "<kaviro.Var " + var_safename(v);
+        int solcount = 0;
+        double x = 0;
+        if (KVRgetintattr(v.model, "SolCount", &solcount) == 0 && solcount > 0 &&
+            KVRgetdblattrelement(v.model, "X", public_index(v.index), &x) == 0)
+          out += " (value " + nb::cast<std::string>(nb::str(nb::float_(from_library(x)))) + ")";
+        if (v.index < -2) out += " (Removed)";
+        return out + ">";
+      },
+      "<kaviro.Var name>, with the solution value when there is one.");
 }
 
 }  // namespace kvrpy

@@ -510,6 +510,7 @@ void check_available(kvr_model *m, AttrId id) {
              "Unable to retrieve attribute '%s': sensitivity ranges do not exist for models with "
              "discrete elements",
              attr_def(id).name);
+      m->sol.ensure_sensitivity();  // the ranges are computed on first use
       return need(!sa_vector(s, id)->empty());
     case A::IISLB:
     case A::IISUB:
@@ -592,8 +593,9 @@ void check_available(kvr_model *m, AttrId id) {
     case A::IterCount:
     case A::NodeCount:
     case A::BarIterCount:
-    case A::ConcurrentWinMethod:
       return need(s.solved);
+    case A::ConcurrentWinMethod:  // only a concurrent solve has a winner
+      return need(s.solved && s.concurrent_win_method >= 0);
     default:
       if (is_quality(id)) check_quality_available(m, id);
       return;

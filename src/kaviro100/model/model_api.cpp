@@ -49,6 +49,13 @@ int KVRnewmodel(KVRenv *env, KVRmodel **modelP, const char *Pname, int numvars, 
 }
 
 int KVRfreemodel(KVRmodel *model) {
+  if (!model) return 0;
+  // A model cannot go away under its own optimization (a callback asking for it is refused).
+  if (model->optimizing)
+    return model->run([&] {
+      kvr::fail(KVR_ERROR_OPTIMIZATION_IN_PROGRESS,
+                "The model cannot be freed while it is being optimized");
+    });
   delete model;
   return 0;
 }

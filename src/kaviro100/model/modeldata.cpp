@@ -307,7 +307,10 @@ void ModelData::delete_vars(const Renumbering &newpos) {
   auto gone = [&](int v) { return v >= 0 && newpos[v] < 0; };
   for (int i = 0; i < gens.size(); ++i) {
     const GenConstr &g = gens.items[i];
-    gennew[i] = gone(g.resvar) || gone(g.binvar) || gone(g.xvar) || gone(g.yvar) ? -1 : ng++;
+    // The argument of an absolute value is as essential as its resultant.
+    bool lost_arg = g.type == KVR_GENCONSTR_ABS && !g.vars.empty() && gone(g.vars[0]);
+    gennew[i] =
+        gone(g.resvar) || gone(g.binvar) || gone(g.xvar) || gone(g.yvar) || lost_arg ? -1 : ng++;
   }
   if (ng != gens.size()) {
     keep_entries(gens.items, gennew);

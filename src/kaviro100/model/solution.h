@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cmath>
+#include <functional>
 #include <limits>
 #include <vector>
 
@@ -20,7 +21,7 @@ struct Solution {
   // Statistics of the last solve (valid when solved).
   double runtime = 0.0, work = 0.0, itercount = 0.0, nodecount = 0.0;
   int baritercount = 0;
-  int concurrent_win_method = -1;
+  int concurrent_win_method = -1;  // -1: not a concurrent LP solve
 
   // Objective information (NaN = not available).
   double objval = kNaN, objbound = kNaN, objboundc = kNaN, mipgap = kNaN;
@@ -36,12 +37,25 @@ struct Solution {
   std::vector<double> pool_obj;
   double pool_objbound = kNaN;
 
-  // Certificates (InfUnbdInfo 1).
+  // Certificates (InfUnbdInfo 1). FarkasDual lambda has lambda_i <= 0 on <= rows and >= 0 on >=
+  // rows, so lambda'Ax >= lambda'b holds for every feasible x; FarkasProof is
+  // lambda'b - max{lambda'Ax : lb <= x <= ub} > 0. UnbdRay d keeps feasibility along x + t d and
+  // improves the objective without limit.
   std::vector<double> unbdray, farkasdual;
   double farkasproof = kNaN;
 
-  // LP sensitivity ranges.
+  // LP sensitivity ranges. They are computed on first use: call ensure_sensitivity() before
+  // reading them (false when the last solve cannot give them).
   std::vector<double> saobjlow, saobjup, salblow, salbup, saublow, saubup, sarhslow, sarhsup;
+  std::function<void(Solution &)> sensitivity_source;
+  bool ensure_sensitivity() {
+    if (saobjlow.empty() && sensitivity_source) {
+      auto source = std::move(sensitivity_source);
+      sensitivity_source = nullptr;
+      source(*this);
+    }
+    return !saobjlow.empty();
+  }
 
   // Condition number estimates of the final basis (NaN = not available).
   double kappa = kNaN, kappa_exact = kNaN;

@@ -1,0 +1,156 @@
+// The boundary between the library and the solver engines. An engine solves a plain model
+// (continuous, integer and binary variables, linear rows, a convex quadratic objective) under the
+// library's parameters and reports back through a SolveContext: log lines, progress events for
+// the user's callback, solutions found, and the requests that come back from the callback
+// (terminate, user solutions, lazy constraints).
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "env/env.h"
+#include "model/modeldata.h"
+#include "model/solution.h"
+#include "params/params.h"
+
+struct kvr_model;
+
+namespace kvr {
+
+// One linear row sum val[k] x[ind[k]] (sense) rhs, for example a lazy constraint.
+struct LinRow {
+  std::vector<int> ind;
+  std::vector<double> val;
+  char sense = KVR_LESS_EQUAL;
+  double rhs = 0.0;
+  // Amount by which x violates the row (0 when satisfied).
+  double violation(const double *x) const;
+};
+
+// What an engine is asked to solve, with the optional warm-start information. Vectors are empty
+// when the information is absent; starts use KVR_UNDEFINED for "no value".
+struct EngineProblem {
+  const ModelData *model = nullptr;
+  int user_vars = 0;  // the first user_vars variables are the user's (callbacks report these)
+  std::vector<double> mip_start;
+  std::vector<int> vbasis, cbasis;
+  std::vector<double> pstart, dstart;
+};
+
+// LP sensitivity ranges, filled on request after an optimal LP solve.
+struct Sensitivity {
+  std::vector<double> objlow, objup, lblow, lbup, ublow, ubup, rhslow, rhsup;
+};
+
+struct EngineResult {
+  int status = KVR_LOADED;
+  double objval = kNaN, objbound = kNaN;
+  double itercount = 0, baritercount = 0, nodecount = 0;
+  double work = 0;
+  int method_used = -1;  // 0 primal simplex, 1 dual simplex, 2 barrier (ConcurrentWinMethod)
+  std::vector<double> x, rc, pi, row_activity;
+  std::vector<int> vbasis, cbasis;
+  // Feasible solutions met during the search (any order; the library sorts and trims them).
+  std::vector<std::vector<double>> found_x;
+  std::vector<double> unbdray, farkasdual;
+  double farkasproof = kNaN;
+  // Computes the LP sensitivity ranges; empty when the engine cannot give them for this result.
+  std::function<bool(Sensitivity &)> sensitivity;
+};
+
+// The data of one callback invocation; handed to the user's callback as the opaque cbdata.
+struct CallbackData {
+  struct SolveContext *ctx = nullptr;
+  int where = 0;
+  // Values available in this invocation, by "what" code.
+  std::vector<std::pair<int, double>> values;
+  const double *sol = nullptr;  // MIPSOL_SOL / MULTIOBJ_SOL (user variables)
+  const char *msg = nullptr;    // MSG_STRING
+  bool has(int what) const;
+  double get(int what) const;
+};
+
+// Why the library itself stopped a solve (status to report instead of the engine's).
+enum class StopReason {
+  None,
+  User,
+  ObjStop,
+  BdStop,
+  Work,
+  IterLimit,
+  CallbackError,
+  Restart,
+  Pass
+};
+
+// State shared between the library, the engine and the user's callback during one optimize.
+struct SolveContext {
+  kvr_model *model = nullptr;
+  kvr_env *env = nullptr;               // where the log goes (the model's environment)
+  const ParamValues *params = nullptr;  // parameters of this pass
+  std::chrono::steady_clock::time_point started;
+  int user_vars = 0;
+  int sense = KVR_MINIMIZE;
+  bool is_mip = false;
+  const ModelData *engine_model = nullptr;  // the model the engine solves (user model first)
+  bool rewritten = false;                   // the engine model has more than the user's model
+
+  // Progress as last reported by the engine.
+  double work_now = 0, iters_now = 0;
+
+  // Multi-objective pass information: the objectives of the pass being solved (empty outside
+  // multi-objective solves) and the objective whose pass the callback asked to stop.
+  std::vector<int> pass_objectives;
+  int stop_objective = -1;
+
+  // Requests from the callback.
+  std::vector<LinRow> lazy;    // every lazy constraint added so far (user indices)
+  size_t lazy_in_engine = 0;   // lazy[0 .. lazy_in_engine) are rows of the engine model
+  bool lazy_violated = false;  // the current incumbent violates a new lazy constraint
+  std::vector<std::vector<double>> user_solutions;           // waiting to be handed to the engine
+  std::vector<std::vector<double>> accepted_user_solutions;  // feasible ones, for the pool
+  StopReason stop = StopReason::None;
+  int callback_error = 0;
+  double solcount = 0;  // solutions found so far in this solve
+
+  // Throttle of the progress callbacks (SIMPLEX, BARRIER, MIP).
+  double last_progress_call = -1.0;
+
+  double elapsed() const;
+  bool has_callback() const;
+  // Calls the user's callback (if any) for this event. A non-zero return stops the solve.
+  void invoke(CallbackData &cb);
+  // True when a progress callback may run now (first call, then at most every 20 ms).
+  bool progress_due();
+  // Checks every reason to stop early; sets `stop` and returns true when the solve must end.
+  bool must_stop();
+  // Checks the objective limits against an incumbent value and a bound (NaN: not known).
+  void check_objective_limits(double objbst, double objbnd);
+  // Work units: one unit is 10,000 engine iterations or nodes (deterministic).
+  static double work_units(double iterations, double nodes) { return (iterations + nodes) / 1e4; }
+  // The log of this solve.
+  void log(std::string_view text) const { env->log(text); }
+};
+
+class Engine {
+ public:
+  virtual ~Engine() = default;
+  virtual const char *name() const = 0;
+  // Solves the problem. Throws kvr::Error for models it cannot take (NOT_SUPPORTED, Q_NOT_PSD).
+  virtual EngineResult solve(const EngineProblem &problem, const ParamValues &params,
+                             SolveContext &ctx) = 0;
+};
+
+std::unique_ptr<Engine> make_highs_engine();
+// Version text of the engine library, for the log.
+std::string highs_version();
+
+// Checks that the quadratic objective is convex for minimization (concave for maximization)
+// within PSDTol; throws KVR_ERROR_Q_NOT_PSD naming a variable involved otherwise.
+void check_convex_objective(const ModelData &model, double psdtol);
+
+}  // namespace kvr

@@ -1,0 +1,887 @@
+// The HiGHS engine, driven through its C interface: passes the model, maps the library's
+// parameters onto engine options, routes the engine's events (log lines, simplex, interior point
+// and MIP progress, new incumbents, solution queries) to the SolveContext, and reads the results.
+//
+// Lazy constraints: the engine has none of its own. An incumbent that violates a lazy constraint
+// added by the callback stops the run; the new rows join the engine's model and the run starts
+// again from the best incumbent that satisfies all of them, so the final solution satisfies every
+// lazy constraint and the bound stays valid (rows that are not yet in the model only weaken it).
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <mutex>
+#include <thread>
+
+#include "engine/engine.h"
+#include "interfaces/highs_c_api.h"
+#include "util/error.h"
+#include "util/strings.h"
+
+namespace kvr {
+namespace {
+
+constexpr double kInf = std::numeric_limits<double>::infinity();
+
+double to_engine(double v) {
+  if (v >= KVR_INFINITY) return kInf;
+  if (v <= -KVR_INFINITY) return -kInf;
+  return v;
+}
+
+double from_engine(double v) {
+  if (v >= 1e30) return KVR_INFINITY;
+  if (v <= -1e30) return -KVR_INFINITY;
+  return v;
+}
+
+// The engine's thread pool is global: its size can change only while no solve runs.
+std::mutex g_sched_mutex;
+int g_running = 0;
+int g_sched_threads = -1;
+
+struct SchedulerUse {
+  explicit SchedulerUse(int threads, SolveContext &ctx) {
+    std::lock_guard<std::mutex> lock(g_sched_mutex);
+    if (g_sched_threads != -1 && g_sched_threads != threads) {
+      if (g_running == 0) {
+        Highs_resetGlobalScheduler(1);
+      } else {
+        ctx.env->logf("Threads %d ignored: another solve is running with %d threads\n", threads,
+                      g_sched_threads);
+        threads_used = g_sched_threads;
+      }
+    }
+    if (threads_used < 0) threads_used = threads;
+    g_sched_threads = threads_used;
+    ++g_running;
+  }
+  ~SchedulerUse() {
+    std::lock_guard<std::mutex> lock(g_sched_mutex);
+    --g_running;
+  }
+  int threads_used = -1;
+};
+
+class HighsInstance {
+ public:
+  HighsInstance() : h_(Highs_create()) {
+    if (!h_) fail(KVR_ERROR_OUT_OF_MEMORY, "Unable to create an engine instance");
+  }
+  ~HighsInstance() { Highs_destroy(h_); }
+  HighsInstance(const HighsInstance &) = delete;
+  HighsInstance &operator=(const HighsInstance &) = delete;
+  void *get() const { return h_; }
+
+  void set_bool(const char *name, bool v) { check(Highs_setBoolOptionValue(h_, name, v), name); }
+  void set_int(const char *name, long long v) {
+    HighsInt iv = static_cast<HighsInt>(std::clamp<long long>(v, 0, 2147483647LL));
+    check(Highs_setIntOptionValue(h_, name, iv), name);
+  }
+  void set_dbl(const char *name, double v) { check(Highs_setDoubleOptionValue(h_, name, v), name); }
+  void set_str(const char *name, const char *v) {
+    check(Highs_setStringOptionValue(h_, name, v), name);
+  }
+  double info_dbl(const char *name) const {
+    double v = kNaN;
+    if (Highs_getDoubleInfoValue(h_, name, &v) != kHighsStatusOk) return kNaN;
+    return v;
+  }
+  long long info_int(const char *name) const {
+    HighsInt type = 0;
+    if (Highs_getInfoType(h_, name, &type) != kHighsStatusOk) return 0;
+    if (type == kHighsInfoTypeInt64) {
+      int64_t v64 = 0;
+      return Highs_getInt64InfoValue(h_, name, &v64) == kHighsStatusOk ? std::max<int64_t>(v64, 0)
+                                                                       : 0;
+    }
+    HighsInt v = 0;  // counts the engine did not keep read -1
+    return Highs_getIntInfoValue(h_, name, &v) == kHighsStatusOk ? std::max<HighsInt>(v, 0) : 0;
+  }
+
+ private:
+  static void check(HighsInt status, const char *name) {
+    if (status == kHighsStatusError)
+      fail(KVR_ERROR_INTERNAL, "The engine rejected its option '%s'", name);
+  }
+  void *h_;
+};
+
+// State handed to the engine's event function.
+struct RunState {
+  SolveContext *ctx = nullptr;
+  const ModelData *model = nullptr;
+  bool mip = false;
+  int ncols = 0;
+  // Totals over earlier runs of a restarted solve.
+  double base_iters = 0, base_nodes = 0;
+  double best_obj = kNaN;  // best incumbent objective seen (user sense)
+  std::vector<std::vector<double>> *found = nullptr;
+  std::vector<double> pending_start;  // handed to the engine at its next solution query
+};
+
+double objective_of(const ModelData &m, const double *x) {
+  double v = m.objcon;
+  for (int j = 0; j < m.num_vars(); ++j) v += m.vars.obj[j] * x[j];
+  for (size_t k = 0; k < m.q.size(); ++k) v += m.q.val[k] * x[m.q.row[k]] * x[m.q.col[k]];
+  return v;
+}
+
+bool better(int sense, double a, double b) {  // a strictly better than b
+  if (std::isnan(b)) return !std::isnan(a);
+  return sense == KVR_MINIMIZE ? a < b : a > b;
+}
+
+bool violates_lazy(const SolveContext &ctx, size_t from, const double *x) {
+  double tol = ctx.params->get_dbl(ParamId::FeasibilityTol);
+  for (size_t k = from; k < ctx.lazy.size(); ++k)
+    if (ctx.lazy[k].violation(x) > tol) return true;
+  return false;
+}
+
+// "Presolve reductions: rows 673(-148); columns 1439(-132); ..." -> deleted rows and columns.
+bool parse_presolve_line(const char *msg, double &rowdel, double &coldel) {
+  const char *p = std::strstr(msg, "reductions: rows ");
+  if (!p) return false;
+  long rows = 0, rdel = 0, cols = 0, cdel = 0;
+  if (std::sscanf(p, "reductions: rows %ld(-%ld); columns %ld(-%ld)", &rows, &rdel, &cols, &cdel) !=
+      4)
+    return false;
+  rowdel = static_cast<double>(rdel);
+  coldel = static_cast<double>(cdel);
+  return true;
+}
+
+void engine_event(int type, const char *msg, const HighsCallbackDataOut *out,
+                  HighsCallbackDataIn *in, void *usrdata) {
+  RunState &st = *static_cast<RunState *>(usrdata);
+  SolveContext &ctx = *st.ctx;
+  const double runtime = ctx.elapsed();
+  try {
+    switch (type) {
+      case kHighsCallbackLogging: {
+        if (!msg) break;
+        ctx.log(msg);
+        double rowdel, coldel;
+        if (ctx.has_callback() && parse_presolve_line(msg, rowdel, coldel)) {
+          CallbackData cb{&ctx, KVR_CB_PRESOLVE, {}};
+          cb.values = {{KVR_CB_PRE_ROWDEL, rowdel},
+                       {KVR_CB_PRE_COLDEL, coldel},
+                       {KVR_CB_RUNTIME, runtime},
+                       {KVR_CB_WORK, ctx.work_now}};
+          ctx.invoke(cb);
+        }
+        if (ctx.has_callback()) {
+          CallbackData cb{&ctx, KVR_CB_MESSAGE, {}};
+          cb.msg = msg;
+          cb.values = {{KVR_CB_RUNTIME, runtime}, {KVR_CB_WORK, ctx.work_now}};
+          ctx.invoke(cb);
+        }
+        break;
+      }
+      case kHighsCallbackSimplexInterrupt: {
+        double iters = st.base_iters + out->simplex_iteration_count;
+        ctx.work_now = SolveContext::work_units(iters, st.base_nodes);
+        if (!st.mip && ctx.has_callback() && ctx.progress_due()) {
+          CallbackData cb{&ctx, KVR_CB_SIMPLEX, {}};
+          cb.values = {{KVR_CB_SPX_ITRCNT, iters},
+                       {KVR_CB_SPX_OBJVAL, out->objective_function_value},
+                       {KVR_CB_RUNTIME, runtime},
+                       {KVR_CB_WORK, ctx.work_now}};
+          ctx.invoke(cb);
+        }
+        break;
+      }
+      case kHighsCallbackIpmInterrupt: {
+        double iters = st.base_iters + out->ipm_iteration_count;
+        ctx.work_now = SolveContext::work_units(iters, st.base_nodes);
+        if (!st.mip && ctx.has_callback() && ctx.progress_due()) {
+          CallbackData cb{&ctx, KVR_CB_BARRIER, {}};
+          cb.values = {{KVR_CB_BARRIER_ITRCNT, static_cast<double>(out->ipm_iteration_count)},
+                       {KVR_CB_RUNTIME, runtime},
+                       {KVR_CB_WORK, ctx.work_now}};
+          ctx.invoke(cb);
+        }
+        break;
+      }
+      case kHighsCallbackMipInterrupt: {
+        double nodes = st.base_nodes + static_cast<double>(out->mip_node_count);
+        double iters = st.base_iters + static_cast<double>(out->mip_total_lp_iterations);
+        ctx.work_now = SolveContext::work_units(iters, nodes);
+        ctx.iters_now = iters;
+        double objbst = std::isnan(st.best_obj)
+                            ? (ctx.sense == KVR_MINIMIZE ? KVR_INFINITY : -KVR_INFINITY)
+                            : st.best_obj;
+        double objbnd = from_engine(out->mip_dual_bound);
+        ctx.check_objective_limits(std::isnan(st.best_obj) ? kNaN : st.best_obj, objbnd);
+        if (ctx.has_callback() && ctx.progress_due()) {
+          CallbackData cb{&ctx, KVR_CB_MIP, {}};
+          cb.values = {{KVR_CB_MIP_OBJBST, objbst},   {KVR_CB_MIP_OBJBND, objbnd},
+                       {KVR_CB_MIP_NODCNT, nodes},    {KVR_CB_MIP_SOLCNT, ctx.solcount},
+                       {KVR_CB_MIP_ITRCNT, iters},    {KVR_CB_MIP_PHASE, 1},
+                       {KVR_CB_MIP_OPENSCENARIOS, 0}, {KVR_CB_RUNTIME, runtime},
+                       {KVR_CB_WORK, ctx.work_now}};
+          ctx.invoke(cb);
+        }
+        break;
+      }
+      case kHighsCallbackMipSolution: {
+        if (!out->mip_solution || out->mip_solution_size < st.ncols) break;
+        const double *x = out->mip_solution;
+        // An incumbent that violates a lazy constraint the engine does not know yet is rejected.
+        if (violates_lazy(ctx, ctx.lazy_in_engine, x)) {
+          ctx.lazy_violated = true;
+          ctx.stop = StopReason::Restart;
+          break;
+        }
+        double obj = objective_of(*st.model, x);
+        double nodes = st.base_nodes + static_cast<double>(out->mip_node_count);
+        if (ctx.has_callback()) {
+          double objbst = better(ctx.sense, obj, st.best_obj) ? obj : st.best_obj;
+          CallbackData cb{&ctx, KVR_CB_MIPSOL, {}};
+          cb.sol = x;
+          cb.values = {{KVR_CB_MIPSOL_OBJ, obj},
+                       {KVR_CB_MIPSOL_OBJBST, objbst},
+                       {KVR_CB_MIPSOL_OBJBND, from_engine(out->mip_dual_bound)},
+                       {KVR_CB_MIPSOL_NODCNT, nodes},
+                       {KVR_CB_MIPSOL_SOLCNT, ctx.solcount},
+                       {KVR_CB_MIPSOL_PHASE, 1},
+                       {KVR_CB_MIPSOL_OPENSCENARIOS, 0},
+                       {KVR_CB_RUNTIME, runtime},
+                       {KVR_CB_WORK, ctx.work_now}};
+          ctx.invoke(cb);
+          if (ctx.lazy_violated) {
+            ctx.stop = StopReason::Restart;
+            break;
+          }
+        }
+        st.found->emplace_back(x, x + st.ncols);
+        ctx.solcount += 1;
+        if (better(ctx.sense, obj, st.best_obj)) st.best_obj = obj;
+        ctx.check_objective_limits(st.best_obj, kNaN);
+        break;
+      }
+      case kHighsCallbackCallbackMipUserSolution: {
+        std::vector<double> sol;
+        if (!st.pending_start.empty()) {
+          sol.swap(st.pending_start);
+        } else if (!ctx.user_solutions.empty()) {
+          sol = std::move(ctx.user_solutions.front());
+          ctx.user_solutions.erase(ctx.user_solutions.begin());
+        }
+        if (sol.empty()) break;
+        sol.resize(st.ncols, KVR_UNDEFINED);
+        bool partial = false;
+        for (double &v : sol)
+          if (v == KVR_UNDEFINED) v = kInf, partial = true;
+        if (Highs_setCallbackSolution(in, st.ncols, sol.data()) == kHighsStatusOk && partial)
+          Highs_repairCallbackSolution(in);
+        break;
+      }
+      default:
+        break;
+    }
+  } catch (...) {
+    // Nothing may escape into the engine; a failing event is dropped.
+  }
+  // The engine keeps the flag between runs: it is written on every event.
+  if (in) in->user_interrupt = ctx.must_stop() ? 1 : 0;
+}
+
+int map_status(HighsInt model_status, bool mip, bool has_x) {
+  switch (model_status) {
+    case kHighsModelStatusOptimal:
+    case kHighsModelStatusModelEmpty:
+      return KVR_OPTIMAL;
+    case kHighsModelStatusInfeasible:
+      return KVR_INFEASIBLE;
+    case kHighsModelStatusUnboundedOrInfeasible:
+      return KVR_INF_OR_UNBD;
+    case kHighsModelStatusUnbounded:
+      return KVR_UNBOUNDED;
+    case kHighsModelStatusObjectiveBound:
+      return KVR_CUTOFF;
+    case kHighsModelStatusObjectiveTarget:
+      return KVR_USER_OBJ_LIMIT;
+    case kHighsModelStatusTimeLimit:
+      return KVR_TIME_LIMIT;
+    case kHighsModelStatusIterationLimit:
+      return KVR_ITERATION_LIMIT;
+    case kHighsModelStatusSolutionLimit:
+      return KVR_SOLUTION_LIMIT;
+    case kHighsModelStatusInterrupt:
+      return KVR_INTERRUPTED;
+    case kHighsModelStatusUnknown:
+      return has_x ? KVR_SUBOPTIMAL : KVR_NUMERIC;
+    default:
+      return KVR_NUMERIC;
+  }
+  (void)mip;
+}
+
+int basis_from_engine_col(HighsInt s) {
+  switch (s) {
+    case kHighsBasisStatusBasic:
+      return KVR_BASIC;
+    case kHighsBasisStatusUpper:
+      return KVR_NONBASIC_UPPER;
+    case kHighsBasisStatusZero:
+      return KVR_SUPERBASIC;
+    default:
+      return KVR_NONBASIC_LOWER;
+  }
+}
+
+HighsInt basis_to_engine_col(int s, double lb, double ub) {
+  switch (s) {
+    case KVR_BASIC:
+      return kHighsBasisStatusBasic;
+    case KVR_NONBASIC_UPPER:
+      return ub < KVR_INFINITY ? kHighsBasisStatusUpper : kHighsBasisStatusZero;
+    case KVR_SUPERBASIC:
+      return kHighsBasisStatusZero;
+    default:
+      return lb > -KVR_INFINITY
+                 ? kHighsBasisStatusLower
+                 : (ub < KVR_INFINITY ? kHighsBasisStatusUpper : kHighsBasisStatusZero);
+  }
+}
+
+// A nonbasic row sits at its one finite side; CBasis reports that as NONBASIC_LOWER.
+HighsInt basis_to_engine_row(int s, char sense) {
+  if (s == KVR_BASIC) return kHighsBasisStatusBasic;
+  return sense == KVR_LESS_EQUAL ? kHighsBasisStatusUpper : kHighsBasisStatusLower;
+}
+
+// Applies the environment variable KAVIRO_ENGINE_OPTIONS ("name=value;name=value"): engine
+// options the parameter table has no name for (for example solver=pdlp).
+void apply_passthrough_options(HighsInstance &hi, SolveContext &ctx) {
+  const char *spec = std::getenv("KAVIRO_ENGINE_OPTIONS");
+  if (!spec || !*spec) return;
+  std::string_view rest(spec);
+  while (!rest.empty()) {
+    size_t semi = rest.find(';');
+    std::string_view item = trim(rest.substr(0, semi));
+    rest = semi == std::string_view::npos ? std::string_view() : rest.substr(semi + 1);
+    if (item.empty()) continue;
+    size_t eq = item.find('=');
+    if (eq == std::string_view::npos)
+      fail(KVR_ERROR_INVALID_ARGUMENT, "KAVIRO_ENGINE_OPTIONS: '%.*s' is not name=value",
+           static_cast<int>(item.size()), item.data());
+    std::string name(trim(item.substr(0, eq))), value(trim(item.substr(eq + 1)));
+    if (Highs_setOptionValue(hi.get(), name.c_str(), value.c_str()) == kHighsStatusError)
+      fail(KVR_ERROR_INVALID_ARGUMENT, "KAVIRO_ENGINE_OPTIONS: the engine rejects %s=%s",
+           name.c_str(), value.c_str());
+    ctx.env->logf("Engine option %s=%s\n", name.c_str(), value.c_str());
+  }
+}
+
+class HighsEngine final : public Engine {
+ public:
+  const char *name() const override { return "HiGHS"; }
+  EngineResult solve(const EngineProblem &problem, const ParamValues &params,
+                     SolveContext &ctx) override;
+
+ private:
+  static void pass_model(HighsInstance &hi, const ModelData &m, bool mip);
+  static void set_options(HighsInstance &hi, const ParamValues &p, SolveContext &ctx, bool mip,
+                          bool qp, int threads);
+  static void read_certificates(HighsInstance &hi, const ModelData &m, EngineResult &r);
+};
+
+void HighsEngine::pass_model(HighsInstance &hi, const ModelData &m, bool mip) {
+  const int n = m.num_vars(), rows = m.num_constrs();
+  const int64_t nnz = m.constrs.rows.nnz();
+  if (nnz > 2147483647LL)
+    fail(KVR_ERROR_EXCEED_2B_NONZEROS, "The engine takes at most 2^31-1 nonzeros; model has %lld",
+         static_cast<long long>(nnz));
+  std::vector<double> lb(n), ub(n), cost(n), rlo(rows), rup(rows);
+  std::vector<HighsInt> integrality;
+  if (mip) integrality.assign(n, kHighsVarTypeContinuous);
+  for (int j = 0; j < n; ++j) {
+    lb[j] = to_engine(m.vars.lb[j]);
+    ub[j] = to_engine(m.vars.ub[j]);
+    cost[j] = m.vars.obj[j];
+    char t = m.vars.vtype[j];
+    if (t == KVR_BINARY) {
+      lb[j] = std::max(lb[j], 0.0);
+      ub[j] = std::min(ub[j], 1.0);
+    }
+    if (mip && (t == KVR_BINARY || t == KVR_INTEGER)) integrality[j] = kHighsVarTypeInteger;
+  }
+  for (int i = 0; i < rows; ++i) {
+    double rhs = to_engine(m.constrs.rhs[i]);
+    char s = m.constrs.sense[i];
+    rlo[i] = s == KVR_LESS_EQUAL ? -kInf : rhs;
+    rup[i] = s == KVR_GREATER_EQUAL ? kInf : rhs;
+  }
+  std::vector<HighsInt> start(m.constrs.rows.beg.begin(), m.constrs.rows.beg.end() - 1);
+  if (start.empty()) start.push_back(0);
+  const std::vector<int> &ind = m.constrs.rows.ind;
+  static_assert(sizeof(HighsInt) == sizeof(int));
+
+  // Hessian: lower triangle column-wise; x'Qx = 1/2 x'Hx, so H_jj = 2 q_jj and H_ij = q_ij.
+  std::vector<HighsInt> qstart, qindex;
+  std::vector<double> qvalue;
+  if (m.q.size() > 0) {
+    std::vector<std::vector<std::pair<int, double>>> cols(n);
+    for (size_t k = 0; k < m.q.size(); ++k) {
+      int r = m.q.row[k], c = m.q.col[k];
+      int lo = std::min(r, c), hi = std::max(r, c);
+      cols[lo].emplace_back(hi, r == c ? 2.0 * m.q.val[k] : m.q.val[k]);
+    }
+    qstart.reserve(n);
+    for (int j = 0; j < n; ++j) {
+      qstart.push_back(static_cast<HighsInt>(qindex.size()));
+      auto &col = cols[j];
+      std::sort(col.begin(), col.end());
+      for (size_t k = 0; k < col.size(); ++k) {
+        if (!qindex.empty() && qindex.size() > static_cast<size_t>(qstart.back()) &&
+            qindex.back() == col[k].first) {
+          qvalue.back() += col[k].second;
+        } else {
+          qindex.push_back(col[k].first);
+          qvalue.push_back(col[k].second);
+        }
+      }
+    }
+  }
+  HighsInt status = Highs_passModel(
+      hi.get(), n, rows, static_cast<HighsInt>(nnz), static_cast<HighsInt>(qvalue.size()),
+      kHighsMatrixFormatRowwise, kHighsHessianFormatTriangular,
+      m.sense == KVR_MAXIMIZE ? kHighsObjSenseMaximize : kHighsObjSenseMinimize, m.objcon,
+      cost.data(), lb.data(), ub.data(), rlo.data(), rup.data(), start.data(), ind.data(),
+      m.constrs.rows.val.data(), qvalue.empty() ? nullptr : qstart.data(),
+      qvalue.empty() ? nullptr : qindex.data(), qvalue.empty() ? nullptr : qvalue.data(),
+      mip ? integrality.data() : nullptr);
+  if (status == kHighsStatusError)
+    fail(KVR_ERROR_INVALID_ARGUMENT,
+         "The engine rejected the model (an infinite or NaN coefficient, or a bound it cannot "
+         "take); see the log for its reason");
+}
+
+void HighsEngine::set_options(HighsInstance &hi, const ParamValues &p, SolveContext &ctx, bool mip,
+                              bool qp, int threads) {
+  hi.set_bool("log_to_console", false);
+  hi.set_bool("output_flag", ctx.env->output_on());
+  hi.set_int("threads", threads);
+  double tl = p.get_dbl(ParamId::TimeLimit);
+  if (tl < KVR_INFINITY) hi.set_dbl("time_limit", tl);
+  double itl = p.get_dbl(ParamId::IterationLimit);
+  if (itl < KVR_INFINITY && !mip)
+    hi.set_int("simplex_iteration_limit", static_cast<long long>(itl));
+  hi.set_int("ipm_iteration_limit", p.get_int(ParamId::BarIterLimit));
+  hi.set_dbl("ipm_optimality_tolerance", std::max(p.get_dbl(ParamId::BarConvTol), 1e-12));
+  hi.set_dbl("primal_feasibility_tolerance", p.get_dbl(ParamId::FeasibilityTol));
+  hi.set_dbl("dual_feasibility_tolerance", p.get_dbl(ParamId::OptimalityTol));
+  hi.set_int("random_seed", p.get_int(ParamId::Seed));
+  int presolve = p.get_int(ParamId::Presolve);
+  hi.set_str("presolve", presolve == 0 ? "off" : presolve < 0 ? "choose" : "on");
+  double cutoff = p.get_dbl(ParamId::Cutoff);
+  bool cutoff_set = std::fabs(cutoff) < KVR_INFINITY;
+  // The engine prunes with the bound in its own (minimizing) sense; only its MIP solver uses it.
+  if (cutoff_set && mip)
+    hi.set_dbl("objective_bound", ctx.sense == KVR_MAXIMIZE ? -cutoff : cutoff);
+  if (p.get_int(ParamId::ScaleFlag) == 0) hi.set_int("simplex_scale_strategy", 0);
+  if (mip) {
+    hi.set_dbl("mip_rel_gap", p.get_dbl(ParamId::MIPGap));
+    hi.set_dbl("mip_abs_gap", p.get_dbl(ParamId::MIPGapAbs));
+    hi.set_dbl("mip_feasibility_tolerance", p.get_dbl(ParamId::IntFeasTol));
+    double nl = p.get_dbl(ParamId::NodeLimit);
+    if (nl < KVR_INFINITY) hi.set_int("mip_max_nodes", static_cast<long long>(nl));
+    int sl = p.get_int(ParamId::SolutionLimit);
+    if (sl < 2000000000) hi.set_int("mip_max_improving_sols", sl);
+    hi.set_dbl("mip_heuristic_effort", p.get_dbl(ParamId::Heuristics));
+    hi.set_dbl("mip_min_logging_interval", p.get_int(ParamId::DisplayInterval));
+    if (p.get_int(ParamId::Symmetry) == 0) hi.set_bool("mip_detect_symmetry", false);
+  } else if (!qp) {
+    // Method: -1 automatic, 0 primal simplex, 1 dual simplex, 2 barrier (interior point);
+    // 3 and 4 (concurrent) leave the choice to the engine, which runs one method;
+    // 5 (deterministic concurrent simplex) runs the dual simplex.
+    switch (p.get_int(ParamId::Method)) {
+      case 0:
+        hi.set_str("solver", "simplex");
+        hi.set_int("simplex_strategy", 4);
+        break;
+      case 1:
+      case 5:
+        hi.set_str("solver", "simplex");
+        hi.set_int("simplex_strategy", 1);
+        break;
+      case 2:
+        hi.set_str("solver", "ipm");
+        if (p.get_int(ParamId::Crossover) == 0) hi.set_str("run_crossover", "off");
+        break;
+      default:
+        hi.set_str("solver", "choose");
+        break;
+    }
+  }
+  apply_passthrough_options(hi, ctx);
+}
+
+// Farkas certificate of an infeasible LP: lambda with lambda_i <= 0 on <= rows and >= 0 on >=
+// rows makes lambda'A x >= lambda'b valid for every feasible x; the proof is the amount
+// lambda'b - max over the bounds of lambda'A x, positive when the model is infeasible.
+double farkas_proof(const ModelData &m, const std::vector<double> &lambda) {
+  const int n = m.num_vars(), rows = m.num_constrs();
+  std::vector<double> coef(n, 0.0);
+  double rhs = 0.0;
+  for (int i = 0; i < rows; ++i) {
+    double l = lambda[i];
+    if (l == 0.0) continue;
+    char s = m.constrs.sense[i];
+    if ((s == KVR_LESS_EQUAL && l > 0) || (s == KVR_GREATER_EQUAL && l < 0)) return -kInf;
+    rhs += l * m.constrs.rhs[i];
+    for (int64_t k = m.constrs.rows.beg[i]; k < m.constrs.rows.beg[i + 1]; ++k)
+      coef[m.constrs.rows.ind[k]] += l * m.constrs.rows.val[k];
+  }
+  double maxact = 0.0;
+  for (int j = 0; j < n; ++j) {
+    if (std::fabs(coef[j]) < 1e-12) continue;
+    double b = coef[j] > 0 ? m.vars.ub[j] : m.vars.lb[j];
+    if (std::fabs(b) >= KVR_INFINITY) return -kInf;
+    maxact += coef[j] * b;
+  }
+  return rhs - maxact;
+}
+
+void HighsEngine::read_certificates(HighsInstance &hi, const ModelData &m, EngineResult &r) {
+  const int n = m.num_vars(), rows = m.num_constrs();
+  if (r.status == KVR_INFEASIBLE) {
+    HighsInt has = 0;
+    std::vector<double> ray(rows);
+    if (Highs_getDualRay(hi.get(), &has, ray.data()) == kHighsStatusOk && has) {
+      for (double sign : {1.0, -1.0}) {
+        std::vector<double> lambda(rows);
+        for (int i = 0; i < rows; ++i) lambda[i] = sign * ray[i];
+        double proof = farkas_proof(m, lambda);
+        if (proof > 0) {
+          r.farkasdual = std::move(lambda);
+          r.farkasproof = proof;
+          break;
+        }
+      }
+    }
+  } else if (r.status == KVR_UNBOUNDED) {
+    HighsInt has = 0;
+    std::vector<double> ray(n);
+    if (Highs_getPrimalRay(hi.get(), &has, ray.data()) == kHighsStatusOk && has) r.unbdray = ray;
+  }
+}
+
+EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues &params,
+                                SolveContext &ctx) {
+  const ModelData &m = *problem.model;
+  const int n = m.num_vars(), rows = m.num_constrs();
+  const bool mip = m.is_mip();
+  const bool qp = m.q.size() > 0;
+  if (mip && qp)
+    fail(KVR_ERROR_NOT_SUPPORTED,
+         "Quadratic objectives with integer variables (MIQP) are not supported by the engine in "
+         "use; relax the integrality or linearize the objective");
+
+  // Threads 0 leaves the count to the engine (it uses part of the machine's threads).
+  SchedulerUse sched(params.get_int(ParamId::Threads), ctx);
+
+  auto hi = std::make_shared<HighsInstance>();
+  std::vector<std::vector<double>> found;
+  RunState st;
+  st.ctx = &ctx;
+  st.model = &m;
+  st.mip = mip;
+  st.ncols = n;
+  st.found = &found;
+  Highs_setCallback(hi->get(), engine_event, &st);
+  Highs_startCallback(hi->get(), kHighsCallbackLogging);
+  Highs_startCallback(hi->get(), kHighsCallbackSimplexInterrupt);
+  Highs_startCallback(hi->get(), kHighsCallbackIpmInterrupt);
+  if (mip) {
+    Highs_startCallback(hi->get(), kHighsCallbackMipInterrupt);
+    Highs_startCallback(hi->get(), kHighsCallbackMipSolution);
+    Highs_startCallback(hi->get(), kHighsCallbackCallbackMipUserSolution);
+  }
+  set_options(*hi, params, ctx, mip, qp, sched.threads_used);
+  pass_model(*hi, m, mip);
+
+  // Warm starts.
+  const bool warm = params.get_int(ParamId::LPWarmStart) != 0;
+  if (mip && !problem.mip_start.empty()) {
+    std::vector<HighsInt> idx;
+    std::vector<double> val;
+    for (int j = 0; j < n && j < static_cast<int>(problem.mip_start.size()); ++j)
+      if (problem.mip_start[j] != KVR_UNDEFINED)
+        idx.push_back(j), val.push_back(problem.mip_start[j]);
+    if (!idx.empty() && Highs_setSparseSolution(hi->get(), static_cast<HighsInt>(idx.size()),
+                                                idx.data(), val.data()) == kHighsStatusError)
+      ctx.log("MIP start rejected by the engine\n");
+    else if (!idx.empty())
+      ctx.env->logf("MIP start with %zu of %d values handed to the engine\n", idx.size(), n);
+  }
+  if (!mip && warm && !problem.vbasis.empty() && !problem.cbasis.empty()) {
+    std::vector<HighsInt> cs(n), rs(rows);
+    for (int j = 0; j < n; ++j)
+      cs[j] = basis_to_engine_col(problem.vbasis[j], m.vars.lb[j], m.vars.ub[j]);
+    for (int i = 0; i < rows; ++i)
+      rs[i] = basis_to_engine_row(problem.cbasis[i], m.constrs.sense[i]);
+    if (Highs_setBasis(hi->get(), cs.data(), rs.data()) == kHighsStatusError)
+      ctx.log("Warm-start basis rejected by the engine (it is not a valid basis); starting cold\n");
+    else
+      ctx.log("Warm start from the given basis\n");
+  } else if (!mip && warm && (!problem.pstart.empty() || !problem.dstart.empty())) {
+    std::vector<double> px, dy;
+    if (!problem.pstart.empty()) {
+      px = problem.pstart;
+      for (double &v : px)
+        if (v == KVR_UNDEFINED) v = 0.0;
+    }
+    if (!problem.dstart.empty()) {
+      dy = problem.dstart;
+      for (double &v : dy)
+        if (v == KVR_UNDEFINED) v = 0.0;
+    }
+    if (Highs_setSolution(hi->get(), px.empty() ? nullptr : px.data(), nullptr, nullptr,
+                          dy.empty() ? nullptr : dy.data()) != kHighsStatusError)
+      ctx.log("Warm start from the given primal/dual start vectors\n");
+  }
+
+  EngineResult r;
+  HighsInt run_status = kHighsStatusOk;
+  int restarts = 0;
+  bool undecided_resolved = false, retried_unknown = false;
+  for (;;) {
+    ctx.stop = StopReason::None;
+    ctx.lazy_violated = false;
+    run_status = Highs_run(hi->get());
+    double iters = hi->info_int("simplex_iteration_count");
+    if (mip) {
+      // The MIP's LP iterations are only reported through its events.
+      iters = std::max(iters, ctx.iters_now - st.base_iters);
+    }
+    st.base_iters += iters;
+    st.base_nodes += static_cast<double>(std::max(0LL, hi->info_int("mip_node_count")));
+    r.baritercount += static_cast<double>(std::max(0LL, hi->info_int("ipm_iteration_count")));
+    r.itercount += mip ? iters
+                       : iters + hi->info_int("crossover_iteration_count") +
+                             hi->info_int("pdlp_iteration_count") +
+                             hi->info_int("qp_iteration_count");
+    // A model found infeasible or unbounded in presolve is solved again without presolve when
+    // the caller asks for a definite answer.
+    if (!undecided_resolved && ctx.stop == StopReason::None &&
+        Highs_getModelStatus(hi->get()) == kHighsModelStatusUnboundedOrInfeasible &&
+        (params.get_int(ParamId::DualReductions) == 0 ||
+         (!mip && params.get_int(ParamId::InfUnbdInfo) != 0))) {
+      undecided_resolved = true;
+      hi->set_str("presolve", "off");
+      ctx.log("Infeasible or unbounded: solving again without presolve for a definite answer\n");
+      continue;
+    }
+    // An LP the engine could not decide gets one more attempt with the other kind of method.
+    if (!mip && !retried_unknown && ctx.stop == StopReason::None &&
+        Highs_getModelStatus(hi->get()) == kHighsModelStatusUnknown) {
+      retried_unknown = true;
+      HighsInt ipm = 0;
+      ipm = static_cast<HighsInt>(hi->info_int("ipm_iteration_count"));
+      hi->set_str("solver", ipm > 0 ? "simplex" : "ipm");
+      Highs_clearSolver(hi->get());
+      ctx.env->logf("Undecided after %s: solving again with %s\n",
+                    ipm > 0 ? "the interior point method" : "the simplex method",
+                    ipm > 0 ? "the simplex method" : "the interior point method");
+      continue;
+    }
+    if (!mip) break;
+    // Lazy constraints: restart when an incumbent was rejected, or when the final solution
+    // violates a constraint that is not yet a row of the engine's model.
+    bool need_restart = ctx.stop == StopReason::Restart;
+    if (!need_restart && ctx.lazy_in_engine < ctx.lazy.size() && ctx.stop == StopReason::None) {
+      std::vector<double> x(n);
+      HighsInt pstat = 0;
+      Highs_getIntInfoValue(hi->get(), "primal_solution_status", &pstat);
+      if (pstat == kHighsSolutionStatusFeasible &&
+          Highs_getSolution(hi->get(), x.data(), nullptr, nullptr, nullptr) == kHighsStatusOk &&
+          violates_lazy(ctx, ctx.lazy_in_engine, x.data()))
+        need_restart = true;
+    }
+    if (!need_restart) break;
+    if (++restarts > 100000)
+      fail(KVR_ERROR_CALLBACK, "Lazy constraints: no progress after %d restarts", restarts - 1);
+    // Add the new lazy rows to the engine's model.
+    std::vector<double> lo, up, val;
+    std::vector<HighsInt> start, idx;
+    for (size_t k = ctx.lazy_in_engine; k < ctx.lazy.size(); ++k) {
+      const LinRow &row = ctx.lazy[k];
+      start.push_back(static_cast<HighsInt>(idx.size()));
+      idx.insert(idx.end(), row.ind.begin(), row.ind.end());
+      val.insert(val.end(), row.val.begin(), row.val.end());
+      lo.push_back(row.sense == KVR_LESS_EQUAL ? -kInf : row.rhs);
+      up.push_back(row.sense == KVR_GREATER_EQUAL ? kInf : row.rhs);
+    }
+    Highs_addRows(hi->get(), static_cast<HighsInt>(lo.size()), lo.data(), up.data(),
+                  static_cast<HighsInt>(val.size()), start.data(), idx.data(), val.data());
+    ctx.env->logf("Lazy constraints: %zu added; restarting the search\n",
+                  ctx.lazy.size() - ctx.lazy_in_engine);
+    ctx.lazy_in_engine = ctx.lazy.size();
+    // Keep only solutions that satisfy every lazy constraint; restart from the best of them.
+    std::erase_if(found,
+                  [&](const std::vector<double> &x) { return violates_lazy(ctx, 0, x.data()); });
+    st.best_obj = kNaN;
+    const std::vector<double> *best = nullptr;
+    for (const auto &x : found) {
+      double obj = objective_of(m, x.data());
+      if (better(ctx.sense, obj, st.best_obj)) st.best_obj = obj, best = &x;
+    }
+    ctx.solcount = static_cast<double>(found.size());
+    if (best) st.pending_start = *best;
+  }
+
+  // Results.
+  HighsInt model_status = Highs_getModelStatus(hi->get());
+  HighsInt pstat = 0, dstat = 0;
+  Highs_getIntInfoValue(hi->get(), "primal_solution_status", &pstat);
+  Highs_getIntInfoValue(hi->get(), "dual_solution_status", &dstat);
+  bool has_x = pstat != kHighsSolutionStatusNone;
+  if (run_status == kHighsStatusError && model_status != kHighsModelStatusInterrupt && !has_x &&
+      (model_status == kHighsModelStatusModelError || model_status == kHighsModelStatusLoadError))
+    fail(KVR_ERROR_INVALID_ARGUMENT, "The engine could not load the model; see the log");
+  r.status = map_status(model_status, mip, pstat == kHighsSolutionStatusFeasible);
+  switch (ctx.stop) {
+    case StopReason::ObjStop:
+    case StopReason::BdStop:
+      r.status = KVR_USER_OBJ_LIMIT;
+      break;
+    case StopReason::Work:
+      r.status = KVR_WORK_LIMIT;
+      break;
+    case StopReason::IterLimit:
+      r.status = KVR_ITERATION_LIMIT;
+      break;
+    case StopReason::User:
+    case StopReason::CallbackError:
+    case StopReason::Pass:
+      r.status = KVR_INTERRUPTED;
+      break;
+    default:
+      break;
+  }
+  if (mip && r.status == KVR_SOLUTION_LIMIT) {
+    double nl = params.get_dbl(ParamId::NodeLimit);
+    if (nl < KVR_INFINITY && st.base_nodes >= nl) r.status = KVR_NODE_LIMIT;
+  }
+  // Cutoff: no solution better than the given value exists (or none at all was found).
+  double cutoff = params.get_dbl(ParamId::Cutoff);
+  if (std::fabs(cutoff) < KVR_INFINITY &&
+      (r.status == KVR_OPTIMAL || (mip && r.status == KVR_INFEASIBLE))) {
+    double obj = kNaN;
+    if (r.status == KVR_OPTIMAL && pstat == kHighsSolutionStatusFeasible)
+      obj = Highs_getObjectiveValue(hi->get());
+    bool worse = std::isnan(obj) || (ctx.sense == KVR_MINIMIZE ? obj >= cutoff : obj <= cutoff);
+    if (worse) {
+      r.status = KVR_CUTOFF;
+      has_x = false;
+      found.clear();
+    }
+  }
+  r.nodecount = st.base_nodes;
+  r.work = SolveContext::work_units(r.itercount + r.baritercount, r.nodecount);
+  if (!mip) {
+    long long ipm = hi->info_int("ipm_iteration_count");
+    HighsInt strategy = 0;
+    Highs_getIntOptionValue(hi->get(), "simplex_strategy", &strategy);
+    r.method_used = ipm > 0 ? 2 : strategy == 4 ? 0 : 1;
+  }
+
+  // An LP keeps its last iterate when it stopped early; infeasible, unbounded and undecided
+  // results have no solution to show.
+  bool lp_keeps_x = r.status != KVR_INFEASIBLE && r.status != KVR_INF_OR_UNBD &&
+                    r.status != KVR_UNBOUNDED && r.status != KVR_NUMERIC && r.status != KVR_CUTOFF;
+  if (has_x && (mip ? pstat == kHighsSolutionStatusFeasible : lp_keeps_x)) {
+    r.x.resize(n);
+    r.row_activity.resize(rows + (ctx.lazy_in_engine));
+    std::vector<double> cd(n), rd(r.row_activity.size());
+    Highs_getSolution(hi->get(), r.x.data(), cd.data(), r.row_activity.data(), rd.data());
+    r.row_activity.resize(rows);
+    r.objval = objective_of(m, r.x.data());
+    if (!mip && dstat == kHighsSolutionStatusFeasible && r.status == KVR_OPTIMAL) {
+      r.rc = std::move(cd);
+      rd.resize(rows);
+      r.pi = std::move(rd);
+    }
+    if (mip) found.push_back(r.x);
+  }
+  if (mip) {
+    double bound = hi->info_dbl("mip_dual_bound");
+    if (!std::isnan(bound)) r.objbound = from_engine(bound);
+    if (r.status == KVR_INFEASIBLE)
+      r.objbound = ctx.sense == KVR_MINIMIZE ? KVR_INFINITY : -KVR_INFINITY;
+    if (r.status == KVR_CUTOFF) r.objbound = kNaN;
+    r.found_x = std::move(found);
+  } else if (r.status == KVR_OPTIMAL && !r.x.empty()) {
+    r.objbound = r.objval;
+  }
+  if (!mip && !qp) {
+    HighsInt valid = 0;
+    Highs_getIntInfoValue(hi->get(), "basis_validity", &valid);
+    if (valid == kHighsBasisValidityValid) {
+      std::vector<HighsInt> cs(n), rs(rows);
+      if (Highs_getBasis(hi->get(), cs.data(), rs.data()) == kHighsStatusOk) {
+        r.vbasis.resize(n);
+        r.cbasis.resize(rows);
+        for (int j = 0; j < n; ++j) r.vbasis[j] = basis_from_engine_col(cs[j]);
+        for (int i = 0; i < rows; ++i)
+          r.cbasis[i] = rs[i] == kHighsBasisStatusBasic ? KVR_BASIC : KVR_NONBASIC_LOWER;
+      }
+      if (r.status == KVR_OPTIMAL) {
+        std::vector<double> x = r.x;
+        std::vector<int> vb = r.vbasis;
+        std::vector<double> lbv = m.vars.lb, ubv = m.vars.ub;
+        r.sensitivity = [hi, n, rows, x, vb, lbv, ubv](Sensitivity &s) {
+          std::vector<double> cuv(n), cuo(n), cdv(n), cdo(n), buv(n), buo(n), bdv(n), bdo(n);
+          std::vector<double> ruv(rows), ruo(rows), rdv(rows), rdo(rows);
+          std::vector<HighsInt> i1(n), i2(n), i3(n), i4(n), i5(n), i6(n), i7(n), i8(n);
+          std::vector<HighsInt> r1(rows), r2(rows), r3(rows), r4(rows);
+          if (Highs_getRanging(hi->get(), cuv.data(), cuo.data(), i1.data(), i2.data(), cdv.data(),
+                               cdo.data(), i3.data(), i4.data(), buv.data(), buo.data(), i5.data(),
+                               i6.data(), bdv.data(), bdo.data(), i7.data(), i8.data(), ruv.data(),
+                               ruo.data(), r1.data(), r2.data(), rdv.data(), rdo.data(), r3.data(),
+                               r4.data()) != kHighsStatusOk)
+            return false;
+          auto conv = [](std::vector<double> &v) {
+            for (double &e : v) e = from_engine(e);
+          };
+          s.objlow = cdv, s.objup = cuv;
+          conv(s.objlow), conv(s.objup);
+          s.lblow.assign(n, -KVR_INFINITY), s.lbup.assign(n, 0.0);
+          s.ublow.assign(n, 0.0), s.ubup.assign(n, KVR_INFINITY);
+          for (int j = 0; j < n; ++j) {
+            // The ranging of the active bound comes from the engine; an inactive bound may move
+            // freely on its own side of the solution value.
+            s.lbup[j] = x[j];
+            s.ublow[j] = x[j];
+            if (vb[j] == KVR_NONBASIC_LOWER && lbv[j] > -KVR_INFINITY) {
+              s.lblow[j] = from_engine(bdv[j]);
+              s.lbup[j] = from_engine(buv[j]);
+            } else if (vb[j] == KVR_NONBASIC_UPPER && ubv[j] < KVR_INFINITY) {
+              s.ublow[j] = from_engine(bdv[j]);
+              s.ubup[j] = from_engine(buv[j]);
+            }
+          }
+          s.rhslow = rdv, s.rhsup = ruv;
+          conv(s.rhslow), conv(s.rhsup);
+          return true;
+        };
+      }
+    }
+    if (params.get_int(ParamId::InfUnbdInfo)) read_certificates(*hi, m, r);
+  }
+  return r;
+}
+
+}  // namespace
+
+std::unique_ptr<Engine> make_highs_engine() { return std::make_unique<HighsEngine>(); }
+
+std::string highs_version() { return Highs_version(); }
+
+}  // namespace kvr

@@ -1,0 +1,565 @@
+// KVRoptimize and its companions: the log header and closing summary, interrupt handling, the
+// mapping of engine results onto the model's solution, and the environments of concurrent and
+// multi-objective passes.
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <csignal>
+#include <mutex>
+#include <thread>
+
+#include "attrs/attrs.h"
+#include "engine/engine.h"
+#include "engine/solve.h"
+#include "model/model.h"
+#include "reform/reform.h"
+#include "util/error.h"
+
+namespace kvr {
+
+// ---------------------------------------------------------------- LinRow, CallbackData, context
+
+double LinRow::violation(const double *x) const {
+  double act = 0.0;
+  for (size_t k = 0; k < ind.size(); ++k) act += val[k] * x[ind[k]];
+  switch (sense) {
+    case KVR_LESS_EQUAL:
+      return std::max(0.0, act - rhs);
+    case KVR_GREATER_EQUAL:
+      return std::max(0.0, rhs - act);
+    default:
+      return std::fabs(act - rhs);
+  }
+}
+
+bool CallbackData::has(int what) const {
+  for (auto &[w, v] : values)
+    if (w == what) return true;
+  return false;
+}
+
+double CallbackData::get(int what) const {
+  for (auto &[w, v] : values)
+    if (w == what) return v;
+  return kNaN;
+}
+
+double SolveContext::elapsed() const {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+}
+
+bool SolveContext::has_callback() const { return model && model->callback; }
+
+void SolveContext::invoke(CallbackData &cb) {
+  if (!has_callback()) return;
+  int rc = model->callback(model, &cb, cb.where, model->cbusrdata);
+  if (rc != 0 && callback_error == 0) {
+    callback_error = rc;
+    stop = StopReason::CallbackError;
+  }
+}
+
+bool SolveContext::progress_due() {
+  double now = elapsed();
+  if (last_progress_call >= 0 && now - last_progress_call < 0.02) return false;
+  last_progress_call = now;
+  return true;
+}
+
+bool SolveContext::must_stop() {
+  if (stop != StopReason::None) return true;
+  if (model && model->terminate_requested.load()) {
+    stop = StopReason::User;
+  } else if (stop_objective >= 0 && std::find(pass_objectives.begin(), pass_objectives.end(),
+                                              stop_objective) != pass_objectives.end()) {
+    stop = StopReason::Pass;
+  } else if (work_now >= params->get_dbl(ParamId::WorkLimit)) {
+    stop = StopReason::Work;
+  } else if (is_mip && iters_now >= params->get_dbl(ParamId::IterationLimit)) {
+    stop = StopReason::IterLimit;
+  }
+  return stop != StopReason::None;
+}
+
+void SolveContext::check_objective_limits(double objbst, double objbnd) {
+  if (stop != StopReason::None) return;
+  double objstop = params->get_dbl(ParamId::BestObjStop);
+  double bdstop = params->get_dbl(ParamId::BestBdStop);
+  bool min = sense == KVR_MINIMIZE;
+  if (std::fabs(objstop) < KVR_INFINITY && !std::isnan(objbst) &&
+      (min ? objbst <= objstop : objbst >= objstop))
+    stop = StopReason::ObjStop;
+  else if (std::fabs(bdstop) < KVR_INFINITY && !std::isnan(objbnd) &&
+           std::fabs(objbnd) < KVR_INFINITY && (min ? objbnd >= bdstop : objbnd <= bdstop))
+    stop = StopReason::BdStop;
+}
+
+// ---------------------------------------------------------------- shared solve steps
+
+const char *status_text(int status) {
+  switch (status) {
+    case KVR_LOADED:
+      return "not solved";
+    case KVR_OPTIMAL:
+      return "optimal";
+    case KVR_INFEASIBLE:
+      return "infeasible";
+    case KVR_INF_OR_UNBD:
+      return "infeasible or unbounded";
+    case KVR_UNBOUNDED:
+      return "unbounded";
+    case KVR_CUTOFF:
+      return "objective worse than the cutoff";
+    case KVR_ITERATION_LIMIT:
+      return "iteration limit reached";
+    case KVR_NODE_LIMIT:
+      return "node limit reached";
+    case KVR_TIME_LIMIT:
+      return "time limit reached";
+    case KVR_SOLUTION_LIMIT:
+      return "solution limit reached";
+    case KVR_INTERRUPTED:
+      return "interrupted";
+    case KVR_NUMERIC:
+      return "numerical difficulties";
+    case KVR_SUBOPTIMAL:
+      return "suboptimal solution";
+    case KVR_USER_OBJ_LIMIT:
+      return "objective limit reached";
+    case KVR_WORK_LIMIT:
+      return "work limit reached";
+    case KVR_MEM_LIMIT:
+      return "memory limit reached";
+    default:
+      return "unknown";
+  }
+}
+
+namespace {
+
+const std::vector<double> *extra_column(const ExtraAttrs &extra, int key) {
+  auto it = extra.num.find(key);
+  return it == extra.num.end() ? nullptr : &it->second;
+}
+
+const std::vector<double> *extra_column(const ExtraAttrs &extra, AttrId id) {
+  return extra_column(extra, static_cast<int>(id));
+}
+
+// Entry j of an extra column, which may be shorter than the element count.
+double extra_at(const std::vector<double> *col, int j, double def) {
+  return col && j < static_cast<int>(col->size()) ? (*col)[j] : def;
+}
+
+bool any_defined(const std::vector<double> *v) {
+  if (!v) return false;
+  for (double e : *v)
+    if (e != KVR_UNDEFINED) return true;
+  return false;
+}
+
+}  // namespace
+
+EngineProblem make_problem(const kvr_model *model, const Reformulated &rf) {
+  EngineProblem p;
+  p.model = &rf.model;
+  p.user_vars = rf.user_vars;
+  const ModelData &user = model->data;
+  const int n = rf.model.num_vars(), m = rf.model.num_constrs();
+  const int nu = rf.user_vars, mu = rf.user_constrs;
+  const std::vector<double> *start = extra_column(user.vars.extra, AttrId::Start);
+  const std::vector<double> *hint = extra_column(user.vars.extra, AttrId::VarHintVal);
+  if (any_defined(start) || any_defined(hint)) {
+    p.mip_start.assign(n, KVR_UNDEFINED);
+    for (int j = 0; j < nu; ++j) {
+      double v = extra_at(start, j, KVR_UNDEFINED);
+      p.mip_start[j] = v != KVR_UNDEFINED ? v : extra_at(hint, j, KVR_UNDEFINED);
+    }
+  }
+  const std::vector<double> *vb = extra_column(user.vars.extra, AttrId::VBasis);
+  const std::vector<double> *cb = extra_column(user.constrs.extra, AttrId::CBasis);
+  // A basis is complete only for the user's own model.
+  if ((vb || cb) && !rf.changed && n == nu && m == mu) {
+    p.vbasis.resize(n);
+    p.cbasis.resize(m);
+    int basic = 0;
+    for (int j = 0; j < n; ++j)
+      basic += (p.vbasis[j] = static_cast<int>(extra_at(vb, j, KVR_NONBASIC_LOWER))) == KVR_BASIC;
+    for (int i = 0; i < m; ++i)
+      basic += (p.cbasis[i] = static_cast<int>(extra_at(cb, i, KVR_BASIC))) == KVR_BASIC;
+    if (basic != m) p.vbasis.clear(), p.cbasis.clear();
+  }
+  const std::vector<double> *ps = extra_column(user.vars.extra, AttrId::PStart);
+  const std::vector<double> *ds = extra_column(user.constrs.extra, AttrId::DStart);
+  if (any_defined(ps)) {
+    p.pstart.assign(n, KVR_UNDEFINED);
+    for (int j = 0; j < nu; ++j) p.pstart[j] = extra_at(ps, j, KVR_UNDEFINED);
+  }
+  if (any_defined(ds)) {
+    p.dstart.assign(m, KVR_UNDEFINED);
+    for (int i = 0; i < mu; ++i) p.dstart[i] = extra_at(ds, i, KVR_UNDEFINED);
+  }
+  return p;
+}
+
+// MIP starts beyond the first (NumStart > 1) are offered to the engine as user solutions.
+void queue_extra_starts(const kvr_model *model, const Reformulated &rf, SolveContext &ctx) {
+  const ExtraAttrs &extra = model->data.vars.extra;
+  for (const auto &[key, col] : extra.num) {
+    if (key < attr_count() || !any_defined(&col)) continue;
+    std::vector<double> x(rf.model.num_vars(), KVR_UNDEFINED);
+    for (int j = 0; j < rf.user_vars; ++j) x[j] = extra_at(&col, j, KVR_UNDEFINED);
+    ctx.user_solutions.push_back(std::move(x));
+  }
+}
+
+double objective_value(const ModelData &m, const std::vector<double> &x) {
+  double v = m.objcon;
+  for (int j = 0; j < m.num_vars(); ++j) v += m.vars.obj[j] * x[j];
+  for (size_t k = 0; k < m.q.size(); ++k) v += m.q.val[k] * x[m.q.row[k]] * x[m.q.col[k]];
+  return v;
+}
+
+void fill_solution(const kvr_model *model, const Reformulated &rf, const SolveContext &ctx,
+                   EngineResult &&r, Solution &sol) {
+  const ModelData &user = model->data;
+  const int nu = rf.user_vars, mu = rf.user_constrs;
+  const bool mip = rf.model.is_mip();
+  auto truncate = [](std::vector<double> &v, size_t n) {
+    if (v.size() > n) v.resize(n);
+  };
+  sol.status = r.status;
+  sol.itercount = r.itercount;
+  sol.baritercount = static_cast<int>(r.baritercount);
+  sol.nodecount = r.nodecount;
+  sol.work = r.work;
+  int method = ctx.params->get_int(ParamId::Method);
+  sol.concurrent_win_method = (!mip && (method == 3 || method == 4)) ? r.method_used : -1;
+
+  // Pool: engine incumbents and accepted user solutions, best first, without duplicates.
+  if (mip) {
+    std::vector<std::pair<double, std::vector<double>>> pool;
+    for (auto &x : r.found_x) pool.emplace_back(objective_value(rf.model, x), std::move(x));
+    for (const auto &x : ctx.accepted_user_solutions)
+      if (static_cast<int>(x.size()) == rf.model.num_vars())
+        pool.emplace_back(objective_value(rf.model, x), x);
+    std::stable_sort(pool.begin(), pool.end(), [&](const auto &a, const auto &b) {
+      return rf.model.sense == KVR_MAXIMIZE ? a.first > b.first : a.first < b.first;
+    });
+    size_t limit = static_cast<size_t>(ctx.params->get_int(ParamId::PoolSolutions));
+    for (auto &[obj, x] : pool) {
+      truncate(x, nu);
+      bool dup = false;
+      for (const auto &kept : sol.pool_x)
+        if (kept == x) dup = true;
+      if (dup) continue;
+      if (sol.pool_x.size() >= limit) break;
+      sol.pool_x.push_back(x);
+      sol.pool_obj.push_back(obj);
+    }
+    if (!sol.pool_x.empty()) {
+      // The best known solution is the result, even when the engine ended on another one.
+      sol.x = sol.pool_x.front();
+      sol.objval = sol.pool_obj.front();
+    }
+    sol.objbound = r.objbound;
+    if (!sol.x.empty() && !std::isnan(sol.objbound)) {
+      // A bound better than the incumbent by less than the tolerances is still a bound; a
+      // proven optimum reads with bound equal to the objective when the engine closed the gap.
+      double gap = std::fabs(sol.objbound - sol.objval);
+      sol.mipgap =
+          sol.objval == 0.0 ? (gap == 0.0 ? 0.0 : KVR_INFINITY) : gap / std::fabs(sol.objval);
+    } else if (sol.x.empty() && std::isnan(sol.objbound) == false) {
+      sol.mipgap = kNaN;
+    }
+    sol.objboundc = sol.objbound;
+    sol.pool_objbound = sol.objbound;
+  } else {
+    if (!r.x.empty()) {
+      sol.x = r.x;
+      truncate(sol.x, nu);
+      sol.objval = r.objval;
+      if (r.status == KVR_OPTIMAL || r.status == KVR_SUBOPTIMAL) {
+        sol.pool_x.push_back(sol.x);
+        sol.pool_obj.push_back(r.objval);
+      }
+    }
+    sol.objbound = r.objbound;
+    sol.objboundc = r.objbound;
+    sol.rc = std::move(r.rc);
+    truncate(sol.rc, nu);
+    sol.pi = std::move(r.pi);
+    truncate(sol.pi, mu);
+    if (!rf.changed && rf.model.num_constrs() == mu) {
+      sol.vbasis = std::move(r.vbasis);
+      sol.cbasis = std::move(r.cbasis);
+      sol.unbdray = std::move(r.unbdray);
+      sol.farkasdual = std::move(r.farkasdual);
+      sol.farkasproof = r.farkasproof;
+      if (r.sensitivity) {
+        auto source = std::move(r.sensitivity);
+        sol.sensitivity_source = [source](Solution &s) {
+          Sensitivity sa;
+          if (!source(sa)) return;
+          s.saobjlow = std::move(sa.objlow), s.saobjup = std::move(sa.objup);
+          s.salblow = std::move(sa.lblow), s.salbup = std::move(sa.lbup);
+          s.saublow = std::move(sa.ublow), s.saubup = std::move(sa.ubup);
+          s.sarhslow = std::move(sa.rhslow), s.sarhsup = std::move(sa.rhsup);
+        };
+      }
+    }
+  }
+  // Slacks of the user's rows: right-hand side minus activity.
+  if (!sol.x.empty()) {
+    sol.slack.resize(mu);
+    const SparseMatrix &A = user.constrs.rows;
+    for (int i = 0; i < mu; ++i) {
+      double act = 0.0;
+      for (int64_t k = A.beg[i]; k < A.beg[i + 1]; ++k) act += A.val[k] * sol.x[A.ind[k]];
+      sol.slack[i] = user.constrs.rhs[i] - act;
+    }
+  }
+  sol.solved = true;
+}
+
+// ---------------------------------------------------------------- interrupt handling
+
+namespace {
+
+constexpr int kSignalSlots = 64;
+std::atomic<kvr_model *> g_signal_models[kSignalSlots];
+std::mutex g_signal_mutex;
+std::vector<kvr_model *> g_armed;  // models whose next solve stops on Ctrl-C
+int g_signal_users = 0;
+struct sigaction g_previous_action;
+
+extern "C" void on_interrupt_signal(int) {
+  for (auto &slot : g_signal_models) {
+    kvr_model *m = slot.load();
+    if (m) m->terminate_requested.store(true);
+  }
+}
+
+// Ctrl-C handling for the duration of one solve of an armed model.
+class SignalScope {
+ public:
+  explicit SignalScope(kvr_model *model) {
+    std::lock_guard<std::mutex> lock(g_signal_mutex);
+    auto it = std::find(g_armed.begin(), g_armed.end(), model);
+    if (it == g_armed.end()) return;
+    g_armed.erase(it);
+    for (int i = 0; i < kSignalSlots; ++i) {
+      kvr_model *expected = nullptr;
+      if (g_signal_models[i].compare_exchange_strong(expected, model)) {
+        slot_ = i;
+        break;
+      }
+    }
+    if (slot_ < 0) return;
+    if (g_signal_users++ == 0) {
+      struct sigaction action{};
+      action.sa_handler = on_interrupt_signal;
+      sigemptyset(&action.sa_mask);
+      sigaction(SIGINT, &action, &g_previous_action);
+    }
+  }
+  ~SignalScope() {
+    if (slot_ < 0) return;
+    std::lock_guard<std::mutex> lock(g_signal_mutex);
+    g_signal_models[slot_].store(nullptr);
+    if (--g_signal_users == 0) sigaction(SIGINT, &g_previous_action, nullptr);
+  }
+  SignalScope(const SignalScope &) = delete;
+  SignalScope &operator=(const SignalScope &) = delete;
+
+ private:
+  int slot_ = -1;
+};
+
+struct OptimizingFlag {
+  explicit OptimizingFlag(kvr_model *m) : model(m) {
+    model->terminate_requested.store(false);
+    model->optimizing.store(true);
+  }
+  ~OptimizingFlag() { model->optimizing.store(false); }
+  kvr_model *model;
+};
+
+// ---------------------------------------------------------------- log header and summary
+
+void range_of(const std::vector<double> &v, double &lo, double &hi, bool finite_only) {
+  for (double e : v) {
+    double a = std::fabs(e);
+    if (a == 0.0 || (finite_only && a >= KVR_INFINITY)) continue;
+    lo = std::min(lo, a);
+    hi = std::max(hi, a);
+  }
+}
+
+std::string range_text(double lo, double hi) {
+  if (lo > hi) return "[none]";
+  return format("[%.0e, %.0e]", lo, hi);
+}
+
+void log_header(const kvr_model *model, const ModelData &m, int threads) {
+  const kvr_env &env = model->env;
+  kvr_env &out = const_cast<kvr_env &>(env);
+  unsigned hw = std::thread::hardware_concurrency();
+  std::string thread_text = threads > 0 ? format("%d threads", threads)
+                                        : format("threads chosen by the engine (%u available)", hw);
+  out.logf("Kaviro %d.%d.%d, engine HiGHS %s, %s\n", KVR_VERSION_MAJOR, KVR_VERSION_MINOR,
+           KVR_VERSION_TECHNICAL, highs_version().c_str(), thread_text.c_str());
+  std::string name = m.name.empty() ? std::string("(unnamed)") : "'" + m.name + "'";
+  out.logf("Model %s: %d rows, %d columns, %lld nonzeros, %s\n", name.c_str(), m.num_constrs(),
+           m.num_vars(), static_cast<long long>(m.constrs.rows.nnz()),
+           m.sense == KVR_MAXIMIZE ? "maximize" : "minimize");
+  int ints = 0, bins = 0;
+  for (char t : m.vars.vtype) ints += t == KVR_INTEGER, bins += t == KVR_BINARY;
+  if (ints + bins > 0) out.logf("  %d integer variables (%d binary)\n", ints + bins, bins);
+  if (m.q.size() > 0) out.logf("  quadratic objective with %zu terms\n", m.q.size());
+  if (m.objn.size() > 1) out.logf("  %zu objectives\n", m.objn.size());
+  if (m.qconstrs.size() + m.sos.size() + m.gens.size() > 0)
+    out.logf("  %d quadratic, %d SOS and %d general constraints\n", m.qconstrs.size(), m.sos.size(),
+             m.gens.size());
+  double alo = INFINITY, ahi = 0, olo = INFINITY, ohi = 0, blo = INFINITY, bhi = 0, rlo = INFINITY,
+         rhi = 0;
+  range_of(m.constrs.rows.val, alo, ahi, false);
+  range_of(m.vars.obj, olo, ohi, false);
+  range_of(m.vars.lb, blo, bhi, true);
+  range_of(m.vars.ub, blo, bhi, true);
+  range_of(m.constrs.rhs, rlo, rhi, true);
+  out.logf("Coefficient ranges: matrix %s, objective %s, bounds %s, right-hand sides %s\n",
+           range_text(alo, ahi).c_str(), range_text(olo, ohi).c_str(), range_text(blo, bhi).c_str(),
+           range_text(rlo, rhi).c_str());
+  out.log("\n");
+}
+
+void log_summary(kvr_env &env, const Solution &sol, bool mip) {
+  env.log("\n");
+  env.logf("Result: %s\n", status_text(sol.status));
+  if (!sol.x.empty() && !std::isnan(sol.objval)) {
+    std::string line = format("  objective %.10e", sol.objval);
+    if (!std::isnan(sol.objbound) && std::fabs(sol.objbound) < KVR_INFINITY)
+      line += format(", bound %.10e", sol.objbound);
+    if (mip && !std::isnan(sol.mipgap) && sol.mipgap < KVR_INFINITY)
+      line += format(", gap %.4f%%", 100.0 * sol.mipgap);
+    env.logf("%s\n", line.c_str());
+  } else if (mip && !std::isnan(sol.objbound) && std::fabs(sol.objbound) < KVR_INFINITY) {
+    env.logf("  no solution; bound %.10e\n", sol.objbound);
+  }
+  if (mip) env.logf("  %d solutions kept, %.0f nodes\n", sol.solcount(), sol.nodecount);
+  env.logf("  %.0f simplex and %d barrier iterations, work %.3f units, %.2f seconds\n",
+           sol.itercount, sol.baritercount, sol.work, sol.runtime);
+}
+
+void optimize(kvr_model *model) {
+  if (model->optimizing.load())
+    fail(KVR_ERROR_OPTIMIZATION_IN_PROGRESS, "The model is being optimized already");
+  update_model(model);
+  check_remote_settings(&model->env);
+  OptimizingFlag flag(model);
+  SignalScope signals(model);
+  model->env.sync_logfile();
+
+  const ParamValues &params = model->env.params;
+  SolveContext ctx;
+  ctx.model = model;
+  ctx.env = &model->env;
+  ctx.params = &params;
+  ctx.started = std::chrono::steady_clock::now();
+  ctx.sense = model->data.sense;
+
+  log_header(model, model->data, params.get_int(ParamId::Threads));
+  Reformulated rf = reformulate(model->data, params);
+  if (rf.changed)
+    model->env.logf("Rewritten for the engine: %d rows, %d columns\n", rf.model.num_constrs(),
+                    rf.model.num_vars());
+  check_convex_objective(rf.model, params.get_dbl(ParamId::PSDTol));
+  ctx.user_vars = rf.user_vars;
+  ctx.is_mip = rf.model.is_mip();
+  ctx.engine_model = &rf.model;
+  ctx.rewritten = rf.changed;
+
+  if (!model->env.concurrent_envs.empty())
+    model->env.log(
+        "Concurrent environments are not used: the engine runs one method at a time with the "
+        "model's own parameters\n");
+  std::unique_ptr<Engine> engine = make_highs_engine();
+  Solution sol;
+  if (model->data.objn.size() > 1) {
+    solve_multiobjective(model, rf, *engine, ctx, sol);
+  } else {
+    if (ctx.has_callback()) {
+      CallbackData cb{&ctx, KVR_CB_POLLING, {}};
+      cb.values = {{KVR_CB_RUNTIME, ctx.elapsed()}, {KVR_CB_WORK, 0.0}};
+      ctx.invoke(cb);
+    }
+    EngineProblem problem = make_problem(model, rf);
+    if (ctx.is_mip) queue_extra_starts(model, rf, ctx);
+    EngineResult r = engine->solve(problem, params, ctx);
+    fill_solution(model, rf, ctx, std::move(r), sol);
+    solve_scenarios(model, rf, *engine, ctx, sol);
+  }
+  sol.runtime = ctx.elapsed();
+  model->sol = std::move(sol);
+  log_summary(model->env, model->sol, ctx.is_mip);
+  if (ctx.callback_error)
+    fail(KVR_ERROR_CALLBACK, "The callback returned %d; optimization stopped", ctx.callback_error);
+}
+
+}  // namespace
+}  // namespace kvr
+
+extern "C" {
+
+int KVRoptimize(KVRmodel *model) {
+  if (!model) return KVR_ERROR_NULL_ARGUMENT;
+  return model->run([&] { kvr::optimize(model); });
+}
+
+int KVRsetsignal(KVRmodel *model) {
+  if (!model) return KVR_ERROR_NULL_ARGUMENT;
+  std::lock_guard<std::mutex> lock(kvr::g_signal_mutex);
+  if (std::find(kvr::g_armed.begin(), kvr::g_armed.end(), model) == kvr::g_armed.end())
+    kvr::g_armed.push_back(model);
+  return 0;
+}
+
+void KVRterminate(KVRmodel *model) {
+  if (model) model->terminate_requested.store(true);
+}
+
+KVRenv *KVRgetconcurrentenv(KVRmodel *model, int num) {
+  if (!model) return nullptr;
+  if (num < 0 || num >= KVR_MAX_CONCURRENT) {
+    model->errmsg = kvr::format("Concurrent environment %d does not exist (0 to %d)", num,
+                                KVR_MAX_CONCURRENT - 1);
+    return nullptr;
+  }
+  auto &envs = model->env.concurrent_envs;
+  while (static_cast<int>(envs.size()) <= num)
+    envs.push_back(std::make_unique<kvr_env>(model->env));
+  return envs[num].get();
+}
+
+void KVRdiscardconcurrentenvs(KVRmodel *model) {
+  if (model) model->env.concurrent_envs.clear();
+}
+
+KVRenv *KVRgetmultiobjenv(KVRmodel *model, int num) {
+  if (!model) return nullptr;
+  if (num < 0 || num >= 100000) {
+    model->errmsg = kvr::format("Multi-objective environment %d does not exist (0 to 99999)", num);
+    return nullptr;
+  }
+  auto &envs = model->env.multiobj_envs;
+  while (static_cast<int>(envs.size()) <= num) envs.push_back(nullptr);
+  if (!envs[num]) envs[num] = std::make_unique<kvr_env>(model->env);
+  return envs[num].get();
+}
+
+void KVRdiscardmultiobjenvs(KVRmodel *model) {
+  if (model) model->env.multiobj_envs.clear();
+}
+
+}  // extern "C"

@@ -1,0 +1,369 @@
+"""Optimization: statuses, solution values, duals, bases and warm starts, certificates, sensitivity
+ranges, limits, quadratic objectives, MIP starts and pools, logging, reset and termination."""
+
+import math
+
+import pytest
+
+import kaviropy as kp
+from conftest import INSTANCES
+from kaviropy import KVR
+
+# These tests drive the Model class; they run once it is part of the build.
+pytestmark = pytest.mark.skipif(not hasattr(kp, "Model"), reason="the Model class is not built in")
+
+
+@pytest.fixture
+def m(env):
+    model = kp.Model("opt", env=env)
+    yield model
+    model.dispose()
+
+
+def small_lp(m, sense=KVR.MINIMIZE):
+    """min x + 2y  s.t.  c0: x + y >= 2,  c1: x - y <= 1,  x, y >= 0.
+    Optimum x = 1.5, y = 0.5, objective 2.5; both rows tight with duals 1.5 and -0.5."""
+    x = m.addVar(name="x")
+    y = m.addVar(name="y")
+    c0 = m.addConstr(x + y >= 2, name="c0")
+    c1 = m.addConstr(x - y <= 1, name="c1")
+    if sense == KVR.MINIMIZE:
+        m.setObjective(x + 2 * y, KVR.MINIMIZE)
+    else:
+        m.setObjective(-x - 2 * y, KVR.MAXIMIZE)
+    return x, y, c0, c1
+
+
+def knapsack(m, n=10, cap=20):
+    """max sum (j+1) x_j  s.t.  sum (j+2) x_j <= cap, x binary; optimum 18 (x7 and x9)."""
+    x = [m.addVar(vtype=KVR.BINARY, obj=j + 1, name=f"x{j}") for j in range(n)]
+    m.addConstr(kp.quicksum((j + 2) * x[j] for j in range(n)) <= cap, name="cap")
+    m.ModelSense = KVR.MAXIMIZE
+    return x
+
+
+def test_lp_values_duals_slacks_and_basis_agree_with_hand_computation(m):
+    x, y, c0, c1 = small_lp(m)
+    m.optimize()
+    assert m.Status == KVR.OPTIMAL and m.SolCount == 1
+    assert m.ObjVal == pytest.approx(2.5) and m.ObjBound == pytest.approx(2.5)
+    assert (x.X, y.X) == pytest.approx((1.5, 0.5))
+    assert m.getAttr("RC", [x, y]) == pytest.approx([0.0, 0.0], abs=1e-9)
+    assert (c0.Pi, c1.Pi) == pytest.approx((1.5, -0.5))
+    assert (c0.Slack, c1.Slack) == pytest.approx((0.0, 0.0), abs=1e-9)
+    assert (x.VBasis, y.VBasis) == (KVR.BASIC, KVR.BASIC)
+    assert (c0.CBasis, c1.CBasis) == (KVR.NONBASIC_LOWER, KVR.NONBASIC_LOWER)
+    assert m.IterCount >= 1 and m.BarIterCount == 0 and m.Runtime >= 0
+    with pytest.raises(AttributeError):
+        m.MIPGap  # not a MIP
+    with pytest.raises(AttributeError):
+        x.UnbdRay  # InfUnbdInfo is off
+
+
+def test_lp_duals_of_a_maximization_are_objective_sensitivities(m):
+    x, y, c0, c1 = small_lp(m, KVR.MAXIMIZE)
+    m.optimize()
+    assert m.ObjVal == pytest.approx(-2.5)
+    # Raising the right-hand side of c0 by d moves the optimum to -(5 + 3d)/2.
+    assert (c0.Pi, c1.Pi) == pytest.approx((-1.5, 0.5))
+
+
+def test_lp_sensitivity_ranges(m):
+    x, y, c0, c1 = small_lp(m)
+    m.optimize()
+    # The vertex stays optimal while the cost of x is in [-2, 2] and that of y in [1, inf).
+    assert (x.SAObjLow, x.SAObjUp) == pytest.approx((-2.0, 2.0))
+    assert y.SAObjLow == pytest.approx(1.0) and y.SAObjUp == math.inf
+    assert (c0.SARHSLow, c0.SARHSUp) == (pytest.approx(1.0), math.inf)
+    assert (c1.SARHSLow, c1.SARHSUp) == pytest.approx((-2.0, 2.0))
+    assert x.SALBLow == -math.inf and x.SALBUp == pytest.approx(1.5)
+
+
+def test_sensitivity_is_not_available_for_mip(m):
+    knapsack(m)
+    m.optimize()
+    with pytest.raises(AttributeError):
+        m.getVars()[0].SAObjLow
+    with pytest.raises(AttributeError):
+        m.getVars()[0].RC
+
+
+def test_warm_start_from_saved_basis_takes_no_iterations(m):
+    x, y, c0, c1 = small_lp(m)
+    m.optimize()
+    cold = m.IterCount
+    vbasis, cbasis = m.getAttr("VBasis", [x, y]), m.getAttr("CBasis", [c0, c1])
+    m.reset()
+    assert m.Status == KVR.LOADED
+    m.Params.Presolve = 0
+    m.setAttr("VBasis", [x, y], vbasis)
+    m.setAttr("CBasis", [c0, c1], cbasis)
+    m.optimize()
+    assert m.Status == KVR.OPTIMAL and m.ObjVal == pytest.approx(2.5)
+    assert m.IterCount == 0 < cold
+
+
+def test_infeasible_lp_farkas_certificate(m):
+    m.Params.InfUnbdInfo = 1
+    x = m.addVar(ub=10, name="x")
+    y = m.addVar(ub=10, name="y")
+    lo = m.addConstr(x + y <= 1, name="lo")
+    hi = m.addConstr(x + y >= 3, name="hi")
+    m.optimize()
+    assert m.Status == KVR.INFEASIBLE
+    lam = [lo.FarkasDual, hi.FarkasDual]
+    assert lam[0] <= 0 <= lam[1]
+    # lambda'A = 0 here, so the proof is lambda'b.
+    assert lam[0] + lam[1] == pytest.approx(0.0, abs=1e-9)
+    assert m.FarkasProof == pytest.approx(lam[0] * 1 + lam[1] * 3) and m.FarkasProof > 0
+    with pytest.raises(AttributeError):
+        x.X
+
+
+def test_unbounded_lp_ray(m):
+    m.Params.InfUnbdInfo = 1
+    u = m.addVar(name="u")
+    v = m.addVar(name="v")
+    m.addConstr(u - v <= 1)
+    m.setObjective(-u, KVR.MINIMIZE)
+    m.optimize()
+    assert m.Status == KVR.UNBOUNDED
+    d = [u.UnbdRay, v.UnbdRay]
+    assert -d[0] < 0 and d[0] - d[1] <= 1e-9 and min(d) >= -1e-9
+
+
+def test_methods_agree_and_concurrent_reports_winner(m):
+    small_lp(m)
+    for method in (0, 1, 2, 5):
+        m.Params.Method = method
+        m.optimize()
+        assert m.ObjVal == pytest.approx(2.5), method
+    m.Params.Method = 3
+    m.optimize()
+    assert m.ConcurrentWinMethod in (0, 1, 2)
+
+
+@pytest.mark.parametrize(
+    "param, value, status",
+    [
+        ("TimeLimit", 0.0, KVR.TIME_LIMIT),
+        ("SolutionLimit", 1, KVR.SOLUTION_LIMIT),
+        ("Cutoff", 100.0, KVR.CUTOFF),
+        ("BestObjStop", 5.0, KVR.USER_OBJ_LIMIT),
+    ],
+)
+def test_mip_limits_give_their_status(m, param, value, status):
+    knapsack(m)
+    m.Params.Heuristics = 0
+    setattr(m.Params, param, value)
+    m.optimize()
+    assert m.Status == status
+    if status in (KVR.SOLUTION_LIMIT, KVR.USER_OBJ_LIMIT):
+        assert m.SolCount >= 1 and m.ObjVal <= 18
+
+
+def test_lp_iteration_limit(env):
+    m = kp.read(str(INSTANCES / "25fv47.mps"), env=env)
+    m.Params.IterationLimit = 10
+    m.Params.Presolve = 0
+    m.optimize()
+    assert m.Status == KVR.ITERATION_LIMIT and m.IterCount <= 10
+
+
+def test_mip_results_pool_and_bound(m):
+    x = knapsack(m)
+    m.optimize()
+    assert m.Status == KVR.OPTIMAL and m.ObjVal == pytest.approx(18)
+    assert [round(v.X) for v in x] == [0, 0, 0, 0, 0, 0, 0, 1, 0, 1]
+    assert m.ObjBound >= m.ObjVal - 1e-6 and m.MIPGap <= 1e-4
+    assert m.NodeCount >= 0 and m.SolCount >= 1
+    # Pool solutions are feasible and sorted best first.
+    objs = []
+    for k in range(m.SolCount):
+        m.Params.SolutionNumber = k
+        xs = [v.Xn for v in x]
+        assert sum((j + 2) * xs[j] for j in range(10)) <= 20 + 1e-6
+        objs.append(m.PoolObjVal)
+    assert objs == sorted(objs, reverse=True) and objs[0] == pytest.approx(18)
+
+
+def test_mip_start_is_handed_to_the_engine(env, tmp_path):
+    m = kp.Model(env=env)
+    x = knapsack(m)
+    for j, v in enumerate(x):
+        v.Start = 1.0 if j in (7, 9) else 0.0
+    m.Params.OutputFlag = 1
+    m.Params.LogToConsole = 0
+    m.Params.LogFile = str(tmp_path / "start.log")
+    m.optimize()
+    assert "MIP start with 10 of 10 values" in (tmp_path / "start.log").read_text()
+    assert m.ObjVal == pytest.approx(18)
+    m.dispose()
+
+
+def test_convex_qp_and_rejected_quadratic_objectives(m):
+    x = m.addVar(lb=-KVR.INFINITY, name="x")
+    y = m.addVar(lb=-KVR.INFINITY, name="y")
+    m.addConstr(x + y == 1)
+    m.setObjective(x * x + y * y - x, KVR.MINIMIZE)
+    m.optimize()
+    assert (x.X, y.X) == pytest.approx((0.75, 0.25), abs=1e-5)
+    assert m.ObjVal == pytest.approx(-0.125, abs=1e-6)
+    m.setObjective(x * y)
+    with pytest.raises(kp.KaviroError) as err:
+        m.optimize()
+    assert err.value.errno == KVR.ERROR_Q_NOT_PSD and "semi-definite" in err.value.message
+    m.setObjective(x * x - x * y, KVR.MAXIMIZE)  # concave only for minimization
+    with pytest.raises(kp.KaviroError) as err:
+        m.optimize()
+    assert err.value.errno == KVR.ERROR_Q_NOT_PSD and "maximization" in err.value.message
+    z = m.addVar(vtype=KVR.INTEGER, name="z")
+    m.setObjective(x * x + z, KVR.MINIMIZE)
+    with pytest.raises(kp.KaviroError) as err:
+        m.optimize()
+    assert err.value.errno == KVR.ERROR_NOT_SUPPORTED
+
+
+def test_log_header_engine_lines_and_summary_go_to_log_file(env, tmp_path, capsys):
+    m = kp.Model("logged", env=env)
+    small_lp(m)
+    m.Params.OutputFlag = 1
+    m.Params.LogFile = str(tmp_path / "run.log")
+    m.optimize()
+    text = (tmp_path / "run.log").read_text()
+    out = capsys.readouterr().out
+    assert "Kaviro" in text and "Model 'logged': 2 rows, 2 columns, 4 nonzeros" in text
+    assert "Coefficient ranges: matrix [1e+00, 1e+00]" in text
+    assert "Result: optimal" in text and "objective 2.5000000000e+00" in text
+    assert "Result: optimal" in out  # the console got the same text
+    m.Params.OutputFlag = 0
+    m.optimize()
+    assert capsys.readouterr().out == ""
+    m.dispose()
+
+
+def test_reset_message_terminate_and_bad_callback(m, capsys):
+    small_lp(m)
+    m.optimize()
+    m.reset()
+    with pytest.raises(AttributeError):
+        m.ObjVal
+    m.terminate()  # outside optimize: no effect on the next solve
+    m.optimize()
+    assert m.Status == KVR.OPTIMAL
+    with pytest.raises(kp.KaviroError) as err:
+        m.optimize(callback=print)
+    assert (err.value.errno, err.value.message) == (-1, "Callback argument must be a function")
+    assert m._callback is None
+
+
+def test_reset_writes_to_log(env, capsys):
+    m = kp.Model(env=env)
+    m.Params.OutputFlag = 1
+    m.reset()
+    m.reset(1)
+    m.message("hello log")
+    out = capsys.readouterr().out
+    assert "Discarded solution information\n" in out
+    assert "Discarded solution information including additional information" in out
+    assert "hello log" in out
+    m.dispose()
+
+
+def test_sub_environments(m):
+    for getter in (m.getMultiobjEnv, m.getConcurrentEnv):
+        with pytest.raises(kp.KaviroError) as err:
+            getter(-1)
+        assert (err.value.errno, err.value.message) == (
+            -1, "Environment number must be non-negative")
+    e = m.getMultiobjEnv(1)
+    e.setParam("TimeLimit", 5)
+    assert m.getMultiobjEnv(1).getParamInfo("TimeLimit")[2] == 5
+    m.discardMultiobjEnvs()
+    assert m.getMultiobjEnv(1).getParamInfo("TimeLimit")[2] != 5
+    with pytest.raises(kp.KaviroError):
+        m.getConcurrentEnv(KVR.MAX_CONCURRENT)
+    m.discardConcurrentEnvs()
+
+
+def test_other_thread_can_terminate_while_the_lock_is_released(env):
+    import threading
+    m = kp.read(str(INSTANCES / "dcmulti.mps"), env=env)
+    timer = threading.Timer(0.3, m.terminate)
+    timer.start()
+    m.optimize()
+    timer.join()
+    assert m.Status == KVR.INTERRUPTED and m.Runtime < 5
+    m.dispose()
+
+
+def test_interrupt_signal_stops_the_solve_and_keeps_python_handler(env):
+    import os
+    import signal
+    import threading
+    m = kp.read(str(INSTANCES / "dcmulti.mps"), env=env)
+    timer = threading.Timer(0.3, lambda: os.kill(os.getpid(), signal.SIGINT))
+    timer.start()
+    m.optimize()  # the library handles the signal: no KeyboardInterrupt here
+    timer.join()
+    assert m.Status == KVR.INTERRUPTED
+    assert signal.getsignal(signal.SIGINT) is signal.default_int_handler
+    m.dispose()
+
+
+def test_work_and_node_limits(env):
+    m = kp.read(str(INSTANCES / "25fv47.mps"), env=env)
+    m.Params.Presolve = 0
+    m.Params.WorkLimit = 0.01  # 100 iterations
+    m.optimize()
+    assert m.Status == KVR.WORK_LIMIT and m.Work >= 0.01 and m.IterCount < 2000
+    m.dispose()
+    m = kp.read(str(INSTANCES / "bell5.mps"), env=env)
+    m.Params.NodeLimit = 20
+    m.optimize()
+    assert m.Status == KVR.NODE_LIMIT and 20 <= m.NodeCount < 100
+    m.dispose()
+
+
+def test_convexity_check_of_coupled_terms(m):
+    x = m.addVar(lb=-1, ub=1, name="x")
+    y = m.addVar(lb=-1, ub=1, name="y")
+    m.setObjective(x * x + x * y + y * y)  # [[1, .5], [.5, 1]]: positive definite
+    m.optimize()
+    assert m.Status == KVR.OPTIMAL and m.ObjVal == pytest.approx(0, abs=1e-6)
+    m.setObjective(x * x + 4 * x * y + 4 * y * y)  # (x + 2y)^2: singular but PSD
+    m.optimize()
+    assert m.Status == KVR.OPTIMAL
+    m.setObjective(x * x + 4 * x * y + y * y)  # eigenvalues 3 and -1
+    with pytest.raises(kp.KaviroError) as err:
+        m.optimize()
+    assert err.value.errno == KVR.ERROR_Q_NOT_PSD
+
+
+def test_scenarios_are_solved_one_by_one(m):
+    x, y, c0, c1 = small_lp(m)
+    m.NumScenarios = 2
+    m.update()
+    m.Params.ScenarioNumber = 0
+    c0.ScenNRHS = 4  # x + y >= 4: optimum x = 2.5, y = 1.5
+    m.Params.ScenarioNumber = 1
+    y.ScenNObj = 0.5  # y becomes cheap: x = 0, y = 2
+    m.optimize()
+    assert m.ObjVal == pytest.approx(2.5)
+    m.Params.ScenarioNumber = 0
+    assert m.ScenNObjVal == pytest.approx(5.5) and (x.ScenNX, y.ScenNX) == pytest.approx((2.5, 1.5))
+    m.Params.ScenarioNumber = 1
+    assert m.ScenNObjVal == pytest.approx(1.0) and (x.ScenNX, y.ScenNX) == pytest.approx((0, 2))
+
+
+def test_engine_options_reach_the_first_order_lp_method(m, monkeypatch):
+    x, y, c0, c1 = small_lp(m)
+    monkeypatch.setenv("KAVIRO_ENGINE_OPTIONS", "solver=pdlp")
+    m.optimize()
+    assert m.Status == KVR.OPTIMAL and m.ObjVal == pytest.approx(2.5, rel=1e-4)
+    for bad in ("no_such_option=1", "solver"):
+        monkeypatch.setenv("KAVIRO_ENGINE_OPTIONS", bad)
+        with pytest.raises(kp.KaviroError) as err:
+            m.optimize()
+        assert err.value.errno == KVR.ERROR_INVALID_ARGUMENT
+        assert "KAVIRO_ENGINE_OPTIONS" in err.value.message
