@@ -154,10 +154,13 @@ class MpsReader {
     }
     section_ = s;
     switch (s) {
-      case Section::Name:
-        // The rest of the line (fixed-format files put it in columns 15-22 and may add notes).
-        d_.name = std::string(trim_blanks(trim_blanks(line).substr(key.size())));
-        break;
+      case Section::Name: {
+        // The rest of the line up to a run of blanks: fixed-format files put the name in
+        // columns 15-22 and may add notes after it ("AFIRO   SIZE: ...").
+        std::string_view rest = trim_blanks(trim_blanks(line).substr(key.size()));
+        size_t cut = std::min(rest.find("  "), rest.find('\t'));
+        d_.name = std::string(trim_blanks(rest.substr(0, cut)));
+      } break;
       case Section::ObjSense:
         if (n >= 2) set_sense(f_[1]);
         break;
