@@ -201,10 +201,14 @@ def test_names_with_allowed_characters_roundtrip(env, tmp_path, suffix):
 @pytest.mark.parametrize("suffix, name, why", [
     (".lp", "a b", "LP variable names"), (".lp", "x-y", "LP variable names"),
     (".lp", "3", "LP variable names"), (".lp", "free", "keyword"),
-    (".mps", "a b", "blanks")])
+    (".mps", "a b", "blanks"), (".lp", "c:d", "labels cannot contain")])
 def test_names_a_format_cannot_hold_fail_the_write(env, tmp_path, suffix, name, why):
     m = Model.new(env)
-    m.var(0, 1, 1, "C", name)
+    if why.startswith("labels"):
+        m.var(0, 1, 1, "C", "x")
+        m.constr([0], [1], "<", 1, name)
+    else:
+        m.var(0, 1, 1, "C", name)
     path = tmp_path / ("bad" + suffix)
     with pytest.raises(LibraryError) as err:
         m.write(path)
@@ -214,13 +218,47 @@ def test_names_a_format_cannot_hold_fail_the_write(env, tmp_path, suffix, name, 
 
 
 @pytest.mark.parametrize("suffix", [".lp", ".mps"])
-def test_duplicate_variable_names_fail_the_write(env, tmp_path, suffix):
+def test_duplicate_names_fail_the_write(env, tmp_path, suffix):
     m = Model.new(env)
     m.var(name="x")
     m.var(name="x")
     with pytest.raises(LibraryError) as err:
         m.write(tmp_path / ("d" + suffix))
     assert err.value.code == INVALID_ARGUMENT and "both named 'x'" in err.value.message
+    m.free()
+    # Rows are named in the COLUMNS section of MPS files: their names must differ too.
+    m = Model.new(env)
+    m.var(name="x")
+    m.constr([0], [1], "<", 1, "c")
+    m.constr([0], [1], ">", 0, "c")
+    if suffix == ".mps":
+        with pytest.raises(LibraryError) as err:
+            m.write(tmp_path / "rows.mps")
+        assert err.value.code == INVALID_ARGUMENT and "constraint 1 has the name 'c'" in err.value.message
+    else:
+        assert roundtrip(env, m, tmp_path / "rows.lp") == clib.dump(m)
+    m.free()
+
+
+def test_what_no_model_file_holds_fails_the_write(env, tmp_path):
+    m = Model.new(env)
+    m.var(name="x")
+    m.call("KVRsetintattr", b"NumScenarios", 1)
+    for suffix in (".lp", ".mps"):
+        with pytest.raises(LibraryError) as err:
+            m.write(tmp_path / ("s" + suffix))
+        assert err.value.code == NOT_SUPPORTED and "scenarios" in err.value.message
+    m.free()
+
+
+def test_null_arguments(env):
+    p = clib.P()
+    assert clib.lib.KVRreadmodel(env, None, clib.C.byref(p)) == 10002
+    assert clib.lib.KVRreadmodel(None, b"x.lp", clib.C.byref(p)) == 10002
+    m = Model.new(env)
+    assert clib.lib.KVRwrite(m.ptr, None) == 10002 and clib.lib.KVRread(m.ptr, None) == 10002
+    assert clib.lib.KVRgetjsonsolution(m.ptr, None) == 10002
+    assert clib.lib.KVRismodelfile(None) == -1
     m.free()
 
 
@@ -249,6 +287,12 @@ MPS_ERRORS = [
     (MPS_HEAD + "PWLOBJ\n x 1 0\n x 0 1\n", 9, "x values of the points of column 'x' decrease"),
     (MPS_HEAD + "SOS\n x 1\n", 8, "expected S1 or S2 to begin a set"),
     (MPS_HEAD + " y c1 1e999\n", 7, "coefficient of column 'y' in row 'c1' is infinite"),
+    ("NAME t\nOBJNAME\n cost\nROWS\n N obj\nCOLUMNS\n x obj 1\nENDATA\n", 3,
+     "the objective row 'cost' named by OBJNAME is not a row"),
+    (MPS_HEAD + "GENCONS\n EXP g\n    X x\nENDATA\n", 8, "general constraint 'g' of type EXP needs X and Y"),
+    (MPS_HEAD + "GENCONS\n NORM g\n    WHICH 3\n", 9, "the norm must be 0, 1, 2 or infinity"),
+    (MPS_HEAD + "QCMATRIX obj\n", 7, "QCMATRIX for objective or free row 'obj'"),
+    (MPS_HEAD + "RANGES\n rng c1 2\nINDICATORS\n IF c1 x 1\n", 10, "row 'c1' has a range"),
     ("NAME t\nROWS\n L " + "r" * 256 + "\n", 3, "longer than 255 characters"),
 ]
 LP_ERRORS = [
@@ -268,6 +312,17 @@ LP_ERRORS = [
     ("Minimize\n x\nPWLObj\n x: ( 1 , 0 ) ( 0 , 1 )\nEnd\n", 4, "x values of the points decrease"),
     ("Minimize multi-objectives\n o1: Prio=1\n x\nEnd\n", 2, "unknown objective setting 'Prio'"),
     ("Minimize\n 1e400 x\nEnd\n", 2, "'1e400' is infinite"),
+    ("Minimize\n x\nMaximize\n y\nEnd\n", 3, "second objective section"),
+    ("Minimize\n x\nSubject To\n r: 1 <= x + [ x ^ 2 ] <= 2\nEnd\n", 4, "a range constraint cannot be quadratic"),
+    ("Minimize\n x\nLazy Constraints\n r: x + [ x ^ 2 ] <= 2\nEnd\n", 4, "a lazy constraint cannot be quadratic"),
+    ("Minimize\n x\nGeneral Constraints\n g: x = ABS ( y , z )\nEnd\n", 4, "ABS takes exactly one variable"),
+    ("Minimize\n x\nGeneral Constraints\n g: x = NORM3 ( y )\nEnd\n", 4, "unknown norm 'NORM3'"),
+    ("Minimize\n x\nGeneral Constraints\n g: x = NORMX ( y )\nEnd\n", 4, "unknown norm 'NORMX'"),
+    ("Minimize\n x\nGeneral Constraints\n g: x = EXP ( y ) Pieces=3\nEnd\n", 4, "unknown setting 'Pieces'"),
+    ("Minimize\n x\nGeneral Constraints\n g: x = POLY ( y ) COEFS ( )\nEnd\n", 4, "POLY needs at least one coefficient"),
+    ("Minimize\n x\nSubject To\n g: b = 2 -> x <= 1\nEnd\n", 4, "the indicator value must be 0 or 1"),
+    ("Minimize\n x\nPWLObj\n x: ( 0 , 0 )\n x: ( 1 , 1 )\nEnd\n", 5, "second piecewise-linear objective"),
+    ("Minimize\n x\nBounds\n 3 <= inf\nEnd\n", 4, "expected a variable"),
     ("Minimize\n x\nSubject To\n " + "c" * 300 + ": x >= 1\nEnd\n", 4, "longer than 255"),
 ]
 
@@ -358,9 +413,11 @@ def test_compressed_files_are_detected_by_suffix(env, tmp_path):
 
 def test_corrupt_and_unsupported_compression(env, tmp_path):
     (tmp_path / "c.mps.gz").write_bytes(gzip.compress(b"NAME x\nROWS\n")[:-12] + b"garbage!")
-    with pytest.raises(LibraryError) as err:
-        Model.read(env, tmp_path / "c.mps.gz")
-    assert err.value.code == FILE_READ
+    (tmp_path / "c.mps.bz2").write_bytes(bz2.compress(b"NAME x\nROWS\n" * 100)[:-20])
+    for name in ("c.mps.gz", "c.mps.bz2"):
+        with pytest.raises(LibraryError) as err:
+            Model.read(env, tmp_path / name)
+        assert err.value.code == FILE_READ and name in err.value.message
     (tmp_path / "z.mps.zip").write_bytes(b"PK")
     with pytest.raises(LibraryError) as err:
         Model.read(env, tmp_path / "z.mps.zip")

@@ -905,7 +905,8 @@ class LpReader {
       std::string_view w = fn.substr(4);
       if (iequals(w, "INF")) {
         g.constant = KVR_INFINITY;
-      } else if (!to_double(w, g.constant)) {
+      } else if (!to_double(w, g.constant) ||
+                 (g.constant != 0 && g.constant != 1 && g.constant != 2)) {
         in_.fail("unknown norm '%.*s' (expected NORM0, NORM1, NORM2 or NORMINF)",
                  static_cast<int>(fn.size()), fn.data());
       }

@@ -231,7 +231,10 @@ class MpsReader {
                static_cast<int>(s.size()), s.data());
   }
 
-  void set_objname(std::string_view s) { objname_ = std::string(s); }
+  void set_objname(std::string_view s) {
+    objname_ = std::string(s);
+    objname_line_ = in_.line_number();
+  }
 
   // ---------------------------------------------------------------- data lines
 
@@ -684,6 +687,8 @@ class MpsReader {
       d_.gens.items.push_back(std::move(g));
       d_.gens.names.push_back(f_[1]);
       gen_ = d_.gens.size() - 1;
+      gen_lines_.resize(static_cast<size_t>(gen_) + 1);
+      gen_lines_[gen_] = in_.line_number();
       return;
     }
     if (gen_ < 0) in_.fail("expected a general constraint type (MAX, MIN, ABS, ...) and a name");
@@ -712,6 +717,8 @@ class MpsReader {
     } else if (upper_equals(key, "WHICH") && g.type == KVR_GENCONSTR_NORM) {
       need(2);
       g.constant = number(f_[1], "the norm");
+      if (g.constant != 0 && g.constant != 1 && g.constant != 2 && g.constant != KVR_INFINITY)
+        in_.fail("the norm must be 0, 1, 2 or infinity");
     } else if (upper_equals(key, "X") && fn) {
       need(2);
       g.xvar = find_col(f_[1]);
@@ -766,8 +773,9 @@ class MpsReader {
     for (int j = 0; j < ncols_file; ++j)
       if (d.vars.vtype[j] == KVR_INTEGER && !(bound_state_[j] & kAnyBound)) d.vars.ub[j] = 1.0;
     if (!objname_.empty() && obj_row_ < 0)
-      fail(KVR_ERROR_FILE_READ, "%s: the objective row '%s' named by OBJNAME is not a row",
-           in_.filename().c_str(), objname_.c_str());
+      fail(KVR_ERROR_FILE_READ,
+           "%s, line %ld: the objective row '%s' named by OBJNAME is not a row",
+           in_.filename().c_str(), objname_line_, objname_.c_str());
     if (obj_row_ >= 0) d.objn[0].name = std::string(row_names_.get(static_cast<size_t>(obj_row_)));
 
     // Entries by row, in the order of the file (column order for ordinary files).
@@ -886,8 +894,8 @@ class MpsReader {
           what = "needs WHICH";
       }
       if (what)
-        fail(KVR_ERROR_FILE_READ, "%s: general constraint '%s' of type %s %s",
-             in_.filename().c_str(), name.c_str(), genconstr_keyword(g.type), what);
+        fail(KVR_ERROR_FILE_READ, "%s, line %ld: general constraint '%s' of type %s %s",
+             in_.filename().c_str(), gen_lines_[i], name.c_str(), genconstr_keyword(g.type), what);
     }
   }
 
@@ -907,6 +915,8 @@ class MpsReader {
   int cur_col_ = -1;
   int obj_row_ = -1;
   std::string objname_;
+  long objname_line_ = 0;
+  std::vector<long> gen_lines_;  // line of each general constraint's header
   int qc_row_ = -1;
   int gen_ = -1;
 
