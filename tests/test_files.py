@@ -459,3 +459,12 @@ def test_missing_file_and_unknown_types(env, tmp_path):
 def test_file_kinds_by_suffix(name, model, attr):
     assert clib.lib.KVRismodelfile(name.encode()) == model
     assert clib.lib.KVRisattrfile(name.encode()) == attr
+
+
+def test_ignore_names_drops_the_names_of_a_read_model():
+    e = clib.new_env(IgnoreNames=1)
+    m = Model.read(e, INSTANCES / "afiro.mps")
+    d = clib.dump(m)
+    assert d["varnames"][:2] == ["C0", "C1"] and d["constrnames"][0] == "R0"
+    m.free()
+    clib.lib.KVRfreeenv(e)

@@ -690,7 +690,7 @@ std::string json_solution(kvr_model *m) {
   field("Work", s.work);
   field("ObjVal", s.objval);
   field("ObjBound", s.objbound);
-  if (d.is_mip()) field("MIPGap", s.mipgap);
+  field("MIPGap", s.mipgap);
   field("IterCount", s.itercount);
   field("BarIterCount", s.baritercount);
   if (d.is_mip()) field("NodeCount", s.nodecount);

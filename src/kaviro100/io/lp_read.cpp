@@ -664,7 +664,10 @@ class LpReader {
       indicator(std::move(name));
       return;
     }
-    Linear lin;
+    // The row buffer keeps its capacity from one constraint to the next.
+    Linear &lin = row_;
+    lin.ind.clear();
+    lin.val.clear();
     double lhs_const = 0;
     has_bracket_ = false;
     QuadTerms q;
@@ -1070,6 +1073,7 @@ class LpReader {
   std::vector<int> slot_;
   std::vector<int> lazy_levels_;
   std::vector<Range> ranges_;
+  Linear row_;
 };
 
 }  // namespace
