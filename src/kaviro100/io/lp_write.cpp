@@ -546,7 +546,7 @@ class LpWriter {
       label(vname_(p.var));
       for (size_t k = 0; k < p.x.size(); ++k) {
         wrap();
-        text(" ( ");
+        text(k == 0 ? "( " : " ( ");
         number(p.x[k]);
         text(" , ");
         number(p.y[k]);
