@@ -119,7 +119,6 @@ struct RunState {
   double base_iters = 0, base_nodes = 0;
   double best_obj = kNaN;  // best incumbent objective seen (user sense)
   std::vector<std::vector<double>> *found = nullptr;
-  std::vector<double> pending_start;  // handed to the engine at its next solution query
 };
 
 double objective_of(const ModelData &m, const double *x) {
@@ -265,9 +264,7 @@ void engine_event(int type, const char *msg, const HighsCallbackDataOut *out,
       }
       case kHighsCallbackCallbackMipUserSolution: {
         std::vector<double> sol;
-        if (!st.pending_start.empty()) {
-          sol.swap(st.pending_start);
-        } else if (!ctx.user_solutions.empty()) {
+        if (!ctx.user_solutions.empty()) {
           sol = std::move(ctx.user_solutions.front());
           ctx.user_solutions.erase(ctx.user_solutions.begin());
         }
@@ -601,7 +598,9 @@ EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues 
   if (mip) {
     Highs_startCallback(hi->get(), kHighsCallbackMipInterrupt);
     Highs_startCallback(hi->get(), kHighsCallbackMipSolution);
-    Highs_startCallback(hi->get(), kHighsCallbackCallbackMipUserSolution);
+    // Solution queries only matter when someone may hand over solutions.
+    if (ctx.has_callback() || !ctx.user_solutions.empty())
+      Highs_startCallback(hi->get(), kHighsCallbackCallbackMipUserSolution);
   }
   set_options(*hi, params, ctx, mip, qp, sched.threads_used);
   pass_model(*hi, m, mip);
@@ -733,7 +732,9 @@ EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues 
       if (better(ctx.sense, obj, st.best_obj)) st.best_obj = obj, best = &x;
     }
     ctx.solcount = static_cast<double>(found.size());
-    if (best) st.pending_start = *best;
+    if (best &&
+        Highs_setSolution(hi->get(), best->data(), nullptr, nullptr, nullptr) == kHighsStatusError)
+      ctx.log("The best solution so far was not accepted as a start\n");
   }
 
   // Results.

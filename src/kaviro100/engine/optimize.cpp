@@ -240,9 +240,14 @@ void fill_solution(const kvr_model *model, const Reformulated &rf, const SolveCo
   if (mip) {
     std::vector<std::pair<double, std::vector<double>>> pool;
     for (auto &x : r.found_x) pool.emplace_back(objective_value(rf.model, x), std::move(x));
-    for (const auto &x : ctx.accepted_user_solutions)
-      if (static_cast<int>(x.size()) == rf.model.num_vars())
-        pool.emplace_back(objective_value(rf.model, x), x);
+    // User solutions were checked when given; lazy constraints added later may cut them off.
+    const double ftol = ctx.params->get_dbl(ParamId::FeasibilityTol);
+    for (const auto &x : ctx.accepted_user_solutions) {
+      if (static_cast<int>(x.size()) != rf.model.num_vars()) continue;
+      bool ok = true;
+      for (const LinRow &row : ctx.lazy) ok = ok && row.violation(x.data()) <= ftol;
+      if (ok) pool.emplace_back(objective_value(rf.model, x), x);
+    }
     std::stable_sort(pool.begin(), pool.end(), [&](const auto &a, const auto &b) {
       return rf.model.sense == KVR_MAXIMIZE ? a.first > b.first : a.first < b.first;
     });
