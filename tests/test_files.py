@@ -468,3 +468,43 @@ def test_ignore_names_drops_the_names_of_a_read_model():
     assert d["varnames"][:2] == ["C0", "C1"] and d["constrnames"][0] == "R0"
     m.free()
     clib.lib.KVRfreeenv(e)
+
+
+def test_mps_bound_and_range_kinds(env, tmp_path):
+    cols = ["up", "lo", "fx", "fr", "mi", "pl", "bv", "li", "ui", "sc", "si", "scint", "neg"]
+    text = ["NAME kinds", "ROWS", " N obj", " E e_pos", " E e_neg", " L l", " G g", "COLUMNS"]
+    text += ["    %s e_pos 1" % c for c in cols[:9]]
+    text += ["    MARKER 'MARKER' 'INTORG'", "    scint l 1", "    MARKER 'MARKER' 'INTEND'"]
+    text += ["    sc g 1", "    si g 1", "    neg e_neg 1",
+             "RHS", "    rhs e_pos 1 e_neg 2", "    rhs l 3 g 4",
+             "RANGES", "    rng e_pos 2 e_neg -2", "    rng l -5 g 6",
+             "BOUNDS", " UP bnd up 4", " LO bnd lo -3", " FX bnd fx 2.5", " FR bnd fr", " MI bnd mi",
+             " UP bnd pl 7", " PL bnd pl", " BV bnd bv", " LI bnd li -2", " UI bnd ui 9", " SC bnd sc 5",
+             " SI bnd si 6", " SC bnd scint 8", " LO bnd neg -1", " UP bnd neg -0.5", "ENDATA"]
+    (tmp_path / "k.mps").write_text("\n".join(text) + "\n")
+    d = clib.dump(Model.read(env, tmp_path / "k.mps"))
+    got = {n: (d["lb"][i], d["ub"][i], d["vtype"][i]) for i, n in enumerate(d["varnames"])}
+    assert got["up"] == (0, 4, "C") and got["lo"] == (-3, INF, "C") and got["fx"] == (2.5, 2.5, "C")
+    assert got["fr"] == (-INF, INF, "C") and got["mi"] == (-INF, INF, "C") and got["pl"] == (0, INF, "C")
+    assert got["bv"] == (0, 1, "B") and got["li"] == (-2, INF, "I") and got["ui"] == (0, 9, "I")
+    assert got["sc"] == (0, 5, "S") and got["si"] == (0, 6, "N") and got["scint"] == (0, 8, "N")
+    assert got["neg"] == (-1, -0.5, "C")  # the lower bound was given: it stays
+    # E with R > 0: [rhs, rhs + R]; E with R < 0: [rhs + R, rhs]; L: [rhs - |R|, rhs]; G: [rhs, rhs + |R|]
+    assert got["Rge_pos"][:2] == (1, 3) and got["Rge_neg"][:2] == (0, 2)
+    assert got["Rgl"][:2] == (-2, 3) and got["Rgg"][:2] == (4, 10)
+    assert d["rsense"] == "====" and d["rhs"] == [0, 0, 0, 0]
+
+
+@pytest.mark.parametrize("objective, constraints, generals, semis", [
+    ("Maximize", "Subject To", "Generals", "Semi-Continuous"),
+    ("MAX", "such that", "Integers", "Semis"),
+    ("maximum", "st", "GEN", "semi"),
+    ("Maximise", "s.t.", "General", "Semi-continuous")])
+def test_lp_section_spellings(env, tmp_path, objective, constraints, generals, semis):
+    text = ("\\ a comment line\n%s\n obj: 2 x + 3 y + z \\ trailing comment\n%s\n"
+            " c1: x + y =< 4\n c2: x - y => -1\n c3: 3 x + 2 y < 9\n c4: z > 1\n"
+            "Bounds\n z <= 10\n%s\n y z\n%s\n z\nEnd\n") % (objective, constraints, generals, semis)
+    (tmp_path / "s.lp").write_text(text)
+    d = clib.dump(Model.read(env, tmp_path / "s.lp"))
+    assert d["sense"] == -1 and d["obj"] == [2, 3, 1] and d["rsense"] == "<><>"
+    assert d["vtype"] == "CIN" and d["ub"] == [INF, INF, 10] and d["rhs"] == [4, -1, 9, 1]
