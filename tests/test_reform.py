@@ -126,3 +126,15 @@ def test_what_cannot_be_rewritten(model):
         model.optimize()
     assert e.value.errno == KVR.ERROR_INVALID_ARGUMENT
     assert "operand z is not a binary variable" in e.value.message
+
+
+def test_malformed_points_from_a_file(tmp_path):
+    path = tmp_path / "pwl.lp"
+    path.write_text("Minimize\n y\nSubject To\n c: x <= 4\nBounds\n y free\nGeneral Constraints\n"
+                    " f: y = PWL ( x ) POINTS ( 0 , 0 ) ( 2 , 1 ) ( 1 , 3 )\nEnd\n")
+    with kp.Env(params={"OutputFlag": 0}) as env, kp.read(str(path), env) as m:
+        with pytest.raises(KaviroError) as e:
+            m.optimize()
+        assert e.value.errno == KVR.ERROR_INVALID_ARGUMENT
+        assert "General constraint f (PWL): x values must not decrease (point 2 has x = 1 after 2)" \
+            in e.value.message

@@ -89,6 +89,13 @@ ModelData read_model_file(const std::string &filename, kvr_env &env) {
   LineReader in(filename);
   env.logf("Read %s format model from file %s\n", file_type_name(t), filename.c_str());
   ModelData d = t == FileType::Lp ? read_lp(in) : read_mps(in);
+  if (env.params.get_int(ParamId::IgnoreNames)) {
+    for (NamePool *names : {&d.vars.names, &d.constrs.names, &d.qconstrs.names, &d.gens.names}) {
+      size_t n = names->size();
+      names->clear();
+      names->resize(n);
+    }
+  }
   env.logf("Reading time = %.2f seconds\n", seconds_since(t0));
   env.logf("%s: %d rows, %d columns, %lld nonzeros\n", d.name.c_str(), d.num_constrs(),
            d.num_vars(), static_cast<long long>(d.constrs.rows.nnz()));
@@ -159,7 +166,8 @@ int KVRgetjsonsolution(KVRmodel *model, char **buffP) {
   if (buffP) *buffP = nullptr;
   if (!model) return KVR_ERROR_NULL_ARGUMENT;
   return model->run([&] {
-    if (!buffP) kvr::fail(KVR_ERROR_NULL_ARGUMENT, "Null buffer pointer given to KVRgetjsonsolution");
+    if (!buffP)
+      kvr::fail(KVR_ERROR_NULL_ARGUMENT, "Null buffer pointer given to KVRgetjsonsolution");
     kvr::check_queryable(model);
     std::string s = json_solution(model);
     char *p = static_cast<char *>(std::malloc(s.size() + 1));
