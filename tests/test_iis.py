@@ -5,7 +5,6 @@ interruption, the IIS file, and the infeasible instances of tests/data/instances
 
 import pytest
 
-import clib
 import kaviropy as kp
 from conftest import INSTANCES
 from kaviropy import KVR
@@ -304,20 +303,17 @@ def test_time_limit_before_infeasibility_is_known(m):
         m.IISMinimal
 
 
-def library_call(m, name, path):
-    """A file call of the library on m (the module has no method for it): code and message."""
-    code = getattr(clib.lib, name)(m._cmodel, str(path).encode())
-    return code, clib.lib.KVRgetmerrormsg(m._cmodel).decode()
-
-
 def test_iis_file(m, tmp_path):
-    x, y = two_conflicts(m)
-    code, msg = library_call(m, "KVRwrite", tmp_path / "none.ilp")
-    assert code == KVR.ERROR_DATA_NOT_AVAILABLE and "no IIS has been computed" in msg
+    two_conflicts(m)
+    with pytest.raises(kp.KaviroError) as err:
+        m.write(str(tmp_path / "none.ilp"))
+    assert err.value.errno == KVR.ERROR_DATA_NOT_AVAILABLE
+    assert err.value.message == ("Unable to write IIS file '%s': no IIS has been computed (call "
+                                 "computeIIS first)" % (tmp_path / "none.ilp"))
     assert not (tmp_path / "none.ilp").exists()
     m.getConstrs()[1].IISConstrForce = 0
     m.computeIIS()
-    assert library_call(m, "KVRwrite", tmp_path / "conflict.ilp") == (0, "")
+    m.write(str(tmp_path / "conflict.ilp"))
     text = (tmp_path / "conflict.ilp").read_text()
     assert "c0" in text and "c1" not in text and "c2" not in text and " y" not in text
     # The file is a model in LP format: the conflict alone, infeasible.
@@ -331,8 +327,10 @@ def test_iis_file(m, tmp_path):
         assert sub.Status in (KVR.INFEASIBLE, KVR.INF_OR_UNBD)
     finally:
         sub.dispose()
-    code, msg = library_call(m, "KVRread", tmp_path / "conflict.ilp")
-    assert code == KVR.ERROR_INVALID_ARGUMENT and "IIS files are written, not read" in msg
+    with pytest.raises(kp.KaviroError) as err:
+        m.read(str(tmp_path / "conflict.ilp"))
+    assert err.value.errno == KVR.ERROR_INVALID_ARGUMENT
+    assert "IIS files are written, not read" in err.value.message
 
 
 SMALL = {"galenet.mps", "woodinfe.mps", "infeas_mip0.mps"}

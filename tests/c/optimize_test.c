@@ -170,13 +170,13 @@ static void test_sub_environments(void) {
 }
 
 static struct {
-  int calls, constrmin, constrmax, guess, stop_after;
+  int calls, constrmin, constrmax, guess, nested, stop_after;
 } g_iis;
 
 static int iis_callback(KVRmodel *model, void *cbdata, int where, void *usrdata) {
-  (void)model, (void)usrdata;
+  (void)usrdata;
   if (where != KVR_CB_IIS) return 0;
-  ++g_iis.calls;
+  if (g_iis.calls++ == 0) g_iis.nested = KVRcomputeIIS(model);
   KVRcbget(cbdata, where, KVR_CB_IIS_CONSTRMIN, &g_iis.constrmin);
   KVRcbget(cbdata, where, KVR_CB_IIS_CONSTRMAX, &g_iis.constrmax);
   int guess = 0;
@@ -208,6 +208,7 @@ static void test_iis(void) {
   CHECK(minimal == 1 && in[0] == 1 && in[1] == 1 && bounds == 0);
   CHECK(g_iis.calls >= 1 && g_iis.constrmin == 2 && g_iis.constrmax == 2);
   CHECK(g_iis.guess == KVR_ERROR_DATA_NOT_AVAILABLE);
+  CHECK(g_iis.nested == KVR_ERROR_OPTIMIZATION_IN_PROGRESS);
   /* A callback that returns non-zero stops the search with a CALLBACK error. */
   g_iis.calls = 0;
   g_iis.stop_after = 1;

@@ -84,7 +84,7 @@ class IisSearch {
   bool stopped();
   void filter(std::vector<Element> &cand, size_t lo, size_t hi, bool known_needed, bool relaxed);
   void filter_singly(const std::vector<Element> &cand, bool relaxed);
-  bool seed_from_engine(bool relaxed);
+  bool seed_from_engine(bool relaxation);
   void report_progress();
   void store_result(bool minimal);
   int count(const Selection &sel, bool constraints) const;
@@ -348,7 +348,7 @@ void IisSearch::filter_singly(const std::vector<Element> &cand, bool relaxed) {
   }
 }
 
-bool IisSearch::seed_from_engine(bool relaxed_only) {
+bool IisSearch::seed_from_engine(bool relaxation) {
   if (!plain_ || method_ == 1) return false;
   ModelData lp = build(sel_, true);
   std::vector<int> rows;  // row i of lp is user row rows[i]
@@ -398,7 +398,7 @@ bool IisSearch::seed_from_engine(bool relaxed_only) {
   }
   sel_ = seeded;
   ctx_.env->logf("The engine's infeasible subsystem%s: %d constraints, %d bounds\n",
-                 relaxed_only ? " of the relaxation" : "", count(sel_, true), count(sel_, false));
+                 relaxation ? " of the relaxation" : "", count(sel_, true), count(sel_, false));
   return true;
 }
 
@@ -471,7 +471,12 @@ void IisSearch::run() {
       all.on[kLower][j] = b.vars.lb[j] > -KVR_INFINITY;
       all.on[kUpper][j] = b.vars.ub[j] < KVR_INFINITY;
     }
-    Verdict whole = test(all, false, true);
+    // The whole model may hold what the engine cannot take (a quadratic constraint forced out).
+    Verdict whole = Verdict::Undecided;
+    try {
+      whole = test(all, false, true);
+    } catch (const Error &) {
+    }
     if (whole == Verdict::Feasible)
       fail(KVR_ERROR_IIS_NOT_INFEASIBLE, "Cannot compute an IIS: the model is feasible");
     fail(KVR_ERROR_IIS_NOT_INFEASIBLE,
