@@ -115,6 +115,17 @@ def test_quicksum(xs):
     assert q.getLinExpr().getVar(0) is y and q.size() == 1
 
 
+def test_quicksum_survives_a_wrong_length_hint(xs):
+    class Wrong:
+        def __iter__(self):
+            return iter(xs)
+
+        def __length_hint__(self):
+            return 10 ** 15
+
+    assert kp.quicksum(Wrong()).size() == len(xs)
+
+
 def test_quicksum_does_not_change_items(xs):
     x, y = xs[:2]
     item = x + 1

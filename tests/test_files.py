@@ -201,10 +201,14 @@ def test_names_with_allowed_characters_roundtrip(env, tmp_path, suffix):
 @pytest.mark.parametrize("suffix, name, why", [
     (".lp", "a b", "LP variable names"), (".lp", "x-y", "LP variable names"),
     (".lp", "3", "LP variable names"), (".lp", "free", "keyword"),
-    (".mps", "a b", "blanks")])
+    (".mps", "a b", "blanks"), (".lp", "c:d", "labels cannot contain")])
 def test_names_a_format_cannot_hold_fail_the_write(env, tmp_path, suffix, name, why):
     m = Model.new(env)
-    m.var(0, 1, 1, "C", name)
+    if why.startswith("labels"):
+        m.var(0, 1, 1, "C", "x")
+        m.constr([0], [1], "<", 1, name)
+    else:
+        m.var(0, 1, 1, "C", name)
     path = tmp_path / ("bad" + suffix)
     with pytest.raises(LibraryError) as err:
         m.write(path)
@@ -214,13 +218,47 @@ def test_names_a_format_cannot_hold_fail_the_write(env, tmp_path, suffix, name, 
 
 
 @pytest.mark.parametrize("suffix", [".lp", ".mps"])
-def test_duplicate_variable_names_fail_the_write(env, tmp_path, suffix):
+def test_duplicate_names_fail_the_write(env, tmp_path, suffix):
     m = Model.new(env)
     m.var(name="x")
     m.var(name="x")
     with pytest.raises(LibraryError) as err:
         m.write(tmp_path / ("d" + suffix))
     assert err.value.code == INVALID_ARGUMENT and "both named 'x'" in err.value.message
+    m.free()
+    # Rows are named in the COLUMNS section of MPS files: their names must differ too.
+    m = Model.new(env)
+    m.var(name="x")
+    m.constr([0], [1], "<", 1, "c")
+    m.constr([0], [1], ">", 0, "c")
+    if suffix == ".mps":
+        with pytest.raises(LibraryError) as err:
+            m.write(tmp_path / "rows.mps")
+        assert err.value.code == INVALID_ARGUMENT and "constraint 1 has the name 'c'" in err.value.message
+    else:
+        assert roundtrip(env, m, tmp_path / "rows.lp") == clib.dump(m)
+    m.free()
+
+
+def test_what_no_model_file_holds_fails_the_write(env, tmp_path):
+    m = Model.new(env)
+    m.var(name="x")
+    m.call("KVRsetintattr", b"NumScenarios", 1)
+    for suffix in (".lp", ".mps"):
+        with pytest.raises(LibraryError) as err:
+            m.write(tmp_path / ("s" + suffix))
+        assert err.value.code == NOT_SUPPORTED and "scenarios" in err.value.message
+    m.free()
+
+
+def test_null_arguments(env):
+    p = clib.P()
+    assert clib.lib.KVRreadmodel(env, None, clib.C.byref(p)) == 10002
+    assert clib.lib.KVRreadmodel(None, b"x.lp", clib.C.byref(p)) == 10002
+    m = Model.new(env)
+    assert clib.lib.KVRwrite(m.ptr, None) == 10002 and clib.lib.KVRread(m.ptr, None) == 10002
+    assert clib.lib.KVRgetjsonsolution(m.ptr, None) == 10002
+    assert clib.lib.KVRismodelfile(None) == -1
     m.free()
 
 
@@ -248,6 +286,14 @@ MPS_ERRORS = [
     (MPS_HEAD + "GENCONS\n MAX g\n    FOO x\n", 9, "unexpected item 'FOO'"),
     (MPS_HEAD + "PWLOBJ\n x 1 0\n x 0 1\n", 9, "x values of the points of column 'x' decrease"),
     (MPS_HEAD + "SOS\n x 1\n", 8, "expected S1 or S2 to begin a set"),
+    (MPS_HEAD + " y c1 1e999\n", 7, "coefficient of column 'y' in row 'c1' is infinite"),
+    ("NAME t\nOBJNAME\n cost\nROWS\n N obj\nCOLUMNS\n x obj 1\nENDATA\n", 3,
+     "the objective row 'cost' named by OBJNAME is not a row"),
+    (MPS_HEAD + "GENCONS\n EXP g\n    X x\nENDATA\n", 8, "general constraint 'g' of type EXP needs X and Y"),
+    (MPS_HEAD + "GENCONS\n NORM g\n    WHICH 3\n", 9, "the norm must be 0, 1, 2 or infinity"),
+    (MPS_HEAD + "QCMATRIX obj\n", 7, "QCMATRIX for objective or free row 'obj'"),
+    (MPS_HEAD + "RANGES\n rng c1 2\nINDICATORS\n IF c1 x 1\n", 10, "row 'c1' has a range"),
+    ("NAME t\nROWS\n L " + "r" * 256 + "\n", 3, "longer than 255 characters"),
 ]
 LP_ERRORS = [
     ("Subject To\n c: x <= 1\nEnd\n", 1, "expected Minimize or Maximize before this section"),
@@ -265,6 +311,19 @@ LP_ERRORS = [
     ("Minimize\n x\nSubject To\n c: x <= 1\n\x01\nEnd\n", 5, "unexpected character"),
     ("Minimize\n x\nPWLObj\n x: ( 1 , 0 ) ( 0 , 1 )\nEnd\n", 4, "x values of the points decrease"),
     ("Minimize multi-objectives\n o1: Prio=1\n x\nEnd\n", 2, "unknown objective setting 'Prio'"),
+    ("Minimize\n 1e400 x\nEnd\n", 2, "'1e400' is infinite"),
+    ("Minimize\n x\nMaximize\n y\nEnd\n", 3, "second objective section"),
+    ("Minimize\n x\nSubject To\n r: 1 <= x + [ x ^ 2 ] <= 2\nEnd\n", 4, "a range constraint cannot be quadratic"),
+    ("Minimize\n x\nLazy Constraints\n r: x + [ x ^ 2 ] <= 2\nEnd\n", 4, "a lazy constraint cannot be quadratic"),
+    ("Minimize\n x\nGeneral Constraints\n g: x = ABS ( y , z )\nEnd\n", 4, "ABS takes exactly one variable"),
+    ("Minimize\n x\nGeneral Constraints\n g: x = NORM3 ( y )\nEnd\n", 4, "unknown norm 'NORM3'"),
+    ("Minimize\n x\nGeneral Constraints\n g: x = NORMX ( y )\nEnd\n", 4, "unknown norm 'NORMX'"),
+    ("Minimize\n x\nGeneral Constraints\n g: x = EXP ( y ) Pieces=3\nEnd\n", 4, "unknown setting 'Pieces'"),
+    ("Minimize\n x\nGeneral Constraints\n g: x = POLY ( y ) COEFS ( )\nEnd\n", 4, "POLY needs at least one coefficient"),
+    ("Minimize\n x\nSubject To\n g: b = 2 -> x <= 1\nEnd\n", 4, "the indicator value must be 0 or 1"),
+    ("Minimize\n x\nPWLObj\n x: ( 0 , 0 )\n x: ( 1 , 1 )\nEnd\n", 5, "second piecewise-linear objective"),
+    ("Minimize\n x\nBounds\n 3 <= inf\nEnd\n", 4, "expected a variable"),
+    ("Minimize\n x\nSubject To\n " + "c" * 300 + ": x >= 1\nEnd\n", 4, "longer than 255"),
 ]
 
 
@@ -354,9 +413,11 @@ def test_compressed_files_are_detected_by_suffix(env, tmp_path):
 
 def test_corrupt_and_unsupported_compression(env, tmp_path):
     (tmp_path / "c.mps.gz").write_bytes(gzip.compress(b"NAME x\nROWS\n")[:-12] + b"garbage!")
-    with pytest.raises(LibraryError) as err:
-        Model.read(env, tmp_path / "c.mps.gz")
-    assert err.value.code == FILE_READ
+    (tmp_path / "c.mps.bz2").write_bytes(bz2.compress(b"NAME x\nROWS\n" * 100)[:-20])
+    for name in ("c.mps.gz", "c.mps.bz2"):
+        with pytest.raises(LibraryError) as err:
+            Model.read(env, tmp_path / name)
+        assert err.value.code == FILE_READ and name in err.value.message
     (tmp_path / "z.mps.zip").write_bytes(b"PK")
     with pytest.raises(LibraryError) as err:
         Model.read(env, tmp_path / "z.mps.zip")
@@ -398,3 +459,52 @@ def test_missing_file_and_unknown_types(env, tmp_path):
 def test_file_kinds_by_suffix(name, model, attr):
     assert clib.lib.KVRismodelfile(name.encode()) == model
     assert clib.lib.KVRisattrfile(name.encode()) == attr
+
+
+def test_ignore_names_drops_the_names_of_a_read_model():
+    e = clib.new_env(IgnoreNames=1)
+    m = Model.read(e, INSTANCES / "afiro.mps")
+    d = clib.dump(m)
+    assert d["varnames"][:2] == ["C0", "C1"] and d["constrnames"][0] == "R0"
+    m.free()
+    clib.lib.KVRfreeenv(e)
+
+
+def test_mps_bound_and_range_kinds(env, tmp_path):
+    cols = ["up", "lo", "fx", "fr", "mi", "pl", "bv", "li", "ui", "sc", "si", "scint", "neg"]
+    text = ["NAME kinds", "ROWS", " N obj", " E e_pos", " E e_neg", " L l", " G g", "COLUMNS"]
+    text += ["    %s e_pos 1" % c for c in cols[:9]]
+    text += ["    MARKER 'MARKER' 'INTORG'", "    scint l 1", "    MARKER 'MARKER' 'INTEND'"]
+    text += ["    sc g 1", "    si g 1", "    neg e_neg 1",
+             "RHS", "    rhs e_pos 1 e_neg 2", "    rhs l 3 g 4",
+             "RANGES", "    rng e_pos 2 e_neg -2", "    rng l -5 g 6",
+             "BOUNDS", " UP bnd up 4", " LO bnd lo -3", " FX bnd fx 2.5", " FR bnd fr", " MI bnd mi",
+             " UP bnd pl 7", " PL bnd pl", " BV bnd bv", " LI bnd li -2", " UI bnd ui 9", " SC bnd sc 5",
+             " SI bnd si 6", " SC bnd scint 8", " LO bnd neg -1", " UP bnd neg -0.5", "ENDATA"]
+    (tmp_path / "k.mps").write_text("\n".join(text) + "\n")
+    d = clib.dump(Model.read(env, tmp_path / "k.mps"))
+    got = {n: (d["lb"][i], d["ub"][i], d["vtype"][i]) for i, n in enumerate(d["varnames"])}
+    assert got["up"] == (0, 4, "C") and got["lo"] == (-3, INF, "C") and got["fx"] == (2.5, 2.5, "C")
+    assert got["fr"] == (-INF, INF, "C") and got["mi"] == (-INF, INF, "C") and got["pl"] == (0, INF, "C")
+    assert got["bv"] == (0, 1, "B") and got["li"] == (-2, INF, "I") and got["ui"] == (0, 9, "I")
+    assert got["sc"] == (0, 5, "S") and got["si"] == (0, 6, "N") and got["scint"] == (0, 8, "N")
+    assert got["neg"] == (-1, -0.5, "C")  # the lower bound was given: it stays
+    # E with R > 0: [rhs, rhs + R]; E with R < 0: [rhs + R, rhs]; L: [rhs - |R|, rhs]; G: [rhs, rhs + |R|]
+    assert got["Rge_pos"][:2] == (1, 3) and got["Rge_neg"][:2] == (0, 2)
+    assert got["Rgl"][:2] == (-2, 3) and got["Rgg"][:2] == (4, 10)
+    assert d["rsense"] == "====" and d["rhs"] == [0, 0, 0, 0]
+
+
+@pytest.mark.parametrize("objective, constraints, generals, semis", [
+    ("Maximize", "Subject To", "Generals", "Semi-Continuous"),
+    ("MAX", "such that", "Integers", "Semis"),
+    ("maximum", "st", "GEN", "semi"),
+    ("Maximise", "s.t.", "General", "Semi-continuous")])
+def test_lp_section_spellings(env, tmp_path, objective, constraints, generals, semis):
+    text = ("\\ a comment line\n%s\n obj: 2 x + 3 y + z \\ trailing comment\n%s\n"
+            " c1: x + y =< 4\n c2: x - y => -1\n c3: 3 x + 2 y < 9\n c4: z > 1\n"
+            "Bounds\n z <= 10\n%s\n y z\n%s\n z\nEnd\n") % (objective, constraints, generals, semis)
+    (tmp_path / "s.lp").write_text(text)
+    d = clib.dump(Model.read(env, tmp_path / "s.lp"))
+    assert d["sense"] == -1 and d["obj"] == [2, 3, 1] and d["rsense"] == "<><>"
+    assert d["vtype"] == "CIN" and d["ub"] == [INF, INF, 10] and d["rhs"] == [4, -1, 9, 1]

@@ -284,3 +284,16 @@ def test_sums_of_variables_keep_the_key_order():
     with pytest.raises(kp.KaviroError):
         x.prod({(1, "a"): float("nan")}, 1, "a")
     assert same_terms(kp.quicksum(x), [(1.0, w) for w in x.values()])
+
+
+class Scaled(dict):
+    """A coefficient dictionary with its own lookup."""
+
+    def __getitem__(self, key):
+        return 10 * dict.__getitem__(self, key)
+
+
+def test_prod_asks_a_dict_subclass_for_its_coefficients(grid):
+    coeffs = Scaled({k: 1.0 for k in grid.keys()})
+    assert total(grid.prod(coeffs)) == 10 * (2**9 - 1)
+    assert total(grid.prod(coeffs, 0, "*")) == 10 * 7

@@ -289,19 +289,21 @@ bool is_matrix_expression(nb::handle data) {
 
 nb::object quicksum(nb::handle data) {
   if (is_instance(data, "tupledict")) return quicksum(data.attr("values")());
-  if (is_matrix_expression(data)) return data.attr("sum")(nb::arg("axis").none() = 0);
+  if (is_matrix_expression(data)) return data.attr("sum")(nb::arg("axis") = 0);
   if (!is_iterable(data.ptr()))
     invalid("quicksum needs an iterable of terms, not " + type_text(data.ptr()));
   ExprSum sum;
-  Py_ssize_t hint = PyObject_LengthHint(data.ptr(), 0);
-  if (hint < 0) throw nb::python_error();
-  sum.reserve(static_cast<size_t>(hint));
   if (PyList_CheckExact(data.ptr()) || PyTuple_CheckExact(data.ptr())) {
+    sum.reserve(static_cast<size_t>(PySequence_Fast_GET_SIZE(data.ptr())));
     // Items are read by index: a list that the items' operators change stays safe to walk.
     for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(data.ptr()); ++i)
       sum.add(nb::borrow(PySequence_Fast_GET_ITEM(data.ptr(), i)));
     return sum.result();
   }
+  // Other iterables only hint at their length: a wrong hint must not allocate much.
+  Py_ssize_t hint = PyObject_LengthHint(data.ptr(), 0);
+  if (hint < 0) throw nb::python_error();
+  sum.reserve(std::min<size_t>(static_cast<size_t>(hint), size_t{1} << 20));
   nb::object it = nb::steal(PyObject_GetIter(data.ptr()));
   if (!it) throw nb::python_error();
   while (PyObject *item = PyIter_Next(it.ptr())) sum.add(nb::steal(item));

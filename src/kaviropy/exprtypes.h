@@ -202,8 +202,8 @@ void release_chain(T *p) {
 // Arguments: iterables other than strings, materialised as a list or tuple.
 bool is_iterable(PyObject *o);
 nb::object as_sequence(PyObject *o);
-// The solution values (attribute X) of variables, read through each variable's attribute (which
-// raises its own error when there is no value).
+// The solution values (attribute X) of variables: in one library call per model when possible,
+// else through each variable's attribute (which raises its own error when there is no value).
 std::vector<double> var_values(const std::vector<PyObject *> &vars);
 
 // ---------------------------------------------------------------- LinExpr internals

@@ -4,6 +4,7 @@
 #include "exprtypes.h"
 #include "handles.h"
 #include "model.h"
+#include "model_files.h"
 #include "model_optimize.h"
 
 namespace kvrpy {
@@ -42,4 +43,5 @@ NB_MODULE(_core, m) {
   init_kaviro(m);
   init_model_optimize(m);
   init_model_print(m);
+  init_model_files(m);
 }

@@ -398,6 +398,23 @@ nb::object lin_product(PyObject *a, const Operand &oa, PyObject *b, const Operan
 
 std::vector<double> var_values(const std::vector<PyObject *> &vars) {
   std::vector<double> x(vars.size());
+  // One library call when every variable is numbered in one model; anything else, and any
+  // failure of that call, goes through the attribute of each variable for its exact error.
+  KVRmodel *model = nullptr;
+  std::vector<int> ind;
+  ind.reserve(vars.size());
+  for (PyObject *var : vars) {
+    Var *v = as_var(var);
+    if (!v || !v->model || v->index < 0 || (model && v->model != model)) {
+      model = nullptr;
+      break;
+    }
+    model = v->model;
+    ind.push_back(v->index);
+  }
+  if (model &&
+      KVRgetdblattrlist(model, "X", static_cast<int>(ind.size()), ind.data(), x.data()) == 0)
+    return x;
   for (size_t i = 0; i < vars.size(); ++i) x[i] = nb::cast<double>(nb::handle(vars[i]).attr("X"));
   return x;
 }

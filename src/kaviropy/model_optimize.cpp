@@ -30,7 +30,9 @@ CallbackState &state_of(nb::handle self) {
   return callback_state(cb);
 }
 
-void optimize(nb::handle self, nb::handle callback) {
+// The sequence optimize and computeIIS share: update, install the callback, run the library call
+// with the interpreter lock released, unregister the callback, raise on failure.
+void run_solver(nb::handle self, nb::handle callback, int (*call)(KVRmodel *)) {
   KVRmodel *cm = library_model(self);
   self.attr("update")();
   if (!callback.is_none()) {
@@ -53,7 +55,7 @@ void optimize(nb::handle self, nb::handle callback) {
   int code;
   {
     nb::gil_scoped_release release;
-    code = KVRoptimize(cm);
+    code = call(cm);
   }
   if (with_callback) {
     // The text is saved first: unregistering may replace the model's latest message.
@@ -259,9 +261,17 @@ void init_model_optimize(nb::module_ &m) {
         nb::cpp_function(fn, nb::scope(cls), nb::name(name), nb::is_method(), extra...);
   };
   def(
-      "optimize", [](nb::handle self, nb::handle callback) { optimize(self, callback); },
+      "optimize",
+      [](nb::handle self, nb::handle callback) { run_solver(self, callback, KVRoptimize); },
       nb::arg("callback").none() = nb::none(),
       "Optimizes the model; callback(model, where), when given, is called during the solve.");
+  def(
+      "computeIIS",
+      [](nb::handle self, nb::handle callback) { run_solver(self, callback, KVRcomputeIIS); },
+      nb::arg("callback").none() = nb::none(),
+      "Computes an irreducible infeasible subsystem of an infeasible model; the IIS attributes "
+      "(IISConstr, IISLB, IISUB, ..., IISMinimal) then tell its members. callback(model, where) "
+      "sees the IIS progress (where KVR.Callback.IIS).");
   def(
       "reset", [](nb::handle self, int clearall) { reset(self, clearall); },
       nb::arg("clearall") = 0,

@@ -666,8 +666,8 @@ bool collect_quadratic(nb::handle obj, double mult, KVRmodel *model, QuadData &o
   if (!is_quad(obj.ptr())) return collect_linear(obj, mult, model, out.lin);
   QuadExprObject *q = Q(obj);
   quad_flatten(q);
-  size_t n0 = out.qrow.size();
-  LinearData lin_before = out.lin;
+  size_t n0 = out.qrow.size(), l0 = out.lin.ind.size();
+  double constant0 = out.lin.constant;
   try {
     grow(out.qrow, q->terms.size());
     grow(out.qcol, q->terms.size());
@@ -682,7 +682,9 @@ bool collect_quadratic(nb::handle obj, double mult, KVRmodel *model, QuadData &o
     out.qrow.resize(n0);
     out.qcol.resize(n0);
     out.qval.resize(n0);
-    out.lin = std::move(lin_before);
+    out.lin.ind.resize(l0);
+    out.lin.val.resize(l0);
+    out.lin.constant = constant0;
     throw;
   }
   return true;

@@ -579,24 +579,29 @@ nb::object prod(TupleDict *self, PyObject *coeffs, PyObject *const *args, Py_ssi
     sum.reserve(matched.count(s.size()));
     // Coefficient dictionaries are often built in the same key order: while the entries line up
     // with the keys, take them in step instead of looking each key up.
-    bool in_step = nargs == 0;
+    // A dict subclass may define its own lookup: ask it as Python code would.
+    bool plain = PyDict_CheckExact(coeffs) || PyObject_TypeCheck(coeffs, &TupleDictType);
+    bool in_step = nargs == 0 && plain;
     Py_ssize_t at = 0;
     matched.for_each(s.size(), [&](Py_ssize_t i) {
       PyObject *key = s.key(i);
       if (!key) return;
-      PyObject *coeff = nullptr;
+      nb::object coeff;
       if (in_step) {
         PyObject *entry_key, *entry_value;
         in_step = PyDict_Next(coeffs, &at, &entry_key, &entry_value) && same_key(entry_key, key);
-        if (in_step) coeff = entry_value;
+        if (in_step) coeff = nb::borrow(entry_value);
       }
-      if (!coeff) coeff = PyDict_GetItemWithError(coeffs, key);
-      if (!coeff) {
-        if (PyErr_Occurred()) throw nb::python_error();
-        return;
+      if (!coeff.is_valid() && plain) {
+        PyObject *found = PyDict_GetItemWithError(coeffs, key);
+        if (!found && PyErr_Occurred()) throw nb::python_error();
+        if (found) coeff = nb::borrow(found);
+      } else if (!coeff.is_valid()) {
+        int present = PySequence_Contains(coeffs, key);
+        ok(present);
+        if (present) coeff = owned(PyObject_GetItem(coeffs, key));
       }
-      nb::object keep = nb::borrow(coeff);
-      sum.add_product(keep.ptr(), s.value(i));
+      if (coeff.is_valid()) sum.add_product(coeff.ptr(), s.value(i));
     });
     return sum.result();
   }

@@ -37,7 +37,7 @@ static void code_at(int want, int got, KVRmodel *m, const char *file, int line, 
 #define ERR(m, code, call) code_at((code), (call), (m), __FILE__, __LINE__, #call)
 /* The model's latest message contains text. */
 #define MSG(m, text) CHECK(strstr(KVRgetmerrormsg(m), (text)) != NULL)
-#define NEAR(a, b) CHECK(fabs((a) - (b)) <= 1e-9 * (1.0 + fabs(b)))
+#define NEAR(a, b) CHECK(fabs((a) - (b)) <= 1e-9 * (1.0 + fabs((double)(b))))
 
 /* ------------------------------------------------------------------ helpers */
 
@@ -1190,6 +1190,128 @@ static void test_results_absent(void) {
   KVRfreemodel(m);
 }
 
+/* ------------------------------------------------------------------ results of a solve */
+
+static int g_cb_calls = 0, g_cb_query = -1, g_cb_modify = -1, g_cb_update = -1, g_cb_free = -1;
+static int probe_callback(KVRmodel *m, void *cbdata, int where, void *usrdata) {
+  int n;
+  (void)cbdata, (void)where, (void)usrdata;
+  if (g_cb_calls++ > 0) return 0;
+  g_cb_query = KVRgetintattr(m, "NumVars", &n);
+  g_cb_modify = KVRsetdblattrelement(m, "UB", 0, 1);
+  g_cb_update = KVRupdatemodel(m);
+  g_cb_free = KVRfreemodel(m);
+  return 0;
+}
+
+/* min -x0 - 2 x1 subject to x0 + x1 <= 4, x0 + 3 x1 <= 6, x >= 0: x = (3, 1), duals -1/2. */
+static KVRmodel *solved_lp(int sense) {
+  double obj[2] = {-1, -2};
+  int ind[2] = {0, 1};
+  double a[2] = {1, 1}, b[2] = {1, 3};
+  KVRmodel *m = NULL;
+  OK(NULL, KVRnewmodel(g_env, &m, "lp", 2, obj, NULL, NULL, NULL, NULL));
+  OK(m, KVRaddconstr(m, 2, ind, a, '<', 4, "a"));
+  OK(m, KVRaddconstr(m, 2, ind, b, '<', 6, "b"));
+  if (sense == KVR_MAXIMIZE)
+    OK(m, KVRsetobjective(m, KVR_MAXIMIZE, 0, 2, ind, a, 0, NULL, NULL, NULL));
+  OK(m, KVRoptimize(m));
+  return m;
+}
+
+static void test_results(void) {
+  static const char *zero[] = {"MaxVio",    "BoundVio",     "ConstrVio", "ConstrResidual",
+                               "DualVio",   "DualResidual", "ComplVio",  "IntVio",
+                               "BoundSVio", "ConstrSVioSum"};
+  KVRmodel *m = solved_lp(KVR_MINIMIZE);
+  double x[2], pi[2], rc[2], slack[2], v;
+  int iv[2], k;
+
+  /* While the model is being optimized, queries and changes are refused. */
+  OK(m, KVRsetcallbackfunc(m, probe_callback, NULL));
+  OK(m, KVRoptimize(m));
+  CHECK(g_cb_calls > 0);
+  CHECK(g_cb_query == KVR_ERROR_OPTIMIZATION_IN_PROGRESS);
+  CHECK(g_cb_modify == KVR_ERROR_MODEL_MODIFICATION && g_cb_update == KVR_ERROR_MODEL_MODIFICATION);
+  CHECK(g_cb_free == KVR_ERROR_OPTIMIZATION_IN_PROGRESS);
+  OK(m, KVRsetcallbackfunc(m, NULL, NULL));
+  CHECK(dbl_elem(m, "UB", 0) == KVR_INFINITY);
+
+  CHECK(int_attr(m, "Status") == KVR_OPTIMAL && int_attr(m, "SolCount") == 1);
+  NEAR(dbl_attr(m, "ObjVal"), -5);
+  OK(m, KVRgetdblattrarray(m, "X", 0, 2, x));
+  OK(m, KVRgetdblattrarray(m, "Pi", 0, 2, pi));
+  OK(m, KVRgetdblattrarray(m, "RC", 0, 2, rc));
+  OK(m, KVRgetdblattrarray(m, "Slack", 0, 2, slack));
+  NEAR(x[0], 3);
+  NEAR(x[1], 1);
+  NEAR(pi[0], -0.5);
+  NEAR(pi[1], -0.5);
+  CHECK(fabs(rc[0]) < 1e-9 && fabs(slack[1]) < 1e-9);
+  NEAR(dbl_elem(m, "Xn", 1), 1);
+  NEAR(dbl_attr(m, "PoolObjVal"), -5);
+  CHECK(dbl_attr(m, "Runtime") >= 0 && dbl_attr(m, "IterCount") >= 0);
+  for (k = 0; k < (int)(sizeof zero / sizeof zero[0]); ++k)
+    CHECK(fabs(dbl_attr(m, zero[k])) < 1e-9);
+  CHECK(int_attr(m, "BoundVioIndex") == -1 && int_attr(m, "DualVioIndex") == -1);
+  OK(m, KVRgetintattrarray(m, "VBasis", 0, 2, iv));
+  CHECK(iv[0] == KVR_BASIC && iv[1] == KVR_BASIC);
+  OK(m, KVRgetdblattrelement(m, "SAObjUp", 0, &v));
+  CHECK(v >= -1 - 1e-9);
+
+  /* Rows added in update mode 1 join at once while the solution stays until the update: the
+     solution's quality is measured against them. */
+  {
+    int ind[2] = {0, 1}, rows[3] = {2, 3, 4};
+    double d[2] = {1, -1}, one[2] = {1, 1};
+    OK(m, KVRaddconstr(m, 2, ind, d, '<', 1, "vio1"));    /* 3 - 1 = 2 > 1 */
+    OK(m, KVRaddconstr(m, 1, ind, one, '>', 5, "vio2"));  /* 3 < 5 */
+    OK(m, KVRaddconstr(m, 2, ind, one, '=', 3, "vio1b")); /* 4 != 3 */
+    NEAR(dbl_attr(m, "ConstrVio"), 2);
+    CHECK(int_attr(m, "ConstrVioIndex") == 3);
+    NEAR(dbl_attr(m, "ConstrVioSum"), 4);
+    NEAR(dbl_attr(m, "MaxVio"), 2);
+    ERR(m, KVR_ERROR_DATA_NOT_AVAILABLE, KVRgetdblattrelement(m, "Slack", 2, &v));
+    ERR(m, KVR_ERROR_DATA_NOT_AVAILABLE, KVRgetdblattr(m, "ConstrResidual", &v));
+    ERR(m, KVR_ERROR_DATA_NOT_AVAILABLE, KVRgetdblattr(m, "DualVio", &v));
+    OK(m, KVRdelconstrs(m, 3, rows));
+    OK(m, KVRupdatemodel(m));
+    OK(m, KVRoptimize(m));
+  }
+
+  /* The solution stays until the model changes: a variable added in update mode 1 has no value
+     yet, and the update drops the solution. */
+  OK(m, KVRaddvar(m, 0, NULL, NULL, 0, 0, 1, 'C', "late"));
+  NEAR(dbl_elem(m, "X", 0), 3);
+  ERR(m, KVR_ERROR_DATA_NOT_AVAILABLE, KVRgetdblattrelement(m, "X", 2, &v));
+  ERR(m, KVR_ERROR_DATA_NOT_AVAILABLE, KVRgetdblattr(m, "MaxVio", &v));
+  OK(m, KVRupdatemodel(m));
+  ERR(m, KVR_ERROR_DATA_NOT_AVAILABLE, KVRgetdblattrelement(m, "X", 0, &v));
+  CHECK(int_attr(m, "Status") == KVR_LOADED);
+  OK(m, KVRoptimize(m));
+  CHECK(int_attr(m, "SolCount") == 1);
+  OK(m, KVRreset(m, 0));
+  CHECK(int_attr(m, "SolCount") == 0 && KVRisattravailable(m, "ObjVal") == 0);
+  KVRfreemodel(m);
+
+  /* Dual signs of a maximization. */
+  m = solved_lp(KVR_MAXIMIZE);
+  NEAR(dbl_attr(m, "ObjVal"), 4);
+  CHECK(fabs(dbl_attr(m, "DualVio")) < 1e-9 && fabs(dbl_attr(m, "DualResidual")) < 1e-9);
+  CHECK(fabs(dbl_attr(m, "ComplVio")) < 1e-9);
+
+  /* A MIP solution has values and quality, but no duals and no sensitivity ranges. */
+  OK(m, KVRsetcharattrelement(m, "VType", 1, 'I'));
+  OK(m, KVRoptimize(m));
+  CHECK(int_attr(m, "Status") == KVR_OPTIMAL && int_attr(m, "IsMIP") == 1);
+  NEAR(dbl_attr(m, "ObjVal"), 4);
+  CHECK(fabs(dbl_attr(m, "IntVio")) < 1e-9 && fabs(dbl_attr(m, "MaxVio")) < 1e-6);
+  ERR(m, KVR_ERROR_DATA_NOT_AVAILABLE, KVRgetdblattrelement(m, "Pi", 0, &v));
+  ERR(m, KVR_ERROR_DATA_NOT_AVAILABLE, KVRgetdblattr(m, "DualVio", &v));
+  ERR(m, KVR_ERROR_NOT_FOR_MIP, KVRgetdblattrelement(m, "SAObjLow", 0, &v));
+  KVRfreemodel(m);
+}
+
 /* Every attribute of the table can be read in its own form (or says why it has no value), and
    every settable one takes back the value it reads. */
 static void test_every_attribute(void) {
@@ -1361,6 +1483,7 @@ int main(int argc, char **argv) {
   test_attribute_forms();
   test_user_data();
   test_results_absent();
+  test_results();
   test_every_attribute();
   test_statistics();
   test_clean();

@@ -1,8 +1,8 @@
 /*
  * Tests of the optimization part of the C interface: KVRoptimize and its failures, the callback
- * entry points (queries, user solutions, lazy constraints, cuts) with their error codes, and the
- * sub-environments. Plain C; prints every failed check and a summary line; exits with 1 on any
- * failure.
+ * entry points (queries, user solutions, lazy constraints, cuts) with their error codes, the
+ * sub-environments and KVRcomputeIIS. Plain C; prints every failed check and a summary line; exits
+ * with 1 on any failure.
  */
 #include <math.h>
 #include <stdio.h>
@@ -169,6 +169,55 @@ static void test_sub_environments(void) {
   CODE(0, KVRfreemodel(m));
 }
 
+static struct {
+  int calls, constrmin, constrmax, guess, nested, stop_after;
+} g_iis;
+
+static int iis_callback(KVRmodel *model, void *cbdata, int where, void *usrdata) {
+  (void)usrdata;
+  if (where != KVR_CB_IIS) return 0;
+  if (g_iis.calls++ == 0) g_iis.nested = KVRcomputeIIS(model);
+  KVRcbget(cbdata, where, KVR_CB_IIS_CONSTRMIN, &g_iis.constrmin);
+  KVRcbget(cbdata, where, KVR_CB_IIS_CONSTRMAX, &g_iis.constrmax);
+  int guess = 0;
+  g_iis.guess = KVRcbget(cbdata, where, KVR_CB_IIS_CONSTRGUESS, &guess);
+  return g_iis.stop_after && g_iis.calls >= g_iis.stop_after;
+}
+
+static void test_iis(void) {
+  KVRmodel *m = binary_model();
+  CODE(KVR_ERROR_NULL_ARGUMENT, KVRcomputeIIS(NULL));
+  CODE(KVR_ERROR_IIS_NOT_INFEASIBLE, KVRcomputeIIS(m));
+  CHECK(strcmp(KVRgetmerrormsg(m), "Cannot compute an IIS: the model is feasible") == 0);
+  int minimal = -1;
+  CODE(KVR_ERROR_DATA_NOT_AVAILABLE, KVRgetintattr(m, "IISMinimal", &minimal));
+  /* sum x >= 5 against the cap sum x <= 4. */
+  int all[6] = {0, 1, 2, 3, 4, 5};
+  double one[6] = {1, 1, 1, 1, 1, 1};
+  CODE(0, KVRaddconstr(m, 6, all, one, KVR_GREATER_EQUAL, 5.0, "five"));
+  CODE(0, KVRsetintattrelement(m, "IISConstrForce", 0, 1));
+  CODE(0, KVRsetcallbackfunc(m, iis_callback, NULL));
+  CODE(0, KVRcomputeIIS(m));
+  int in[2] = {-1, -1}, lb[6], ub[6];
+  CODE(0, KVRgetintattr(m, "IISMinimal", &minimal));
+  CODE(0, KVRgetintattrarray(m, "IISConstr", 0, 2, in));
+  CODE(0, KVRgetintattrarray(m, "IISLB", 0, 6, lb));
+  CODE(0, KVRgetintattrarray(m, "IISUB", 0, 6, ub));
+  int bounds = 0;
+  for (int j = 0; j < 6; ++j) bounds += lb[j] + ub[j];
+  CHECK(minimal == 1 && in[0] == 1 && in[1] == 1 && bounds == 0);
+  CHECK(g_iis.calls >= 1 && g_iis.constrmin == 2 && g_iis.constrmax == 2);
+  CHECK(g_iis.guess == KVR_ERROR_DATA_NOT_AVAILABLE);
+  CHECK(g_iis.nested == KVR_ERROR_OPTIMIZATION_IN_PROGRESS);
+  /* A callback that returns non-zero stops the search with a CALLBACK error. */
+  g_iis.calls = 0;
+  g_iis.stop_after = 1;
+  CODE(KVR_ERROR_CALLBACK, KVRcomputeIIS(m));
+  CHECK(strstr(KVRgetmerrormsg(m), "IIS computation stopped") != NULL);
+  CODE(0, KVRsetcallbackfunc(m, NULL, NULL));
+  CODE(0, KVRfreemodel(m));
+}
+
 int main(void) {
   if (KVRemptyenv(&g_env) || KVRsetintparam(g_env, "OutputFlag", 0) || KVRstartenv(g_env)) {
     fprintf(stderr, "cannot start an environment\n");
@@ -177,6 +226,7 @@ int main(void) {
   test_callback_entry_points();
   test_optimize_failures();
   test_sub_environments();
+  test_iis();
   KVRfreeenv(g_env);
   printf("%d checks, %d failed\n", g_checks, g_failed);
   return g_failed ? 1 : 0;

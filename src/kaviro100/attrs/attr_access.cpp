@@ -510,6 +510,7 @@ void check_available(kvr_model *m, AttrId id) {
              "Unable to retrieve attribute '%s': sensitivity ranges do not exist for models with "
              "discrete elements",
              attr_def(id).name);
+      m->sol.ensure_sensitivity();  // the ranges are computed on first use
       return need(!sa_vector(s, id)->empty());
     case A::IISLB:
     case A::IISUB:

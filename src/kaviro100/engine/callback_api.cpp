@@ -68,6 +68,12 @@ const WhatInfo kWhats[] = {
     {KVR_CB_MULTIOBJ_OBJCNT, "MULTIOBJ_OBJCNT", WhatType::Int, false},
     {KVR_CB_MULTIOBJ_SOLCNT, "MULTIOBJ_SOLCNT", WhatType::Int, false},
     {KVR_CB_MULTIOBJ_SOL, "MULTIOBJ_SOL", WhatType::Dbl, true},
+    {KVR_CB_IIS_CONSTRMIN, "IIS_CONSTRMIN", WhatType::Int, false},
+    {KVR_CB_IIS_CONSTRMAX, "IIS_CONSTRMAX", WhatType::Int, false},
+    {KVR_CB_IIS_CONSTRGUESS, "IIS_CONSTRGUESS", WhatType::Int, false},
+    {KVR_CB_IIS_BOUNDMIN, "IIS_BOUNDMIN", WhatType::Int, false},
+    {KVR_CB_IIS_BOUNDMAX, "IIS_BOUNDMAX", WhatType::Int, false},
+    {KVR_CB_IIS_BOUNDGUESS, "IIS_BOUNDGUESS", WhatType::Int, false},
 };
 
 const char *where_name(int where) {
@@ -102,6 +108,8 @@ int what_where(int what) {
       return KVR_CB_BARRIER;
     case 8:
       return KVR_CB_MULTIOBJ;
+    case 9:
+      return KVR_CB_IIS;
     default:
       return -2;
   }

@@ -84,8 +84,14 @@ enum class StopReason {
   IterLimit,
   CallbackError,
   Restart,
-  Pass
+  Pass,
+  SoftMemory,  // SoftMemLimit reached: stop cleanly with status MEM_LIMIT
+  HardMemory   // MemLimit reached: the call fails with OUT_OF_MEMORY
 };
+
+// Resident memory of the whole process (the resident set of /proc/self/statm), in gigabytes of
+// 10^9 bytes; NaN when the system does not report it.
+double resident_gigabytes();
 
 // State shared between the library, the engine and the user's callback during one optimize.
 struct SolveContext {
@@ -120,6 +126,22 @@ struct SolveContext {
   // Throttle of the progress callbacks (SIMPLEX, BARRIER, MIP).
   double last_progress_call = -1.0;
 
+  // Sub-solves of an analysis (the IIS feasibility tests) run with forward_events false (the
+  // user's callback sees only the analysis's own events) and quiet (no engine log lines).
+  bool forward_events = true;
+  bool quiet = false;
+
+  // Memory limits (MemLimit, SoftMemLimit) measured on the whole process. A limit that was
+  // reached stays reached for the rest of the call, across engine runs and passes.
+  StopReason memory_stop = StopReason::None;
+  double memory_seen = 0.0;  // gigabytes at the check that found a limit exceeded
+  double last_memory_check = -1.0;
+  bool memory_check_due = true;  // forces the next check (after user code ran)
+  // Compares the process's resident memory with the limits; returns the reason when one is
+  // exceeded (also remembered in memory_stop). Throttled to one reading per millisecond unless
+  // force is set.
+  StopReason check_memory(bool force);
+
   double elapsed() const;
   bool has_callback() const;
   // Calls the user's callback (if any) for this event. A non-zero return stops the solve.
@@ -132,8 +154,11 @@ struct SolveContext {
   void check_objective_limits(double objbst, double objbnd);
   // Work units: one unit is 10,000 engine iterations or nodes (deterministic).
   static double work_units(double iterations, double nodes) { return (iterations + nodes) / 1e4; }
-  // The log of this solve.
-  void log(std::string_view text) const { env->log(text); }
+  // The log of this solve (nothing when quiet).
+  void log(std::string_view text) const {
+    if (!quiet) env->log(text);
+  }
+  void logf(const char *fmt, ...) const __attribute__((format(printf, 2, 3)));
 };
 
 class Engine {
@@ -143,6 +168,16 @@ class Engine {
   // Solves the problem. Throws kvr::Error for models it cannot take (NOT_SUPPORTED, Q_NOT_PSD).
   virtual EngineResult solve(const EngineProblem &problem, const ParamValues &params,
                              SolveContext &ctx) = 0;
+  // An infeasible subsystem of a continuous linear model found by the engine itself: the rows
+  // and the variables whose lower and upper bounds take part. Returns false when the engine
+  // offers none (the caller then has to find one on its own); the set is not checked here.
+  struct Subsystem {
+    std::vector<int> rows, lower, upper;
+  };
+  virtual bool infeasible_subsystem(const ModelData &lp, const ParamValues &params,
+                                    SolveContext &ctx, Subsystem &out) {
+    return false;
+  }
 };
 
 std::unique_ptr<Engine> make_highs_engine();

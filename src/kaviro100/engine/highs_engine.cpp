@@ -49,8 +49,8 @@ struct SchedulerUse {
       if (g_running == 0) {
         Highs_resetGlobalScheduler(1);
       } else {
-        ctx.env->logf("Threads %d ignored: another solve is running with %d threads\n", threads,
-                      g_sched_threads);
+        ctx.logf("Threads %d ignored: another solve is running with %d threads\n", threads,
+                 g_sched_threads);
         threads_used = g_sched_threads;
       }
     }
@@ -119,7 +119,6 @@ struct RunState {
   double base_iters = 0, base_nodes = 0;
   double best_obj = kNaN;  // best incumbent objective seen (user sense)
   std::vector<std::vector<double>> *found = nullptr;
-  std::vector<double> pending_start;  // handed to the engine at its next solution query
 };
 
 double objective_of(const ModelData &m, const double *x) {
@@ -162,7 +161,7 @@ void engine_event(int type, const char *msg, const HighsCallbackDataOut *out,
   try {
     switch (type) {
       case kHighsCallbackLogging: {
-        if (!msg) break;
+        if (!msg || ctx.quiet) break;
         ctx.log(msg);
         double rowdel, coldel;
         if (ctx.has_callback() && parse_presolve_line(msg, rowdel, coldel)) {
@@ -265,9 +264,7 @@ void engine_event(int type, const char *msg, const HighsCallbackDataOut *out,
       }
       case kHighsCallbackCallbackMipUserSolution: {
         std::vector<double> sol;
-        if (!st.pending_start.empty()) {
-          sol.swap(st.pending_start);
-        } else if (!ctx.user_solutions.empty()) {
+        if (!ctx.user_solutions.empty()) {
           sol = std::move(ctx.user_solutions.front());
           ctx.user_solutions.erase(ctx.user_solutions.begin());
         }
@@ -374,7 +371,7 @@ void apply_passthrough_options(HighsInstance &hi, SolveContext &ctx) {
     if (Highs_setOptionValue(hi.get(), name.c_str(), value.c_str()) == kHighsStatusError)
       fail(KVR_ERROR_INVALID_ARGUMENT, "KAVIRO_ENGINE_OPTIONS: the engine rejects %s=%s",
            name.c_str(), value.c_str());
-    ctx.env->logf("Engine option %s=%s\n", name.c_str(), value.c_str());
+    ctx.logf("Engine option %s=%s\n", name.c_str(), value.c_str());
   }
 }
 
@@ -383,6 +380,8 @@ class HighsEngine final : public Engine {
   const char *name() const override { return "HiGHS"; }
   EngineResult solve(const EngineProblem &problem, const ParamValues &params,
                      SolveContext &ctx) override;
+  bool infeasible_subsystem(const ModelData &lp, const ParamValues &params, SolveContext &ctx,
+                            Subsystem &out) override;
 
  private:
   static void pass_model(HighsInstance &hi, const ModelData &m, bool mip);
@@ -465,7 +464,7 @@ void HighsEngine::pass_model(HighsInstance &hi, const ModelData &m, bool mip) {
 void HighsEngine::set_options(HighsInstance &hi, const ParamValues &p, SolveContext &ctx, bool mip,
                               bool qp, int threads) {
   hi.set_bool("log_to_console", false);
-  hi.set_bool("output_flag", ctx.env->output_on());
+  hi.set_bool("output_flag", ctx.env->output_on() && !ctx.quiet);
   hi.set_int("threads", threads);
   double tl = p.get_dbl(ParamId::TimeLimit);
   if (tl < KVR_INFINITY) hi.set_dbl("time_limit", tl);
@@ -601,7 +600,9 @@ EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues 
   if (mip) {
     Highs_startCallback(hi->get(), kHighsCallbackMipInterrupt);
     Highs_startCallback(hi->get(), kHighsCallbackMipSolution);
-    Highs_startCallback(hi->get(), kHighsCallbackCallbackMipUserSolution);
+    // Solution queries only matter when someone may hand over solutions.
+    if (ctx.has_callback() || !ctx.user_solutions.empty())
+      Highs_startCallback(hi->get(), kHighsCallbackCallbackMipUserSolution);
   }
   set_options(*hi, params, ctx, mip, qp, sched.threads_used);
   pass_model(*hi, m, mip);
@@ -618,7 +619,7 @@ EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues 
                                                 idx.data(), val.data()) == kHighsStatusError)
       ctx.log("MIP start rejected by the engine\n");
     else if (!idx.empty())
-      ctx.env->logf("MIP start with %zu of %d values handed to the engine\n", idx.size(), n);
+      ctx.logf("MIP start with %zu of %d values handed to the engine\n", idx.size(), n);
   }
   if (!mip && warm && !problem.vbasis.empty() && !problem.cbasis.empty()) {
     std::vector<HighsInt> cs(n), rs(rows);
@@ -686,9 +687,9 @@ EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues 
       ipm = static_cast<HighsInt>(hi->info_int("ipm_iteration_count"));
       hi->set_str("solver", ipm > 0 ? "simplex" : "ipm");
       Highs_clearSolver(hi->get());
-      ctx.env->logf("Undecided after %s: solving again with %s\n",
-                    ipm > 0 ? "the interior point method" : "the simplex method",
-                    ipm > 0 ? "the simplex method" : "the interior point method");
+      ctx.logf("Undecided after %s: solving again with %s\n",
+               ipm > 0 ? "the interior point method" : "the simplex method",
+               ipm > 0 ? "the simplex method" : "the interior point method");
       continue;
     }
     if (!mip) break;
@@ -720,8 +721,8 @@ EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues 
     }
     Highs_addRows(hi->get(), static_cast<HighsInt>(lo.size()), lo.data(), up.data(),
                   static_cast<HighsInt>(val.size()), start.data(), idx.data(), val.data());
-    ctx.env->logf("Lazy constraints: %zu added; restarting the search\n",
-                  ctx.lazy.size() - ctx.lazy_in_engine);
+    ctx.logf("Lazy constraints: %zu added; restarting the search\n",
+             ctx.lazy.size() - ctx.lazy_in_engine);
     ctx.lazy_in_engine = ctx.lazy.size();
     // Keep only solutions that satisfy every lazy constraint; restart from the best of them.
     std::erase_if(found,
@@ -733,7 +734,9 @@ EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues 
       if (better(ctx.sense, obj, st.best_obj)) st.best_obj = obj, best = &x;
     }
     ctx.solcount = static_cast<double>(found.size());
-    if (best) st.pending_start = *best;
+    if (best &&
+        Highs_setSolution(hi->get(), best->data(), nullptr, nullptr, nullptr) == kHighsStatusError)
+      ctx.log("The best solution so far was not accepted as a start\n");
   }
 
   // Results.
@@ -761,6 +764,10 @@ EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues 
     case StopReason::CallbackError:
     case StopReason::Pass:
       r.status = KVR_INTERRUPTED;
+      break;
+    case StopReason::SoftMemory:
+    case StopReason::HardMemory:
+      r.status = KVR_MEM_LIMIT;
       break;
     default:
       break;
@@ -876,6 +883,47 @@ EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues 
     if (params.get_int(ParamId::InfUnbdInfo)) read_certificates(*hi, m, r);
   }
   return r;
+}
+
+bool HighsEngine::infeasible_subsystem(const ModelData &lp, const ParamValues &params,
+                                       SolveContext &ctx, Subsystem &out) {
+  if (lp.is_mip() || lp.q.size() > 0) return false;
+  SchedulerUse sched(params.get_int(ParamId::Threads), ctx);
+  HighsInstance hi;
+  RunState st;
+  st.ctx = &ctx;
+  st.model = &lp;
+  st.ncols = lp.num_vars();
+  std::vector<std::vector<double>> found;
+  st.found = &found;
+  Highs_setCallback(hi.get(), engine_event, &st);
+  Highs_startCallback(hi.get(), kHighsCallbackSimplexInterrupt);
+  Highs_startCallback(hi.get(), kHighsCallbackIpmInterrupt);
+  set_options(hi, params, ctx, false, false, sched.threads_used);
+  // An elastic LP locates the conflict; the engine then reduces it to an irreducible set.
+  hi.set_int("iis_strategy", kHighsIisStrategyFromLpRowPriority);
+  double tl = params.get_dbl(ParamId::TimeLimit);
+  if (tl < KVR_INFINITY) hi.set_dbl("iis_time_limit", tl);
+  pass_model(hi, lp, false);
+  const int n = lp.num_vars(), rows = lp.num_constrs();
+  HighsInt ncol = 0, nrow = 0;
+  std::vector<HighsInt> col_index(n), row_index(rows), col_bound(n), row_bound(rows);
+  std::vector<HighsInt> col_status(n), row_status(rows);
+  HighsInt status =
+      Highs_getIis(hi.get(), &ncol, &nrow, col_index.data(), row_index.data(), col_bound.data(),
+                   row_bound.data(), col_status.data(), row_status.data());
+  if (status == kHighsStatusError || ctx.must_stop() || ncol + nrow == 0) return false;
+  out = Subsystem();
+  for (HighsInt k = 0; k < nrow; ++k)
+    if (row_index[k] >= 0 && row_index[k] < rows) out.rows.push_back(row_index[k]);
+  for (HighsInt k = 0; k < ncol; ++k) {
+    HighsInt j = col_index[k];
+    if (j < 0 || j >= n) continue;
+    HighsInt b = col_bound[k];
+    if (b == kHighsIisBoundLower || b == kHighsIisBoundBoxed) out.lower.push_back(j);
+    if (b == kHighsIisBoundUpper || b == kHighsIisBoundBoxed) out.upper.push_back(j);
+  }
+  return true;
 }
 
 }  // namespace

@@ -1,10 +1,17 @@
 // KVRoptimize and its companions: the log header and closing summary, interrupt handling, the
 // mapping of engine results onto the model's solution, and the environments of concurrent and
 // multi-objective passes.
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <cmath>
 #include <csignal>
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
 #include <mutex>
 #include <thread>
 
@@ -48,11 +55,21 @@ double SolveContext::elapsed() const {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
 }
 
-bool SolveContext::has_callback() const { return model && model->callback; }
+void SolveContext::logf(const char *fmt, ...) const {
+  if (quiet) return;
+  va_list ap;
+  va_start(ap, fmt);
+  std::string text = vformat(fmt, ap);
+  va_end(ap);
+  env->log(text);
+}
+
+bool SolveContext::has_callback() const { return forward_events && model && model->callback; }
 
 void SolveContext::invoke(CallbackData &cb) {
   if (!has_callback()) return;
   int rc = model->callback(model, &cb, cb.where, model->cbusrdata);
+  memory_check_due = true;  // the callback may have used memory
   if (rc != 0 && callback_error == 0) {
     callback_error = rc;
     stop = StopReason::CallbackError;
@@ -66,9 +83,32 @@ bool SolveContext::progress_due() {
   return true;
 }
 
+StopReason SolveContext::check_memory(bool force) {
+  if (memory_stop != StopReason::None || !params) return memory_stop;
+  const double hard = params->get_dbl(ParamId::MemLimit);
+  const double soft = params->get_dbl(ParamId::SoftMemLimit);
+  if (hard >= KVR_INFINITY && soft >= KVR_INFINITY) return StopReason::None;
+  // Reading the figure costs a system call; engine events come far more often than that.
+  const double now = elapsed();
+  if (!force && !memory_check_due && last_memory_check >= 0 && now - last_memory_check < 1e-3)
+    return StopReason::None;
+  last_memory_check = now;
+  memory_check_due = false;
+  const double gb = resident_gigabytes();
+  if (std::isnan(gb)) return StopReason::None;
+  if (gb > hard)
+    memory_stop = StopReason::HardMemory;
+  else if (gb > soft)
+    memory_stop = StopReason::SoftMemory;
+  if (memory_stop != StopReason::None) memory_seen = gb;
+  return memory_stop;
+}
+
 bool SolveContext::must_stop() {
   if (stop != StopReason::None) return true;
-  if (model && model->terminate_requested.load()) {
+  if (check_memory(false) != StopReason::None) {
+    stop = memory_stop;
+  } else if (model && model->terminate_requested.load()) {
     stop = StopReason::User;
   } else if (stop_objective >= 0 && std::find(pass_objectives.begin(), pass_objectives.end(),
                                               stop_objective) != pass_objectives.end()) {
@@ -240,9 +280,14 @@ void fill_solution(const kvr_model *model, const Reformulated &rf, const SolveCo
   if (mip) {
     std::vector<std::pair<double, std::vector<double>>> pool;
     for (auto &x : r.found_x) pool.emplace_back(objective_value(rf.model, x), std::move(x));
-    for (const auto &x : ctx.accepted_user_solutions)
-      if (static_cast<int>(x.size()) == rf.model.num_vars())
-        pool.emplace_back(objective_value(rf.model, x), x);
+    // User solutions were checked when given; lazy constraints added later may cut them off.
+    const double ftol = ctx.params->get_dbl(ParamId::FeasibilityTol);
+    for (const auto &x : ctx.accepted_user_solutions) {
+      if (static_cast<int>(x.size()) != rf.model.num_vars()) continue;
+      bool ok = true;
+      for (const LinRow &row : ctx.lazy) ok = ok && row.violation(x.data()) <= ftol;
+      if (ok) pool.emplace_back(objective_value(rf.model, x), x);
+    }
     std::stable_sort(pool.begin(), pool.end(), [&](const auto &a, const auto &b) {
       return rf.model.sense == KVR_MAXIMIZE ? a.first > b.first : a.first < b.first;
     });
@@ -340,50 +385,102 @@ extern "C" void on_interrupt_signal(int) {
   }
 }
 
-// Ctrl-C handling for the duration of one solve of an armed model.
-class SignalScope {
- public:
-  explicit SignalScope(kvr_model *model) {
-    std::lock_guard<std::mutex> lock(g_signal_mutex);
-    auto it = std::find(g_armed.begin(), g_armed.end(), model);
-    if (it == g_armed.end()) return;
-    g_armed.erase(it);
-    for (int i = 0; i < kSignalSlots; ++i) {
-      kvr_model *expected = nullptr;
-      if (g_signal_models[i].compare_exchange_strong(expected, model)) {
-        slot_ = i;
-        break;
-      }
-    }
-    if (slot_ < 0) return;
-    if (g_signal_users++ == 0) {
-      struct sigaction action{};
-      action.sa_handler = on_interrupt_signal;
-      sigemptyset(&action.sa_mask);
-      sigaction(SIGINT, &action, &g_previous_action);
+}  // namespace
+
+SignalScope::SignalScope(kvr_model *model) {
+  std::lock_guard<std::mutex> lock(g_signal_mutex);
+  auto it = std::find(g_armed.begin(), g_armed.end(), model);
+  if (it == g_armed.end()) return;
+  g_armed.erase(it);
+  for (int i = 0; i < kSignalSlots; ++i) {
+    kvr_model *expected = nullptr;
+    if (g_signal_models[i].compare_exchange_strong(expected, model)) {
+      slot_ = i;
+      break;
     }
   }
-  ~SignalScope() {
-    if (slot_ < 0) return;
-    std::lock_guard<std::mutex> lock(g_signal_mutex);
-    g_signal_models[slot_].store(nullptr);
-    if (--g_signal_users == 0) sigaction(SIGINT, &g_previous_action, nullptr);
+  if (slot_ < 0) return;
+  if (g_signal_users++ == 0) {
+    struct sigaction action{};
+    action.sa_handler = on_interrupt_signal;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGINT, &action, &g_previous_action);
   }
-  SignalScope(const SignalScope &) = delete;
-  SignalScope &operator=(const SignalScope &) = delete;
+}
 
- private:
-  int slot_ = -1;
-};
+SignalScope::~SignalScope() {
+  if (slot_ < 0) return;
+  std::lock_guard<std::mutex> lock(g_signal_mutex);
+  g_signal_models[slot_].store(nullptr);
+  if (--g_signal_users == 0) sigaction(SIGINT, &g_previous_action, nullptr);
+}
 
-struct OptimizingFlag {
-  explicit OptimizingFlag(kvr_model *m) : model(m) {
-    model->terminate_requested.store(false);
-    model->optimizing.store(true);
-  }
-  ~OptimizingFlag() { model->optimizing.store(false); }
-  kvr_model *model;
-};
+OptimizingFlag::OptimizingFlag(kvr_model *m) : model(m) {
+  if (model->optimizing.load())
+    fail(KVR_ERROR_OPTIMIZATION_IN_PROGRESS, "The model is being optimized already");
+  model->terminate_requested.store(false);
+  model->optimizing.store(true);
+}
+
+OptimizingFlag::~OptimizingFlag() { model->optimizing.store(false); }
+
+void check_solvable(const ModelData &m) {
+  for (int i = 0; i < m.qconstrs.size(); ++i)
+    if (m.qconstrs.items[i].sense == KVR_EQUAL) {
+      std::string_view name = m.qconstrs.names.get(static_cast<size_t>(i));
+      std::string shown = name.empty() ? format("QC%d", i) : std::string(name);
+      fail(KVR_ERROR_QCP_EQUALITY_CONSTRAINT,
+           "Quadratic constraint '%s' is an equality; quadratic constraints must be inequalities "
+           "(<= or >=)",
+           shown.c_str());
+    }
+}
+
+void check_memory_at_start(SolveContext &ctx, const char *what) {
+  if (ctx.check_memory(true) == StopReason::HardMemory)
+    fail(KVR_ERROR_OUT_OF_MEMORY,
+         "Out of memory: the process already uses %.3f GB, above MemLimit (%g GB); %s not started",
+         ctx.memory_seen, ctx.params->get_dbl(ParamId::MemLimit), what);
+  if (ctx.memory_stop == StopReason::SoftMemory)
+    ctx.env->logf("The process already uses %.3f GB, above SoftMemLimit (%g GB); %s not started\n",
+                  ctx.memory_seen, ctx.params->get_dbl(ParamId::SoftMemLimit), what);
+}
+
+void fail_if_memory_exceeded(const SolveContext &ctx, const char *what) {
+  if (ctx.memory_stop == StopReason::HardMemory)
+    fail(KVR_ERROR_OUT_OF_MEMORY,
+         "Out of memory: the process reached %.3f GB, above MemLimit (%g GB); %s stopped",
+         ctx.memory_seen, ctx.params->get_dbl(ParamId::MemLimit), what);
+}
+
+void check_nodefile_settings(kvr_env &env) {
+  double start = env.params.get_dbl(ParamId::NodefileStart);
+  if (start >= KVR_INFINITY) return;
+  const std::string &dir = env.params.get_str(ParamId::NodefileDir);
+  struct stat st{};
+  if (dir.empty())
+    fail(KVR_ERROR_NODEFILE, "NodefileDir is empty; with NodefileStart %g it must name a directory",
+         start);
+  if (::stat(dir.c_str(), &st) != 0)
+    fail(KVR_ERROR_NODEFILE, "Node file directory '%s' (NodefileDir) does not exist", dir.c_str());
+  if (!S_ISDIR(st.st_mode))
+    fail(KVR_ERROR_NODEFILE, "Node file directory '%s' (NodefileDir) is not a directory",
+         dir.c_str());
+  // Writability is tried, not inferred from permission bits.
+  std::string probe = dir + "/.kaviro_nodefile_XXXXXX";
+  int fd = ::mkstemp(probe.data());
+  if (fd < 0)
+    fail(KVR_ERROR_NODEFILE, "Node file directory '%s' (NodefileDir) is not writable: %s",
+         dir.c_str(), std::strerror(errno));
+  ::close(fd);
+  ::unlink(probe.c_str());
+  env.logf(
+      "NodefileStart %g: the engine keeps its search tree in memory; no node files are written "
+      "to '%s'\n",
+      start, dir.c_str());
+}
+
+namespace {
 
 // ---------------------------------------------------------------- log header and summary
 
@@ -457,6 +554,7 @@ void optimize(kvr_model *model) {
     fail(KVR_ERROR_OPTIMIZATION_IN_PROGRESS, "The model is being optimized already");
   update_model(model);
   check_remote_settings(&model->env);
+  check_solvable(model->data);
   OptimizingFlag flag(model);
   SignalScope signals(model);
   model->env.sync_logfile();
@@ -468,6 +566,7 @@ void optimize(kvr_model *model) {
   ctx.params = &params;
   ctx.started = std::chrono::steady_clock::now();
   ctx.sense = model->data.sense;
+  check_memory_at_start(ctx, "optimization");
 
   log_header(model, model->data, params.get_int(ParamId::Threads));
   Reformulated rf = reformulate(model->data, params);
@@ -479,6 +578,7 @@ void optimize(kvr_model *model) {
   ctx.is_mip = rf.model.is_mip();
   ctx.engine_model = &rf.model;
   ctx.rewritten = rf.changed;
+  if (ctx.is_mip) check_nodefile_settings(model->env);
 
   if (!model->env.concurrent_envs.empty())
     model->env.log(
@@ -486,7 +586,10 @@ void optimize(kvr_model *model) {
         "model's own parameters\n");
   std::unique_ptr<Engine> engine = make_highs_engine();
   Solution sol;
-  if (model->data.objn.size() > 1) {
+  if (ctx.memory_stop == StopReason::SoftMemory) {
+    sol.status = KVR_MEM_LIMIT;
+    sol.solved = true;
+  } else if (model->data.objn.size() > 1) {
     solve_multiobjective(model, rf, *engine, ctx, sol);
   } else {
     if (ctx.has_callback()) {
@@ -500,6 +603,7 @@ void optimize(kvr_model *model) {
     fill_solution(model, rf, ctx, std::move(r), sol);
     solve_scenarios(model, rf, *engine, ctx, sol);
   }
+  fail_if_memory_exceeded(ctx, "optimization");
   sol.runtime = ctx.elapsed();
   model->sol = std::move(sol);
   log_summary(model->env, model->sol, ctx.is_mip);

@@ -29,4 +29,42 @@ void solve_scenarios(kvr_model *model, const Reformulated &rf, Engine &engine, S
 // Short name of a status code ("optimal", "infeasible", ...).
 const char *status_text(int status);
 
+// What the engines cannot take whatever the rewriting does: fails with QCP_EQUALITY_CONSTRAINT
+// naming the first quadratic equality constraint.
+void check_solvable(const ModelData &m);
+
+// Memory limits at the start of a solve or analysis (`what` names it in messages): fails with
+// OUT_OF_MEMORY above MemLimit; above SoftMemLimit logs it and leaves ctx.memory_stop set, and
+// the caller then stops at once with status MEM_LIMIT.
+void check_memory_at_start(SolveContext &ctx, const char *what);
+// Fails with OUT_OF_MEMORY when MemLimit was exceeded during the call.
+void fail_if_memory_exceeded(const SolveContext &ctx, const char *what);
+
+// With a finite NodefileStart, NodefileDir must be an existing writable directory (else
+// NODEFILE naming it). The engine never writes node files: the log says that the tree stays in
+// memory.
+void check_nodefile_settings(kvr_env &env);
+
+// Marks the model as being optimized for the lifetime of the object (queries and changes then
+// fail); OPTIMIZATION_IN_PROGRESS when it already is.
+struct OptimizingFlag {
+  explicit OptimizingFlag(kvr_model *m);
+  ~OptimizingFlag();
+  OptimizingFlag(const OptimizingFlag &) = delete;
+  OptimizingFlag &operator=(const OptimizingFlag &) = delete;
+  kvr_model *model;
+};
+
+// Ctrl-C stops the solve of a model armed with KVRsetsignal, for the lifetime of the object.
+class SignalScope {
+ public:
+  explicit SignalScope(kvr_model *model);
+  ~SignalScope();
+  SignalScope(const SignalScope &) = delete;
+  SignalScope &operator=(const SignalScope &) = delete;
+
+ private:
+  int slot_ = -1;
+};
+
 }  // namespace kvr

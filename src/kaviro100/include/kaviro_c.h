@@ -218,6 +218,14 @@ typedef struct kvr_batch KVRbatch;
 #define KVR_CB_MULTIOBJ_OBJCNT 8001
 #define KVR_CB_MULTIOBJ_SOLCNT 8002
 #define KVR_CB_MULTIOBJ_SOL 8003
+/* IIS progress: constraints and bounds known to be in the IIS (MIN) and still possibly in it
+   (MAX). The GUESS codes exist but are not reported. */
+#define KVR_CB_IIS_CONSTRMIN 9001
+#define KVR_CB_IIS_CONSTRMAX 9002
+#define KVR_CB_IIS_CONSTRGUESS 9003
+#define KVR_CB_IIS_BOUNDMIN 9004
+#define KVR_CB_IIS_BOUNDMAX 9005
+#define KVR_CB_IIS_BOUNDGUESS 9006
 
 /* ---------------------------------------------------------------- environments -----------------
  */
@@ -498,6 +506,9 @@ KVR_API KVRenv *KVRgetconcurrentenv(KVRmodel *model, int num);
 KVR_API void KVRdiscardconcurrentenvs(KVRmodel *model);
 KVR_API KVRenv *KVRgetmultiobjenv(KVRmodel *model, int num);
 KVR_API void KVRdiscardmultiobjenvs(KVRmodel *model);
+/* Computes an irreducible infeasible subsystem of an infeasible model into the IIS attributes
+   (IISConstr, IISLB, IISUB, ..., IISMinimal); IIS_NOT_INFEASIBLE for a feasible model. */
+KVR_API int KVRcomputeIIS(KVRmodel *model);
 
 typedef int (*KVRcallback)(KVRmodel *model, void *cbdata, int where, void *usrdata);
 KVR_API int KVRsetcallbackfunc(KVRmodel *model, KVRcallback cb, void *usrdata);

@@ -15,16 +15,18 @@
 //                nonbasic at lower, rows not listed are basic.
 //   .attr        {"Model": {attr: value}, "Var": {name: {attr: value}}, "Constr": ...,
 //                 "QConstr": ..., "GenConstr": ..., "SOS": {index: {attr: value}}}
+#include "io/datafiles.h"
+
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <map>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
 #include "attrs/attr_access.h"
-#include "io/datafiles.h"
 #include "io/formats.h"
 #include "io/json.h"
 #include "model/model.h"
@@ -80,7 +82,8 @@ class VarLines {
   double num(std::string_view s, const char *what) {
     double v;
     if (!to_double(s, v))
-      in_.fail("expected a number for %s, found '%.*s'", what, static_cast<int>(s.size()), s.data());
+      in_.fail("expected a number for %s, found '%.*s'", what, static_cast<int>(s.size()),
+               s.data());
     return v;
   }
   // The value must be acceptable for the attribute (checked here, before anything is set).
@@ -120,20 +123,24 @@ void read_hints(kvr_model *m, LineReader &in) {
   while (in.next(line)) {
     int n = fields(line, f, 4);
     if (n == 0) continue;
-    if (n != 2 && n != 3) in.fail("expected a variable name, a hint value and an optional priority");
+    if (n != 2 && n != 3)
+      in.fail("expected a variable name, a hint value and an optional priority");
     int j = vl.var(f[0]);
     ind.push_back(j);
     val.push_back(vl.attr_value(AttrId::VarHintVal, j, vl.num(f[1], "the hint value")));
     if (n == 3) {
       long long p;
-      if (!to_int(f[2], p)) in.fail("expected an integer priority, found '%.*s'",
-                                    static_cast<int>(f[2].size()), f[2].data());
+      if (!to_int(f[2], p))
+        in.fail("expected an integer priority, found '%.*s'", static_cast<int>(f[2].size()),
+                f[2].data());
       pind.push_back(j);
       pri.push_back(static_cast<int>(vl.attr_value(AttrId::VarHintPri, j, static_cast<double>(p))));
     }
   }
-  check(m, KVRsetdblattrlist(m, "VarHintVal", static_cast<int>(ind.size()), ind.data(), val.data()));
-  check(m, KVRsetintattrlist(m, "VarHintPri", static_cast<int>(pind.size()), pind.data(), pri.data()));
+  check(m,
+        KVRsetdblattrlist(m, "VarHintVal", static_cast<int>(ind.size()), ind.data(), val.data()));
+  check(m,
+        KVRsetintattrlist(m, "VarHintPri", static_cast<int>(pind.size()), pind.data(), pri.data()));
 }
 
 void read_priorities(kvr_model *m, LineReader &in) {
@@ -147,9 +154,11 @@ void read_priorities(kvr_model *m, LineReader &in) {
     if (n != 2 || !to_int(f[1], p)) in.fail("expected a variable name and an integer priority");
     int j = vl.var(f[0]);
     ind.push_back(j);
-    pri.push_back(static_cast<int>(vl.attr_value(AttrId::BranchPriority, j, static_cast<double>(p))));
+    pri.push_back(
+        static_cast<int>(vl.attr_value(AttrId::BranchPriority, j, static_cast<double>(p))));
   }
-  check(m, KVRsetintattrlist(m, "BranchPriority", static_cast<int>(ind.size()), ind.data(), pri.data()));
+  check(m, KVRsetintattrlist(m, "BranchPriority", static_cast<int>(ind.size()), ind.data(),
+                             pri.data()));
 }
 
 void read_basis(kvr_model *m, LineReader &in) {
@@ -282,7 +291,8 @@ void read_attrs(kvr_model *m, LineReader &in) {
     AttrId id = find_attr(name);
     if (id == AttrId::Count) bad(v.line, "unknown attribute '" + name + "'");
     const AttrDef &def = attr_def(id);
-    if (def.cls != cls) bad(v.line, "attribute '" + std::string(def.name) + "' does not belong here");
+    if (def.cls != cls)
+      bad(v.line, "attribute '" + std::string(def.name) + "' does not belong here");
     if (!def.settable) bad(v.line, "attribute '" + std::string(def.name) + "' cannot be set");
     if (def.type == AttrType::Str) {
       if (v.kind != JsonValue::String)
@@ -466,7 +476,11 @@ void write_basis(kvr_model *m, TextWriter &out) {
       if (i < 0) {
         out.put(" BS ").put(vn(j)).put('\n');
       } else {
-        out.put(cb[i] == KVR_NONBASIC_UPPER ? " XU " : " XL ").put(vn(j)).put(' ').put(cn(i)).put('\n');
+        out.put(cb[i] == KVR_NONBASIC_UPPER ? " XU " : " XL ")
+            .put(vn(j))
+            .put(' ')
+            .put(cn(i))
+            .put('\n');
       }
     } else if (vb[j] == KVR_NONBASIC_UPPER) {
       out.put(" UL ").put(vn(j)).put('\n');
@@ -535,7 +549,8 @@ void write_attrs(kvr_model *m, TextWriter &out) {
 std::string temp_copy_name(const std::string &filename) {
   char tmpl[] = "/tmp/kaviro_prm_XXXXXX";
   int fd = mkstemp(tmpl);
-  if (fd < 0) fail(KVR_ERROR_FILE_WRITE, "Unable to create a temporary file for '%s'", filename.c_str());
+  if (fd < 0)
+    fail(KVR_ERROR_FILE_WRITE, "Unable to create a temporary file for '%s'", filename.c_str());
   close(fd);
   return tmpl;
 }
@@ -616,6 +631,10 @@ void write_data_file(kvr_model *model, const std::string &filename, FileType t) 
     write_params(model, filename);
     return;
   }
+  if (t == FileType::Ilp) {
+    write_iis_file(model, filename);
+    return;
+  }
   if (t == FileType::Json) {
     std::string s = json_solution(model);
     TextWriter out(filename);
@@ -675,7 +694,7 @@ std::string json_solution(kvr_model *m) {
   field("Work", s.work);
   field("ObjVal", s.objval);
   field("ObjBound", s.objbound);
-  if (d.is_mip()) field("MIPGap", s.mipgap);
+  field("MIPGap", s.mipgap);
   field("IterCount", s.itercount);
   field("BarIterCount", s.baritercount);
   if (d.is_mip()) field("NodeCount", s.nodecount);
@@ -691,45 +710,46 @@ std::string json_solution(kvr_model *m) {
   o += "\n  }";
 
   // One array of elements: name, optional tag, and the value fields that are present.
-  auto elements = [&](const char *title, const char *name_attr, const NamePool &pool,
-                      const char *prefix, const NamePool *tags, int count,
-                      std::initializer_list<std::pair<const char *, const std::vector<double> *>> values) {
-    std::string arr;
-    ElementNames names(pool, prefix);
-    for (int i = 0; i < count; ++i) {
-      std::string item;
-      for (const auto &[vname, vec] : values) {
-        if (static_cast<size_t>(i) >= vec->size()) continue;
-        double v = (*vec)[i];
-        if (!all && v == 0.0) continue;
-        item += ", \"";
-        item += vname;
-        item += "\": ";
-        json_number(item, v);
-      }
-      if (item.empty()) continue;
-      arr += arr.empty() ? "\n    {" : ",\n    {";
-      arr += '"';
-      arr += name_attr;
-      arr += "\": ";
-      json_string(arr, names(i));
-      if (tags && static_cast<size_t>(i) < tags->size() && !tags->get(i).empty()) {
-        arr += ", \"Tag\": ";
-        json_string(arr, tags->get(i));
-      }
-      arr += item + "}";
-    }
-    if (arr.empty()) return;
-    o += ",\n  \"";
-    o += title;
-    o += "\": [" + arr + "\n  ]";
-  };
+  auto elements =
+      [&](const char *title, const char *name_attr, const NamePool &pool, const char *prefix,
+          const NamePool *tags, int count,
+          std::initializer_list<std::pair<const char *, const std::vector<double> *>> values) {
+        std::string arr;
+        ElementNames names(pool, prefix);
+        for (int i = 0; i < count; ++i) {
+          std::string item;
+          for (const auto &[vname, vec] : values) {
+            if (static_cast<size_t>(i) >= vec->size()) continue;
+            double v = (*vec)[i];
+            if (!all && v == 0.0) continue;
+            item += ", \"";
+            item += vname;
+            item += "\": ";
+            json_number(item, v);
+          }
+          if (item.empty()) continue;
+          arr += arr.empty() ? "\n    {" : ",\n    {";
+          arr += '"';
+          arr += name_attr;
+          arr += "\": ";
+          json_string(arr, names(i));
+          if (tags && static_cast<size_t>(i) < tags->size() && !tags->get(i).empty()) {
+            arr += ", \"Tag\": ";
+            json_string(arr, tags->get(i));
+          }
+          arr += item + "}";
+        }
+        if (arr.empty()) return;
+        o += ",\n  \"";
+        o += title;
+        o += "\": [" + arr + "\n  ]";
+      };
   auto tag_pool = [](const ExtraAttrs &ex, AttrId id) -> const NamePool * {
     auto it = ex.str.find(static_cast<int>(id));
     return it == ex.str.end() ? nullptr : &it->second;
   };
-  elements("Vars", "VarName", d.vars.names, "C", tag_pool(d.vars.extra, AttrId::VTag),
-           d.num_vars(), {{"X", &s.x}, {"RC", &s.rc}});
+  elements("Vars", "VarName", d.vars.names, "C", tag_pool(d.vars.extra, AttrId::VTag), d.num_vars(),
+           {{"X", &s.x}, {"RC", &s.rc}});
   elements("Constrs", "ConstrName", d.constrs.names, "R", tag_pool(d.constrs.extra, AttrId::CTag),
            d.num_constrs(), {{"Slack", &s.slack}, {"Pi", &s.pi}});
   elements("QConstrs", "QCName", d.qconstrs.names, "QC", tag_pool(d.qconstrs.extra, AttrId::QCTag),

@@ -14,6 +14,9 @@ namespace kvr::io {
 void read_data_file(kvr_model *model, const std::string &filename, FileType t);
 // Writes a data file; DATA_NOT_AVAILABLE when the model has nothing of that kind to write.
 void write_data_file(kvr_model *model, const std::string &filename, FileType t);
+// The IIS as a model file in LP format (its constraints, the variables they use, the bounds that
+// belong to it); DATA_NOT_AVAILABLE when no IIS has been computed.
+void write_iis_file(kvr_model *model, const std::string &filename);
 // The last solve's results as JSON text; DATA_NOT_AVAILABLE before any solve.
 std::string json_solution(kvr_model *model);
 

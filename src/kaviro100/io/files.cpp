@@ -24,10 +24,10 @@ FileType file_type(std::string_view filename) {
   static const struct {
     const char *ext;
     FileType type;
-  } kTypes[] = {{"lp", FileType::Lp},     {"mps", FileType::Mps},   {"sol", FileType::Sol},
-                {"mst", FileType::Mst},   {"hnt", FileType::Hnt},   {"ord", FileType::Ord},
-                {"bas", FileType::Bas},   {"prm", FileType::Prm},   {"attr", FileType::Attr},
-                {"json", FileType::Json}};
+  } kTypes[] = {{"lp", FileType::Lp},     {"mps", FileType::Mps}, {"sol", FileType::Sol},
+                {"mst", FileType::Mst},   {"hnt", FileType::Hnt}, {"ord", FileType::Ord},
+                {"bas", FileType::Bas},   {"prm", FileType::Prm}, {"attr", FileType::Attr},
+                {"json", FileType::Json}, {"ilp", FileType::Ilp}};
   for (const auto &t : kTypes)
     if (iequals(ext, t.ext)) return t.type;
   return FileType::Unknown;
@@ -55,6 +55,8 @@ const char *file_type_name(FileType t) {
       return "attribute";
     case FileType::Json:
       return "JSON solution";
+    case FileType::Ilp:
+      return "IIS";
     default:
       return "unknown";
   }
@@ -69,7 +71,7 @@ double seconds_since(std::chrono::steady_clock::time_point t0) {
 [[noreturn]] void unknown_type(const char *filename, const char *what) {
   fail(KVR_ERROR_INVALID_ARGUMENT,
        "Unknown file type for file '%s': %s (known suffixes: .lp, .mps, .sol, .mst, .hnt, .ord, "
-       ".bas, .prm, .attr, .json, optionally followed by .gz or .bz2)",
+       ".bas, .prm, .attr, .json, .ilp, optionally followed by .gz or .bz2)",
        filename, what);
 }
 
@@ -87,6 +89,13 @@ ModelData read_model_file(const std::string &filename, kvr_env &env) {
   LineReader in(filename);
   env.logf("Read %s format model from file %s\n", file_type_name(t), filename.c_str());
   ModelData d = t == FileType::Lp ? read_lp(in) : read_mps(in);
+  if (env.params.get_int(ParamId::IgnoreNames)) {
+    for (NamePool *names : {&d.vars.names, &d.constrs.names, &d.qconstrs.names, &d.gens.names}) {
+      size_t n = names->size();
+      names->clear();
+      names->resize(n);
+    }
+  }
   env.logf("Reading time = %.2f seconds\n", seconds_since(t0));
   env.logf("%s: %d rows, %d columns, %lld nonzeros\n", d.name.c_str(), d.num_constrs(),
            d.num_vars(), static_cast<long long>(d.constrs.rows.nnz()));
@@ -130,9 +139,9 @@ int KVRread(KVRmodel *model, const char *filename) {
       kvr::fail(KVR_ERROR_INVALID_ARGUMENT,
                 "Unable to read model file '%s' into an existing model: read it as a new model",
                 filename);
-    if (t == FileType::Json)
-      kvr::fail(KVR_ERROR_INVALID_ARGUMENT,
-                "Unable to read '%s': JSON solution files are written, not read", filename);
+    if (t == FileType::Json || t == FileType::Ilp)
+      kvr::fail(KVR_ERROR_INVALID_ARGUMENT, "Unable to read '%s': %s files are written, not read",
+                filename, file_type_name(t));
     read_data_file(model, filename, t);
     model->env.logf("Read %s file %s\n", file_type_name(t), filename);
   });
@@ -157,7 +166,8 @@ int KVRgetjsonsolution(KVRmodel *model, char **buffP) {
   if (buffP) *buffP = nullptr;
   if (!model) return KVR_ERROR_NULL_ARGUMENT;
   return model->run([&] {
-    if (!buffP) kvr::fail(KVR_ERROR_NULL_ARGUMENT, "Null buffer pointer given to KVRgetjsonsolution");
+    if (!buffP)
+      kvr::fail(KVR_ERROR_NULL_ARGUMENT, "Null buffer pointer given to KVRgetjsonsolution");
     kvr::check_queryable(model);
     std::string s = json_solution(model);
     char *p = static_cast<char *>(std::malloc(s.size() + 1));

@@ -9,7 +9,7 @@
 
 namespace kvr::io {
 
-enum class FileType { Lp, Mps, Sol, Mst, Hnt, Ord, Bas, Prm, Attr, Json, Unknown };
+enum class FileType { Lp, Mps, Sol, Mst, Hnt, Ord, Bas, Prm, Attr, Json, Ilp, Unknown };
 
 // Type named by the suffix after a compression suffix is stripped ("m.lp.gz" is Lp). Throws
 // NOT_SUPPORTED for compressions this build cannot handle.

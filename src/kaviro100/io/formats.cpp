@@ -8,9 +8,9 @@ namespace kvr::io {
 namespace {
 constexpr int kLazyKey = static_cast<int>(AttrId::Lazy);
 
-const char *const kGenKeywords[] = {"MAX",       "MIN",  "ABS", "AND",  "OR",   "NORM",
-                                    "INDICATOR", "PWL",  "POLY", "EXP", "EXPA", "LOG",
-                                    "LOGA",      "POW",  "SIN", "COS",  "TAN",  "LOGISTIC"};
+const char *const kGenKeywords[] = {"MAX",       "MIN", "ABS",  "AND", "OR",   "NORM",
+                                    "INDICATOR", "PWL", "POLY", "EXP", "EXPA", "LOG",
+                                    "LOGA",      "POW", "SIN",  "COS", "TAN",  "LOGISTIC"};
 }  // namespace
 
 int lazy_level(const ModelData &d, int i) {
@@ -40,10 +40,8 @@ namespace {
 const struct {
   const char *key;
   int which;
-} kFuncPieceKeys[] = {{"FuncPieces", 0},
-                      {"FuncPieceError", 1},
-                      {"FuncPieceLength", 2},
-                      {"FuncPieceRatio", 3}};
+} kFuncPieceKeys[] = {
+    {"FuncPieces", 0}, {"FuncPieceError", 1}, {"FuncPieceLength", 2}, {"FuncPieceRatio", 3}};
 }  // namespace
 
 std::string funcpiece_settings(const GenConstr &g) {

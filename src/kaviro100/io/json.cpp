@@ -128,21 +128,35 @@ class JsonParser {
       if (pos_ >= line_.size()) in_.fail("unterminated string in the JSON document");
       char e = line_[pos_++];
       switch (e) {
-        case 'n': s += '\n'; break;
-        case 't': s += '\t'; break;
-        case 'r': s += '\r'; break;
-        case 'b': s += '\b'; break;
-        case 'f': s += '\f'; break;
+        case 'n':
+          s += '\n';
+          break;
+        case 't':
+          s += '\t';
+          break;
+        case 'r':
+          s += '\r';
+          break;
+        case 'b':
+          s += '\b';
+          break;
+        case 'f':
+          s += '\f';
+          break;
         case 'u': {
           if (pos_ + 4 > line_.size()) in_.fail("malformed \\u escape in the JSON document");
           unsigned code = 0;
           for (int k = 0; k < 4; ++k) {
             char h = line_[pos_++];
             code <<= 4;
-            if (h >= '0' && h <= '9') code |= static_cast<unsigned>(h - '0');
-            else if (h >= 'a' && h <= 'f') code |= static_cast<unsigned>(h - 'a' + 10);
-            else if (h >= 'A' && h <= 'F') code |= static_cast<unsigned>(h - 'A' + 10);
-            else in_.fail("malformed \\u escape in the JSON document");
+            if (h >= '0' && h <= '9')
+              code |= static_cast<unsigned>(h - '0');
+            else if (h >= 'a' && h <= 'f')
+              code |= static_cast<unsigned>(h - 'a' + 10);
+            else if (h >= 'A' && h <= 'F')
+              code |= static_cast<unsigned>(h - 'A' + 10);
+            else
+              in_.fail("malformed \\u escape in the JSON document");
           }
           // UTF-8 encoding of the code point (surrogate pairs are kept as they come).
           if (code < 0x80) {
@@ -176,11 +190,21 @@ void json_string(std::string &out, std::string_view s) {
   out += '"';
   for (char c : s) {
     switch (c) {
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      case '\n': out += "\\n"; break;
-      case '\t': out += "\\t"; break;
-      case '\r': out += "\\r"; break;
+      case '"':
+        out += "\\\"";
+        break;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
+      case '\r':
+        out += "\\r";
+        break;
       default:
         if (static_cast<unsigned char>(c) < 0x20) {
           char buf[8];

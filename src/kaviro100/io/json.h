@@ -16,9 +16,9 @@ struct JsonValue {
   double number = 0;
   bool boolean = false;
   std::string text;
-  std::vector<JsonValue> items;                              // Array
-  std::vector<std::pair<std::string, JsonValue>> members;    // Object, in file order
-  long line = 0;                                             // where the value begins
+  std::vector<JsonValue> items;                            // Array
+  std::vector<std::pair<std::string, JsonValue>> members;  // Object, in file order
+  long line = 0;                                           // where the value begins
 };
 
 // Parses a whole JSON document; throws FILE_READ with the file and line of a syntax error.

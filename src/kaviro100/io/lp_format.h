@@ -58,8 +58,7 @@ inline size_t scan_number(const char *s, size_t len) {
 
 // A character that cannot continue a name outside brackets.
 inline bool ends_name(char c) {
-  return static_cast<unsigned char>(c) <= ' ' || is_operator(c) || c == ')' || c == ']' ||
-         c == ',';
+  return static_cast<unsigned char>(c) <= ' ' || is_operator(c) || c == ')' || c == ']' || c == ',';
 }
 
 // Length of the name that starts at s[0]; 0 when a number, an operator or a bracket starts there.

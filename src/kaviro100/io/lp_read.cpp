@@ -35,12 +35,41 @@ namespace kvr::io {
 namespace {
 
 enum class Tk : char {
-  Num, Name, Label, Plus, Minus, Times, Div, Pow, Colon, LBrack, RBrack, LParen, RParen, Comma,
-  Le, Ge, Eq, Arrow, Section, Eof
+  Num,
+  Name,
+  Label,
+  Plus,
+  Minus,
+  Times,
+  Div,
+  Pow,
+  Colon,
+  LBrack,
+  RBrack,
+  LParen,
+  RParen,
+  Comma,
+  Le,
+  Ge,
+  Eq,
+  Arrow,
+  Section,
+  Eof
 };
 
 enum class Sec : char {
-  None, Objective, Constraints, Lazy, Bounds, Generals, Binaries, Semis, Sos, GenCons, PwlObj, End
+  None,
+  Objective,
+  Constraints,
+  Lazy,
+  Bounds,
+  Generals,
+  Binaries,
+  Semis,
+  Sos,
+  GenCons,
+  PwlObj,
+  End
 };
 
 struct Token {
@@ -133,7 +162,8 @@ class LpReader {
       return false;
     };
     pending_level_ = 1;
-    if (is(0, {"minimize", "minimise", "minimum", "min", "maximize", "maximise", "maximum", "max"})) {
+    if (is(0,
+           {"minimize", "minimise", "minimum", "min", "maximize", "maximise", "maximum", "max"})) {
       if (n == 1 || (n == 2 && is(1, {"multi-objectives"}))) {
         pending_ = Sec::Objective;
         pending_sense_ = (w[0][1] | 0x20) == 'a' ? KVR_MAXIMIZE : KVR_MINIMIZE;
@@ -143,7 +173,8 @@ class LpReader {
       return false;
     }
     if ((n == 2 && is(0, {"subject"}) && is(1, {"to"})) ||
-        (n == 2 && is(0, {"such"}) && is(1, {"that"})) || (n == 1 && is(0, {"st", "s.t.", "st."}))) {
+        (n == 2 && is(0, {"such"}) && is(1, {"that"})) ||
+        (n == 1 && is(0, {"st", "s.t.", "st."}))) {
       pending_ = Sec::Constraints;
       return true;
     }
@@ -164,12 +195,22 @@ class LpReader {
     static const struct {
       const char *word;
       Sec sec;
-    } kOne[] = {{"bounds", Sec::Bounds},   {"bound", Sec::Bounds},      {"general", Sec::Generals},
-                {"generals", Sec::Generals}, {"gen", Sec::Generals},    {"integer", Sec::Generals},
-                {"integers", Sec::Generals}, {"binary", Sec::Binaries}, {"binaries", Sec::Binaries},
-                {"bin", Sec::Binaries},     {"semi-continuous", Sec::Semis},
-                {"semis", Sec::Semis},      {"semi", Sec::Semis},       {"sos", Sec::Sos},
-                {"pwlobj", Sec::PwlObj},    {"end", Sec::End}};
+    } kOne[] = {{"bounds", Sec::Bounds},
+                {"bound", Sec::Bounds},
+                {"general", Sec::Generals},
+                {"generals", Sec::Generals},
+                {"gen", Sec::Generals},
+                {"integer", Sec::Generals},
+                {"integers", Sec::Generals},
+                {"binary", Sec::Binaries},
+                {"binaries", Sec::Binaries},
+                {"bin", Sec::Binaries},
+                {"semi-continuous", Sec::Semis},
+                {"semis", Sec::Semis},
+                {"semi", Sec::Semis},
+                {"sos", Sec::Sos},
+                {"pwlobj", Sec::PwlObj},
+                {"end", Sec::End}};
     for (const auto &k : kOne)
       if (iequals(w[0], k.word)) {
         pending_ = k.sec;
@@ -237,20 +278,40 @@ class LpReader {
       Tk t;
       size_t len = 1;
       switch (c) {
-        case '+': t = Tk::Plus; break;
+        case '+':
+          t = Tk::Plus;
+          break;
         case '-':
           t = Tk::Minus;
           if (i + 1 < n && s[i + 1] == '>') t = Tk::Arrow, len = 2;
           break;
-        case '*': t = Tk::Times; break;
-        case '/': t = Tk::Div; break;
-        case '^': t = Tk::Pow; break;
-        case ':': t = Tk::Colon; break;
-        case '[': t = Tk::LBrack; break;
-        case ']': t = Tk::RBrack; break;
-        case '(': t = Tk::LParen; break;
-        case ')': t = Tk::RParen; break;
-        case ',': t = Tk::Comma; break;
+        case '*':
+          t = Tk::Times;
+          break;
+        case '/':
+          t = Tk::Div;
+          break;
+        case '^':
+          t = Tk::Pow;
+          break;
+        case ':':
+          t = Tk::Colon;
+          break;
+        case '[':
+          t = Tk::LBrack;
+          break;
+        case ']':
+          t = Tk::RBrack;
+          break;
+        case '(':
+          t = Tk::LParen;
+          break;
+        case ')':
+          t = Tk::RParen;
+          break;
+        case ',':
+          t = Tk::Comma;
+          break;
         case '<':
           t = Tk::Le;
           if (i + 1 < n && s[i + 1] == '=') len = 2;
@@ -261,9 +322,12 @@ class LpReader {
           break;
         case '=':
           t = Tk::Eq;
-          if (i + 1 < n && s[i + 1] == '<') t = Tk::Le, len = 2;
-          else if (i + 1 < n && s[i + 1] == '>') t = Tk::Ge, len = 2;
-          else if (i + 1 < n && s[i + 1] == '=') len = 2;
+          if (i + 1 < n && s[i + 1] == '<')
+            t = Tk::Le, len = 2;
+          else if (i + 1 < n && s[i + 1] == '>')
+            t = Tk::Ge, len = 2;
+          else if (i + 1 < n && s[i + 1] == '=')
+            len = 2;
           break;
         default:
           in_.fail("unexpected character '%c'", c);
@@ -302,17 +366,28 @@ class LpReader {
   }
   static const char *describe(Tk t) {
     switch (t) {
-      case Tk::Num: return "a number";
-      case Tk::Name: return "a name";
-      case Tk::Colon: return "':'";
-      case Tk::LBrack: return "'['";
-      case Tk::RBrack: return "']'";
-      case Tk::LParen: return "'('";
-      case Tk::RParen: return "')'";
-      case Tk::Comma: return "','";
-      case Tk::Eq: return "'='";
-      case Tk::Arrow: return "'->'";
-      default: return "something else";
+      case Tk::Num:
+        return "a number";
+      case Tk::Name:
+        return "a name";
+      case Tk::Colon:
+        return "':'";
+      case Tk::LBrack:
+        return "'['";
+      case Tk::RBrack:
+        return "']'";
+      case Tk::LParen:
+        return "'('";
+      case Tk::RParen:
+        return "')'";
+      case Tk::Comma:
+        return "','";
+      case Tk::Eq:
+        return "'='";
+      case Tk::Arrow:
+        return "'->'";
+      default:
+        return "something else";
     }
   }
   [[noreturn]] void expected(const char *what) {
@@ -355,6 +430,8 @@ class LpReader {
     if (j >= 0) return j;
     if (lp::is_reserved(name) && (iequals(name, "inf") || iequals(name, "infinity")))
       in_.fail("'%.*s' cannot be a variable name here", static_cast<int>(name.size()), name.data());
+    if (name.size() > KVR_MAX_NAMELEN)
+      in_.fail("name '%.20s...' is longer than %d characters", name.data(), KVR_MAX_NAMELEN);
     j = d_.vars.size();
     d_.vars.names.push_back(name);
     vars_.add(j);
@@ -406,7 +483,8 @@ class LpReader {
       advance();
       return true;
     }
-    if (allow_inf && t->type == Tk::Name && (iequals(t->text, "inf") || iequals(t->text, "infinity"))) {
+    if (allow_inf && t->type == Tk::Name &&
+        (iequals(t->text, "inf") || iequals(t->text, "infinity"))) {
       v = sign * KVR_INFINITY;
       advance();
       return true;
@@ -441,6 +519,9 @@ class LpReader {
         bracket(*q, sign);
       } else if (t->type == Tk::Num) {
         double c = sign * t->num;
+        if (c <= -KVR_INFINITY || c >= KVR_INFINITY)
+          in_.fail("'%.*s' is infinite; coefficients must be finite",
+                   static_cast<int>(t->text.size()), t->text.data());
         advance();
         if (cur().type == Tk::Times && peek(1) == Tk::Name) advance();
         if (cur().type == Tk::Name && !at_label() && !is_inf(cur().text)) {
@@ -514,6 +595,8 @@ class LpReader {
     std::string name;
     if (at_label()) {
       name = std::string(cur().text);
+      if (name.size() > KVR_MAX_NAMELEN)
+        in_.fail("name '%.20s...' is longer than %d characters", name.c_str(), KVR_MAX_NAMELEN);
       if (cur().type == Tk::Name) advance();  // the colon
       advance();
     }
@@ -581,7 +664,10 @@ class LpReader {
       indicator(std::move(name));
       return;
     }
-    Linear lin;
+    // The row buffer keeps its capacity from one constraint to the next.
+    Linear &lin = row_;
+    lin.ind.clear();
+    lin.val.clear();
     double lhs_const = 0;
     has_bracket_ = false;
     QuadTerms q;
@@ -741,7 +827,8 @@ class LpReader {
       Tk s2 = cur().type;
       advance();
       double w = value("a bound");
-      if (s2 != s || s == Tk::Eq) in_.fail("the two senses of a bound must both be <= or both be >=");
+      if (s2 != s || s == Tk::Eq)
+        in_.fail("the two senses of a bound must both be <= or both be >=");
       if (s2 == Tk::Le)
         set_ub(j, w);
       else
@@ -821,7 +908,8 @@ class LpReader {
       std::string_view w = fn.substr(4);
       if (iequals(w, "INF")) {
         g.constant = KVR_INFINITY;
-      } else if (!to_double(w, g.constant)) {
+      } else if (!to_double(w, g.constant) ||
+                 (g.constant != 0 && g.constant != 1 && g.constant != 2)) {
         in_.fail("unknown norm '%.*s' (expected NORM0, NORM1, NORM2 or NORMINF)",
                  static_cast<int>(fn.size()), fn.data());
       }
@@ -894,8 +982,9 @@ class LpReader {
         std::string key(cur().text);
         if (iequals(key, "Options")) {
           const Token &eq = peek_token(1);
-          std::string_view rest(eq.text.data() + 1,
-                                static_cast<size_t>(line_.data() + line_.size() - eq.text.data() - 1));
+          std::string_view rest(
+              eq.text.data() + 1,
+              static_cast<size_t>(line_.data() + line_.size() - eq.text.data() - 1));
           g.options = std::string(trim(rest));
           pos_ = toks_.size();
           break;
@@ -904,9 +993,10 @@ class LpReader {
         advance();
         double v = value("a number");
         if (!set_funcpiece(g, key, v))
-          in_.fail("unknown setting '%s' (expected FuncPieces, FuncPieceError, FuncPieceLength, "
-                   "FuncPieceRatio or Options)",
-                   key.c_str());
+          in_.fail(
+              "unknown setting '%s' (expected FuncPieces, FuncPieceError, FuncPieceLength, "
+              "FuncPieceRatio or Options)",
+              key.c_str());
       }
     }
     d_.gens.items.push_back(std::move(g));
@@ -917,8 +1007,9 @@ class LpReader {
     if (!at_label()) expected("a variable followed by ':'");
     int j = var(label());
     for (const PwlObj &p : d_.pwlobj)
-      if (p.var == j) in_.fail("second piecewise-linear objective for variable '%.*s'",
-                               static_cast<int>(d_.vars.names.get(j).size()), d_.vars.names.get(j).data());
+      if (p.var == j)
+        in_.fail("second piecewise-linear objective for variable '%.*s'",
+                 static_cast<int>(d_.vars.names.get(j).size()), d_.vars.names.get(j).data());
     PwlObj p;
     p.var = j;
     while (cur().type == Tk::LParen) {
@@ -982,6 +1073,7 @@ class LpReader {
   std::vector<int> slot_;
   std::vector<int> lazy_levels_;
   std::vector<Range> ranges_;
+  Linear row_;
 };
 
 }  // namespace

@@ -31,11 +31,13 @@ namespace kvr::io {
 namespace lp {
 bool is_reserved(std::string_view name) {
   static const char *const kWords[] = {
-      "inf",      "infinity", "free",      "minimize", "maximize", "minimise",  "maximise",
-      "minimum",  "maximum",  "min",       "max",      "st",       "s.t.",      "st.",
-      "bounds",   "bound",    "general",   "generals", "gen",      "integer",   "integers",
-      "binary",   "binaries", "bin",       "semi-continuous",      "semis",     "semi",
-      "sos",      "end",      "pwlobj",    "subject",  "such",     "lazy",      "user"};
+      "inf",      "infinity", "free",     "minimize", "maximize",
+      "minimise", "maximise", "minimum",  "maximum",  "min",
+      "max",      "st",       "s.t.",     "st.",      "bounds",
+      "bound",    "general",  "generals", "gen",      "integer",
+      "integers", "binary",   "binaries", "bin",      "semi-continuous",
+      "semis",    "semi",     "sos",      "end",      "pwlobj",
+      "subject",  "such",     "lazy",     "user"};
   for (const char *w : kWords)
     if (iequals(name, w)) return true;
   return false;
@@ -49,8 +51,12 @@ constexpr size_t kLineWidth = 100;
 class LpWriter {
  public:
   LpWriter(const ModelData &d, TextWriter &out)
-      : d_(d), out_(out), vname_(d.vars.names, "C"), cname_(d.constrs.names, "R"),
-        qname_(d.qconstrs.names, "QC"), gname_(d.gens.names, "GC") {}
+      : d_(d),
+        out_(out),
+        vname_(d.vars.names, "C"),
+        cname_(d.constrs.names, "R"),
+        qname_(d.qconstrs.names, "QC"),
+        gname_(d.gens.names, "GC") {}
 
   void write() {
     check_writable(d_, "LP");
@@ -81,10 +87,11 @@ class LpWriter {
   void check_names() {
     auto check = [&](std::string_view n, const char *kind, int i) {
       if (lp::scan_name(n.data(), n.size()) != n.size() || n.empty())
-        fail(KVR_ERROR_INVALID_ARGUMENT,
-             "Unable to write %s %d named '%.*s' in LP format: LP variable names cannot be numbers, "
-             "begin with '/', or contain blanks or any of + - * ^ : < > = \\",
-             kind, i, static_cast<int>(n.size()), n.data());
+        fail(
+            KVR_ERROR_INVALID_ARGUMENT,
+            "Unable to write %s %d named '%.*s' in LP format: LP variable names cannot be numbers, "
+            "begin with '/', or contain blanks or any of + - * ^ : < > = \\",
+            kind, i, static_cast<int>(n.size()), n.data());
       if (lp::is_reserved(n))
         fail(KVR_ERROR_INVALID_ARGUMENT,
              "Unable to write %s %d named '%.*s' in LP format: the name is a keyword of the format",
@@ -111,12 +118,10 @@ class LpWriter {
              colidx.find(n), j, static_cast<int>(n.size()), n.data());
     }
     for (int i = 0; i < d_.constrs.size(); ++i) check_label(cname_(i), "constraint", i);
-    for (int i = 0; i < d_.qconstrs.size(); ++i)
-      check_label(qname_(i), "quadratic constraint", i);
+    for (int i = 0; i < d_.qconstrs.size(); ++i) check_label(qname_(i), "quadratic constraint", i);
     for (int i = 0; i < d_.gens.size(); ++i) check_label(gname_(i), "general constraint", i);
     for (size_t k = 0; k < d_.objn.size(); ++k)
-      if (!d_.objn[k].name.empty())
-        check_label(d_.objn[k].name, "objective", static_cast<int>(k));
+      if (!d_.objn[k].name.empty()) check_label(d_.objn[k].name, "objective", static_cast<int>(k));
   }
 
   // ---------------------------------------------------------------- order of appearance
@@ -407,8 +412,8 @@ class LpWriter {
     static const struct {
       char type;
       const char *header;
-    } kSections[] = {{KVR_BINARY, "Binaries"}, {KVR_INTEGER, "Generals"},
-                     {KVR_SEMICONT, "Semi-Continuous"}};
+    } kSections[] = {
+        {KVR_BINARY, "Binaries"}, {KVR_INTEGER, "Generals"}, {KVR_SEMICONT, "Semi-Continuous"}};
     for (const auto &s : kSections) {
       bool any = false;
       for (int j = 0; j < d_.vars.size(); ++j) {
@@ -541,7 +546,7 @@ class LpWriter {
       label(vname_(p.var));
       for (size_t k = 0; k < p.x.size(); ++k) {
         wrap();
-        text(" ( ");
+        text(k == 0 ? "( " : " ( ");
         number(p.x[k]);
         text(" , ");
         number(p.y[k]);

@@ -121,15 +121,15 @@ class MpsReader {
     static const struct {
       const char *name;
       Section section;
-    } kSections[] = {{"NAME", Section::Name},         {"OBJSENSE", Section::ObjSense},
-                     {"OBJSENS", Section::ObjSense},  {"OBJNAME", Section::ObjName},
-                     {"ROWS", Section::Rows},         {"LAZYCONS", Section::Rows},
-                     {"COLUMNS", Section::Columns},   {"RHS", Section::Rhs},
-                     {"RANGES", Section::Ranges},     {"BOUNDS", Section::Bounds},
-                     {"QUADOBJ", Section::QuadObj},   {"QSECTION", Section::QuadObj},
-                     {"QMATRIX", Section::QMatrix},   {"QCMATRIX", Section::QCMatrix},
-                     {"SOS", Section::Sos},           {"INDICATORS", Section::Indicators},
-                     {"GENCONS", Section::GenCons},   {"PWLOBJ", Section::PwlObj},
+    } kSections[] = {{"NAME", Section::Name},        {"OBJSENSE", Section::ObjSense},
+                     {"OBJSENS", Section::ObjSense}, {"OBJNAME", Section::ObjName},
+                     {"ROWS", Section::Rows},        {"LAZYCONS", Section::Rows},
+                     {"COLUMNS", Section::Columns},  {"RHS", Section::Rhs},
+                     {"RANGES", Section::Ranges},    {"BOUNDS", Section::Bounds},
+                     {"QUADOBJ", Section::QuadObj},  {"QSECTION", Section::QuadObj},
+                     {"QMATRIX", Section::QMatrix},  {"QCMATRIX", Section::QCMatrix},
+                     {"SOS", Section::Sos},          {"INDICATORS", Section::Indicators},
+                     {"GENCONS", Section::GenCons},  {"PWLOBJ", Section::PwlObj},
                      {"ENDATA", Section::End}};
     Section s = Section::None;
     for (const auto &k : kSections)
@@ -154,10 +154,13 @@ class MpsReader {
     }
     section_ = s;
     switch (s) {
-      case Section::Name:
-        // The rest of the line (fixed-format files put it in columns 15-22 and may add notes).
-        d_.name = std::string(trim_blanks(trim_blanks(line).substr(key.size())));
-        break;
+      case Section::Name: {
+        // The rest of the line up to a run of blanks: fixed-format files put the name in
+        // columns 15-22 and may add notes after it ("AFIRO   SIZE: ...").
+        std::string_view rest = trim_blanks(trim_blanks(line).substr(key.size()));
+        size_t cut = std::min(rest.find("  "), rest.find('\t'));
+        d_.name = std::string(trim_blanks(rest.substr(0, cut)));
+      } break;
       case Section::ObjSense:
         if (n >= 2) set_sense(f_[1]);
         break;
@@ -228,7 +231,10 @@ class MpsReader {
                static_cast<int>(s.size()), s.data());
   }
 
-  void set_objname(std::string_view s) { objname_ = std::string(s); }
+  void set_objname(std::string_view s) {
+    objname_ = std::string(s);
+    objname_line_ = in_.line_number();
+  }
 
   // ---------------------------------------------------------------- data lines
 
@@ -303,6 +309,11 @@ class MpsReader {
 
   bool has_range(int r) const { return !std::isnan(range_[r]); }
 
+  void check_name(std::string_view name) {
+    if (name.size() > KVR_MAX_NAMELEN)
+      in_.fail("name '%.20s...' is longer than %d characters", name.data(), KVR_MAX_NAMELEN);
+  }
+
   void row_line(std::string_view line, int n) {
     std::string_view type, name;
     if (n == 2) {
@@ -310,13 +321,15 @@ class MpsReader {
     } else {
       // Fixed format: a name with blanks in columns 5-12.
       type = fixed_field(line, 2, 3), name = fixed_field(line, 5, 12);
-      if (type.empty() || name.empty() || (line.size() > 12 && !trim_blanks(line.substr(12)).empty()))
+      if (type.empty() || name.empty() ||
+          (line.size() > 12 && !trim_blanks(line.substr(12)).empty()))
         in_.fail("expected a row type and a row name");
     }
     char t = type.size() == 1 ? static_cast<char>(type[0] & ~0x20) : '?';
     if (t != 'N' && t != 'L' && t != 'G' && t != 'E')
       in_.fail("unknown row type '%.*s' (expected N, L, G or E)", static_cast<int>(type.size()),
                type.data());
+    check_name(name);
     int r = static_cast<int>(row_names_.size());
     row_names_.push_back(name);
     if (row_index_.add(r) != r)
@@ -331,6 +344,7 @@ class MpsReader {
 
   // Adds a column; returns its index.
   int new_column(std::string_view name) {
+    check_name(name);
     int j = d_.vars.size();
     d_.vars.names.push_back(name);
     col_index_.add(j);
@@ -351,6 +365,10 @@ class MpsReader {
     if (!to_double(value, v))
       in_.fail("expected a number for the coefficient of column '%s' in row '%s', found '%.*s'",
                col_name(j), row_name(r), static_cast<int>(value.size()), value.data());
+    if (v <= -KVR_INFINITY || v >= KVR_INFINITY)
+      in_.fail(
+          "the coefficient of column '%s' in row '%s' is infinite; coefficients must be finite",
+          col_name(j), row_name(r));
     if (r == obj_row_) {
       if (obj_seen_.size() <= static_cast<size_t>(j)) obj_seen_.resize(static_cast<size_t>(j) + 1);
       if (obj_seen_[j]) in_.fail("second objective entry for column '%s'", col_name(j));
@@ -359,7 +377,8 @@ class MpsReader {
       return;
     }
     if (row_kind_[r] == kFree) return;
-    if (mark_col_[r] == j) in_.fail("second entry for column '%s' in row '%s'", col_name(j), row_name(r));
+    if (mark_col_[r] == j)
+      in_.fail("second entry for column '%s' in row '%s'", col_name(j), row_name(r));
     mark_col_[r] = j;
     trow_.push_back(r);
     tcol_.push_back(j);
@@ -387,10 +406,12 @@ class MpsReader {
       col = f_[0], r1 = f_[1], v1 = f_[2];
       if (n == 5) r2 = f_[3], v2 = f_[4];
     } else if (line.size() >= 25 && row_index_.find(fixed_field(line, 15, 22)) >= 0) {
-      col = fixed_field(line, 5, 12), r1 = fixed_field(line, 15, 22), v1 = fixed_field(line, 25, 36);
+      col = fixed_field(line, 5, 12), r1 = fixed_field(line, 15, 22),
+      v1 = fixed_field(line, 25, 36);
       r2 = fixed_field(line, 40, 47), v2 = fixed_field(line, 50, 61);
       if (col.empty()) in_.fail("expected a column name");
-      if (!r2.empty() && v2.empty()) in_.fail("expected a value after row '%.*s'", static_cast<int>(r2.size()), r2.data());
+      if (!r2.empty() && v2.empty())
+        in_.fail("expected a value after row '%.*s'", static_cast<int>(r2.size()), r2.data());
     } else if (n == 3 || n == 5) {
       col = f_[0], r1 = f_[1], v1 = f_[2];
       if (n == 5) r2 = f_[3], v2 = f_[4];
@@ -432,12 +453,14 @@ class MpsReader {
       set = f_[0], r1 = f_[1], v1 = f_[2];
       if (n == 5) r2 = f_[3], v2 = f_[4];
     } else if (line.size() >= 25 && row_index_.find(fixed_field(line, 15, 22)) >= 0) {
-      set = fixed_field(line, 5, 12), r1 = fixed_field(line, 15, 22), v1 = fixed_field(line, 25, 36);
+      set = fixed_field(line, 5, 12), r1 = fixed_field(line, 15, 22),
+      v1 = fixed_field(line, 25, 36);
       r2 = fixed_field(line, 40, 47), v2 = fixed_field(line, 50, 61);
     } else {
       // Report the first thing that is wrong in the free reading.
       int first = (n % 2 == 1) ? 1 : 0;
-      if (n < 2 || n > 5) in_.fail("expected an optional set name and one or two pairs of row name and value");
+      if (n < 2 || n > 5)
+        in_.fail("expected an optional set name and one or two pairs of row name and value");
       for (int k = first; k + 1 < n; k += 2) {
         find_row(f_[k]);
         number(f_[k + 1], ranges ? "a range" : "a right-hand side");
@@ -477,7 +500,8 @@ class MpsReader {
   void bound_line(std::string_view line, int n) {
     if (n < 2) in_.fail("expected a bound type and a column name");
     std::string_view type = f_[0];
-    static const char *kTypes[] = {"UP", "LO", "FX", "FR", "MI", "PL", "BV", "LI", "UI", "SC", "SI"};
+    static const char *kTypes[] = {"UP", "LO", "FX", "FR", "MI", "PL",
+                                   "BV", "LI", "UI", "SC", "SI"};
     int kind = -1;
     for (int k = 0; k < 11; ++k)
       if (upper_equals(type, kTypes[k])) kind = k;
@@ -518,7 +542,9 @@ class MpsReader {
     }
     if (!ok) {
       // Say what is wrong with the free reading: the column, else the value, else the layout.
-      int ci = needs_value ? std::max(1, n - 2) : optional_value && n >= 3 && !known(f_[1]) ? 2 : n - 1;
+      int ci = needs_value                                 ? std::max(1, n - 2)
+               : optional_value && n >= 3 && !known(f_[1]) ? 2
+                                                           : n - 1;
       if (ci < n && !known(f_[ci]))
         in_.fail("unknown column '%.*s' in bound of type %s", static_cast<int>(f_[ci].size()),
                  f_[ci].data(), kTypes[kind]);
@@ -570,7 +596,7 @@ class MpsReader {
         if (v < 0 && lb == 0.0 && !(st & kLbGiven)) lb = -KVR_INFINITY;
         vt = KVR_INTEGER, ub = v, st |= kUbGiven;
         break;
-      case 9:  // SC
+      case 9:   // SC
       case 10:  // SI
         vt = (kind == 10 || vt == KVR_INTEGER) ? KVR_SEMIINT : KVR_SEMICONT;
         ub = value.empty() ? KVR_INFINITY : v, st |= kUbGiven;
@@ -628,14 +654,15 @@ class MpsReader {
       in_.fail("expected IF, a row name, a binary column name and 0 or 1");
     int r = find_row(f_[1]);
     if (row_type_[r] == 'N') in_.fail("row '%s' is the objective or free", row_name(r));
-    if (row_kind_[r] == kQuadratic) in_.fail("row '%s' is quadratic and cannot be an indicator", row_name(r));
+    if (row_kind_[r] == kQuadratic)
+      in_.fail("row '%s' is quadratic and cannot be an indicator", row_name(r));
     if (row_kind_[r] == kIndicator) in_.fail("row '%s' has an indicator already", row_name(r));
     if (has_range(r)) in_.fail("row '%s' has a range; indicator rows cannot", row_name(r));
     int b = find_col(f_[2]);
     long long val;
     if (!to_int(f_[3], val) || (val != 0 && val != 1))
-      in_.fail("expected 0 or 1 as the indicator value, found '%.*s'", static_cast<int>(f_[3].size()),
-               f_[3].data());
+      in_.fail("expected 0 or 1 as the indicator value, found '%.*s'",
+               static_cast<int>(f_[3].size()), f_[3].data());
     row_kind_[r] = kIndicator;
     GenConstr g;
     g.type = KVR_GENCONSTR_INDICATOR;
@@ -660,6 +687,8 @@ class MpsReader {
       d_.gens.items.push_back(std::move(g));
       d_.gens.names.push_back(f_[1]);
       gen_ = d_.gens.size() - 1;
+      gen_lines_.resize(static_cast<size_t>(gen_) + 1);
+      gen_lines_[gen_] = in_.line_number();
       return;
     }
     if (gen_ < 0) in_.fail("expected a general constraint type (MAX, MIN, ABS, ...) and a name");
@@ -688,6 +717,8 @@ class MpsReader {
     } else if (upper_equals(key, "WHICH") && g.type == KVR_GENCONSTR_NORM) {
       need(2);
       g.constant = number(f_[1], "the norm");
+      if (g.constant != 0 && g.constant != 1 && g.constant != 2 && g.constant != KVR_INFINITY)
+        in_.fail("the norm must be 0, 1, 2 or infinity");
     } else if (upper_equals(key, "X") && fn) {
       need(2);
       g.xvar = find_col(f_[1]);
@@ -742,8 +773,9 @@ class MpsReader {
     for (int j = 0; j < ncols_file; ++j)
       if (d.vars.vtype[j] == KVR_INTEGER && !(bound_state_[j] & kAnyBound)) d.vars.ub[j] = 1.0;
     if (!objname_.empty() && obj_row_ < 0)
-      fail(KVR_ERROR_FILE_READ, "%s: the objective row '%s' named by OBJNAME is not a row",
-           in_.filename().c_str(), objname_.c_str());
+      fail(KVR_ERROR_FILE_READ,
+           "%s, line %ld: the objective row '%s' named by OBJNAME is not a row",
+           in_.filename().c_str(), objname_line_, objname_.c_str());
     if (obj_row_ >= 0) d.objn[0].name = std::string(row_names_.get(static_cast<size_t>(obj_row_)));
 
     // Entries by row, in the order of the file (column order for ordinary files).
@@ -778,7 +810,7 @@ class MpsReader {
       A.val.insert(A.val.end(), val.begin() + beg[r], val.begin() + beg[r + 1]);
       std::string_view name = row_names_.get(static_cast<size_t>(r));
       double rhs = rhs_[r];
-      char sense = row_type_[r] == 'L' ? KVR_LESS_EQUAL
+      char sense = row_type_[r] == 'L'   ? KVR_LESS_EQUAL
                    : row_type_[r] == 'G' ? KVR_GREATER_EQUAL
                                          : KVR_EQUAL;
       if (has_range(r)) {
@@ -815,7 +847,7 @@ class MpsReader {
       qc.lval.assign(val.begin() + beg[r], val.begin() + beg[r + 1]);
       qc.q = std::move(qrows_[r]);
       qc.q.normalize();
-      qc.sense = row_type_[r] == 'L' ? KVR_LESS_EQUAL
+      qc.sense = row_type_[r] == 'L'   ? KVR_LESS_EQUAL
                  : row_type_[r] == 'G' ? KVR_GREATER_EQUAL
                                        : KVR_EQUAL;
       qc.rhs = rhs_[r];
@@ -830,7 +862,7 @@ class MpsReader {
         g.resvar = -1;
         g.ind.assign(ind.begin() + beg[r], ind.begin() + beg[r + 1]);
         g.val.assign(val.begin() + beg[r], val.begin() + beg[r + 1]);
-        g.sense = row_type_[r] == 'L' ? KVR_LESS_EQUAL
+        g.sense = row_type_[r] == 'L'   ? KVR_LESS_EQUAL
                   : row_type_[r] == 'G' ? KVR_GREATER_EQUAL
                                         : KVR_EQUAL;
         g.rhs = rhs_[r];
@@ -847,17 +879,23 @@ class MpsReader {
       const char *what = nullptr;
       if (g.type == KVR_GENCONSTR_INDICATOR) continue;
       if (is_function_genconstr(g.type)) {
-        if (g.xvar < 0 || g.yvar < 0) what = "needs X and Y";
-        else if (g.type == KVR_GENCONSTR_PWL && g.xpts.empty()) what = "needs POINT entries";
-        else if (g.type == KVR_GENCONSTR_POLY && g.p.empty()) what = "needs COEF entries";
+        if (g.xvar < 0 || g.yvar < 0)
+          what = "needs X and Y";
+        else if (g.type == KVR_GENCONSTR_PWL && g.xpts.empty())
+          what = "needs POINT entries";
+        else if (g.type == KVR_GENCONSTR_POLY && g.p.empty())
+          what = "needs COEF entries";
       } else {
-        if (g.resvar < 0) what = "needs RES";
-        else if (g.type == KVR_GENCONSTR_ABS && g.vars.size() != 1) what = "needs exactly one ARG";
-        else if (g.type == KVR_GENCONSTR_NORM && g.constant < 0) what = "needs WHICH";
+        if (g.resvar < 0)
+          what = "needs RES";
+        else if (g.type == KVR_GENCONSTR_ABS && g.vars.size() != 1)
+          what = "needs exactly one ARG";
+        else if (g.type == KVR_GENCONSTR_NORM && g.constant < 0)
+          what = "needs WHICH";
       }
       if (what)
-        fail(KVR_ERROR_FILE_READ, "%s: general constraint '%s' of type %s %s",
-             in_.filename().c_str(), name.c_str(), genconstr_keyword(g.type), what);
+        fail(KVR_ERROR_FILE_READ, "%s, line %ld: general constraint '%s' of type %s %s",
+             in_.filename().c_str(), gen_lines_[i], name.c_str(), genconstr_keyword(g.type), what);
     }
   }
 
@@ -877,6 +915,8 @@ class MpsReader {
   int cur_col_ = -1;
   int obj_row_ = -1;
   std::string objname_;
+  long objname_line_ = 0;
+  std::vector<long> gen_lines_;  // line of each general constraint's header
   int qc_row_ = -1;
   int gen_ = -1;
 

@@ -28,8 +28,12 @@ namespace {
 class MpsWriter {
  public:
   MpsWriter(const ModelData &d, TextWriter &out)
-      : d_(d), out_(out), vname_(d.vars.names, "C"), cname_(d.constrs.names, "R"),
-        qname_(d.qconstrs.names, "QC"), gname_(d.gens.names, "GC") {}
+      : d_(d),
+        out_(out),
+        vname_(d.vars.names, "C"),
+        cname_(d.constrs.names, "R"),
+        qname_(d.qconstrs.names, "QC"),
+        gname_(d.gens.names, "GC") {}
 
   void write() {
     check_writable(d_, "MPS");
@@ -130,7 +134,11 @@ class MpsWriter {
     }
     if (level != 0) out_.put("ROWS\n");
     for (int i = 0; i < d_.qconstrs.size(); ++i)
-      out_.put(' ').put(sense_letter(d_.qconstrs.items[i].sense)).put("  ").put(qname_(i)).put('\n');
+      out_.put(' ')
+          .put(sense_letter(d_.qconstrs.items[i].sense))
+          .put("  ")
+          .put(qname_(i))
+          .put('\n');
     for (int i = 0; i < d_.gens.size(); ++i)
       if (d_.gens.items[i].type == KVR_GENCONSTR_INDICATOR)
         out_.put(' ').put(sense_letter(d_.gens.items[i].sense)).put("  ").put(gname_(i)).put('\n');
@@ -164,7 +172,8 @@ class MpsWriter {
     for (int j = 0; j < n; ++j) {
       bool is_int = d_.vars.vtype[j] == KVR_INTEGER;
       if (is_int != integer) {
-        out_.put(is_int ? "    MARKER    'MARKER'    'INTORG'\n" : "    MARKER    'MARKER'    'INTEND'\n");
+        out_.put(is_int ? "    MARKER    'MARKER'    'INTORG'\n"
+                        : "    MARKER    'MARKER'    'INTEND'\n");
         integer = is_int;
       }
       std::string_view name = vname_(j);
@@ -313,7 +322,13 @@ class MpsWriter {
       const GenConstr &g = d_.gens.items[i];
       if (g.type == KVR_GENCONSTR_INDICATOR) {
         if (open != kInd) out_.put("INDICATORS\n"), open = kInd;
-        out_.put(" IF ").put(gname_(i)).put(' ').put(vname_(g.binvar)).put(' ').num(g.binval).put('\n');
+        out_.put(" IF ")
+            .put(gname_(i))
+            .put(' ')
+            .put(vname_(g.binvar))
+            .put(' ')
+            .num(g.binval)
+            .put('\n');
         continue;
       }
       if (open != kGen) out_.put("GENCONS\n"), open = kGen;

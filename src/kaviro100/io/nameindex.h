@@ -26,8 +26,13 @@ inline uint64_t hash_name(std::string_view s) {
   }
   uint64_t w = 0;
   std::memcpy(&w, p, n);
-  h = (h ^ w) * 0x94D049BB133111EBull;
-  return h ^ (h >> 29);
+  h ^= w;
+  // Final mixing, so that the low bits (the slot) depend on every byte.
+  h ^= h >> 33;
+  h *= 0xFF51AFD7ED558CCDull;
+  h ^= h >> 33;
+  h *= 0xC4CEB9FE1A85EC53ull;
+  return h ^ (h >> 33);
 }
 
 class NameIndex {

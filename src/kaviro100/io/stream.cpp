@@ -170,8 +170,8 @@ class Bzip2Source : public ByteSource {
       int want = static_cast<int>(std::min<size_t>(n - total, 1u << 30));
       int got = BZ2_bzRead(&err, bz_, buf + total, want);
       if (err != BZ_OK && err != BZ_STREAM_END)
-        fail(KVR_ERROR_FILE_READ, "Error while decompressing '%s' (bzip2 error %d)",
-             name_.c_str(), err);
+        fail(KVR_ERROR_FILE_READ, "Error while decompressing '%s' (bzip2 error %d)", name_.c_str(),
+             err);
       total += static_cast<size_t>(got);
       if (err == BZ_STREAM_END) next_stream();
     }
@@ -234,8 +234,8 @@ class Bzip2Sink : public ByteSink {
       int err = BZ_OK;
       BZ2_bzWrite(&err, bz_, const_cast<char *>(data), chunk);
       if (err != BZ_OK)
-        fail(KVR_ERROR_FILE_WRITE, "Error while compressing '%s' (bzip2 error %d)",
-             name_.c_str(), err);
+        fail(KVR_ERROR_FILE_WRITE, "Error while compressing '%s' (bzip2 error %d)", name_.c_str(),
+             err);
       data += chunk;
       n -= static_cast<size_t>(chunk);
     }
@@ -373,7 +373,8 @@ bool LineReader::next(std::string_view &line) {
 
 void LineReader::vfail(const char *fmt, va_list ap) const {
   std::string what = vformat(fmt, ap);
-  throw Error(KVR_ERROR_FILE_READ, format("%s, line %ld: %s", filename_.c_str(), lineno_, what.c_str()));
+  throw Error(KVR_ERROR_FILE_READ,
+              format("%s, line %ld: %s", filename_.c_str(), lineno_, what.c_str()));
 }
 
 void LineReader::fail(const char *fmt, ...) const {

@@ -83,7 +83,7 @@ class TextWriter {
     buf_[used_++] = c;
     return *this;
   }
-  TextWriter &num(double v);   // shortest exact form; +-inf written as +-1e+100 (KVR_INFINITY)
+  TextWriter &num(double v);  // shortest exact form; +-inf written as +-1e+100 (KVR_INFINITY)
   TextWriter &num(long long v);
   TextWriter &num(int v) { return num(static_cast<long long>(v)); }
   void finish();

@@ -20,8 +20,13 @@ struct Reformulated {
   bool changed = false;  // false when the model needed no rewriting (model is then a plain copy)
 };
 
-// Throws kvr::Error with KVR_ERROR_NOT_SUPPORTED, naming the constraint or variable and the
-// reason, when something cannot be rewritten (an unbounded big-M, a quadratic constraint, ...).
+// Throws kvr::Error naming the constraint or variable and the reason: KVR_ERROR_NOT_SUPPORTED when
+// something cannot be rewritten (a big-M without a finite bound, a quadratic constraint, a 2-norm,
+// a function range across a pole or needing too many pieces), KVR_ERROR_INVALID_ARGUMENT for data
+// that has no meaning (a non-binary operand of and/or, decreasing PWL points, a logarithm of a
+// nonpositive range), KVR_ERROR_INVALID_PIECEWISE_OBJ for a malformed piecewise-linear objective
+// and KVR_ERROR_INDEX_OUT_OF_RANGE for references to missing variables. The user's model is only
+// read.
 Reformulated reformulate(const ModelData &user, const ParamValues &params);
 
 }  // namespace kvr
