@@ -378,6 +378,7 @@ def main():
             sizes = [int(s) for s in args.sizes.split(",")]
         for n in sizes:
             times = {p: [] for p in packages}
+            parts = {p: {"build": [], "solve": []} for p in packages}
             errors = {}
             unsupported = {**UNSUPPORTED, **(UNSUPPORTED_SOLVE if phase == "solve" else {})}
             for _ in range(args.runs):
@@ -390,6 +391,9 @@ def main():
                         errors[p] = error
                     else:
                         times[p].append(result["time"])
+                        for part in ("build", "solve"):
+                            if part in result:
+                                parts[p][part].append(result[part])
             base = statistics.median(times["kaviropy"]) if times.get("kaviropy") else None
             for p in packages:
                 if (p, model_name) in unsupported:
@@ -399,7 +403,11 @@ def main():
                 else:
                     med = statistics.median(times[p])
                     ratio = f"{med / base:.2f}" if base else ""
-                    rows.append((f"{model_name}-{n}", p, f"{med:.3f}", ratio, ""))
+                    note = ""
+                    if model_name == "lp" and parts[p]["solve"]:
+                        note = "build %.3f + solve %.3f" % (statistics.median(parts[p]["build"]),
+                                                            statistics.median(parts[p]["solve"]))
+                    rows.append((f"{model_name}-{n}", p, f"{med:.3f}", ratio, note))
             for row in rows[-len(packages):]:
                 print("  " + "  ".join(row), flush=True)
     print(f"{'model':<14} {'package':<16} {'median s':>10} {'ratio':>7}  note")
