@@ -949,7 +949,7 @@ class LpReader {
       if (cur().type != Tk::Name) expected("a variable");
       g.xvar = var(cur().text);
       advance();
-      if (type == KVR_GENCONSTR_EXPA || type == KVR_GENCONSTR_LOGA || type == KVR_GENCONSTR_POW) {
+      if (has_parameter_a(type)) {
         expect(Tk::Comma);
         g.a = value("the parameter a");
       }
