@@ -575,7 +575,7 @@ class LpReader {
       } else {
         expected("'^ 2' or '* variable' in the quadratic terms");
       }
-      q.row.push_back(std::min(a, b)), q.col.push_back(std::max(a, b)), q.val.push_back(s * c);
+      q.push(a, b, s * c);
       first = false;
     }
     advance();

@@ -616,13 +616,13 @@ class MpsReader {
     double v = in_.number(f_[2], "a quadratic coefficient");
     if (section_ == Section::QuadObj) {
       if (a == b) v *= 0.5;
-      d_.q.row.push_back(std::min(a, b)), d_.q.col.push_back(std::max(a, b)), d_.q.val.push_back(v);
+      d_.q.push(a, b, v);
       return;
     }
     // Both triangles are listed: in x'Qx each entry is a term of its own.
     if (section_ == Section::QMatrix) v *= 0.5;
     QuadTerms &q = section_ == Section::QMatrix ? d_.q : qrows_[qc_row_];
-    q.row.push_back(std::min(a, b)), q.col.push_back(std::max(a, b)), q.val.push_back(v);
+    q.push(a, b, v);
   }
 
   void sos_line(int n) {
