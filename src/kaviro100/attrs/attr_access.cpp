@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <optional>
 #include <unordered_map>
 
 #include "model/checks.h"
@@ -462,7 +463,10 @@ void check_indices(const kvr_model *m, AttrId id, IndexSet ix) {
   }
 }
 
-bool has_selector(AttrId id) {
+namespace {
+// The parameter that selects which objective, scenario, MIP start or pool solution an attribute
+// refers to; none for the other attributes.
+std::optional<ParamId> selector_param(AttrId id) {
   switch (id) {
     case A::ObjN:
     case A::ObjNCon:
@@ -472,6 +476,7 @@ bool has_selector(AttrId id) {
     case A::ObjNAbsTol:
     case A::ObjNVal:
     case A::ObjNName:
+      return ParamId::ObjNumber;
     case A::ScenNLB:
     case A::ScenNUB:
     case A::ScenNObj:
@@ -480,35 +485,22 @@ bool has_selector(AttrId id) {
     case A::ScenNX:
     case A::ScenNObjBound:
     case A::ScenNObjVal:
+      return ParamId::ScenarioNumber;
     case A::Start:
+      return ParamId::StartNumber;
     case A::Xn:
     case A::PoolObjVal:
-      return true;
+      return ParamId::SolutionNumber;
     default:
-      return false;
+      return std::nullopt;
   }
 }
+}  // namespace
+
+bool has_selector(AttrId id) { return selector_param(id).has_value(); }
 
 int selector_of(const kvr_model *m, AttrId id) {
-  const ParamValues &p = m->env.params;
-  switch (id) {
-    case A::ScenNLB:
-    case A::ScenNUB:
-    case A::ScenNObj:
-    case A::ScenNRHS:
-    case A::ScenNName:
-    case A::ScenNX:
-    case A::ScenNObjBound:
-    case A::ScenNObjVal:
-      return p.get_int(ParamId::ScenarioNumber);
-    case A::Start:
-      return p.get_int(ParamId::StartNumber);
-    case A::Xn:
-    case A::PoolObjVal:
-      return p.get_int(ParamId::SolutionNumber);
-    default:
-      return p.get_int(ParamId::ObjNumber);
-  }
+  return m->env.params.get_int(selector_param(id).value_or(ParamId::ObjNumber));
 }
 
 // ---------------------------------------------------------------- availability
