@@ -157,3 +157,17 @@ def test_detached_and_removed_handles_never_reach_a_freed_model(env):
     with pytest.raises(kp.KaviroError) as err:
         y.LB
     assert err.value.message == "Var has not yet been added to the model"
+
+
+def test_handles_join_the_collector_when_they_get_attributes(m):
+    import gc
+    x = m.addVar()
+    m.update()
+    assert not gc.is_tracked(x)  # no dictionary: no cycle possible
+    x._self = x
+    assert gc.is_tracked(x)
+    y = m.addVar()
+    y.__dict__["_z"] = 1
+    assert gc.is_tracked(y) and y._z == 1
+    gc.collect()
+    assert m.getVars()[0]._self is x

@@ -66,6 +66,31 @@ void handle_dealloc(PyObject *self) {
   Py_DECREF(type);
 }
 
+// Handles start untracked by the garbage collector: without an instance dictionary they can
+// be part of no reference cycle, and a model's millions of handles then cost the collector
+// nothing. A handle is tracked from the moment it gets a dictionary.
+void track_with_dict(PyObject *self) {
+  if (object_of(self)->dict && !PyObject_GC_IsTracked(self)) PyObject_GC_Track(self);
+}
+
+bool is_base_type(PyTypeObject *type) {
+  for (PyTypeObject *t : g_types)
+    if (t == type) return true;
+  return false;
+}
+
+PyObject *get_dict(PyObject *self, void *context) {
+  PyObject *dict = PyObject_GenericGetDict(self, context);
+  track_with_dict(self);
+  return dict;
+}
+
+int set_dict(PyObject *self, PyObject *value, void *context) {
+  int r = PyObject_GenericSetDict(self, value, context);
+  track_with_dict(self);
+  return r;
+}
+
 // Handle(cmodel, index): exactly two positional arguments.
 PyObject *handle_new(PyTypeObject *type, PyObject *args, PyObject *kwds) {
   Py_ssize_t n = PyTuple_GET_SIZE(args) + (kwds ? PyDict_GET_SIZE(kwds) : 0);
@@ -84,6 +109,7 @@ PyObject *handle_new(PyTypeObject *type, PyObject *args, PyObject *kwds) {
         PyObject *self = type->tp_alloc(type, 0);
         if (!self) return nullptr;
         object_of(self)->h = Handle{model, index};
+        if (is_base_type(type)) PyObject_GC_UnTrack(self);
         return self;
       },
       nullptr);
@@ -105,8 +131,11 @@ PyObject *handle_getattro(PyObject *self, PyObject *name) {
 
 int handle_setattro(PyObject *self, PyObject *name, PyObject *value) {
   if (!value || !PyUnicode_Check(name) || PyUnicode_GET_LENGTH(name) == 0 ||
-      PyUnicode_READ_CHAR(name, 0) == '_')
-    return PyObject_GenericSetAttr(self, name, value);
+      PyUnicode_READ_CHAR(name, 0) == '_') {
+    int r = PyObject_GenericSetAttr(self, name, value);
+    track_with_dict(self);
+    return r;
+  }
   return guarded(
       [&]() -> int {
         set_attr(self, utf8(name), value);
@@ -156,8 +185,7 @@ PyTypeObject *make_type(nb::module_ &m, int kind) {
                         "The library model (an integer handle), or None once disposed.", nullptr};
   g_getsets[kind][1] = {kKinds[kind].index_field, get_index, set_index,
                         "The index field with its state encoding.", nullptr};
-  g_getsets[kind][2] = {"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr,
-                        nullptr};
+  g_getsets[kind][2] = {"__dict__", get_dict, set_dict, nullptr, nullptr};
   g_getsets[kind][3] = {nullptr, nullptr, nullptr, nullptr, nullptr};
   PyType_Slot slots[] = {{Py_tp_dealloc, reinterpret_cast<void *>(handle_dealloc)},
                          {Py_tp_traverse, reinterpret_cast<void *>(handle_traverse)},
@@ -201,19 +229,19 @@ void add_common_methods(int kind) {
         if (same < 0) throw nb::python_error();
         return same == 1;
       },
-      nb::arg("other"), "True when other is a handle of the same element.");
+      nb::arg("other").none(), "True when other is a handle of the same element.");
   def_handle_method(
       kind, "getAttr", [](nb::handle self, nb::handle name) { return get_attr(self, utf8(name)); },
-      nb::arg("attrname"), "Value of a library attribute of this element.");
+      nb::arg("attrname").none(), "Value of a library attribute of this element.");
   def_handle_method(
       kind, "setAttr",
       [](nb::handle self, nb::handle name, nb::handle value) { set_attr(self, utf8(name), value); },
-      nb::arg("attrname"), nb::arg("newvalue").none(),
+      nb::arg("attrname").none(), nb::arg("newvalue").none(),
       "Sets a library attribute of this element (applied at the next update).");
   def_handle_method(
       kind, "prefetchAttr",
       [](nb::handle self, nb::handle name) { prefetch_attr(self, utf8(name)); },
-      nb::arg("attrname"), "Asks the library to cache an attribute for later reads.");
+      nb::arg("attrname").none(), "Asks the library to cache an attribute for later reads.");
   def_handle_method(
       kind, "__dir__",
       [kind](nb::handle self) {
@@ -252,6 +280,7 @@ nb::object new_handle(int kind, KVRmodel *model, int index) {
   PyObject *obj = type->tp_alloc(type, 0);
   if (!obj) throw nb::python_error();
   object_of(obj)->h = Handle{model, index};
+  PyObject_GC_UnTrack(obj);
   return nb::steal(obj);
 }
 

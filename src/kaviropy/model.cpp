@@ -323,6 +323,23 @@ nb::object model_append(nb::handle self, int kind, bool numbered) {
   return h;
 }
 
+void model_resync(nb::handle self) {
+  Model &m = model_ref(self);
+  if (!m.built) return;  // the lazy set-up reads the counts when the lists are first needed
+  KVRmodel *model = live_model(self);
+  int counts[kNumKinds] = {};
+  for (int k = 0; k < kNumKinds; ++k)
+    if (int code = KVRgetintattr(model, kind_info(k).count_attr, &counts[k]))
+      raise_model(code, model);
+  for (int k = 0; k < kNumKinds; ++k) {
+    auto &list = m.lists[k];
+    while (list.size() < static_cast<size_t>(counts[k]))
+      list.push_back(new_handle(k, model, static_cast<int>(list.size())));
+  }
+  m.livevars = static_cast<int>(m.lists[kVar].size());
+  m.liveconstrs = static_cast<int>(m.lists[kConstr].size());
+}
+
 GcPause::GcPause(size_t objects) {
   if (objects < 10000) return;
   nb::module_ gc = nb::module_::import_("gc");
@@ -364,7 +381,7 @@ void init_model(nb::module_ &m) {
          [](Model *self, nb::handle name, nb::handle env, nb::handle cmodel) {
            model_init(self, name, env, cmodel);
          },
-         nb::arg("name") = "", nb::arg("env").none() = nb::none(),
+         nb::arg("name").none() = "", nb::arg("env").none() = nb::none(),
          nb::arg("cmodel").none() = nb::none(),
          "Creates an empty model in env (default: the default environment), or adopts the "
          "library model cmodel.")
@@ -416,6 +433,9 @@ void init_model(nb::module_ &m) {
          "_Model__setup", [](nb::handle self, bool empty) { setup(model_ref(self), empty); },
          nb::arg("empty") = false, "Builds the handle lists once.")
       .def(
+          "_Model__resync", [](nb::handle self) { model_resync(self); },
+          "Appends handles for elements the library added by itself since the lists were made.")
+      .def(
           "_Model__getupdatemode", [](nb::handle self) { return model_updatemode(self); },
           "The UpdateMode parameter of the model.")
       .def(
@@ -448,8 +468,8 @@ void init_model(nb::module_ &m) {
           [](nb::handle self) {
             KVRmodel *copy = KVRcopymodel(live_model(self));
             if (!copy) raise_error(-1, "Failed to create copy");
-            return module_attr("Model")(nb::arg("env") = model_ref(self).uenv,
-                                        nb::arg("cmodel") = handle_object(copy));
+            return module_attr("Model")(nb::arg("env").none() = model_ref(self).uenv,
+                                        nb::arg("cmodel").none() = handle_object(copy));
           },
           "A new model holding a copy of the library model (pending changes are not applied).")
       .def(
@@ -480,11 +500,11 @@ void init_model(nb::module_ &m) {
       .def(
           "getVarByName",
           [](nb::handle self, nb::handle name) { return handle_by_name(self, kVar, name); },
-          nb::arg("name"), "The variable of that name, or None.")
+          nb::arg("name").none(), "The variable of that name, or None.")
       .def(
           "getConstrByName",
           [](nb::handle self, nb::handle name) { return handle_by_name(self, kConstr, name); },
-          nb::arg("name"), "The linear constraint of that name, or None.");
+          nb::arg("name").none(), "The linear constraint of that name, or None.");
   const char *factories[kNumKinds] = {"_Model__getVar", "_Model__getConstr", "_Model__getSOS",
                                       "_Model__getQConstr", "_Model__getGenConstr"};
   for (int k = 0; k < kNumKinds; ++k)
@@ -499,13 +519,13 @@ void init_model(nb::module_ &m) {
            nb::object other = nb::getattr(obj, "_cmodel", nb::none());
            return handle_pointer<KVRmodel>(other) == mine;
          },
-         nb::arg("object"), "True when the object belongs to this model.")
+         nb::arg("object").none(), "True when the object belongs to this model.")
       .def(
           "_Model__isAttrAvailable",
           [](nb::handle self, nb::handle name) {
             return KVRisattravailable(live_model(self), utf8(name).c_str());
           },
-          nb::arg("name"), "1 when the attribute has a value in the current state, else 0.")
+          nb::arg("name").none(), "1 when the attribute has a value in the current state, else 0.")
       .def(
           "__getattr__",
           [](nb::handle self, nb::handle name) {
@@ -513,7 +533,7 @@ void init_model(nb::module_ &m) {
             if (n.empty() || n[0] == '_') raise_no_attribute("Model", n);
             return get_attr(self, n);
           },
-          nb::arg("name"), "Reads the model attribute of that name.")
+          nb::arg("name").none(), "Reads the model attribute of that name.")
       .def(
           "__setattr__",
           [](nb::handle self, nb::handle name, nb::handle value) {
@@ -525,7 +545,7 @@ void init_model(nb::module_ &m) {
             }
             set_attr(self, n, value);
           },
-          nb::arg("name"), nb::arg("value").none(),
+          nb::arg("name").none(), nb::arg("value").none(),
           "Names beginning with '_' are Python attributes; others set the model attribute.")
       .def(
           "__dir__",
@@ -543,14 +563,14 @@ void init_model(nb::module_ &m) {
           [](nb::handle self, nb::handle name, nb::handle value) {
             model_ref(self).env.attr("setParam")(name, value);
           },
-          nb::arg("paramname"), nb::arg("newval").none(),
+          nb::arg("paramname").none(), nb::arg("newval").none(),
           "Sets a parameter of the model's own environment.")
       .def(
           "getParamInfo",
           [](nb::handle self, nb::handle name) {
             return model_ref(self).env.attr("getParamInfo")(name);
           },
-          nb::arg("paramname"),
+          nb::arg("paramname").none(),
           "(name, type, current value, minimum, maximum, default) of a parameter of the model.");
   init_model_add(cls);
   init_model_query(cls);

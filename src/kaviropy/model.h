@@ -48,6 +48,11 @@ int model_updatemode(nb::handle self);
 // else pending (-1). Returns the new handle.
 nb::object model_append(nb::handle self, int kind, bool numbered);
 
+// After the library appended elements by itself (a feasibility relaxation adds penalty
+// variables and constraints), appends numbered handles for them, keeping the existing handles.
+// Call it right after an update, when no handle is pending.
+void model_resync(nb::handle self);
+
 // Keeps the garbage collector from running while many handles are created; restores the
 // thresholds when it goes out of scope.
 class GcPause {

@@ -599,7 +599,8 @@ void def_function(nb::class_<Model> &cls, const char *method, FunctionFn fn, con
         std::string n = name_arg(name), o = name_arg(options);
         return gen_added(self, fn(model, name_ptr(n), x, y, o.c_str()), model);
       },
-      nb::arg("xvar"), nb::arg("yvar"), nb::arg("name") = "", nb::arg("options") = "", doc);
+      nb::arg("xvar").none(), nb::arg("yvar").none(), nb::arg("name").none() = "",
+      nb::arg("options").none() = "", doc);
 }
 
 void def_function_a(nb::class_<Model> &cls, const char *method, FunctionAFn fn, const char *doc) {
@@ -613,8 +614,8 @@ void def_function_a(nb::class_<Model> &cls, const char *method, FunctionAFn fn, 
         std::string n = name_arg(name), o = name_arg(options);
         return gen_added(self, fn(model, name_ptr(n), x, y, av, o.c_str()), model);
       },
-      nb::arg("xvar"), nb::arg("yvar"), nb::arg("a"), nb::arg("name") = "", nb::arg("options") = "",
-      doc);
+      nb::arg("xvar").none(), nb::arg("yvar").none(), nb::arg("a").none(),
+      nb::arg("name").none() = "", nb::arg("options").none() = "", doc);
 }
 
 // ---------------------------------------------------------------- objectives
@@ -764,8 +765,9 @@ void init_model_add(nb::class_<Model> &cls) {
                    model);
         return model_append(self, kVar, model_updatemode(self) == 1);
       },
-      nb::arg("lb") = 0.0, nb::arg("ub") = KVR_INFINITY, nb::arg("obj") = 0.0,
-      nb::arg("vtype") = "C", nb::arg("name") = "", nb::arg("column").none() = nb::none(),
+      nb::arg("lb").none() = 0.0, nb::arg("ub").none() = KVR_INFINITY, nb::arg("obj").none() = 0.0,
+      nb::arg("vtype").none() = "C", nb::arg("name").none() = "",
+      nb::arg("column").none() = nb::none(),
       "Adds one variable (with its coefficients in existing constraints when column is given).");
   cls.def("addVars", &add_vars,
           "addVars(*indexes, lb=0.0, ub=KVR.INFINITY, obj=0.0, vtype=KVR.CONTINUOUS, name=\"\"): "
@@ -797,7 +799,7 @@ void init_model_add(nb::class_<Model> &cls) {
         return add_prepared(self, p, n);
       },
       nb::arg("lhs").none(), nb::arg("sense").none() = nb::none(),
-      nb::arg("rhs").none() = nb::none(), nb::arg("name") = "",
+      nb::arg("rhs").none() = nb::none(), nb::arg("name").none() = "",
       "Adds a linear constraint lhs sense rhs (or a linear TempConstr).");
   cls.def(
       "addConstr",
@@ -854,9 +856,9 @@ void init_model_add(nb::class_<Model> &cls) {
         if ((lo <= -1e25) == (up >= 1e25)) model_append(self, kVar, numbered);
         return constr;
       },
-      nb::arg("expr"), nb::arg("lower"), nb::arg("upper"), nb::arg("name") = "",
-      "Adds the range constraint lower <= expr <= upper.");
-  cls.def("addConstrs", &add_constrs, nb::arg("generator"), nb::arg("name") = "",
+      nb::arg("expr").none(), nb::arg("lower").none(), nb::arg("upper").none(),
+      nb::arg("name").none() = "", "Adds the range constraint lower <= expr <= upper.");
+  cls.def("addConstrs", &add_constrs, nb::arg("generator").none(), nb::arg("name").none() = "",
           "Adds one constraint per item of a generator expression; returns a tupledict keyed "
           "by the generator's loop variables.");
   cls.def(
@@ -879,7 +881,7 @@ void init_model_add(nb::class_<Model> &cls) {
         return add_prepared(self, p, name_arg(name));
       },
       nb::arg("lhs").none(), nb::arg("sense").none() = nb::none(),
-      nb::arg("rhs").none() = nb::none(), nb::arg("name") = "",
+      nb::arg("rhs").none() = nb::none(), nb::arg("name").none() = "",
       "Adds a quadratic constraint lhs sense rhs (or a quadratic TempConstr).");
   cls.def(
       "addSOS",
@@ -906,21 +908,21 @@ void init_model_add(nb::class_<Model> &cls) {
             model);
         return model_append(self, kSOS, false);
       },
-      nb::arg("type"), nb::arg("vars"), nb::arg("wts").none() = nb::none(),
+      nb::arg("type").none(), nb::arg("vars").none(), nb::arg("wts").none() = nb::none(),
       "Adds an SOS constraint of type KVR.SOS_TYPE1 or KVR.SOS_TYPE2 (default weights 1, 2, ...).");
 
   cls.def(
       "addGenConstrMax",
       [](nb::handle self, nb::handle resvar, nb::handle vars, nb::handle constant,
          nb::handle name) { return add_maxmin(self, resvar, vars, constant, name, true); },
-      nb::arg("resvar"), nb::arg("vars"), nb::arg("constant").none() = nb::none(),
-      nb::arg("name") = "", "Adds resvar = max(vars, constant).");
+      nb::arg("resvar").none(), nb::arg("vars").none(), nb::arg("constant").none() = nb::none(),
+      nb::arg("name").none() = "", "Adds resvar = max(vars, constant).");
   cls.def(
       "addGenConstrMin",
       [](nb::handle self, nb::handle resvar, nb::handle vars, nb::handle constant,
          nb::handle name) { return add_maxmin(self, resvar, vars, constant, name, false); },
-      nb::arg("resvar"), nb::arg("vars"), nb::arg("constant").none() = nb::none(),
-      nb::arg("name") = "", "Adds resvar = min(vars, constant).");
+      nb::arg("resvar").none(), nb::arg("vars").none(), nb::arg("constant").none() = nb::none(),
+      nb::arg("name").none() = "", "Adds resvar = min(vars, constant).");
   cls.def(
       "addGenConstrAbs",
       [](nb::handle self, nb::handle resvar, nb::handle argvar, nb::handle name) {
@@ -929,7 +931,8 @@ void init_model_add(nb::class_<Model> &cls) {
         std::string n = name_arg(name);
         return gen_added(self, KVRaddgenconstrAbs(model, name_ptr(n), r, a), model);
       },
-      nb::arg("resvar"), nb::arg("argvar"), nb::arg("name") = "", "Adds resvar = |argvar|.");
+      nb::arg("resvar").none(), nb::arg("argvar").none(), nb::arg("name").none() = "",
+      "Adds resvar = |argvar|.");
   for (bool is_and : {true, false})
     cls.def(
         is_and ? "addGenConstrAnd" : "addGenConstrOr",
@@ -942,7 +945,7 @@ void init_model_add(nb::class_<Model> &cls) {
           return gen_added(
               self, fn(model, name_ptr(n), r, static_cast<int>(ind.size()), ind.data()), model);
         },
-        nb::arg("resvar"), nb::arg("vars"), nb::arg("name") = "",
+        nb::arg("resvar").none(), nb::arg("vars").none(), nb::arg("name").none() = "",
         is_and ? "Adds resvar = and(vars) over binary variables."
                : "Adds resvar = or(vars) over binary variables.");
   cls.def(
@@ -958,8 +961,8 @@ void init_model_add(nb::class_<Model> &cls) {
             KVRaddgenconstrNorm(model, name_ptr(n), r, static_cast<int>(ind.size()), ind.data(), w),
             model);
       },
-      nb::arg("resvar"), nb::arg("vars"), nb::arg("which"), nb::arg("name") = "",
-      "Adds resvar = norm(vars) for which = 0, 1, 2 or infinity.");
+      nb::arg("resvar").none(), nb::arg("vars").none(), nb::arg("which").none(),
+      nb::arg("name").none() = "", "Adds resvar = norm(vars) for which = 0, 1, 2 or infinity.");
   cls.def(
       "addGenConstrIndicator",
       [](nb::handle self, nb::handle binvar, nb::handle binval, nb::handle lhs, nb::handle sense,
@@ -969,8 +972,9 @@ void init_model_add(nb::class_<Model> &cls) {
         prepare_indicator(binvar, binval, lhs, sense, rhs, model, p);
         return add_prepared(self, p, name_arg(name));
       },
-      nb::arg("binvar"), nb::arg("binval"), nb::arg("lhs"), nb::arg("sense").none() = nb::none(),
-      nb::arg("rhs").none() = nb::none(), nb::arg("name") = "",
+      nb::arg("binvar").none(), nb::arg("binval").none(), nb::arg("lhs").none(),
+      nb::arg("sense").none() = nb::none(), nb::arg("rhs").none() = nb::none(),
+      nb::arg("name").none() = "",
       "Adds: binvar == binval implies the linear constraint lhs sense rhs.");
   cls.def(
       "addGenConstrPWL",
@@ -987,7 +991,8 @@ void init_model_add(nb::class_<Model> &cls) {
                                             xp.data(), yp.data()),
                          model);
       },
-      nb::arg("xvar"), nb::arg("yvar"), nb::arg("xpts"), nb::arg("ypts"), nb::arg("name") = "",
+      nb::arg("xvar").none(), nb::arg("yvar").none(), nb::arg("xpts").none(),
+      nb::arg("ypts").none(), nb::arg("name").none() = "",
       "Adds yvar = the piecewise-linear function through the points (xpts, ypts) of xvar.");
   cls.def(
       "addGenConstrPoly",
@@ -1004,7 +1009,8 @@ void init_model_add(nb::class_<Model> &cls) {
                                 coeffs.data(), o.c_str()),
             model);
       },
-      nb::arg("xvar"), nb::arg("yvar"), nb::arg("p"), nb::arg("name") = "", nb::arg("options") = "",
+      nb::arg("xvar").none(), nb::arg("yvar").none(), nb::arg("p").none(),
+      nb::arg("name").none() = "", nb::arg("options").none() = "",
       "Adds yvar = p[0] xvar^(n-1) + ... + p[n-1] (coefficients from the highest degree).");
   def_function(cls, "addGenConstrExp", KVRaddgenconstrExp, "Adds yvar = exp(xvar).");
   def_function_a(cls, "addGenConstrExpA", KVRaddgenconstrExpA, "Adds yvar = a^xvar.");
@@ -1020,7 +1026,7 @@ void init_model_add(nb::class_<Model> &cls) {
   cls.def(
       "setObjective",
       [](nb::handle self, nb::handle expr, nb::handle sense) { set_objective(self, expr, sense); },
-      nb::arg("expr"), nb::arg("sense").none() = nb::none(),
+      nb::arg("expr").none(), nb::arg("sense").none() = nb::none(),
       "Replaces the objective by expr (a number, Var, LinExpr or QuadExpr); sets the sense "
       "when given.");
   cls.def(
@@ -1041,8 +1047,9 @@ void init_model_add(nb::class_<Model> &cls) {
                                     static_cast<int>(d.ind.size()), d.ind.data(), d.val.data()),
                    model);
       },
-      nb::arg("expr"), nb::arg("index"), nb::arg("priority") = 0, nb::arg("weight") = 1.0,
-      nb::arg("abstol") = 1e-6, nb::arg("reltol") = 0.0, nb::arg("name") = "",
+      nb::arg("expr").none(), nb::arg("index"), nb::arg("priority") = 0,
+      nb::arg("weight").none() = 1.0, nb::arg("abstol").none() = 1e-6,
+      nb::arg("reltol").none() = 0.0, nb::arg("name").none() = "",
       "Sets objective number index of a multi-objective model (linear expressions only).");
   cls.def(
       "setPWLObj",
@@ -1057,7 +1064,7 @@ void init_model_add(nb::class_<Model> &cls) {
         check_code(KVRsetpwlobj(model, col, static_cast<int>(xs.size()), xs.data(), ys.data()),
                    model);
       },
-      nb::arg("var"), nb::arg("x"), nb::arg("y"),
+      nb::arg("var").none(), nb::arg("x").none(), nb::arg("y").none(),
       "Sets a piecewise-linear objective term on one variable through the points (x, y).");
 }
 

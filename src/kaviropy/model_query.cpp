@@ -224,7 +224,7 @@ nb::tuple read_list_const(nb::handle self, nb::handle gc, ListConstFn fn, bool w
 void def_list_const(nb::class_<Model> &cls, const char *name, ListConstFn fn, const char *doc) {
   cls.def(
       name, [fn](nb::handle self, nb::handle gc) { return read_list_const(self, gc, fn, true); },
-      nb::arg("genconstr"), doc);
+      nb::arg("genconstr").none(), doc);
 }
 
 void def_list(nb::class_<Model> &cls, const char *name, ListFn fn, const char *doc) {
@@ -238,7 +238,7 @@ void def_list(nb::class_<Model> &cls, const char *name, ListFn fn, const char *d
         check_code(fn(model, id, &res, &n, ind.data()), model);
         return nb::make_tuple(var_at(self, res), var_list_of(self, ind));
       },
-      nb::arg("genconstr"), doc);
+      nb::arg("genconstr").none(), doc);
 }
 
 void def_pair(nb::class_<Model> &cls, const char *name, PairFn fn, const char *doc) {
@@ -250,7 +250,7 @@ void def_pair(nb::class_<Model> &cls, const char *name, PairFn fn, const char *d
         check_code(fn(model, id, &x, &y), model);
         return nb::make_tuple(var_at(self, x), var_at(self, y));
       },
-      nb::arg("genconstr"), doc);
+      nb::arg("genconstr").none(), doc);
 }
 
 void def_pair_a(nb::class_<Model> &cls, const char *name, PairAFn fn, const char *doc) {
@@ -263,13 +263,14 @@ void def_pair_a(nb::class_<Model> &cls, const char *name, PairAFn fn, const char
         check_code(fn(model, id, &x, &y, &a), model);
         return nb::make_tuple(var_at(self, x), var_at(self, y), a);
       },
-      nb::arg("genconstr"), doc);
+      nb::arg("genconstr").none(), doc);
 }
 
 }  // namespace
 
 void init_model_query(nb::class_<Model> &cls) {
-  cls.def("getAttr", &get_attr_many, nb::arg("attrname"), nb::arg("objs").none() = nb::none(),
+  cls.def("getAttr", &get_attr_many, nb::arg("attrname").none(),
+          nb::arg("objs").none() = nb::none(),
           "A model attribute, or the attribute of many elements in one library call: a list for "
           "a list of handles, a tupledict for a dict of handles.");
   cls.def(
@@ -285,12 +286,12 @@ void init_model_query(nb::class_<Model> &cls) {
                        "objs, newvalues)");
         }
       },
-      nb::arg("attrname"), nb::arg("args"),
+      nb::arg("attrname").none(), nb::arg("args"),
       "setAttr(name, value) sets a model attribute; setAttr(name, objs, values) sets the "
       "attribute of many elements (values: one value, a list in order, or a dict by key).");
   cls.def(
       "prefetchAttr", [](nb::handle self, nb::handle name) { prefetch_attr(self, utf8(name)); },
-      nb::arg("attrname"), "Asks the library to cache an attribute for later reads.");
+      nb::arg("attrname").none(), "Asks the library to cache an attribute for later reads.");
   cls.def(
       "getObjective",
       [](nb::handle self) -> nb::object {
@@ -336,7 +337,7 @@ void init_model_query(nb::class_<Model> &cls) {
           out.append(nb::make_tuple(x[static_cast<size_t>(i)], y[static_cast<size_t>(i)]));
         return out;
       },
-      nb::arg("var"), "The points (x, y) of the piecewise-linear objective of a variable.");
+      nb::arg("var").none(), "The points (x, y) of the piecewise-linear objective of a variable.");
   cls.def(
       "getCoeff",
       [](nb::handle self, nb::handle constr, nb::handle var) {
@@ -346,7 +347,8 @@ void init_model_query(nb::class_<Model> &cls) {
         check_code(KVRgetcoeff(model, row, col, &v), model);
         return v;
       },
-      nb::arg("constr"), nb::arg("var"), "The coefficient of a variable in a linear constraint.");
+      nb::arg("constr").none(), nb::arg("var").none(),
+      "The coefficient of a variable in a linear constraint.");
   cls.def(
       "chgCoeff",
       [](nb::handle self, nb::handle constr, nb::handle var, nb::handle newvalue) {
@@ -357,7 +359,7 @@ void init_model_query(nb::class_<Model> &cls) {
           raise_error(KVR_ERROR_INVALID_ARGUMENT, "Coefficient is Nan or Inf");
         check_code(KVRchgcoeffs(model, 1, &row, &col, &v), model);
       },
-      nb::arg("constr"), nb::arg("var"), nb::arg("newvalue"),
+      nb::arg("constr").none(), nb::arg("var").none(), nb::arg("newvalue").none(),
       "Changes a coefficient of a linear constraint (applied at the next update).");
   cls.def(
       "getCol",
@@ -377,7 +379,8 @@ void init_model_query(nb::class_<Model> &cls) {
         }
         return module_attr("Column")(coeffs, constrs);
       },
-      nb::arg("var"), "The column of a variable: its coefficients in the linear constraints.");
+      nb::arg("var").none(),
+      "The column of a variable: its coefficients in the linear constraints.");
   cls.def(
       "getRow",
       [](nb::handle self, nb::handle constr) {
@@ -391,7 +394,7 @@ void init_model_query(nb::class_<Model> &cls) {
         val.resize(nnz);
         return make_linexpr(std::move(val), vars_at(self, ind.data(), nnz), 0.0);
       },
-      nb::arg("constr"), "The left-hand side of a linear constraint as a LinExpr.");
+      nb::arg("constr").none(), "The left-hand side of a linear constraint as a LinExpr.");
   cls.def(
       "getQCRow",
       [](nb::handle self, nb::handle qc) {
@@ -410,7 +413,7 @@ void init_model_query(nb::class_<Model> &cls) {
         return make_quadexpr(lin, std::move(qval), vars_at(self, qrow.data(), qrow.size()),
                              vars_at(self, qcol.data(), qcol.size()));
       },
-      nb::arg("qconstr"), "The left-hand side of a quadratic constraint as a QuadExpr.");
+      nb::arg("qconstr").none(), "The left-hand side of a quadratic constraint as a QuadExpr.");
   cls.def(
       "getSOS",
       [](nb::handle self, nb::handle sos) {
@@ -422,7 +425,7 @@ void init_model_query(nb::class_<Model> &cls) {
         check_code(KVRgetsos(model, &n, &type, beg, ind.data(), w.data(), id, 1), model);
         return nb::make_tuple(type, var_list_of(self, ind), float_list(w));
       },
-      nb::arg("sos"), "(type, variables, weights) of an SOS constraint.");
+      nb::arg("sos").none(), "(type, variables, weights) of an SOS constraint.");
 
   def_list_const(cls, "getGenConstrMax", KVRgetgenconstrMax,
                  "(resvar, vars, constant) of a max constraint.");
@@ -452,7 +455,8 @@ void init_model_query(nb::class_<Model> &cls) {
         return nb::make_tuple(var_at(self, binvar), binval, lin, nb::str(&sense, 1),
                               from_library(rhs));
       },
-      nb::arg("genconstr"), "(binvar, binval, expr, sense, rhs) of an indicator constraint.");
+      nb::arg("genconstr").none(),
+      "(binvar, binval, expr, sense, rhs) of an indicator constraint.");
   cls.def(
       "getGenConstrPWL",
       [](nb::handle self, nb::handle gc) {
@@ -464,7 +468,7 @@ void init_model_query(nb::class_<Model> &cls) {
         check_code(KVRgetgenconstrPWL(model, id, &x, &y, &n, xp.data(), yp.data()), model);
         return nb::make_tuple(var_at(self, x), var_at(self, y), float_list(xp), float_list(yp));
       },
-      nb::arg("genconstr"), "(xvar, yvar, xpts, ypts) of a piecewise-linear constraint.");
+      nb::arg("genconstr").none(), "(xvar, yvar, xpts, ypts) of a piecewise-linear constraint.");
   cls.def(
       "getGenConstrPoly",
       [](nb::handle self, nb::handle gc) {
@@ -475,7 +479,7 @@ void init_model_query(nb::class_<Model> &cls) {
         check_code(KVRgetgenconstrPoly(model, id, &x, &y, &n, p.data()), model);
         return nb::make_tuple(var_at(self, x), var_at(self, y), float_list(p));
       },
-      nb::arg("genconstr"), "(xvar, yvar, p) of a polynomial constraint.");
+      nb::arg("genconstr").none(), "(xvar, yvar, p) of a polynomial constraint.");
   def_pair(cls, "getGenConstrExp", KVRgetgenconstrExp, "(xvar, yvar) of y = exp(x).");
   def_pair_a(cls, "getGenConstrExpA", KVRgetgenconstrExpA, "(xvar, yvar, a) of y = a^x.");
   def_pair(cls, "getGenConstrLog", KVRgetgenconstrLog, "(xvar, yvar) of y = ln(x).");
@@ -489,12 +493,12 @@ void init_model_query(nb::class_<Model> &cls) {
 
   cls.def(
       "remove", [](nb::handle self, nb::handle items) { remove_items(self, items); },
-      nb::arg("items"),
+      nb::arg("items").none(),
       "Marks handles for removal (one handle, or a list, tuple or dict of them); the next "
       "update deletes them.");
   cls.def(
       "_removeone", [](nb::handle self, nb::handle item) { remove_items(self, item); },
-      nb::arg("item"), "Marks one handle for removal.");
+      nb::arg("item").none(), "Marks one handle for removal.");
 }
 
 }  // namespace kvrpy
