@@ -626,7 +626,6 @@ inline void free_heap_object(PyObject *self) {
 // Adds a module function fn(cls, layout, state) as a builtin function, which pickle can save by
 // name (nanobind functions cannot be pickled).
 using UnpickleFn = nb::object (*)(nb::handle, nb::handle, nb::handle);
-void add_unpickler(nb::module_ &m, PyMethodDef *def);
 template <UnpickleFn fn>
 PyObject *unpickle_entry(PyObject *, PyObject *const *args, Py_ssize_t nargs) {
   return guard([&]() -> PyObject * {

@@ -6,6 +6,7 @@
 #include <structmember.h>
 
 #include "attrutil.h"
+#include "model.h"
 
 namespace kvrpy {
 namespace {
@@ -230,6 +231,20 @@ void add_common_methods(int kind) {
         return same == 1;
       },
       nb::arg("other").none(), "True when other is a handle of the same element.");
+  // A handle pickles as (kind, process, model, index, dict). Restored in the same process while
+  // its model lives, it is that model's shared handle; anywhere else it comes back detached,
+  // since the library model does not exist there.
+  def_handle_method(
+      kind, "__reduce__",
+      [kind](nb::handle self) {
+        const Handle &h = *handle_data(self.ptr());
+        PyObject *d = object_of(self.ptr())->dict;
+        nb::object pid = nb::module_::import_("os").attr("getpid")();
+        return nb::make_tuple(module_attr("_restore_handle"),
+                              nb::make_tuple(kind, pid, handle_object(h.model), h.index,
+                                             d ? nb::borrow(d) : nb::none()));
+      },
+      "Pickling support: the element, resolved again in the same process.");
   def_handle_method(
       kind, "getAttr", [](nb::handle self, nb::handle name) { return get_attr(self, utf8(name)); },
       nb::arg("attrname").none(), "Value of a library attribute of this element.");
@@ -299,7 +314,50 @@ int live_position(nb::handle obj, int kind, KVRmodel *model) {
   return public_index(h->index);
 }
 
+// Inverse of __reduce__: the shared handle of a live model of this process, else a detached one.
+nb::object restore_handle(int kind, nb::handle pid, nb::handle cmodel, int index, nb::handle dict) {
+  if (kind < 0 || kind >= kNumKinds) raise_error(KVR_ERROR_INVALID_ARGUMENT, "Invalid handle kind");
+  nb::object here = nb::module_::import_("os").attr("getpid")();
+  if (!cmodel.is_none() && here.equal(pid) && public_index(index) >= 0) {
+    nb::object model = model_object(handle_pointer<KVRmodel>(cmodel));
+    if (!model.is_none()) {
+      try {
+        nb::object shared = model_handle(model, kind, public_index(index));
+        if (handle_data(shared.ptr())->index == index) return shared;
+      } catch (nb::python_error &) {
+        // The element is gone since the pickle was made: restore it detached.
+      }
+    }
+  }
+  nb::object h = new_handle(kind, nullptr, -1);
+  if (!dict.is_none()) {
+    object_of(h.ptr())->dict = PyDict_Copy(dict.ptr());
+    if (!object_of(h.ptr())->dict) throw nb::python_error();
+    track_with_dict(h.ptr());
+  }
+  return h;
+}
+
+PyObject *restore_handle_entry(PyObject *, PyObject *const *args, Py_ssize_t nargs) {
+  return guarded(
+      [&]() -> PyObject * {
+        if (nargs != 5) raise_python(PyExc_TypeError, "_restore_handle takes 5 arguments");
+        nb::handle a[5] = {args[0], args[1], args[2], args[3], args[4]};
+        return restore_handle(nb::cast<int>(a[0]), a[1], a[2], nb::cast<int>(a[3]), a[4])
+            .release()
+            .ptr();
+      },
+      nullptr);
+}
+
 void init_handles(nb::module_ &m) {
+  static PyMethodDef restore = {
+      "_restore_handle",
+      reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(restore_handle_entry)),
+      METH_FASTCALL,
+      "_restore_handle(kind, pid, cmodel, index, dict)\n--\n\n"
+      "Rebuilds a pickled handle (see the handles' __reduce__)."};
+  add_module_function(m, &restore);
   for (int k = 0; k < kNumKinds; ++k) g_types[k] = make_type(m, k);
   for (int k = 0; k < kNumKinds; ++k) add_common_methods(k);
   init_var();

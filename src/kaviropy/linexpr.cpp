@@ -228,13 +228,6 @@ PyTypeObject *new_heap_type(PyType_Spec *spec) {
   return reinterpret_cast<PyTypeObject *>(type);
 }
 
-void add_unpickler(nb::module_ &m, PyMethodDef *def) {
-  nb::object module_name = nb::str("kaviropy");
-  PyObject *f = PyCFunction_NewEx(def, nullptr, module_name.ptr());
-  if (!f) throw nb::python_error();
-  m.attr(def->ml_name) = nb::steal(f);
-}
-
 void add_method(PyTypeObject *type, const char *name, nb::object func) {
   if (PyObject_SetAttrString(reinterpret_cast<PyObject *>(type), name, func.ptr()))
     throw nb::python_error();
@@ -937,7 +930,7 @@ void init_linexpr(nb::module_ &m) {
       METH_FASTCALL,
       "_unpickle_LinExpr(cls, layout, state)\n--\n\n"
       "Rebuilds a pickled LinExpr."};
-  add_unpickler(m, &unpickle);
+  add_module_function(m, &unpickle);
   install_var_operators();
 }
 

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <unordered_map>
 
 #include "attrutil.h"
 
@@ -45,9 +46,16 @@ void release_uenv(Model &m) {
   m.uenv = nb::none();
 }
 
+// The live models by library model, to resolve handles restored from a pickle.
+std::unordered_map<KVRmodel *, Model *> &live_models() {
+  static auto *models = new std::unordered_map<KVRmodel *, Model *>();
+  return *models;
+}
+
 // Frees the library model and detaches everything that pointed into it.
 void dispose(Model &m) {
   if (m.cmodel) {
+    live_models().erase(m.cmodel);
     KVRfreemodel(m.cmodel);
     m.cmodel = nullptr;
   }
@@ -263,6 +271,7 @@ void model_init(Model *self, nb::handle name, nb::handle env, nb::handle cmodel)
   }
   new (self) Model();
   self->cmodel = model;
+  live_models()[model] = self;
   self->callback = nb::none();
   self->uenv = uenv;
   self->env = menv;
@@ -283,6 +292,12 @@ Model::~Model() {
 Model *as_model(nb::handle obj) {
   if (!g_model_type || !PyObject_TypeCheck(obj.ptr(), g_model_type)) return nullptr;
   return nb::inst_ptr<Model>(obj);
+}
+
+nb::object model_object(KVRmodel *cmodel) {
+  auto it = live_models().find(cmodel);
+  if (it == live_models().end()) return nb::none();
+  return nb::find(it->second);
 }
 
 KVRmodel *live_model(nb::handle self) {

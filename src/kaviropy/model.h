@@ -32,6 +32,8 @@ struct Model {
 
 // The Model inside obj, or nullptr when obj is not a Model.
 Model *as_model(nb::handle obj);
+// The live Model object that owns a library model, or None.
+nb::object model_object(KVRmodel *cmodel);
 // The library model of a Model object; raises KaviroError(0, "Model has already been freed")
 // once it was disposed.
 KVRmodel *live_model(nb::handle self);

@@ -64,6 +64,10 @@ double from_library(double v);
 // Python float -> library double (inf -> KVR_INFINITY).
 double to_library(double v);
 
+// A plain CPython function in the module, named "kaviropy.<name>": unlike a nanobind function it
+// pickles by reference, which the unpicklers that __reduce__ methods name need.
+void add_module_function(nb::module_ &m, PyMethodDef *def);
+
 // ---------------------------------------------------------------- library handles
 // Library pointers are held in Python objects as integers (None when absent).
 nb::object handle_object(const void *ptr);

@@ -543,7 +543,7 @@ void init_quadexpr(nb::module_ &m) {
       METH_FASTCALL,
       "_unpickle_QuadExpr(cls, layout, state)\n--\n\n"
       "Rebuilds a pickled QuadExpr."};
-  add_unpickler(m, &unpickle);
+  add_module_function(m, &unpickle);
 }
 
 }  // namespace kvrpy

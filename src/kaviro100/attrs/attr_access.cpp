@@ -74,6 +74,7 @@ void fill(IndexSet ix, double *out, F &&f) {
 
 template <class T>
 void copy_vec(AttrId id, const std::vector<T> &v, IndexSet ix, double *out) {
+  if (ix.len == 0) return;  // nothing asked, nothing missing: also on a model without elements
   if (v.empty()) unavailable(id);
   if (max_index(ix) >= static_cast<int>(v.size())) unavailable(id);
   const T *p = v.data();

@@ -28,8 +28,10 @@ AttrId start_read(KVRmodel *m, const char *name, AttrType type, IndexSet ix, con
   AttrId id = kvr::lookup_attr(name);
   kvr::check_attr_form(id, type, true);
   kvr::check_indices(m, id, ix);
-  if (ix.len > 0) need(out, "array for the values");
-  kvr::check_available(m, id);
+  if (ix.len > 0) {
+    need(out, "array for the values");
+    kvr::check_available(m, id);  // an empty list asks for nothing, so nothing can be missing
+  }
   return id;
 }
 
