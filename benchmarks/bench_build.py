@@ -23,6 +23,7 @@ The peers come from benchmarks/requirements.txt in their own virtual environment
 import argparse
 import json
 import os
+import signal
 import statistics
 import subprocess
 import sys
@@ -326,10 +327,17 @@ def kaviropy_can_optimize():
 
 def measure(python, package, model_name, n, phase, timeout):
     cmd = [python, os.path.abspath(__file__), "--worker", package, model_name, str(n), phase]
+    # Its own process group, so that a timeout also stops the solver processes a peer package
+    # starts (killing only the worker would leave them running).
+    proc = subprocess.Popen(cmd, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+                            start_new_session=True)
     try:
-        out = subprocess.run(cmd, capture_output=True, text=True, timeout=timeout)
+        stdout, stderr = proc.communicate(timeout=timeout)
     except subprocess.TimeoutExpired:
+        os.killpg(proc.pid, signal.SIGKILL)
+        proc.communicate()
         return None, "timeout"
+    out = subprocess.CompletedProcess(cmd, proc.returncode, stdout, stderr)
     if out.returncode != 0:
         lines = (out.stderr or out.stdout).strip().splitlines()
         return None, lines[-1] if lines else "failed"
