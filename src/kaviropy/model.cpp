@@ -390,6 +390,7 @@ void init_model(nb::module_ &m) {
                         "solver library, with handles that stay valid across updates.");
   g_model_type = reinterpret_cast<PyTypeObject *>(cls.ptr());
   cls.attr("__module__") = "kaviropy";
+  def_disposable(cls, "model");
   cls.attr("_typename") = "Model";
   cls.def(
          "__init__",
@@ -459,25 +460,6 @@ void init_model(nb::module_ &m) {
       .def(
           "dispose", [](nb::handle self) { dispose(model_ref(self)); },
           "Frees the library model; its handles are detached.")
-      .def(
-          "close", [](nb::handle self) { self.attr("dispose")(); }, "Same as dispose().")
-      .def(
-          "__del__",
-          [](nb::handle self) {
-            if (!exiting()) self.attr("close")();
-          },
-          "Frees the library model when the object is collected.")
-      .def(
-          "__enter__", [](nb::handle self) { return nb::borrow(self); },
-          "Returns the model for a with block.")
-      .def(
-          "__exit__",
-          [](nb::handle self, nb::handle, nb::handle, nb::handle) {
-            self.attr("close")();
-            return false;
-          },
-          nb::arg("exc_type").none(), nb::arg("exc_value").none(), nb::arg("traceback").none(),
-          "Closes the model at the end of a with block.")
       .def(
           "copy",
           [](nb::handle self) {

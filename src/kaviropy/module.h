@@ -77,6 +77,36 @@ T *handle_pointer(nb::handle obj) {
   return reinterpret_cast<T *>(static_cast<uintptr_t>(nb::cast<unsigned long long>(obj)));
 }
 
+// ---------------------------------------------------------------- disposable objects
+// close(), __del__, __enter__ and __exit__ of a class whose dispose() frees its library object
+// (Env, Model): close() disposes, collection closes unless the interpreter is exiting, and a
+// with block closes at its end and lets exceptions propagate. `what` names the object in the
+// docstrings ("environment", "model").
+bool exiting();
+template <class Class>
+void def_disposable(Class &cls, const char *what) {
+  std::string w = what;
+  cls.def(
+         "close", [](nb::handle self) { self.attr("dispose")(); }, "Same as dispose().")
+      .def(
+          "__del__",
+          [](nb::handle self) {
+            if (!exiting()) self.attr("close")();
+          },
+          ("Frees the " + w + " when the object is collected.").c_str())
+      .def(
+          "__enter__", [](nb::handle self) { return nb::borrow(self); },
+          ("Returns the " + w + " for a with block.").c_str())
+      .def(
+          "__exit__",
+          [](nb::handle self, nb::handle, nb::handle, nb::handle) {
+            self.attr("close")();
+            return false;
+          },
+          nb::arg("exc_type").none(), nb::arg("exc_value").none(), nb::arg("traceback").none(),
+          ("Closes the " + w + " at the end of a with block.").c_str());
+}
+
 // ---------------------------------------------------------------- environments
 struct Env {
   KVRenv *cenv = nullptr;
@@ -92,8 +122,7 @@ nb::object wrap_env(KVRenv *cenv);
 nb::object default_env(bool create = true);
 // kaviro._getmodels()
 nb::list main_models();
-// kaviro._exiting
-bool exiting();
+// kaviro._exiting (declared above)
 
 // The log callback every environment and model installs (routes lines to sys.stdout and logging).
 int log_callback_stub(char *msg, void *logdata);
