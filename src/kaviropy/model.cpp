@@ -13,13 +13,7 @@ namespace {
 
 PyTypeObject *g_model_type = nullptr;
 
-Model &model_ref(nb::handle self) { return *nb::inst_ptr<Model>(self); }
-
 Handle &handle_of(const nb::object &obj) { return *handle_data(obj.ptr()); }
-
-[[noreturn]] void raise_model(int code, KVRmodel *model) {
-  raise_error(code, model ? KVRgetmerrormsg(model) : "");
-}
 
 // Detaches every handle (no model, index -1) and drops the lists.
 void detach_handles(Model &m) {
@@ -72,7 +66,7 @@ void setup(Model &m, bool empty) {
   if (!empty)
     for (int k = 0; k < kNumKinds; ++k) {
       int code = KVRgetintattr(m.cmodel, kind_info(k).count_attr, &counts[k]);
-      if (code) raise_model(code, m.cmodel);
+      if (code) check_model(code, m.cmodel);
     }
   size_t total = 0;
   for (int c : counts) total += static_cast<size_t>(c);
@@ -110,7 +104,7 @@ void update_linear(Model &m, int kind, int &live, bool &pending_delete, DeleteFn
       if (h.index < -2) {
         int old = -(h.index + 3);
         int code = del(m.cmodel, 1, &old);
-        if (code) raise_model(code, m.cmodel);
+        if (code) check_model(code, m.cmodel);
         h.index = -2;
       } else if (h.index >= -1) {
         h.index = static_cast<int>(kept.size());
@@ -137,7 +131,7 @@ void update_other(Model &m, int kind, DeleteFn del) {
       if (h.index < -2) {
         int old = -(h.index + 3);
         int code = del(m.cmodel, 1, &old);
-        if (code) raise_model(code, m.cmodel);
+        if (code) check_model(code, m.cmodel);
         h.index = -2;
       } else if (h.index >= -1) {
         kept.push_back(std::move(obj));
@@ -159,7 +153,7 @@ void update(Model &m) {
   }
   m.updatemode = -1;
   int code = KVRupdatemodel(m.cmodel);
-  if (code) raise_model(code, m.cmodel);
+  if (code) check_model(code, m.cmodel);
 }
 
 nb::list list_prefix(const std::vector<nb::object> &list, size_t n) {
@@ -225,10 +219,10 @@ std::string model_repr(nb::handle self) {
   if (!m.cmodel) return "<kaviro.Model empty model>";
   int ismip = 0, nc = 0, nv = 0;
   char *name = nullptr;
-  if (int code = KVRgetintattr(m.cmodel, "IsMIP", &ismip)) raise_model(code, m.cmodel);
-  if (int code = KVRgetintattr(m.cmodel, "NumConstrs", &nc)) raise_model(code, m.cmodel);
-  if (int code = KVRgetintattr(m.cmodel, "NumVars", &nv)) raise_model(code, m.cmodel);
-  if (int code = KVRgetstrattr(m.cmodel, "ModelName", &name)) raise_model(code, m.cmodel);
+  if (int code = KVRgetintattr(m.cmodel, "IsMIP", &ismip)) check_model(code, m.cmodel);
+  if (int code = KVRgetintattr(m.cmodel, "NumConstrs", &nc)) check_model(code, m.cmodel);
+  if (int code = KVRgetintattr(m.cmodel, "NumVars", &nv)) check_model(code, m.cmodel);
+  if (int code = KVRgetstrattr(m.cmodel, "ModelName", &name)) check_model(code, m.cmodel);
   std::string n = name && *name ? name : "Unnamed";
   nb::object params = nb::steal(PyObject_GenericGetAttr(self.ptr(), nb::str("Params").ptr()));
   if (!params.is_valid()) throw nb::python_error();
@@ -264,7 +258,7 @@ void model_init(Model *self, nb::handle name, nb::handle env, nb::handle cmodel)
     int code = KVRsetlogcallbackfunc(model, log_callback_stub, nullptr);
     // The handle lists of a new model are empty, so the update is the library's alone.
     if (!code) code = KVRupdatemodel(model);
-    if (code) raise_model(code, model);
+    if (code) check_model(code, model);
   } catch (...) {
     KVRfreemodel(model);
     throw;
@@ -308,6 +302,12 @@ KVRmodel *live_model(nb::handle self) {
 
 void model_setup(nb::handle self) { setup(model_ref(self), false); }
 
+KVRmodel *prepared_model(nb::handle self) {
+  KVRmodel *model = live_model(self);
+  model_setup(self);
+  return model;
+}
+
 void model_update(nb::handle self) { update(model_ref(self)); }
 
 nb::object model_handle(nb::handle self, int kind, int i) {
@@ -325,7 +325,7 @@ int model_updatemode(nb::handle self) {
   Model &m = model_ref(self);
   int mode = 0;
   KVRmodel *model = live_model(self);
-  if (int code = KVRgetintparam(KVRgetenv(model), "UpdateMode", &mode)) raise_model(code, model);
+  if (int code = KVRgetintparam(KVRgetenv(model), "UpdateMode", &mode)) check_model(code, model);
   m.updatemode = mode;
   return mode;
 }
@@ -345,7 +345,7 @@ void model_resync(nb::handle self) {
   int counts[kNumKinds] = {};
   for (int k = 0; k < kNumKinds; ++k)
     if (int code = KVRgetintattr(model, kind_info(k).count_attr, &counts[k]))
-      raise_model(code, model);
+      check_model(code, model);
   for (int k = 0; k < kNumKinds; ++k) {
     auto &list = m.lists[k];
     while (list.size() < static_cast<size_t>(counts[k]))

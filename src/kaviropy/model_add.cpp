@@ -13,18 +13,6 @@
 namespace kvrpy {
 namespace {
 
-Model &model_ref(nb::handle self) { return *nb::inst_ptr<Model>(self); }
-
-KVRmodel *prepare(nb::handle self) {
-  KVRmodel *model = live_model(self);
-  model_setup(self);
-  return model;
-}
-
-void check_code(int code, KVRmodel *model) {
-  if (code) raise_error(code, KVRgetmerrormsg(model));
-}
-
 // "<", "<=" -> '<'; ">", ">=" -> '>'; "=", "==" -> '='; 0 for anything else.
 char sense_char(nb::handle sense) {
   if (!PyUnicode_Check(sense.ptr())) return 0;
@@ -215,22 +203,22 @@ nb::object add_prepared(nb::handle self, Prepared &p, const std::string &name) {
   int nl = static_cast<int>(d.ind.size());
   switch (p.type) {
     case Prepared::kLinear:
-      check_code(
+      check_model(
           KVRaddconstr(model, nl, d.ind.data(), d.val.data(), p.sense, p.rhs, name_ptr(name)),
           model);
       return model_append(self, kConstr, model_updatemode(self) == 1);
     case Prepared::kQuadratic: {
       const QuadData &q = p.data;
-      check_code(KVRaddqconstr(model, nl, d.ind.data(), d.val.data(),
-                               static_cast<int>(q.qval.size()), q.qrow.data(), q.qcol.data(),
-                               q.qval.data(), p.sense, p.rhs, name_ptr(name)),
-                 model);
+      check_model(KVRaddqconstr(model, nl, d.ind.data(), d.val.data(),
+                                static_cast<int>(q.qval.size()), q.qrow.data(), q.qcol.data(),
+                                q.qval.data(), p.sense, p.rhs, name_ptr(name)),
+                  model);
       return model_append(self, kQConstr, false);
     }
     case Prepared::kIndicator:
-      check_code(KVRaddgenconstrIndicator(model, name_ptr(name), p.binvar, p.binval, nl,
-                                          d.ind.data(), d.val.data(), p.sense, p.rhs),
-                 model);
+      check_model(KVRaddgenconstrIndicator(model, name_ptr(name), p.binvar, p.binval, nl,
+                                           d.ind.data(), d.val.data(), p.sense, p.rhs),
+                  model);
       return model_append(self, kGenConstr, false);
     default:
       return p.genexpr.attr("_addAsConstr")(nb::borrow(self), model_handle(self, kVar, p.resvar),
@@ -371,7 +359,7 @@ nb::object add_vars(nb::handle self, nb::args indexes, nb::kwargs kwargs) {
   }
   if (!unexpected.empty())
     raise_python(PyExc_TypeError, "addVars() got unexpected keyword argument(s) " + unexpected);
-  KVRmodel *model = prepare(self);
+  KVRmodel *model = prepared_model(self);
   if (indexes.size() == 0)
     raise_error(KVR_ERROR_INVALID_ARGUMENT, "Model.addVars() needs at least one index argument");
 
@@ -503,9 +491,9 @@ nb::object add_vars(nb::handle self, nb::args indexes, nb::kwargs kwargs) {
   }
 
   auto ptr = [](const auto &v) { return v.empty() ? nullptr : v.data(); };
-  check_code(KVRaddvars(model, static_cast<int>(n), 0, nullptr, nullptr, nullptr, ptr(objv),
-                        ptr(lbv), ptr(ubv), ptr(vtv), named ? names.data() : nullptr),
-             model);
+  check_model(KVRaddvars(model, static_cast<int>(n), 0, nullptr, nullptr, nullptr, ptr(objv),
+                         ptr(lbv), ptr(ubv), ptr(vtv), named ? names.data() : nullptr),
+              model);
 
   bool numbered = model_updatemode(self) == 1;
   std::vector<nb::object> handles;
@@ -567,7 +555,7 @@ std::vector<double> number_list(nb::handle values, const char *what) {
 }
 
 nb::object gen_added(nb::handle self, int code, KVRmodel *model) {
-  check_code(code, model);
+  check_model(code, model);
   return model_append(self, kGenConstr, false);
 }
 
@@ -576,7 +564,7 @@ double fold_min(double a, double b) { return std::min(a, b); }
 
 nb::object add_maxmin(nb::handle self, nb::handle resvar, nb::handle vars, nb::handle constant,
                       nb::handle name, bool is_max) {
-  KVRmodel *model = prepare(self);
+  KVRmodel *model = prepared_model(self);
   int res = var_column(resvar, model);
   double c = is_max ? -KVR_INFINITY : KVR_INFINITY;
   if (!constant.is_none()) c = number_arg(constant, "constant");
@@ -594,7 +582,7 @@ void def_function(nb::class_<Model> &cls, const char *method, FunctionFn fn, con
   cls.def(
       method,
       [fn](nb::handle self, nb::handle xvar, nb::handle yvar, nb::handle name, nb::handle options) {
-        KVRmodel *model = prepare(self);
+        KVRmodel *model = prepared_model(self);
         int x = var_column(xvar, model), y = var_column(yvar, model);
         std::string n = name_arg(name), o = name_arg(options);
         return gen_added(self, fn(model, name_ptr(n), x, y, o.c_str()), model);
@@ -608,7 +596,7 @@ void def_function_a(nb::class_<Model> &cls, const char *method, FunctionAFn fn, 
       method,
       [fn](nb::handle self, nb::handle xvar, nb::handle yvar, nb::handle a, nb::handle name,
            nb::handle options) {
-        KVRmodel *model = prepare(self);
+        KVRmodel *model = prepared_model(self);
         int x = var_column(xvar, model), y = var_column(yvar, model);
         double av = number_arg(a, "a");
         std::string n = name_arg(name), o = name_arg(options);
@@ -620,7 +608,7 @@ void def_function_a(nb::class_<Model> &cls, const char *method, FunctionAFn fn, 
 
 // ---------------------------------------------------------------- objectives
 void set_objective(nb::handle self, nb::handle expr, nb::handle sense) {
-  KVRmodel *model = prepare(self);
+  KVRmodel *model = prepared_model(self);
   QuadData q;
   if (!collect_quadratic(expr, 1.0, model, q))
     raise_error(-1, "Unable to convert argument to an expression");
@@ -636,15 +624,15 @@ void set_objective(nb::handle self, nb::handle expr, nb::handle sense) {
                   "Objective sense must be KVR.MINIMIZE or KVR.MAXIMIZE");
     s = static_cast<int>(v);
   }
-  check_code(KVRsetobjective(model, s, q.lin.constant, static_cast<int>(q.lin.ind.size()),
-                             q.lin.ind.data(), q.lin.val.data(), static_cast<int>(q.qval.size()),
-                             q.qrow.data(), q.qcol.data(), q.qval.data()),
-             model);
+  check_model(KVRsetobjective(model, s, q.lin.constant, static_cast<int>(q.lin.ind.size()),
+                              q.lin.ind.data(), q.lin.val.data(), static_cast<int>(q.qval.size()),
+                              q.qrow.data(), q.qcol.data(), q.qval.data()),
+              model);
 }
 
 // ---------------------------------------------------------------- addConstrs
 nb::object add_constrs(nb::handle self, nb::handle generator, nb::handle name) {
-  KVRmodel *model = prepare(self);
+  KVRmodel *model = prepared_model(self);
   if (!PyGen_Check(generator.ptr()))
     raise_error(KVR_ERROR_INVALID_ARGUMENT,
                 "Model.addConstrs() takes a generator expression of constraints");
@@ -723,10 +711,10 @@ nb::object add_constrs(nb::handle self, nb::handle generator, nb::handle name) {
       rhs.push_back(p.rhs);
       if (!base.empty()) cnames.push_back(names[i].c_str());
     }
-    check_code(KVRaddconstrs(model, static_cast<int>(items.size()), static_cast<int>(nnz),
-                             beg.data(), ind.data(), val.data(), sense.data(), rhs.data(),
-                             base.empty() ? nullptr : cnames.data()),
-               model);
+    check_model(KVRaddconstrs(model, static_cast<int>(items.size()), static_cast<int>(nnz),
+                              beg.data(), ind.data(), val.data(), sense.data(), rhs.data(),
+                              base.empty() ? nullptr : cnames.data()),
+                model);
     bool numbered = model_updatemode(self) == 1;
     GcPause pause(items.size());
     for (size_t i = 0; i < items.size(); ++i)
@@ -745,7 +733,7 @@ void init_model_add(nb::class_<Model> &cls) {
       "addVar",
       [](nb::handle self, nb::handle lb, nb::handle ub, nb::handle obj, nb::handle vtype,
          nb::handle name, nb::handle column) {
-        KVRmodel *model = prepare(self);
+        KVRmodel *model = prepared_model(self);
         double l = number_arg(lb, "lb"), u = number_arg(ub, "ub"), o = number_arg(obj, "obj");
         if (std::isnan(l) || std::isnan(u) || std::isnan(o))
           raise_error(KVR_ERROR_INVALID_ARGUMENT, "Bounds and objective must not be Nan");
@@ -760,9 +748,9 @@ void init_model_add(nb::class_<Model> &cls) {
           collect_column(column, model, ind, val);
           check_finite(val);
         }
-        check_code(KVRaddvar(model, static_cast<int>(ind.size()), ind.data(), val.data(), o, l, u,
-                             vt, name_ptr(n)),
-                   model);
+        check_model(KVRaddvar(model, static_cast<int>(ind.size()), ind.data(), val.data(), o, l, u,
+                              vt, name_ptr(n)),
+                    model);
         return model_append(self, kVar, model_updatemode(self) == 1);
       },
       nb::arg("lb").none() = 0.0, nb::arg("ub").none() = KVR_INFINITY, nb::arg("obj").none() = 0.0,
@@ -777,7 +765,7 @@ void init_model_add(nb::class_<Model> &cls) {
   cls.def(
       "addLConstr",
       [](nb::handle self, nb::handle lhs, nb::handle sense, nb::handle rhs, nb::handle name) {
-        KVRmodel *model = prepare(self);
+        KVRmodel *model = prepared_model(self);
         nb::object l = nb::borrow(lhs), s = nb::borrow(sense), r = nb::borrow(rhs);
         if (is_tempconstr(lhs)) {
           l = tc_part(lhs, "_lhs");
@@ -804,7 +792,7 @@ void init_model_add(nb::class_<Model> &cls) {
   cls.def(
       "addConstr",
       [](nb::handle self, nb::args args, nb::kwargs kwargs) {
-        KVRmodel *model = prepare(self);
+        KVRmodel *model = prepared_model(self);
         nb::object name = nb::str("");
         for (auto [k, v] : kwargs) {
           if (utf8(k) != "name")
@@ -831,7 +819,7 @@ void init_model_add(nb::class_<Model> &cls) {
   cls.def(
       "addRange",
       [](nb::handle self, nb::handle expr, nb::handle lower, nb::handle upper, nb::handle name) {
-        KVRmodel *model = prepare(self);
+        KVRmodel *model = prepared_model(self);
         LinearData d;
         if (!collect_linear(expr, 1.0, model, d))
           raise_error(0, "Invalid argument to Model.addRange");
@@ -844,9 +832,9 @@ void init_model_add(nb::class_<Model> &cls) {
         if (lo > -KVR_INFINITY) lo -= d.constant;
         if (up < KVR_INFINITY) up -= d.constant;
         std::string n = name_arg(name);
-        check_code(KVRaddrangeconstr(model, static_cast<int>(d.ind.size()), d.ind.data(),
-                                     d.val.data(), lo, up, name_ptr(n)),
-                   model);
+        check_model(KVRaddrangeconstr(model, static_cast<int>(d.ind.size()), d.ind.data(),
+                                      d.val.data(), lo, up, name_ptr(n)),
+                    model);
         bool numbered = model_updatemode(self) == 1;
         nb::object constr = model_append(self, kConstr, numbered);
         // The library adds a range variable right after the row when both sides are finite or
@@ -864,7 +852,7 @@ void init_model_add(nb::class_<Model> &cls) {
   cls.def(
       "addQConstr",
       [](nb::handle self, nb::handle lhs, nb::handle sense, nb::handle rhs, nb::handle name) {
-        KVRmodel *model = prepare(self);
+        KVRmodel *model = prepared_model(self);
         if (lhs.is_none())
           raise_error(KVR_ERROR_INVALID_ARGUMENT,
                       "Invalid None value for lhs when calling Model.addQConstr");
@@ -886,7 +874,7 @@ void init_model_add(nb::class_<Model> &cls) {
   cls.def(
       "addSOS",
       [](nb::handle self, nb::handle type, nb::handle vars, nb::handle wts) {
-        KVRmodel *model = prepare(self);
+        KVRmodel *model = prepared_model(self);
         double t = 0;
         if (!isscalar(type, &t) || (t != KVR_SOS_TYPE1 && t != KVR_SOS_TYPE2))
           raise_error(KVR_ERROR_INVALID_ARGUMENT,
@@ -903,7 +891,7 @@ void init_model_add(nb::class_<Model> &cls) {
           check_finite(w);
         }
         int types[1] = {static_cast<int>(t)}, beg[1] = {0};
-        check_code(
+        check_model(
             KVRaddsos(model, 1, static_cast<int>(ind.size()), types, beg, ind.data(), w.data()),
             model);
         return model_append(self, kSOS, false);
@@ -926,7 +914,7 @@ void init_model_add(nb::class_<Model> &cls) {
   cls.def(
       "addGenConstrAbs",
       [](nb::handle self, nb::handle resvar, nb::handle argvar, nb::handle name) {
-        KVRmodel *model = prepare(self);
+        KVRmodel *model = prepared_model(self);
         int r = var_column(resvar, model), a = var_column(argvar, model);
         std::string n = name_arg(name);
         return gen_added(self, KVRaddgenconstrAbs(model, name_ptr(n), r, a), model);
@@ -937,7 +925,7 @@ void init_model_add(nb::class_<Model> &cls) {
     cls.def(
         is_and ? "addGenConstrAnd" : "addGenConstrOr",
         [is_and](nb::handle self, nb::handle resvar, nb::handle vars, nb::handle name) {
-          KVRmodel *model = prepare(self);
+          KVRmodel *model = prepared_model(self);
           int r = var_column(resvar, model);
           std::vector<int> ind = var_list(vars, model);
           std::string n = name_arg(name);
@@ -951,7 +939,7 @@ void init_model_add(nb::class_<Model> &cls) {
   cls.def(
       "addGenConstrNorm",
       [](nb::handle self, nb::handle resvar, nb::handle vars, nb::handle which, nb::handle name) {
-        KVRmodel *model = prepare(self);
+        KVRmodel *model = prepared_model(self);
         int r = var_column(resvar, model);
         std::vector<int> ind = var_list(vars, model);
         double w = number_arg(which, "which");
@@ -967,7 +955,7 @@ void init_model_add(nb::class_<Model> &cls) {
       "addGenConstrIndicator",
       [](nb::handle self, nb::handle binvar, nb::handle binval, nb::handle lhs, nb::handle sense,
          nb::handle rhs, nb::handle name) {
-        KVRmodel *model = prepare(self);
+        KVRmodel *model = prepared_model(self);
         Prepared p;
         prepare_indicator(binvar, binval, lhs, sense, rhs, model, p);
         return add_prepared(self, p, name_arg(name));
@@ -980,7 +968,7 @@ void init_model_add(nb::class_<Model> &cls) {
       "addGenConstrPWL",
       [](nb::handle self, nb::handle xvar, nb::handle yvar, nb::handle xpts, nb::handle ypts,
          nb::handle name) {
-        KVRmodel *model = prepare(self);
+        KVRmodel *model = prepared_model(self);
         int x = var_column(xvar, model), y = var_column(yvar, model);
         std::vector<double> xp = number_list(xpts, "xpts"), yp = number_list(ypts, "ypts");
         if (xp.size() != yp.size())
@@ -998,7 +986,7 @@ void init_model_add(nb::class_<Model> &cls) {
       "addGenConstrPoly",
       [](nb::handle self, nb::handle xvar, nb::handle yvar, nb::handle p, nb::handle name,
          nb::handle options) {
-        KVRmodel *model = prepare(self);
+        KVRmodel *model = prepared_model(self);
         int x = var_column(xvar, model), y = var_column(yvar, model);
         std::vector<double> coeffs = number_list(p, "p");
         if (coeffs.empty()) raise_error(-1, "Error: empty polynomial function");
@@ -1033,7 +1021,7 @@ void init_model_add(nb::class_<Model> &cls) {
       "setObjectiveN",
       [](nb::handle self, nb::handle expr, int index, int priority, nb::handle weight,
          nb::handle abstol, nb::handle reltol, nb::handle name) {
-        KVRmodel *model = prepare(self);
+        KVRmodel *model = prepared_model(self);
         LinearData d;
         if (!collect_linear(expr, 1.0, model, d))
           raise_error(-1, "Objective must be linear for multi-objective model");
@@ -1043,9 +1031,9 @@ void init_model_add(nb::class_<Model> &cls) {
         double w = number_arg(weight, "weight"), at = number_arg(abstol, "abstol"),
                rt = number_arg(reltol, "reltol");
         std::string n = name_arg(name);
-        check_code(KVRsetobjectiven(model, index, priority, w, at, rt, name_ptr(n), d.constant,
-                                    static_cast<int>(d.ind.size()), d.ind.data(), d.val.data()),
-                   model);
+        check_model(KVRsetobjectiven(model, index, priority, w, at, rt, name_ptr(n), d.constant,
+                                     static_cast<int>(d.ind.size()), d.ind.data(), d.val.data()),
+                    model);
       },
       nb::arg("expr").none(), nb::arg("index"), nb::arg("priority") = 0,
       nb::arg("weight").none() = 1.0, nb::arg("abstol").none() = 1e-6,
@@ -1054,15 +1042,15 @@ void init_model_add(nb::class_<Model> &cls) {
   cls.def(
       "setPWLObj",
       [](nb::handle self, nb::handle var, nb::handle x, nb::handle y) {
-        KVRmodel *model = prepare(self);
+        KVRmodel *model = prepared_model(self);
         if (!as_var(var)) raise_error(-1, "First argument must be a Var");
         int col = var_column(var, model);
         std::vector<double> xs = number_list(x, "x"), ys = number_list(y, "y");
         if (xs.size() != ys.size()) raise_error(-1, "Arguments x and y must have the same length");
         check_finite(xs);
         check_finite(ys);
-        check_code(KVRsetpwlobj(model, col, static_cast<int>(xs.size()), xs.data(), ys.data()),
-                   model);
+        check_model(KVRsetpwlobj(model, col, static_cast<int>(xs.size()), xs.data(), ys.data()),
+                    model);
       },
       nb::arg("var").none(), nb::arg("x").none(), nb::arg("y").none(),
       "Sets a piecewise-linear objective term on one variable through the points (x, y).");
