@@ -222,6 +222,43 @@ static void test_lifecycle(void) {
   KVRfreemodel(m);
 }
 
+/* Calls with a freed model or environment fail cleanly instead of touching freed memory. */
+static void test_freed_handles(void) {
+  KVRmodel *m = NULL;
+  double lb = 0.0, x;
+  int ind = 0, n;
+  char *s = NULL;
+  OK(NULL, KVRnewmodel(g_env, &m, "gone", 2, NULL, NULL, NULL, NULL, NULL));
+  KVRenv *menv = KVRgetenv(m);
+  KVRfreeenv(menv); /* a model's own environment dies with the model, not here */
+  CHECK(KVRgetparamtype(menv, "TimeLimit") == KVR_PARAM_DBL);
+  OK(m, KVRfreemodel(m));
+  const char *gone = "Invalid handle: it was freed, or it was never created by this library";
+  CHECK(strcmp(KVRgetmerrormsg(m), gone) == 0);
+  CHECK(KVRgetintattr(m, "NumVars", &n) == KVR_ERROR_INVALID_ARGUMENT);
+  CHECK(KVRsetdblattrelement(m, "LB", 0, 1.0) == KVR_ERROR_INVALID_ARGUMENT);
+  CHECK(KVRgetdblattrlist(m, "LB", 1, &ind, &lb) == KVR_ERROR_INVALID_ARGUMENT);
+  CHECK(KVRgetstrattrelement(m, "VarName", 0, &s) == KVR_ERROR_INVALID_ARGUMENT);
+  CHECK(KVRaddvar(m, 0, NULL, NULL, 0, 0, 1, KVR_CONTINUOUS, "x") == KVR_ERROR_INVALID_ARGUMENT);
+  CHECK(KVRdelvars(m, 1, &ind) == KVR_ERROR_INVALID_ARGUMENT);
+  CHECK(KVRupdatemodel(m) == KVR_ERROR_INVALID_ARGUMENT);
+  CHECK(KVRgetattrinfo(m, "LB", &n, NULL, NULL) == 0); /* the attribute table needs no model */
+  CHECK(KVRgetenv(m) == NULL && KVRcopymodel(m) == NULL);
+  CHECK(KVRfreemodel(m) == KVR_ERROR_INVALID_ARGUMENT); /* freeing twice is refused */
+  CHECK(KVRgetparamtype(menv, "TimeLimit") == -1);
+
+  KVRenv *e = NULL;
+  OK(NULL, KVRemptyenv(&e));
+  KVRfreeenv(e);
+  CHECK(strcmp(KVRgeterrormsg(e), gone) == 0);
+  CHECK(KVRsetdblparam(e, "TimeLimit", 1.0) == KVR_ERROR_INVALID_ARGUMENT);
+  CHECK(KVRgetdblparam(e, "TimeLimit", &x) == KVR_ERROR_INVALID_ARGUMENT);
+  CHECK(KVRstartenv(e) == KVR_ERROR_INVALID_ARGUMENT);
+  CHECK(KVRnewmodel(e, &m, "x", 0, NULL, NULL, NULL, NULL, NULL) == KVR_ERROR_INVALID_ARGUMENT);
+  KVRmsg(e, "nothing happens\n");
+  KVRfreeenv(e); /* twice: ignored */
+}
+
 /* ------------------------------------------------------------------ lazy updates */
 
 static void test_update_mode_1(void) {
@@ -1440,6 +1477,7 @@ int main(int argc, char **argv) {
     return rc;
   }
   test_lifecycle();
+  test_freed_handles();
   test_update_mode_1();
   test_update_mode_0();
   test_range_constraints();

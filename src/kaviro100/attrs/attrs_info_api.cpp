@@ -3,13 +3,14 @@
 
 #include "attrs/attrs.h"
 #include "model/model.h"
+#include "util/live.h"
 
 extern "C" {
 
 int KVRgetattrinfo(KVRmodel *model, const char *attrname, int *datatypeP, int *attrclassP,
                    int *settableP) {
   std::string scratch;
-  return kvr::guarded(model ? model->errmsg : scratch, [&] {
+  return kvr::guarded(kvr::is_live(model) ? model->errmsg : scratch, [&] {
     if (!attrname) kvr::fail(KVR_ERROR_NULL_ARGUMENT, "No attribute name given");
     kvr::AttrId id = kvr::find_attr(attrname);
     if (id == kvr::AttrId::Count)
@@ -25,7 +26,7 @@ int KVRgetnumattributes(KVRmodel *) { return kvr::attr_count(); }
 
 int KVRgetattrname(KVRmodel *model, int i, char **attrnameP) {
   std::string scratch;
-  return kvr::guarded(model ? model->errmsg : scratch, [&] {
+  return kvr::guarded(kvr::is_live(model) ? model->errmsg : scratch, [&] {
     if (i < 0 || i >= kvr::attr_count())
       kvr::fail(KVR_ERROR_INDEX_OUT_OF_RANGE, "Attribute index %d out of range [0, %d)", i,
                 kvr::attr_count());

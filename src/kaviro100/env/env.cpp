@@ -4,14 +4,19 @@
 #include <cstdio>
 
 #include "util/error.h"
+#include "util/live.h"
 #include "util/strings.h"
+
+kvr_env::kvr_env() { kvr::register_handle(this); }
 
 kvr_env::kvr_env(const kvr_env &other)
     : params(other.params), started(other.started), logcb(other.logcb), logdata(other.logdata) {
   sync_logfile();
+  kvr::register_handle(this);
 }
 
 kvr_env::~kvr_env() {
+  kvr::unregister_handle(this);
   if (!pending_line_.empty()) log("\n");
   if (logfile_) std::fclose(logfile_);
 }

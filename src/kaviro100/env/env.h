@@ -14,13 +14,15 @@ struct kvr_env {
   kvr::ParamValues params;
   std::string errmsg;
   bool started = false;
+  // Made by KVRemptyenv (freed by KVRfreeenv), not a model's or a solve's own environment.
+  bool user_created = false;
   KVRlogcallback logcb = nullptr;
   void *logdata = nullptr;
 
   // Environments handed out for concurrent and multi-objective passes, owned here.
   std::vector<std::unique_ptr<kvr_env>> concurrent_envs, multiobj_envs;
 
-  kvr_env() = default;
+  kvr_env();
   // A copy for a model: same parameters and log destinations, no error text, no sub-environments.
   kvr_env(const kvr_env &other);
   kvr_env &operator=(const kvr_env &) = delete;

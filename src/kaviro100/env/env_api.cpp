@@ -4,6 +4,7 @@
 
 #include "env/env.h"
 #include "util/error.h"
+#include "util/live.h"
 
 namespace {
 
@@ -17,6 +18,7 @@ int KVRemptyenvadvinternal(KVRenv **envP, int major, int minor, int technical) {
   if (!envP) return KVR_ERROR_NULL_ARGUMENT;
   *envP = nullptr;
   auto env = std::make_unique<kvr_env>();
+  env->user_created = true;
   int code = env->run([&] {
     if (major != KVR_VERSION_MAJOR || minor != KVR_VERSION_MINOR)
       kvr::fail(KVR_ERROR_INVALID_ARGUMENT,
@@ -41,7 +43,7 @@ int KVRloadenv(KVRenv **envP, const char *logfilename) {
 }
 
 int KVRstartenv(KVRenv *env) {
-  if (!env) return KVR_ERROR_NULL_ARGUMENT;
+  if (int status = kvr::handle_status(env)) return status;
   return env->run([&] {
     kvr::check_remote_settings(env);
     env->sync_logfile();
@@ -49,23 +51,31 @@ int KVRstartenv(KVRenv *env) {
   });
 }
 
-void KVRfreeenv(KVRenv *env) { delete env; }
+// Environments of models (KVRgetenv) and sub-environments die with their owner; only the
+// environments made by KVRemptyenv/KVRloadenv are freed here.
+void KVRfreeenv(KVRenv *env) {
+  if (kvr::is_live(env) && env->user_created) delete env;
+}
 
-const char *KVRgeterrormsg(KVRenv *env) { return env ? env->errmsg.c_str() : kNoEnvMessage; }
+const char *KVRgeterrormsg(KVRenv *env) {
+  if (!env) return kNoEnvMessage;
+  return kvr::is_live(env) ? env->errmsg.c_str() : kvr::kNotLiveMessage;
+}
 
 void KVRmsg(KVRenv *env, const char *message) {
-  if (env && message) env->log(message);
+  if (kvr::is_live(env) && message) env->log(message);
 }
 
 int KVRsetlogcallbackfuncenv(KVRenv *env, KVRlogcallback cb, void *logdata) {
-  if (!env) return KVR_ERROR_NULL_ARGUMENT;
+  if (int status = kvr::handle_status(env)) return status;
   env->logcb = cb;
   env->logdata = logdata;
   return 0;
 }
 
 int KVRgetlogcallbackfuncenv(KVRenv *env, KVRlogcallback *cbP) {
-  if (!env || !cbP) return KVR_ERROR_NULL_ARGUMENT;
+  if (int status = kvr::handle_status(env)) return status;
+  if (!cbP) return KVR_ERROR_NULL_ARGUMENT;
   *cbP = env->logcb;
   return 0;
 }
@@ -90,7 +100,7 @@ const char *KVRplatform(void) {
 
 int KVRgetcommstats(KVRenv *env, double *sentbytesP, double *recvbytesP, int *sentmsgsP,
                     int *recvmsgsP) {
-  if (!env) return KVR_ERROR_NULL_ARGUMENT;
+  if (int status = kvr::handle_status(env)) return status;
   // Every solve is local: nothing is ever sent or received.
   if (sentbytesP) *sentbytesP = 0.0;
   if (recvbytesP) *recvbytesP = 0.0;

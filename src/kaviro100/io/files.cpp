@@ -9,6 +9,7 @@
 #include "io/formats.h"
 #include "model/model.h"
 #include "util/error.h"
+#include "util/live.h"
 #include "util/strings.h"
 
 namespace kvr::io {
@@ -119,7 +120,7 @@ extern "C" {
 
 int KVRreadmodel(KVRenv *env, const char *filename, KVRmodel **modelP) {
   if (modelP) *modelP = nullptr;
-  if (!env) return KVR_ERROR_NULL_ARGUMENT;
+  if (int status = kvr::handle_status(env)) return status;
   return env->run([&] {
     if (!filename || !modelP) kvr::fail(KVR_ERROR_NULL_ARGUMENT, "Null argument to KVRreadmodel");
     if (!env->started) kvr::fail(KVR_ERROR_INVALID_ARGUMENT, "Environment not started");

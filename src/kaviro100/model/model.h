@@ -12,6 +12,7 @@
 #include "model/modeldata.h"
 #include "model/pending.h"
 #include "model/solution.h"
+#include "util/live.h"
 
 struct kvr_model {
   kvr_env env;  // the model's own copy of its environment's parameters and log destinations
@@ -44,10 +45,13 @@ struct kvr_model {
   std::string strbuf;
   std::vector<char *> strptrs;
 
-  kvr_model(const kvr_env &parent, kvr::ModelData d) : env(parent), data(std::move(d)) {}
+  kvr_model(const kvr_env &parent, kvr::ModelData d) : env(parent), data(std::move(d)) {
+    kvr::register_handle(this);
+  }
   // A full, independent copy (data, pending changes, parameters, solution); no callback.
   kvr_model(const kvr_model &other);
   kvr_model &operator=(const kvr_model &) = delete;
+  ~kvr_model() { kvr::unregister_handle(this); }
 
   // Runs body and stores the message of a failure on the model; returns the error code.
   template <class Body>
@@ -59,10 +63,11 @@ struct kvr_model {
 };
 
 namespace kvr {
-// The body of a C entry point on a model: NULL_ARGUMENT for a null model, else model->run(body).
+// The body of a C entry point on a model: NULL_ARGUMENT for a null model, INVALID_ARGUMENT for
+// one that was freed (its message is then kNotLiveMessage), else model->run(body).
 template <class Body>
 int run_on_model(kvr_model *model, Body &&body) noexcept {
-  if (!model) return KVR_ERROR_NULL_ARGUMENT;
+  if (int status = handle_status(model)) return status;
   return model->run(body);
 }
 

@@ -6,6 +6,7 @@
 #include "model/build.h"
 #include "model/checks.h"
 #include "model/model.h"
+#include "util/live.h"
 
 kvr_model::kvr_model(const kvr_model &other)
     : env(other.env),
@@ -17,14 +18,17 @@ kvr_model::kvr_model(const kvr_model &other)
 
 extern "C" {
 
-const char *KVRgetmerrormsg(KVRmodel *model) { return model ? model->errmsg.c_str() : "No model"; }
+const char *KVRgetmerrormsg(KVRmodel *model) {
+  if (!model) return "No model";
+  return kvr::is_live(model) ? model->errmsg.c_str() : kvr::kNotLiveMessage;
+}
 
-KVRenv *KVRgetenv(KVRmodel *model) { return model ? &model->env : nullptr; }
+KVRenv *KVRgetenv(KVRmodel *model) { return kvr::is_live(model) ? &model->env : nullptr; }
 
 int KVRnewmodel(KVRenv *env, KVRmodel **modelP, const char *Pname, int numvars, const double *obj,
                 const double *lb, const double *ub, const char *vtype,
                 const char *const *varnames) {
-  if (!env) return KVR_ERROR_NULL_ARGUMENT;
+  if (int status = kvr::handle_status(env)) return status;
   return env->run([&] {
     if (!modelP) kvr::fail(KVR_ERROR_NULL_ARGUMENT, "No place given for the new model");
     *modelP = nullptr;
@@ -50,6 +54,7 @@ int KVRnewmodel(KVRenv *env, KVRmodel **modelP, const char *Pname, int numvars, 
 
 int KVRfreemodel(KVRmodel *model) {
   if (!model) return 0;
+  if (!kvr::is_live(model)) return KVR_ERROR_INVALID_ARGUMENT;  // freed twice, or not a model
   // A model cannot go away under its own optimization (a callback asking for it is refused).
   if (model->optimizing)
     return model->run([&] {
@@ -61,7 +66,7 @@ int KVRfreemodel(KVRmodel *model) {
 }
 
 KVRmodel *KVRcopymodel(KVRmodel *model) {
-  if (!model) return nullptr;
+  if (!kvr::is_live(model)) return nullptr;
   KVRmodel *copy = nullptr;
   model->run([&] {
     kvr::check_queryable(model);

@@ -6,6 +6,7 @@
 #include "env/env.h"
 #include "params/params.h"
 #include "util/error.h"
+#include "util/live.h"
 
 namespace {
 
@@ -39,7 +40,7 @@ void copy_str(char *dst, const std::string &src) {
 
 template <class Body>
 int with_env(KVRenv *env, Body &&body) {
-  if (!env) return KVR_ERROR_NULL_ARGUMENT;
+  if (int status = kvr::handle_status(env)) return status;
   return env->run(body);
 }
 
@@ -48,7 +49,7 @@ int with_env(KVRenv *env, Body &&body) {
 extern "C" {
 
 int KVRgetparamtype(KVRenv *env, const char *paramname) {
-  if (!env || !paramname) return -1;
+  if (!kvr::is_live(env) || !paramname) return -1;
   ParamId id = kvr::find_param(paramname);
   return id == ParamId::Count ? -1 : static_cast<int>(kvr::param_def(id).type);
 }
@@ -184,7 +185,7 @@ int KVRgetnumparams(KVRenv *env) { return kvr::param_count(); }
 
 int KVRgetparamname(KVRenv *env, int i, char **paramnameP) {
   std::string scratch;
-  std::string &message = env ? env->errmsg : scratch;
+  std::string &message = kvr::is_live(env) ? env->errmsg : scratch;
   return kvr::guarded(message, [&] {
     if (i < 0 || i >= kvr::param_count())
       kvr::fail(KVR_ERROR_INDEX_OUT_OF_RANGE, "Parameter index %d out of range [0, %d)", i,
