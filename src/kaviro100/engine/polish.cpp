@@ -86,6 +86,7 @@ bool polish_mip_solution(const ModelData &m, Engine &engine, SolveContext &ctx,
     // variables they control come back exactly at them.
     lp_params.set_int(ParamId::Presolve, -1);
     lp_params.set_int(ParamId::Method, -1);
+    lp_params.set_dbl(ParamId::Cutoff, KVR_INFINITY);  // a bound on the search, which is over
     if (remaining < KVR_INFINITY) lp_params.set_dbl(ParamId::TimeLimit, remaining);
     SolveContext sub;
     sub.model = ctx.model;
