@@ -201,6 +201,19 @@ def test_mip_start_is_handed_to_the_engine(env, tmp_path):
     m.dispose()
 
 
+def leaky_sos(m):
+    """SOS1 {a, b, c} with only c on (4.6) at the optimum 9.2; b earns more than c per unit of r0,
+    so the relaxation raises b as far as the tolerance of its binary allows."""
+    a = m.addVar(ub=100, name="a")
+    b = m.addVar(ub=10, name="b")
+    c = m.addVar(ub=10, name="c")
+    m.addSOS(KVR.SOS_TYPE1, [a, b, c], [1, 2, 3])
+    m.addConstr(5 * c + 2 * b + 2 * a <= 23, name="r0")
+    m.addConstr(3 * a - 2 * c + 5 * b <= 10, name="r1")
+    m.setObjective(a + 3 * b + 2 * c, KVR.MAXIMIZE)
+    return a, b, c
+
+
 def test_mip_solutions_of_rewritten_models_are_polished(env, tmp_path):
     """Big-M rows let a variable that is off keep a value within the tolerances of its binary; the
     solution is cleaned by re-solving with the integer variables fixed, so it reads exactly 0."""
@@ -213,16 +226,8 @@ def test_mip_solutions_of_rewritten_models_are_polished(env, tmp_path):
         m.optimize()
         return log.read_text()
 
-    # SOS1 {a, b, c} with c on at 4.6: b earns more than c per unit of r0, so the relaxation
-    # raises b as far as the tolerance of its binary allows.
     m = kp.Model(env=env)
-    a = m.addVar(ub=100, name="a")
-    b = m.addVar(ub=10, name="b")
-    c = m.addVar(ub=10, name="c")
-    m.addSOS(KVR.SOS_TYPE1, [a, b, c], [1, 2, 3])
-    m.addConstr(5 * c + 2 * b + 2 * a <= 23, name="r0")
-    m.addConstr(3 * a - 2 * c + 5 * b <= 10, name="r1")
-    m.setObjective(a + 3 * b + 2 * c, KVR.MAXIMIZE)
+    a, b, c = leaky_sos(m)
     text = solve(m)
     assert (repr(a.X), repr(b.X)) == ("0.0", "0.0") and c.X == pytest.approx(4.6, abs=1e-9)
     assert m.ObjVal == pytest.approx(9.2, abs=1e-9) and m.ObjBound >= m.ObjVal
@@ -233,7 +238,27 @@ def test_mip_solutions_of_rewritten_models_are_polished(env, tmp_path):
     for k in range(1, m.SolCount):
         m.Params.SolutionNumber = k
         assert [v.Xn for v in (a, b, c)] != [a.X, b.X, c.X]
+    # Scenario solutions are polished too.
+    m.NumScenarios = 1
+    m.update()
+    m.Params.ScenarioNumber = 0
+    a.ScenNUB = 50
+    m.optimize()
+    assert [v.ScenNX for v in (a, b)] == [0.0, 0.0] and m.ScenNObjVal == pytest.approx(9.2)
     m.dispose()
+
+    # With several objectives the last pass's model (earlier levels kept by rows) is polished.
+    # Minimizing a + b first lets them grow by the level's tolerance later, which the SOS does
+    # not: its rows, not the LP tolerance, must decide.
+    for first in ("constant", "a + b"):
+        m = kp.Model(env=env)
+        a, b, c = leaky_sos(m)
+        m.setObjectiveN(a + 3 * b + 2 * c, 0, priority=1)
+        m.setObjectiveN(0 * a + 1 if first == "constant" else -a - b, 1, priority=2)
+        m.optimize()
+        assert (repr(a.X), repr(b.X)) == ("0.0", "0.0"), first
+        assert m.ObjVal == pytest.approx(9.2, abs=1e-9)
+        m.dispose()
 
     # Semi-continuous x in {0} u [5, 1000]; r0 allows x at most 1.6, so x is off.
     m = kp.Model(env=env)

@@ -29,6 +29,42 @@ double max_violation(const ModelData &m, const std::vector<LinRow> &lazy, const 
   return worst;
 }
 
+// Rows left with one free column once the integer variables are fixed become bounds of that
+// column: the big-M row x - M z <= 0 with z fixed at 0 makes x <= 0 exactly, where the LP would
+// accept x up to the feasibility tolerance. Returns false when the bounds cross.
+bool bounds_from_singleton_rows(ModelData &lp, double ftol) {
+  const SparseMatrix &A = lp.constrs.rows;
+  std::vector<double> &lb = lp.vars.lb, &ub = lp.vars.ub;
+  for (int i = 0; i < lp.num_constrs(); ++i) {
+    int free_col = -1;
+    double coef = 0.0, rest = 0.0;
+    bool single = true;
+    for (int64_t k = A.beg[i]; k < A.beg[i + 1] && single; ++k) {
+      int j = A.ind[k];
+      if (lb[j] == ub[j]) {
+        rest += A.val[k] * lb[j];
+      } else if (free_col < 0 || free_col == j) {
+        free_col = j;
+        coef += A.val[k];
+      } else {
+        single = false;
+      }
+    }
+    if (!single || free_col < 0 || coef == 0.0) continue;
+    const double bound = (lp.constrs.rhs[i] - rest) / coef;
+    const char sense = lp.constrs.sense[i];
+    // coef * x <= b bounds x above when coef > 0, below when coef < 0 (and >= the other way).
+    const bool upper = sense != KVR_GREATER_EQUAL, lower = sense != KVR_LESS_EQUAL;
+    if ((upper && coef > 0) || (lower && coef < 0)) ub[free_col] = std::min(ub[free_col], bound);
+    if ((lower && coef > 0) || (upper && coef < 0)) lb[free_col] = std::max(lb[free_col], bound);
+    if (lb[free_col] > ub[free_col]) {
+      if (lb[free_col] > ub[free_col] + ftol) return false;
+      ub[free_col] = lb[free_col];
+    }
+  }
+  return true;
+}
+
 }  // namespace
 
 bool polish_mip_solution(const ModelData &m, Engine &engine, SolveContext &ctx,
@@ -80,11 +116,13 @@ bool polish_mip_solution(const ModelData &m, Engine &engine, SolveContext &ctx,
     lp.vars.lb[j] = lp.vars.ub[j] = polished[j] = v;
   }
 
+  if (!bounds_from_singleton_rows(lp, ftol)) {
+    ctx.log("MIP solution not polished: the rounded integer values leave no feasible values\n");
+    return false;
+  }
+
   if (continuous > 0) {
     ParamValues lp_params = params;
-    // Presolve turns the rows that a fixed binary switches off into fixed bounds, so the
-    // variables they control come back exactly at them.
-    lp_params.set_int(ParamId::Presolve, -1);
     lp_params.set_int(ParamId::Method, -1);
     lp_params.set_dbl(ParamId::Cutoff, KVR_INFINITY);  // a bound on the search, which is over
     if (remaining < KVR_INFINITY) lp_params.set_dbl(ParamId::TimeLimit, remaining);
