@@ -2,11 +2,14 @@
 
 Each measurement is a fresh Python process that reads one MPS file and solves it with output off
 and default parameters (highspy gets the tolerances kaviropy's defaults map to, so that both
-engines follow the same search path; both leave the thread count to the engine). The clock runs
-from just before the read to just after the solve returns; the process's CPU time over the same
-span is recorded too, as it depends less on the load of a shared machine. The two packages run
-alternately, RUNS times each per instance; the table shows medians, the ratios kaviropy/highspy
-and whether both reached the same objective, then the geometric means of the ratios.
+engines follow the same search path; both leave the thread count to the engine). numpy, which
+highspy imports, starts a BLAS thread that spins for a while after the import, taking a core and
+CPU time of its own; the processes run with one BLAS thread, so both sides run the engine's
+threads only. The clock runs from just before the read to just after the solve returns; the
+process's CPU time over the same span is recorded too, as it depends less on the load of a
+shared machine. The two packages run alternately, RUNS times each per instance; the table shows
+medians, the ratios kaviropy/highspy and whether both reached the same objective, then the
+geometric means of the ratios.
 
 With --callgrind each package instead runs once per instance under valgrind's callgrind, which
 counts executed instructions (repeatable under any load). The count of the same script stopped
@@ -22,6 +25,7 @@ interpreter with --peer-python (kaviropy runs under --python, default the curren
 import argparse
 import json
 import math
+import os
 import pathlib
 import re
 import statistics
@@ -68,9 +72,12 @@ print(json.dumps({"time": t, "cpu": c, "status": str(h.getModelStatus()),
 """
 
 
+ENV = dict(os.environ, OPENBLAS_NUM_THREADS="1", OMP_NUM_THREADS="1")
+
+
 def measure(python, script, path):
     out = subprocess.run([python, "-c", script, str(path)], capture_output=True, text=True,
-                         check=True).stdout
+                         check=True, env=ENV).stdout
     return json.loads(out.strip().splitlines()[-1])
 
 
@@ -81,7 +88,7 @@ def instructions(python, script, path):
         src.write_text(script)
         run = subprocess.run(["valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null",
                               python, str(src), str(path)], capture_output=True, text=True,
-                             check=True)
+                             check=True, env=ENV)
     count = re.search(r"Collected : (\d+)", run.stderr)
     if not count:
         raise SystemExit(f"no instruction count from callgrind:\n{run.stderr[-2000:]}")
