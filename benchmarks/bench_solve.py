@@ -12,9 +12,9 @@ medians, the ratios kaviropy/highspy and whether both reached the same objective
 geometric means of the ratios.
 
 With --callgrind each package instead runs once per instance under valgrind's callgrind, which
-counts executed instructions (repeatable under any load). The count of the same script stopped
-right after its setup (imports, environment, options) is subtracted, so the figures cover read
-and solve as the clock does.
+counts executed instructions (repeatable under any load). Only the library calls that read and
+solve are counted (KVRreadmodel and KVRoptimize; Highs::readModel and Highs::run), with all they
+call; the Python calls around them are a few thousand instructions on either side.
 
     python benchmarks/bench_solve.py [--runs N] [--callgrind] [--peer-python PY] [name.mps ...]
 
@@ -36,13 +36,10 @@ import tempfile
 HERE = pathlib.Path(__file__).resolve().parent
 INSTANCES = HERE.parent / "tests" / "data" / "instances"
 
-# Both scripts stop after their setup when the file name is "-".
 KAVIRO = """
 import json, sys, time
 import kaviropy as kp
 env = kp.Env(empty=True); env.setParam("OutputFlag", 0); env.start()
-if sys.argv[1] == "-":
-    sys.exit()
 t, c = time.perf_counter(), time.process_time()
 m = kp.read(sys.argv[1], env=env)
 m.optimize()
@@ -59,8 +56,6 @@ h = highspy.Highs(); h.setOptionValue("output_flag", False)
 for name, value in (("primal_feasibility_tolerance", 1e-6), ("dual_feasibility_tolerance", 1e-6),
                     ("mip_feasibility_tolerance", 1e-5), ("mip_abs_gap", 1e-10)):
     h.setOptionValue(name, value)
-if sys.argv[1] == "-":
-    sys.exit()
 t, c = time.perf_counter(), time.process_time()
 h.readModel(sys.argv[1])
 h.run()
@@ -81,19 +76,25 @@ def measure(python, script, path):
     return json.loads(out.strip().splitlines()[-1])
 
 
-def instructions(python, script, path):
-    """Instructions executed by the script on path (callgrind), and its last output line."""
+# The library calls that read and solve, for callgrind's --toggle-collect.
+KAVIRO_CALLS = ["KVRreadmodel", "KVRoptimize"]
+HIGHSPY_CALLS = ["Highs::readModel(*", "Highs::run()"]
+
+
+def instructions(python, script, calls, path):
+    """Instructions executed inside the given calls while the script runs on path (callgrind),
+    and the script's last output line."""
     with tempfile.TemporaryDirectory() as tmp:
         src = pathlib.Path(tmp) / "run.py"
         src.write_text(script)
+        toggles = [f"--toggle-collect={c}" for c in calls]
         run = subprocess.run(["valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null",
-                              python, str(src), str(path)], capture_output=True, text=True,
-                             check=True, env=ENV)
+                              "--collect-atstart=no", *toggles, python, str(src), str(path)],
+                             capture_output=True, text=True, check=True, env=ENV)
     count = re.search(r"Collected : (\d+)", run.stderr)
     if not count:
         raise SystemExit(f"no instruction count from callgrind:\n{run.stderr[-2000:]}")
-    lines = run.stdout.strip().splitlines()
-    return int(count.group(1)), json.loads(lines[-1]) if lines else None
+    return int(count.group(1)), json.loads(run.stdout.strip().splitlines()[-1])
 
 
 def instances(names):
@@ -144,15 +145,11 @@ def run_clock(args, chosen):
 
 
 def run_callgrind(args, chosen):
-    base_ours, _ = instructions(args.python, KAVIRO, "-")
-    base_theirs, _ = instructions(args.peer_python, HIGHSPY, "-")
-    print(f"setup (subtracted): kaviropy {base_ours:,}, highspy {base_theirs:,} instructions")
     print(f"{'instance':16} {'kind':4} {'kaviropy':>15} {'highspy':>15} {'ratio':>6}  same objective")
     ratios = []
     for path, kind in chosen:
-        a, ra = instructions(args.python, KAVIRO, path)
-        b, rb = instructions(args.peer_python, HIGHSPY, path)
-        a, b = a - base_ours, b - base_theirs
+        a, ra = instructions(args.python, KAVIRO, KAVIRO_CALLS, path)
+        b, rb = instructions(args.peer_python, HIGHSPY, HIGHSPY_CALLS, path)
         ratios.append(a / b)
         oa, ob = ra["obj"], rb["obj"]
         print(f"{path.name:16} {kind:4} {a:15,} {b:15,} {a / b:6.3f}  "
