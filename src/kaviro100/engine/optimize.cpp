@@ -56,7 +56,7 @@ double SolveContext::elapsed() const {
 }
 
 void SolveContext::logf(const char *fmt, ...) const {
-  if (quiet) return;
+  if (quiet || !env->output_on()) return;  // nothing would be shown: skip the formatting
   va_list ap;
   va_start(ap, fmt);
   std::string text = vformat(fmt, ap);
@@ -578,7 +578,9 @@ void optimize(kvr_model *model) {
   ctx.sense = model->data.sense;
   check_memory_at_start(ctx, "optimization");
 
-  log_header(model, model->data, params.get_int(ParamId::Threads));
+  // With output off the header and summary would be formatted only to be dropped.
+  const bool output = model->env.output_on();
+  if (output) log_header(model, model->data, params.get_int(ParamId::Threads));
   Reformulated rf = reformulate(model->data, params);
   if (rf.changed)
     model->env.logf("Rewritten for the engine: %d rows, %d columns\n", rf.model.num_constrs(),
@@ -621,7 +623,7 @@ void optimize(kvr_model *model) {
   fail_if_memory_exceeded(ctx, "optimization");
   sol.runtime = ctx.elapsed();
   model->sol = std::move(sol);
-  log_summary(model->env, model->sol, ctx.is_mip);
+  if (output) log_summary(model->env, model->sol, ctx.is_mip);
   if (ctx.callback_error)
     fail(KVR_ERROR_CALLBACK, "The callback returned %d; optimization stopped", ctx.callback_error);
 }
