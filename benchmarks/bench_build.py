@@ -23,6 +23,7 @@ The peers come from benchmarks/requirements.txt in their own virtual environment
 import argparse
 import json
 import os
+import signal
 import statistics
 import subprocess
 import sys
@@ -35,7 +36,12 @@ DEFAULT_PEER_PYTHON = os.path.join(os.path.dirname(os.path.dirname(HERE)), "venv
 SIZES = {"nqueens": [400, 800, 1200], "lqcp": [200, 500, 1000], "lp": [100, 300, 500]}
 PACKAGES = ["kaviropy", "pyoptinterface", "mip", "pyomo", "pulp"]
 # Packages that cannot express a model: quadratic objectives for python-mip and pulp.
-UNSUPPORTED = {("mip", "lqcp"), ("pulp", "lqcp")}
+UNSUPPORTED = {("mip", "lqcp"): "no quadratic objective", ("pulp", "lqcp"): "no quadratic objective"}
+# pyomo builds lqcp, but its appsi HiGHS interface refuses the quadratic objective.
+UNSUPPORTED_SOLVE = {("pyomo", "lqcp"): "appsi HiGHS takes no quadratic objective"}
+# CBC reads a time limit of 0 as "no limit": the CBC-based packages get the smallest limit it
+# honours instead.
+CBC_TIME_LIMIT = 0.01
 
 
 # ---------------------------------------------------------------- model data shared by all
@@ -207,7 +213,7 @@ def mip_build(model_name, n, phase):
     if model_name == "lp":
         m.optimize()
     else:
-        m.optimize(max_seconds=0)
+        m.optimize(max_seconds=CBC_TIME_LIMIT)
     done = time.perf_counter()
     return {"time": done - t0, "build": built - t0, "solve": done - built}
 
@@ -234,10 +240,11 @@ def pyomo_build(model_name, n, phase):
         m.y = pyo.Var(range(mm + 1), range(n + 1))
         m.u = pyo.Var(range(1, mm + 1), bounds=(-1, 1))
         y, u = m.y, m.u
-        m.obj = pyo.Objective(expr=0.25 * dx * ((y[mm, 0] - yt[0]) ** 2
-                                                + 2 * sum((y[mm, j] - yt[j]) ** 2 for j in range(1, n))
-                                                + (y[mm, n] - yt[n]) ** 2)
-                              + 0.25 * a * dt * (2 * sum(u[i] ** 2 for i in range(1, mm)) + u[mm] ** 2))
+        sq = lambda e: e * e  # noqa: E731
+        m.obj = pyo.Objective(expr=0.25 * dx * (sq(y[mm, 0] - yt[0])
+                                                + 2 * sum(sq(y[mm, j] - yt[j]) for j in range(1, n))
+                                                + sq(y[mm, n] - yt[n]))
+                              + 0.25 * a * dt * (2 * sum(sq(u[i]) for i in range(1, mm)) + sq(u[mm])))
         m.pde = pyo.Constraint(range(mm), range(1, n), rule=lambda b, i, j: (y[i + 1, j] - y[i, j]) / dt == 0.5 * (
             y[i, j - 1] - 2 * y[i, j] + y[i, j + 1] + y[i + 1, j - 1] - 2 * y[i + 1, j] + y[i + 1, j + 1]) / h2)
         m.init = pyo.Constraint(range(n + 1), rule=lambda b, j: y[0, j] == 0)
@@ -297,7 +304,7 @@ def pulp_build(model_name, n, phase):
     if model_name == "lp":
         prob.solve(pulp.PULP_CBC_CMD(msg=0, options=options))
     else:
-        prob.solve(pulp.PULP_CBC_CMD(msg=0, timeLimit=0, options=options))
+        prob.solve(pulp.PULP_CBC_CMD(msg=0, timeLimit=CBC_TIME_LIMIT, options=options))
     done = time.perf_counter()
     return {"time": done - t0, "build": built - t0, "solve": done - built}
 
@@ -320,10 +327,17 @@ def kaviropy_can_optimize():
 
 def measure(python, package, model_name, n, phase, timeout):
     cmd = [python, os.path.abspath(__file__), "--worker", package, model_name, str(n), phase]
+    # Its own process group, so that a timeout also stops the solver processes a peer package
+    # starts (killing only the worker would leave them running).
+    proc = subprocess.Popen(cmd, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+                            start_new_session=True)
     try:
-        out = subprocess.run(cmd, capture_output=True, text=True, timeout=timeout)
+        stdout, stderr = proc.communicate(timeout=timeout)
     except subprocess.TimeoutExpired:
+        os.killpg(proc.pid, signal.SIGKILL)
+        proc.communicate()
         return None, "timeout"
+    out = subprocess.CompletedProcess(cmd, proc.returncode, stdout, stderr)
     if out.returncode != 0:
         lines = (out.stderr or out.stdout).strip().splitlines()
         return None, lines[-1] if lines else "failed"
@@ -339,7 +353,7 @@ def main():
     parser.add_argument("--phase", choices=["auto", "build", "solve"], default="auto")
     parser.add_argument("--packages", default=",".join(PACKAGES))
     parser.add_argument("--peer-python", default=DEFAULT_PEER_PYTHON)
-    parser.add_argument("--timeout", type=float, default=1800.0, help="seconds per measurement")
+    parser.add_argument("--timeout", type=float, default=600.0, help="seconds per measurement")
     args = parser.parse_args()
 
     if args.worker:
@@ -359,6 +373,9 @@ def main():
                                "pyoptinterface and mip load their engines while building; pyomo and "
                                "pulp make Python objects only)" if phase == "build" else ""))
     print(f"runs: {args.runs} per package and size, medians in seconds, ratio = median / kaviropy median")
+    if phase == "solve":
+        print(f"time limit 0 (CBC-based mip and pulp: {CBC_TIME_LIMIT} s, as CBC reads 0 as no limit); "
+              "lp-N solved to optimality")
     rows = []
     for model_name in args.models.split(","):
         if args.sizes == "all":
@@ -369,10 +386,12 @@ def main():
             sizes = [int(s) for s in args.sizes.split(",")]
         for n in sizes:
             times = {p: [] for p in packages}
+            parts = {p: {"build": [], "solve": []} for p in packages}
             errors = {}
+            unsupported = {**UNSUPPORTED, **(UNSUPPORTED_SOLVE if phase == "solve" else {})}
             for _ in range(args.runs):
                 for p in packages:  # alternate the packages within each round
-                    if (p, model_name) in UNSUPPORTED or p in errors:
+                    if (p, model_name) in unsupported or p in errors:
                         continue
                     python = sys.executable if p == "kaviropy" else args.peer_python
                     result, error = measure(python, p, model_name, n, phase, args.timeout)
@@ -380,17 +399,25 @@ def main():
                         errors[p] = error
                     else:
                         times[p].append(result["time"])
+                        for part in ("build", "solve"):
+                            if part in result:
+                                parts[p][part].append(result[part])
             base = statistics.median(times["kaviropy"]) if times.get("kaviropy") else None
             for p in packages:
-                if (p, model_name) in UNSUPPORTED:
-                    rows.append((f"{model_name}-{n}", p, "n/a", "", "no quadratic objective"))
+                if (p, model_name) in unsupported:
+                    rows.append((f"{model_name}-{n}", p, "n/a", "", unsupported[p, model_name]))
                 elif p in errors:
                     rows.append((f"{model_name}-{n}", p, "error", "", errors[p][:60]))
                 else:
                     med = statistics.median(times[p])
                     ratio = f"{med / base:.2f}" if base else ""
-                    rows.append((f"{model_name}-{n}", p, f"{med:.3f}", ratio, ""))
-            sys.stdout.flush()
+                    note = ""
+                    if model_name == "lp" and parts[p]["solve"]:
+                        note = "build %.3f + solve %.3f" % (statistics.median(parts[p]["build"]),
+                                                            statistics.median(parts[p]["solve"]))
+                    rows.append((f"{model_name}-{n}", p, f"{med:.3f}", ratio, note))
+            for row in rows[-len(packages):]:
+                print("  " + "  ".join(row), flush=True)
     print(f"{'model':<14} {'package':<16} {'median s':>10} {'ratio':>7}  note")
     for model_label, p, med, ratio, note in rows:
         print(f"{model_label:<14} {p:<16} {med:>10} {ratio:>7}  {note}")

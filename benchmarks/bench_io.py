@@ -10,67 +10,36 @@ kaviro / highspy (below 1 means kaviro is faster). Needs highspy (pip install hi
 """
 
 import argparse
-import ctypes as C
-import importlib.util
 import os
 import pathlib
 import random
 import statistics
+import sys
 import tempfile
 import time
 
 import highspy
-import kaviropy
 
 ROOT = pathlib.Path(__file__).resolve().parents[1]
 INSTANCES = ROOT / "tests" / "data" / "instances"
-
-
-def load_library():
-    """The library kaviropy ships (libkaviro100.so beside the package or its extension)."""
-    dirs = [pathlib.Path(kaviropy.__file__).resolve().parent]
-    spec = importlib.util.find_spec("kaviropy._core")
-    if spec is not None and spec.origin:
-        dirs.append(pathlib.Path(spec.origin).resolve().parent)
-    for d in dirs:
-        if (d / "libkaviro100.so").exists():
-            lib = C.CDLL(str(d / "libkaviro100.so"))
-            break
-    else:
-        raise SystemExit("libkaviro100.so not found")
-    P = C.c_void_p
-    lib.KVRemptyenv.argtypes = [C.POINTER(P)]
-    lib.KVRstartenv.argtypes = [P]
-    lib.KVRsetintparam.argtypes = [P, C.c_char_p, C.c_int]
-    lib.KVRreadmodel.argtypes = [P, C.c_char_p, C.POINTER(P)]
-    lib.KVRwrite.argtypes = [P, C.c_char_p]
-    lib.KVRfreemodel.argtypes = [P]
-    lib.KVRgeterrormsg.argtypes = [P]
-    lib.KVRgeterrormsg.restype = C.c_char_p
-    return lib
+sys.path.insert(0, str(ROOT / "tests"))
+import clib  # noqa: E402  (the library kaviropy ships, through ctypes, as the tests use it)
 
 
 class Kaviro:
     name = "kaviro"
 
     def __init__(self):
-        self.lib = load_library()
-        self.env = C.c_void_p()
-        assert self.lib.KVRemptyenv(C.byref(self.env)) == 0
-        self.lib.KVRsetintparam(self.env, b"OutputFlag", 0)
-        assert self.lib.KVRstartenv(self.env) == 0
+        self.env = clib.new_env()
 
     def read(self, path):
-        model = C.c_void_p()
-        if self.lib.KVRreadmodel(self.env, str(path).encode(), C.byref(model)):
-            raise RuntimeError(self.lib.KVRgeterrormsg(self.env).decode())
-        return model
+        return clib.Model.read(self.env, path)
 
     def write(self, model, path):
-        assert self.lib.KVRwrite(model, str(path).encode()) == 0
+        model.call("KVRwrite", str(path).encode())
 
     def free(self, model):
-        self.lib.KVRfreemodel(model)
+        model.free()
 
 
 class Highs:

@@ -1,28 +1,64 @@
 """The solver library's C interface through ctypes, for tests of the library's own behaviour
 (model files, data files) independent of the Python object model. `dump` turns a library model
-into plain Python data, so that two models can be compared exactly."""
+into plain Python data, so that two models can be compared exactly. `build_c_program` and
+`run_c_program` compile and run the C test programs of tests/c against the same library."""
 
 import ctypes as C
 import importlib.util
+import os
 import pathlib
+import shutil
+import subprocess
 
 import kaviropy
 
 INF = 1e100
+C_SOURCES = pathlib.Path(__file__).resolve().parent / "c"
 
 
-def _library_path():
+def package_dir():
+    """The directory holding libkaviro100.so (and include/kaviro_c.h): the package itself, or,
+    for an editable install, the directory of the compiled extension."""
     candidates = [pathlib.Path(kaviropy.__file__).resolve().parent]
     spec = importlib.util.find_spec("kaviropy._core")
     if spec is not None and spec.origin:
         candidates.append(pathlib.Path(spec.origin).resolve().parent)
     for d in candidates:
         if (d / "libkaviro100.so").exists():
-            return str(d / "libkaviro100.so")
+            return d
     raise RuntimeError("libkaviro100.so not found in %s" % candidates)
 
 
-lib = C.CDLL(_library_path())
+def build_c_program(name, out_dir):
+    """Compiles tests/c/<name>.c against the installed library into out_dir; skips the test when
+    the system has no C compiler."""
+    import pytest
+
+    compiler = os.environ.get("CC") or shutil.which("cc") or shutil.which("gcc")
+    if compiler is None:
+        pytest.skip("no C compiler on this system")
+    pkg = package_dir()
+    assert (pkg / "include" / "kaviro_c.h").exists(), "no include/kaviro_c.h in %s" % pkg
+    exe = pathlib.Path(out_dir) / name
+    cmd = [compiler, "-std=c11", "-Wall", "-Wextra", "-Werror", "-O1", "-g",
+           "-I", str(pkg / "include"), str(C_SOURCES / (name + ".c")), "-o", str(exe),
+           "-L", str(pkg), "-lkaviro100", "-Wl,-rpath," + str(pkg), "-lm"]
+    build = subprocess.run(cmd, capture_output=True, text=True)
+    assert build.returncode == 0, "compiling %s.c failed:\n%s" % (name, build.stderr)
+    return exe
+
+
+def run_c_program(cmd, timeout=600):
+    """Runs a C test program (cmd: its path, or a list with a wrapper in front) and checks that
+    it exits with 0 after reporting no failed check."""
+    args = cmd if isinstance(cmd, list) else [cmd]
+    result = subprocess.run([str(a) for a in args], capture_output=True, text=True,
+                            timeout=timeout)
+    assert result.returncode == 0, result.stdout + result.stderr
+    assert " 0 failed" in result.stdout, result.stdout + result.stderr
+
+
+lib = C.CDLL(str(package_dir() / "libkaviro100.so"))
 P, I, D, S = C.c_void_p, C.c_int, C.c_double, C.c_char_p
 IP, DP = C.POINTER(C.c_int), C.POINTER(C.c_double)
 _SIGS = {

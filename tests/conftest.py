@@ -6,6 +6,15 @@ import pytest
 import kaviropy as kp
 
 INSTANCES = pathlib.Path(__file__).resolve().parent / "data" / "instances"
+# The name printed for a handle that is not (yet) in a model.
+PENDING_NAME = "*Awaiting Model Update*"
+
+
+def raises(code, message, fn, *args):
+    """fn(*args) raises KaviroError with exactly this code and message."""
+    with pytest.raises(kp.KaviroError) as info:
+        fn(*args)
+    assert (info.value.errno, info.value.message) == (code, message)
 
 
 @pytest.fixture
@@ -16,6 +25,16 @@ def env():
     e.start()
     yield e
     e.dispose()
+
+
+@pytest.fixture
+def named(env):
+    """Variables x, y, z of a real model, numbered."""
+    m = kp.Model(env=env)
+    vs = [m.addVar(name=n) for n in "xyz"]
+    m.update()
+    yield vs
+    m.dispose()
 
 
 @pytest.fixture

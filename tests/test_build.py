@@ -408,3 +408,75 @@ def test_model_of_every_kind_is_queried_and_emptied(m):
     assert (m.NumVars, m.NumConstrs, m.NumSOS, m.NumQConstrs, m.NumGenConstrs) == (0, 0, 0, 0, 0)
     assert m.getVars() == m.getConstrs() == m.getGenConstrs() == []
     assert all(v.index() == -2 for v in x.values()) and lin.index() == -2 and ind.index() == -2
+
+
+# ---------------------------------------------------------------- argument checks
+
+def test_argument_errors_of_every_method_change_nothing(m):
+    x, y = m.addVar(name="x"), m.addVar(vtype=KVR.BINARY, name="y")
+    m.update()
+    before = snapshot(m)
+    IA = KVR.ERROR_INVALID_ARGUMENT
+    cases = [
+        (lambda: m.addVar(name=3), IA, "Name must be a string"),
+        (lambda: m.addVar(vtype="CC"), IA, "Variable type must be a one-character string"),
+        (lambda: m.addVar(lb="low"), IA, "Invalid value for lb"),
+        (lambda: m.addVar(column=[1]), IA, "Argument column of Model.addVar must be a Column"),
+        (lambda: m.addVars(), IA, "Model.addVars() needs at least one index argument"),
+        (lambda: m.addVars(2.5), IA, "Index arguments of Model.addVars() must be integers or iterables"),
+        (lambda: m.addVars(2, name=[1, 2]), IA, "Variable names must be strings"),
+        (lambda: m.addVars(2, vtype=5), IA, "Variable type must be a one-character string"),
+        (lambda: m.addVars(2, ub=object()), IA, "Invalid value for ub argument of Model.addVars"),
+        (lambda: m.addRange("x", 0, 1), 0, "Invalid argument to Model.addRange"),
+        (lambda: m.addQConstr(x * x, "?", 1), IA, "Invalid sense to Model.addQConstr"),
+        (lambda: m.addQConstr("q", "<", 1), 0, "Invalid argument to Model.addQConstr"),
+        (lambda: m.addSOS(3, [x, y]), IA, "SOS type must be KVR.SOS_TYPE1 or KVR.SOS_TYPE2"),
+        (lambda: m.addSOS(1, [x, y], ["a", "b"]), IA, "Invalid data in weights array"),
+        (lambda: m.addSOS(1, 5), IA, "Invalid data in vars array"),
+        (lambda: m.addGenConstrIndicator(y, 2, x <= 1), IA, "Indicator value must be 0 or 1"),
+        (lambda: m.addGenConstrIndicator(y, 1, x, "?", 1), IA, "Invalid sense for indicator constraint"),
+        (lambda: m.addGenConstrIndicator(y, 1, "x", "<", 1), IA,
+         "Invalid argument to Model.addGenConstrIndicator"),
+        (lambda: m.addConstr((x + y == 1) >> (x <= 1)), IA,
+         "The condition of an indicator constraint must be a variable == 0 or 1"),
+        (lambda: m.addConstr(x <= kp.max_(x, y)), IA,
+         "General expressions can only be the right hand side part of an assignment to a single variable"),
+        (lambda: m.addConstrs([x <= 1]), IA,
+         "Model.addConstrs() takes a generator expression of constraints"),
+        (lambda: m.addGenConstrNorm(x, [y], "two"), IA, "Invalid value for which"),
+        (lambda: m.addGenConstrExp(x, y, options=1), IA, "Name must be a string"),
+        (lambda: m.setObjective(x, 3), IA, "Objective sense must be KVR.MINIMIZE or KVR.MAXIMIZE"),
+        (lambda: m.setPWLObj(x, [0, float("nan")], [0, 1]), IA, "Coefficient is Nan or Inf"),
+        (lambda: m.chgCoeff(None, x, 1), KVR.ERROR_NOT_IN_MODEL, "Constraint not in model"),
+        (lambda: m.setAttr("LB", [x], {y: 1.0}), IA, "No new value given for key <kaviro.Var x>"),
+        (lambda: m.setAttr("LB", 5, 1.0), -1, "Unrecognized argument to setAttr"),
+        (lambda: m._Model__getVar(99), KVR.ERROR_INDEX_OUT_OF_RANGE, "Var index 99 out of range"),
+    ]
+    for action, errno, text in cases:
+        with pytest.raises(kp.KaviroError) as err:
+            action()
+        assert (err.value.errno, err.value.message) == (errno, text), text
+    with pytest.raises(TypeError) as err:
+        m.addConstr(x <= 1, nam="c")
+    assert str(err.value) == "addConstr() got an unexpected keyword argument 'nam'"
+    with pytest.raises(TypeError):
+        m.setAttr("LB")
+    assert snapshot(m) == before
+
+
+def test_library_refusals_surface_with_its_message(env):
+    cold = kp.Env(empty=True)  # not started: no model can be made in it
+    with pytest.raises(kp.KaviroError) as err:
+        kp.Model(env=cold)
+    assert err.value.errno != 0 and err.value.message
+    assert cold._modcnt == 0
+    cold.dispose()
+    m = kp.Model(env=env)
+    x = m.addVar()
+    m.update()
+    before = snapshot(m)
+    with pytest.raises(kp.KaviroError) as err:
+        m.addGenConstrNorm(x, [x], 3)  # which must be 0, 1, 2 or infinity
+    assert err.value.errno == KVR.ERROR_INVALID_ARGUMENT and err.value.message
+    assert snapshot(m) == before
+    m.dispose()

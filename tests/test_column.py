@@ -5,8 +5,8 @@ import pytest
 
 import kaviropy as kp
 from kaviropy import KVR, Column, LinExpr, QuadExpr
+from conftest import PENDING_NAME as P, raises
 
-P = "*Awaiting Model Update*"
 INVALID = KVR.ERROR_INVALID_ARGUMENT
 
 
@@ -18,12 +18,6 @@ def cs():
 @pytest.fixture
 def xs():
     return [kp.Var(None, i) for i in range(5)]
-
-
-def raises(code, message, fn, *args):
-    with pytest.raises(kp.KaviroError) as info:
-        fn(*args)
-    assert (info.value.errno, info.value.message) == (code, message)
 
 
 def col_terms(col):

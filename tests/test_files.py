@@ -4,14 +4,13 @@ read and round-trip, models with every feature round-trip, names, and malformed 
 import bz2
 import gzip
 import math
-import pathlib
 
 import pytest
 
 import clib
 from clib import INF, LibraryError, Model
+from conftest import INSTANCES
 
-INSTANCES = pathlib.Path(__file__).resolve().parent / "data" / "instances"
 FILE_READ, FILE_WRITE, NOT_SUPPORTED = 10012, 10013, 10024
 INVALID_ARGUMENT, DATA_NOT_AVAILABLE = 10003, 10005
 
@@ -21,6 +20,12 @@ def env():
     e = clib.new_env()
     yield e
     clib.lib.KVRfreeenv(e)
+
+
+def read_text(env, path, text):
+    """Writes a model file with this text and reads it (the caller frees the model)."""
+    path.write_text(text)
+    return Model.read(env, path)
 
 
 def roundtrip(env, m, path):
@@ -331,9 +336,8 @@ LP_ERRORS = [
 def test_malformed_file_names_file_and_line(env, tmp_path, text, line, what):
     suffix = ".mps" if (text, line, what) in MPS_ERRORS else ".lp"
     path = tmp_path / ("bad" + suffix)
-    path.write_text(text)
     with pytest.raises(LibraryError) as err:
-        Model.read(env, path)
+        read_text(env, path, text)
     assert err.value.code == FILE_READ
     assert err.value.message.startswith("%s, line %d: " % (path, line)), err.value.message
     assert what in err.value.message
@@ -351,8 +355,7 @@ def test_fixed_format_names_with_blanks(env, tmp_path):
             + "RHS\n" + line("", "RHS", "LIM 1", "4.0") + "BOUNDS\n"
             + line("UP", "BND", "X 1", "3.0") + "ENDATA\n")
     path = tmp_path / "fixed.mps"
-    path.write_text(text)
-    m = Model.read(env, path)
+    m = read_text(env, path, text)
     d = clib.dump(m)
     assert d["varnames"] == ["X 1", "Y"] and d["constrnames"] == ["LIM 1"]
     assert d["rows"] == [[(0, 2.0), (1, 1.0)]] and d["rhs"] == [4.0] and d["ub"][0] == 3.0
@@ -365,8 +368,7 @@ def test_mps_reading_conventions(env, tmp_path):
             " a obj 2 e1 1\n a other 9 l1 1\n b e1 1\nRHS\n rhs obj 3 e1 5\n rhs l1 4\n"
             "RANGES\n rng e1 -2\nBOUNDS\n UP bnd a -1\n MI bnd b\n UP bnd b 7\nENDATA\n")
     path = tmp_path / "conv.mps"
-    path.write_text(text)
-    m = Model.read(env, path)
+    m = read_text(env, path, text)
     d = clib.dump(m)
     assert d["sense"] == -1 and d["objcon"] == -3          # objective RHS is minus the constant
     assert d["obj"][:2] == [2.0, 0.0]                       # the second N row is dropped
@@ -381,8 +383,7 @@ def test_lp_reading_conventions(env, tmp_path):
             "Subject To\n c1: x + y + x <= 4\n c2: -3 <= x - y <= 8\n 2 x >= 1\n"
             " c4: 5 >= y\nBounds\n -inf <= y <= 10\n x free\nBinaries\n b\nEnd\n")
     path = tmp_path / "conv.lp"
-    path.write_text(text)
-    m = Model.read(env, path)
+    m = read_text(env, path, text)
     d = clib.dump(m)
     assert m.string("ModelName") == "conv" and d["sense"] == -1 and d["objcon"] == 7
     assert d["q"] == [(0, 0, -0.5), (0, 1, -2.0)]
@@ -481,8 +482,7 @@ def test_mps_bound_and_range_kinds(env, tmp_path):
              "BOUNDS", " UP bnd up 4", " LO bnd lo -3", " FX bnd fx 2.5", " FR bnd fr", " MI bnd mi",
              " UP bnd pl 7", " PL bnd pl", " BV bnd bv", " LI bnd li -2", " UI bnd ui 9", " SC bnd sc 5",
              " SI bnd si 6", " SC bnd scint 8", " LO bnd neg -1", " UP bnd neg -0.5", "ENDATA"]
-    (tmp_path / "k.mps").write_text("\n".join(text) + "\n")
-    d = clib.dump(Model.read(env, tmp_path / "k.mps"))
+    d = clib.dump(read_text(env, tmp_path / "k.mps", "\n".join(text) + "\n"))
     got = {n: (d["lb"][i], d["ub"][i], d["vtype"][i]) for i, n in enumerate(d["varnames"])}
     assert got["up"] == (0, 4, "C") and got["lo"] == (-3, INF, "C") and got["fx"] == (2.5, 2.5, "C")
     assert got["fr"] == (-INF, INF, "C") and got["mi"] == (-INF, INF, "C") and got["pl"] == (0, INF, "C")
@@ -504,7 +504,6 @@ def test_lp_section_spellings(env, tmp_path, objective, constraints, generals, s
     text = ("\\ a comment line\n%s\n obj: 2 x + 3 y + z \\ trailing comment\n%s\n"
             " c1: x + y =< 4\n c2: x - y => -1\n c3: 3 x + 2 y < 9\n c4: z > 1\n"
             "Bounds\n z <= 10\n%s\n y z\n%s\n z\nEnd\n") % (objective, constraints, generals, semis)
-    (tmp_path / "s.lp").write_text(text)
-    d = clib.dump(Model.read(env, tmp_path / "s.lp"))
+    d = clib.dump(read_text(env, tmp_path / "s.lp", text))
     assert d["sense"] == -1 and d["obj"] == [2, 3, 1] and d["rsense"] == "<><>"
     assert d["vtype"] == "CIN" and d["ub"] == [INF, INF, 10] and d["rhs"] == [4, -1, 9, 1]

@@ -157,3 +157,52 @@ def test_detached_and_removed_handles_never_reach_a_freed_model(env):
     with pytest.raises(kp.KaviroError) as err:
         y.LB
     assert err.value.message == "Var has not yet been added to the model"
+
+
+def test_handles_join_the_collector_when_they_get_attributes(m):
+    import gc
+    x = m.addVar()
+    m.update()
+    assert not gc.is_tracked(x)  # no dictionary: no cycle possible
+    x._self = x
+    assert gc.is_tracked(x)
+    y = m.addVar()
+    y.__dict__["_z"] = 1
+    assert gc.is_tracked(y) and y._z == 1
+    gc.collect()
+    assert m.getVars()[0]._self is x
+
+
+def test_pickled_handles_resolve_to_the_live_model(m):
+    import copy
+    import pickle
+
+    x, y = m.addVar(name="x"), m.addVar(name="y")
+    c = m.addConstr(x + y <= 1, name="c")
+    m.update()
+    x._tag = "kept"
+    assert pickle.loads(pickle.dumps(x)) is x and pickle.loads(pickle.dumps(c)) is c
+    e = pickle.loads(pickle.dumps(2 * x + 3 * y + 1))
+    assert str(e) == "1.0 + 2.0 x + 3.0 y" and e.getVar(0) is x
+    q = copy.deepcopy(x * y + x)
+    assert q.getVar1(0) is x and q.getVar2(0) is y
+
+    # Once the model is gone (or in another process) a handle comes back detached.
+    data = pickle.dumps(x)
+    m.dispose()
+    d = pickle.loads(data)
+    assert d is not x and d._colno == -1 and d._cmodel is None and d._tag == "kept"
+    assert repr(d) == "<kaviro.Var *Awaiting Model Update*>"
+    assert kp._restore_handle(0, -1, None, 3, None)._colno == -1
+    with pytest.raises(kp.KaviroError):
+        kp._restore_handle(7, 0, None, 0, None)
+
+
+def test_empty_object_lists_read_nothing(m):
+    assert m.getAttr("RHS", []) == [] and m.getAttr("X", []) == []
+    m.setAttr("LB", [], [])
+    x = m.addVar()
+    m.update()
+    assert m.getAttr("X", []) == [] and m.getAttr("LB", {}) == {}
+    with pytest.raises(AttributeError):
+        x.X

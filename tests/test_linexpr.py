@@ -9,20 +9,9 @@ import pytest
 
 import kaviropy as kp
 from kaviropy import KVR, LinExpr, QuadExpr
+from conftest import PENDING_NAME as P, raises
 
-# Name printed for a variable that is not (yet) in a model.
-P = "*Awaiting Model Update*"
 INVALID = KVR.ERROR_INVALID_ARGUMENT
-
-
-@pytest.fixture
-def named(env):
-    """Variables x, y, z of a real model, numbered."""
-    m = kp.Model(env=env)
-    vs = [m.addVar(name=n) for n in "xyz"]
-    m.update()
-    yield vs
-    m.dispose()
 
 
 @pytest.fixture
@@ -38,12 +27,6 @@ def same_terms(e, expected):
     got = terms(e)
     return len(got) == len(expected) and all(
         c == ec and v is ev for (c, v), (ec, ev) in zip(got, expected))
-
-
-def raises(code, message, fn, *args):
-    with pytest.raises(kp.KaviroError) as info:
-        fn(*args)
-    assert (info.value.errno, info.value.message) == (code, message)
 
 
 # ---------------------------------------------------------------- construction

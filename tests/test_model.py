@@ -267,3 +267,20 @@ def test_setup_raises_gc_threshold_only_while_building(env):
     assert gc.get_threshold() == thresholds
     c.dispose()
     m.dispose()
+
+
+def test_resync_adds_handles_for_elements_the_library_added(m):
+    import ctypes
+    import os
+    lib = ctypes.CDLL(os.path.join(os.path.dirname(kp._core.__file__), "libkaviro100.so"))
+    x = m.addVar(name="x")
+    m.update()
+    assert m.getVars() == [x]
+    code = lib.KVRaddvar(ctypes.c_void_p(m._cmodel), 0, None, None, ctypes.c_double(0.0),
+                         ctypes.c_double(0.0), ctypes.c_double(1.0), ctypes.c_char(b"C"), b"extra")
+    assert code == 0
+    m.update()
+    m._Model__resync()
+    vs = m.getVars()
+    assert len(vs) == 2 and vs[0] is x
+    assert vs[1].VarName == "extra" and vs[1].index() == 1

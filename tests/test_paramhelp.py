@@ -1,3 +1,4 @@
+import pathlib
 import re
 
 import pytest
@@ -25,6 +26,7 @@ def test_every_parameter_has_a_purpose(capsys):
         assert lines[2] == "  TYPE:" and lines[3].strip() in ("Integer", "Double", "String", "Int")
         start = lines.index("  PURPOSE:")
         prose = " ".join(line.strip() for line in lines[start + 1:] if line.strip())
+        prose = prose.split(" Note: the engine in use does not act")[0]
         assert all(line.startswith("    ") for line in lines[start + 1:] if line.strip())
         assert "No description" not in prose, name
         assert 2 <= len(re.findall(r"[.!?](?:\s|$)", prose)) <= 4, (name, prose)
@@ -58,3 +60,18 @@ def test_name_resolution(capsys):
     out = help_text(capsys, "MIPGap*")
     assert out.splitlines()[:3] == ["Matching parameters:", "  MIPGap", "  MIPGapAbs"]
     assert help_text(capsys, "NoSuchParam").strip() == "No help found for parameter NoSuchParam"
+
+
+def test_help_says_which_settings_nothing_acts_on(capsys):
+    """A setting is flagged 'not applied' exactly when no part of the library reads it."""
+    env = kp.Env(empty=True)
+    library = pathlib.Path(__file__).resolve().parents[1] / "src" / "kaviro100"
+    sources = "\n".join(p.read_text() for p in library.rglob("*") if p.suffix in (".cpp", ".h")
+                        and p.name not in ("applied_params.cpp", "params.h"))
+    for name in NAMES:
+        flagged = bool(env._getParamInfo(name)[6] & 4)
+        read = re.search(r"ParamId::%s\b" % name, sources) is not None
+        assert flagged != read, name
+        assert ("does not act on this setting" in help_text(capsys, name)) == flagged, name
+    assert env._getParamInfo("MIRCuts")[6] & 4 and not env._getParamInfo("TimeLimit")[6] & 4
+    env.dispose()

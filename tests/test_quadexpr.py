@@ -7,19 +7,9 @@ import pytest
 
 import kaviropy as kp
 from kaviropy import KVR, LinExpr, QuadExpr
+from conftest import PENDING_NAME as P, raises
 
-P = "*Awaiting Model Update*"
 INVALID = KVR.ERROR_INVALID_ARGUMENT
-
-
-@pytest.fixture
-def named(env):
-    """Variables x, y, z of a real model, numbered."""
-    m = kp.Model(env=env)
-    vs = [m.addVar(name=n) for n in "xyz"]
-    m.update()
-    yield vs
-    m.dispose()
 
 
 @pytest.fixture
@@ -39,12 +29,6 @@ def same_qterms(q, expected):
 
 def lterms(e):
     return [(e.getCoeff(i), e.getVar(i)) for i in range(e.size())]
-
-
-def raises(code, message, fn, *args):
-    with pytest.raises(kp.KaviroError) as info:
-        fn(*args)
-    assert (info.value.errno, info.value.message) == (code, message)
 
 
 def test_construction_and_add(xs):

@@ -2,32 +2,16 @@ import pytest
 
 import kaviropy as kp
 from kaviropy import KVR, LinExpr, QuadExpr, TempConstr
+from conftest import PENDING_NAME as P, raises
 
-P = "*Awaiting Model Update*"
 INVALID = KVR.ERROR_INVALID_ARGUMENT
 GENEXPR_LHS = ("General expressions can only be the right hand side part of an assignment to a "
                "single variable")
 
 
 @pytest.fixture
-def named(env):
-    """Variables x, y, z of a real model, numbered."""
-    m = kp.Model(env=env)
-    vs = [m.addVar(name=n) for n in "xyz"]
-    m.update()
-    yield vs
-    m.dispose()
-
-
-@pytest.fixture
 def xs():
     return [kp.Var(None, i) for i in range(4)]
-
-
-def raises(code, message, fn, *args):
-    with pytest.raises(kp.KaviroError) as info:
-        fn(*args)
-    assert (info.value.errno, info.value.message) == (code, message)
 
 
 def test_comparisons_build_records(xs):

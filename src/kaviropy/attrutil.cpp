@@ -360,31 +360,34 @@ void init_attrutil(nb::module_ &m) {
         AttrInfo info = attr_info(attr_type_name(obj), utf8(name));
         return nb::make_tuple(info.type, info.cls, info.settable ? 1 : 0);
       },
-      nb::arg("obj"), nb::arg("attrname"),
+      nb::arg("obj").none(), nb::arg("attrname").none(),
       "(datatype, attrclass, settable) of an attribute; AttributeError for unknown names.");
-  m.attr("__getattr") = nb::cpp_function(
-      [](nb::handle obj, nb::handle name) { return get_attr(obj, utf8(name)); }, nb::arg("obj"),
-      nb::arg("attrname"), "Reads an attribute of a model or of one element.");
+  m.attr("__getattr") =
+      nb::cpp_function([](nb::handle obj, nb::handle name) { return get_attr(obj, utf8(name)); },
+                       nb::arg("obj").none(), nb::arg("attrname").none(),
+                       "Reads an attribute of a model or of one element.");
   m.attr("__setattr") = nb::cpp_function(
       [](nb::handle obj, nb::handle name, nb::handle value) { set_attr(obj, utf8(name), value); },
-      nb::arg("obj"), nb::arg("attrname"), nb::arg("newvalue").none(),
+      nb::arg("obj").none(), nb::arg("attrname").none(), nb::arg("newvalue").none(),
       "Writes an attribute of a model or of one element.");
   m.attr("__prefetchattr") = nb::cpp_function(
-      [](nb::handle obj, nb::handle name) { prefetch_attr(obj, utf8(name)); }, nb::arg("obj"),
-      nb::arg("attrname"), "Asks the library to cache an attribute.");
+      [](nb::handle obj, nb::handle name) { prefetch_attr(obj, utf8(name)); },
+      nb::arg("obj").none(), nb::arg("attrname").none(), "Asks the library to cache an attribute.");
   m.attr("__gettypedattrlist") = nb::cpp_function(
       [](nb::handle obj, nb::handle name, int type, nb::handle inputlist) {
         return get_attr_list(model_pointer(obj), obj, utf8(name), type, index_array(inputlist));
       },
-      nb::arg("obj"), nb::arg("attrname"), nb::arg("attrtype"), nb::arg("inputlist"),
+      nb::arg("obj").none(), nb::arg("attrname").none(), nb::arg("attrtype"),
+      nb::arg("inputlist").none(),
       "Values of an attribute for a list of element indices (one library call).");
   m.attr("__settypedattrlist") = nb::cpp_function(
       [](nb::handle obj, nb::handle name, int type, nb::handle indlist, nb::handle newval) {
         set_attr_list(model_pointer(obj), obj, utf8(name), type, index_array(indlist), newval,
                       false);
       },
-      nb::arg("obj"), nb::arg("attrname"), nb::arg("attrtype"), nb::arg("indlist"),
-      nb::arg("newval"), "Writes newval[i] to element indlist[i] (one library call).");
+      nb::arg("obj").none(), nb::arg("attrname").none(), nb::arg("attrtype"),
+      nb::arg("indlist").none(), nb::arg("newval").none(),
+      "Writes newval[i] to element indlist[i] (one library call).");
   m.attr("__attrlist") =
       nb::cpp_function([](nb::handle cmodel, int attrclass) { return attr_names(attrclass); },
                        nb::arg("cmodel").none(), nb::arg("attrclass"),

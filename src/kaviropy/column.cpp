@@ -24,12 +24,7 @@ PyTypeObject *constr_type() {
 
 bool is_constr(PyObject *o) { return PyObject_TypeCheck(o, constr_type()); }
 
-ColumnObject *column_self(nb::handle self) {
-  if (Py_TYPE(self.ptr()) != g_column_type)
-    raise_python(PyExc_TypeError,
-                 std::string("expected a kaviropy.Column, got ") + Py_TYPE(self.ptr())->tp_name);
-  return C(self);
-}
+ColumnObject *column_self(nb::handle self) { return self_as<ColumnObject>(self, g_column_type); }
 
 nb::object column_new() {
   ColumnObject *c = PyObject_GC_New(ColumnObject, g_column_type);
@@ -59,18 +54,10 @@ void column_append(ColumnObject *c, const std::vector<double> &coeffs,
 
 // Checked terms from two iterables of equal length; nothing is appended before all pass.
 void column_add_lists(ColumnObject *c, PyObject *coeffs, PyObject *constrs) {
-  nb::object sc = as_sequence(coeffs), sk = as_sequence(constrs);
-  Py_ssize_t n = PySequence_Fast_GET_SIZE(sc.ptr());
-  if (n != PySequence_Fast_GET_SIZE(sk.ptr())) invalid("Array lengths don't match");
-  PyObject **ic = PySequence_Fast_ITEMS(sc.ptr()), **ik = PySequence_Fast_ITEMS(sk.ptr());
-  std::vector<double> values(static_cast<size_t>(n));
-  std::vector<PyObject *> rows(ik, ik + n);
-  for (Py_ssize_t i = 0; i < n; ++i) {
-    if (!is_constr(ik[i])) invalid("Second argument should be a list of Constr");
-    if (!isscalar(ic[i], &values[i])) invalid("First argument should be a list of floats");
-    check_coeff(values[i]);
-  }
-  column_append(c, values, rows);
+  TermLists list =
+      term_lists(coeffs, {{constrs, is_constr, "Second argument should be a list of Constr"}},
+                 "Array lengths don't match");
+  column_append(c, list.coeffs, list.objects[0]);
 }
 
 std::string type_text(PyObject *o) { return py_str(reinterpret_cast<PyObject *>(Py_TYPE(o))); }
@@ -104,9 +91,7 @@ void column_tp_dealloc(PyObject *self) {
   release(c->constrs);
   c->constrs.~vector();
   c->coeffs.~vector();
-  PyTypeObject *type = Py_TYPE(self);
-  type->tp_free(self);
-  Py_DECREF(type);
+  free_heap_object(self);
 }
 
 int column_tp_traverse(PyObject *self, visitproc visit, void *arg) {
@@ -141,15 +126,13 @@ PyObject *column_tp_repr(PyObject *self) {
       if (i) s += " + ";
       s += coeff_text(c->coeffs[i]) + constr_text(c->constrs[i]);
     }
-    s = "<kaviro.Column: " + (s.empty() ? std::string("empty") : s) + ">";
-    return PyUnicode_FromStringAndSize(s.data(), static_cast<Py_ssize_t>(s.size()));
+    return str_object("<kaviro.Column: " + (s.empty() ? std::string("empty") : s) + ">");
   });
 }
 
 void column_add_terms(ColumnObject *c, nb::handle coeffs, nb::handle constrs) {
   if (is_constr(constrs.ptr())) {
-    double v;
-    if (!isscalar(coeffs.ptr(), &v)) invalid("First argument should be a number");
+    double v = number_arg(coeffs, "First argument should be a number");
     check_coeff(v);
     column_append(c, {v}, {constrs.ptr()});
     return;
@@ -161,20 +144,14 @@ void column_add_terms(ColumnObject *c, nb::handle coeffs, nb::handle constrs) {
 }
 
 // Constraints in the model merge by model and row index; pending and removed ones by object.
-std::pair<const void *, intptr_t> constr_key(PyObject *o) {
+TermKey constr_key(PyObject *o) {
   Constr *c = as_constr(o);
   if (c && c->index != -1 && c->index != -2) return {c->model, c->index};
   return {nullptr, reinterpret_cast<intptr_t>(o)};
 }
 
-struct KeyHash {
-  size_t operator()(const std::pair<const void *, intptr_t> &k) const {
-    return std::hash<const void *>()(k.first) * 31 + std::hash<intptr_t>()(k.second);
-  }
-};
-
 void column_normalize(ColumnObject *c) {
-  std::unordered_map<std::pair<const void *, intptr_t>, size_t, KeyHash> first;
+  std::unordered_map<TermKey, size_t, TermKeyHash> first;
   std::vector<double> coeffs;
   std::vector<PyObject *> constrs, dropped;
   coeffs.reserve(c->coeffs.size());
@@ -195,12 +172,7 @@ void column_normalize(ColumnObject *c) {
 }
 
 void register_column_methods(PyTypeObject *type) {
-  nb::handle scope(reinterpret_cast<PyObject *>(type));
-  auto def = [&](const char *name, auto &&fn, auto... extra) {
-    add_method(type, name,
-               nb::cpp_function(std::forward<decltype(fn)>(fn), nb::scope(scope), nb::name(name),
-                                nb::is_method(), extra...));
-  };
+  MethodDefiner def{type};
   def(
       "addTerms",
       [](nb::handle self, nb::handle coeffs, nb::handle constrs) {
@@ -254,30 +226,22 @@ void register_column_methods(PyTypeObject *type) {
   def(
       "_normalize", [](nb::handle self) { column_normalize(column_self(self)); },
       "Merges the terms of the same constraint, in order of first occurrence.");
-  add_method(type, "_coeffs",
-             nb::steal(PyObject_CallOneArg(reinterpret_cast<PyObject *>(&PyProperty_Type),
-                                           nb::cpp_function(
-                                               [](nb::handle self) {
-                                                 nb::list out;
-                                                 for (double v : column_self(self)->coeffs)
-                                                   out.append(v);
-                                                 return out;
-                                               },
-                                               nb::scope(scope), nb::name("_coeffs"),
-                                               nb::is_method(), "The coefficients (a new list).")
-                                               .ptr())));
-  add_method(type, "_constrs",
-             nb::steal(PyObject_CallOneArg(reinterpret_cast<PyObject *>(&PyProperty_Type),
-                                           nb::cpp_function(
-                                               [](nb::handle self) {
-                                                 nb::list out;
-                                                 for (PyObject *o : column_self(self)->constrs)
-                                                   out.append(nb::handle(o));
-                                                 return out;
-                                               },
-                                               nb::scope(scope), nb::name("_constrs"),
-                                               nb::is_method(), "The constraints (a new list).")
-                                               .ptr())));
+  def.property(
+      "_coeffs",
+      [](nb::handle self) {
+        nb::list out;
+        for (double v : column_self(self)->coeffs) out.append(v);
+        return out;
+      },
+      "The coefficients (a new list).");
+  def.property(
+      "_constrs",
+      [](nb::handle self) {
+        nb::list out;
+        for (PyObject *o : column_self(self)->constrs) out.append(nb::handle(o));
+        return out;
+      },
+      "The constraints (a new list).");
 }
 
 // ---------------------------------------------------------------- quicksum
@@ -383,11 +347,9 @@ void init_column(nb::module_ &m) {
       {0, nullptr}};
   static PyType_Spec spec = {"kaviropy.Column", sizeof(ColumnObject), 0,
                              Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC, slots};
-  PyObject *type = PyType_FromSpec(&spec);
-  if (!type) throw nb::python_error();
-  g_column_type = reinterpret_cast<PyTypeObject *>(type);  // kept for the life of the process
+  g_column_type = new_heap_type(&spec);
   register_column_methods(g_column_type);
-  m.attr("Column") = nb::handle(type);
+  m.attr("Column") = nb::handle(reinterpret_cast<PyObject *>(g_column_type));
   m.def("quicksum", &quicksum, nb::arg("data").none(),
         "The sum of the items of data (numbers, Var, LinExpr, QuadExpr, ...) as one expression, "
         "built in place; a tupledict contributes its values.");

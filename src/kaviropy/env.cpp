@@ -199,6 +199,7 @@ void init_env(nb::module_ &m) {
                       "A solver environment: parameter settings and log destination for the models "
                       "created from it.");
   cls.attr("__module__") = "kaviropy";
+  def_disposable(cls, "environment");
   cls.def(
          "__init__",
          [](Env *self, nb::object logfilename, bool empty, nb::object params, nb::object cenv,
@@ -280,25 +281,6 @@ void init_env(nb::module_ &m) {
             e.cenv = nullptr;
           },
           "Frees the library environment; the object cannot be used afterwards.")
-      .def(
-          "close", [](nb::handle self) { self.attr("dispose")(); }, "Same as dispose().")
-      .def(
-          "__del__",
-          [](nb::handle self) {
-            if (!exiting()) self.attr("close")();
-          },
-          "Frees the environment when the object is collected.")
-      .def(
-          "__enter__", [](nb::handle self) { return nb::borrow(self); },
-          "Returns the environment for a with block.")
-      .def(
-          "__exit__",
-          [](nb::handle self, nb::handle, nb::handle, nb::handle) {
-            self.attr("close")();
-            return false;
-          },
-          nb::arg("exc_type").none(), nb::arg("exc_value").none(), nb::arg("traceback").none(),
-          "Closes the environment at the end of a with block.")
       .def(
           "__repr__",
           [](nb::handle self) {

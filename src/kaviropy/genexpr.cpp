@@ -44,9 +44,7 @@ const GenClass &gen_class(PyObject *self) {
 void ge_tp_dealloc(PyObject *self) {
   PyObject_GC_UnTrack(self);
   Py_CLEAR(reinterpret_cast<GenExprObject *>(self)->dict);
-  PyTypeObject *type = Py_TYPE(self);
-  type->tp_free(self);
-  Py_DECREF(type);
+  free_heap_object(self);
 }
 
 int ge_tp_traverse(PyObject *self, visitproc visit, void *arg) {
@@ -222,9 +220,7 @@ PyTypeObject *make_base() {
       {0, nullptr}};
   static PyType_Spec spec = {"kaviropy.GenExpr", sizeof(GenExprObject), 0,
                              Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE | Py_TPFLAGS_HAVE_GC, slots};
-  PyObject *type = PyType_FromSpec(&spec);
-  if (!type) throw nb::python_error();
-  return reinterpret_cast<PyTypeObject *>(type);
+  return new_heap_type(&spec);
 }
 
 PyTypeObject *make_subclass(const GenClass &cls, PyTypeObject *base) {
@@ -252,14 +248,12 @@ void init_genexpr(nb::module_ &m) {
   m.attr("GenExpr") = nb::handle(reinterpret_cast<PyObject *>(g_genexpr_type));
   for (GenClass &cls : g_classes) {
     cls.type = make_subclass(cls, g_genexpr_type);
-    nb::handle type(reinterpret_cast<PyObject *>(cls.type));
-    add_method(cls.type, "_addAsConstr",
-               nb::cpp_function(&add_as_constr, nb::scope(type), nb::name("_addAsConstr"),
-                                nb::is_method(), nb::arg("model").none(), nb::arg("resvar").none(),
-                                nb::arg("name").none() = "",
-                                "Adds resvar == this expression to the model as a general "
-                                "constraint; returns the GenConstr."));
-    m.attr(cls.name()) = type;
+    MethodDefiner def{cls.type};
+    def("_addAsConstr", &add_as_constr, nb::arg("model").none(), nb::arg("resvar").none(),
+        nb::arg("name").none() = "",
+        "Adds resvar == this expression to the model as a general constraint; returns the "
+        "GenConstr.");
+    m.attr(cls.name()) = nb::handle(reinterpret_cast<PyObject *>(cls.type));
   }
 
   m.def(

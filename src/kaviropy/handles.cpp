@@ -6,6 +6,7 @@
 #include <structmember.h>
 
 #include "attrutil.h"
+#include "model.h"
 
 namespace kvrpy {
 namespace {
@@ -66,6 +67,31 @@ void handle_dealloc(PyObject *self) {
   Py_DECREF(type);
 }
 
+// Handles start untracked by the garbage collector: without an instance dictionary they can
+// be part of no reference cycle, and a model's millions of handles then cost the collector
+// nothing. A handle is tracked from the moment it gets a dictionary.
+void track_with_dict(PyObject *self) {
+  if (object_of(self)->dict && !PyObject_GC_IsTracked(self)) PyObject_GC_Track(self);
+}
+
+bool is_base_type(PyTypeObject *type) {
+  for (PyTypeObject *t : g_types)
+    if (t == type) return true;
+  return false;
+}
+
+PyObject *get_dict(PyObject *self, void *context) {
+  PyObject *dict = PyObject_GenericGetDict(self, context);
+  track_with_dict(self);
+  return dict;
+}
+
+int set_dict(PyObject *self, PyObject *value, void *context) {
+  int r = PyObject_GenericSetDict(self, value, context);
+  track_with_dict(self);
+  return r;
+}
+
 // Handle(cmodel, index): exactly two positional arguments.
 PyObject *handle_new(PyTypeObject *type, PyObject *args, PyObject *kwds) {
   Py_ssize_t n = PyTuple_GET_SIZE(args) + (kwds ? PyDict_GET_SIZE(kwds) : 0);
@@ -84,6 +110,7 @@ PyObject *handle_new(PyTypeObject *type, PyObject *args, PyObject *kwds) {
         PyObject *self = type->tp_alloc(type, 0);
         if (!self) return nullptr;
         object_of(self)->h = Handle{model, index};
+        if (is_base_type(type)) PyObject_GC_UnTrack(self);
         return self;
       },
       nullptr);
@@ -105,8 +132,11 @@ PyObject *handle_getattro(PyObject *self, PyObject *name) {
 
 int handle_setattro(PyObject *self, PyObject *name, PyObject *value) {
   if (!value || !PyUnicode_Check(name) || PyUnicode_GET_LENGTH(name) == 0 ||
-      PyUnicode_READ_CHAR(name, 0) == '_')
-    return PyObject_GenericSetAttr(self, name, value);
+      PyUnicode_READ_CHAR(name, 0) == '_') {
+    int r = PyObject_GenericSetAttr(self, name, value);
+    track_with_dict(self);
+    return r;
+  }
   return guarded(
       [&]() -> int {
         set_attr(self, utf8(name), value);
@@ -156,8 +186,7 @@ PyTypeObject *make_type(nb::module_ &m, int kind) {
                         "The library model (an integer handle), or None once disposed.", nullptr};
   g_getsets[kind][1] = {kKinds[kind].index_field, get_index, set_index,
                         "The index field with its state encoding.", nullptr};
-  g_getsets[kind][2] = {"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr,
-                        nullptr};
+  g_getsets[kind][2] = {"__dict__", get_dict, set_dict, nullptr, nullptr};
   g_getsets[kind][3] = {nullptr, nullptr, nullptr, nullptr, nullptr};
   PyType_Slot slots[] = {{Py_tp_dealloc, reinterpret_cast<void *>(handle_dealloc)},
                          {Py_tp_traverse, reinterpret_cast<void *>(handle_traverse)},
@@ -201,19 +230,33 @@ void add_common_methods(int kind) {
         if (same < 0) throw nb::python_error();
         return same == 1;
       },
-      nb::arg("other"), "True when other is a handle of the same element.");
+      nb::arg("other").none(), "True when other is a handle of the same element.");
+  // A handle pickles as (kind, process, model, index, dict). Restored in the same process while
+  // its model lives, it is that model's shared handle; anywhere else it comes back detached,
+  // since the library model does not exist there.
+  def_handle_method(
+      kind, "__reduce__",
+      [kind](nb::handle self) {
+        const Handle &h = *handle_data(self.ptr());
+        PyObject *d = object_of(self.ptr())->dict;
+        nb::object pid = nb::module_::import_("os").attr("getpid")();
+        return nb::make_tuple(module_attr("_restore_handle"),
+                              nb::make_tuple(kind, pid, handle_object(h.model), h.index,
+                                             d ? nb::borrow(d) : nb::none()));
+      },
+      "Pickling support: the element, resolved again in the same process.");
   def_handle_method(
       kind, "getAttr", [](nb::handle self, nb::handle name) { return get_attr(self, utf8(name)); },
-      nb::arg("attrname"), "Value of a library attribute of this element.");
+      nb::arg("attrname").none(), "Value of a library attribute of this element.");
   def_handle_method(
       kind, "setAttr",
       [](nb::handle self, nb::handle name, nb::handle value) { set_attr(self, utf8(name), value); },
-      nb::arg("attrname"), nb::arg("newvalue").none(),
+      nb::arg("attrname").none(), nb::arg("newvalue").none(),
       "Sets a library attribute of this element (applied at the next update).");
   def_handle_method(
       kind, "prefetchAttr",
       [](nb::handle self, nb::handle name) { prefetch_attr(self, utf8(name)); },
-      nb::arg("attrname"), "Asks the library to cache an attribute for later reads.");
+      nb::arg("attrname").none(), "Asks the library to cache an attribute for later reads.");
   def_handle_method(
       kind, "__dir__",
       [kind](nb::handle self) {
@@ -252,6 +295,7 @@ nb::object new_handle(int kind, KVRmodel *model, int index) {
   PyObject *obj = type->tp_alloc(type, 0);
   if (!obj) throw nb::python_error();
   object_of(obj)->h = Handle{model, index};
+  PyObject_GC_UnTrack(obj);
   return nb::steal(obj);
 }
 
@@ -270,7 +314,50 @@ int live_position(nb::handle obj, int kind, KVRmodel *model) {
   return public_index(h->index);
 }
 
+// Inverse of __reduce__: the shared handle of a live model of this process, else a detached one.
+nb::object restore_handle(int kind, nb::handle pid, nb::handle cmodel, int index, nb::handle dict) {
+  if (kind < 0 || kind >= kNumKinds) raise_error(KVR_ERROR_INVALID_ARGUMENT, "Invalid handle kind");
+  nb::object here = nb::module_::import_("os").attr("getpid")();
+  if (!cmodel.is_none() && here.equal(pid) && public_index(index) >= 0) {
+    nb::object model = model_object(handle_pointer<KVRmodel>(cmodel));
+    if (!model.is_none()) {
+      try {
+        nb::object shared = model_handle(model, kind, public_index(index));
+        if (handle_data(shared.ptr())->index == index) return shared;
+      } catch (nb::python_error &) {
+        // The element is gone since the pickle was made: restore it detached.
+      }
+    }
+  }
+  nb::object h = new_handle(kind, nullptr, -1);
+  if (!dict.is_none()) {
+    object_of(h.ptr())->dict = PyDict_Copy(dict.ptr());
+    if (!object_of(h.ptr())->dict) throw nb::python_error();
+    track_with_dict(h.ptr());
+  }
+  return h;
+}
+
+PyObject *restore_handle_entry(PyObject *, PyObject *const *args, Py_ssize_t nargs) {
+  return guarded(
+      [&]() -> PyObject * {
+        if (nargs != 5) raise_python(PyExc_TypeError, "_restore_handle takes 5 arguments");
+        nb::handle a[5] = {args[0], args[1], args[2], args[3], args[4]};
+        return restore_handle(nb::cast<int>(a[0]), a[1], a[2], nb::cast<int>(a[3]), a[4])
+            .release()
+            .ptr();
+      },
+      nullptr);
+}
+
 void init_handles(nb::module_ &m) {
+  static PyMethodDef restore = {
+      "_restore_handle",
+      reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(restore_handle_entry)),
+      METH_FASTCALL,
+      "_restore_handle(kind, pid, cmodel, index, dict)\n--\n\n"
+      "Rebuilds a pickled handle (see the handles' __reduce__)."};
+  add_module_function(m, &restore);
   for (int k = 0; k < kNumKinds; ++k) g_types[k] = make_type(m, k);
   for (int k = 0; k < kNumKinds; ++k) add_common_methods(k);
   init_var();

@@ -1,4 +1,6 @@
 // KVR: the constants class, and the read-only constant objects it refers to.
+#include <initializer_list>
+
 #include "constants.h"
 
 namespace kvrpy {
@@ -37,11 +39,11 @@ void init_constants(nb::module_ &m) {
   auto i = [](long v) { return nb::int_(v); };
   auto f = [](double v) { return nb::float_(v); };
   auto s = [](const char *v) { return nb::str(v); };
-  add("BATCH_CREATED", i(1));
-  add("BATCH_SUBMITTED", i(2));
-  add("BATCH_ABORTED", i(3));
-  add("BATCH_FAILED", i(4));
-  add("BATCH_COMPLETED", i(5));
+  // Names with consecutive codes from `first`.
+  auto numbered = [&](const char *prefix, long first, std::initializer_list<const char *> names) {
+    for (const char *name : names) add(prefix + std::string(name), i(first++));
+  };
+  numbered("BATCH_", 1, {"CREATED", "SUBMITTED", "ABORTED", "FAILED", "COMPLETED"});
   add("VERSION_MAJOR", i(KVR_VERSION_MAJOR));
   add("VERSION_MINOR", i(KVR_VERSION_MINOR));
   add("VERSION_TECHNICAL", i(KVR_VERSION_TECHNICAL));
@@ -61,10 +63,9 @@ void init_constants(nb::module_ &m) {
   add("MAXIMIZE", i(KVR_MAXIMIZE));
   add("SOS_TYPE1", i(KVR_SOS_TYPE1));
   add("SOS_TYPE2", i(KVR_SOS_TYPE2));
-  const char *genconstr[] = {"MAX",       "MIN", "ABS",  "AND", "OR",   "NORM",
-                             "INDICATOR", "PWL", "POLY", "EXP", "EXPA", "LOG",
-                             "LOGA",      "POW", "SIN",  "COS", "TAN",  "LOGISTIC"};
-  for (int k = 0; k < 18; ++k) add("GENCONSTR_" + std::string(genconstr[k]), i(k));
+  numbered("GENCONSTR_", 0,
+           {"MAX", "MIN", "ABS", "AND", "OR", "NORM", "INDICATOR", "PWL", "POLY", "EXP", "EXPA",
+            "LOG", "LOGA", "POW", "SIN", "COS", "TAN", "LOGISTIC"});
   add("INFINITY", f(KVR_INFINITY));
   add("UNDEFINED", f(KVR_UNDEFINED));
   add("MAXINT", i(KVR_MAXINT));
@@ -74,25 +75,13 @@ void init_constants(nb::module_ &m) {
   add("MAX_CONCURRENT", i(KVR_MAX_CONCURRENT));
   add("DEFAULT_CS_PORT", i(61000));
   for (auto &[name, value] : error_constants()) add("ERROR_" + name, value);
-  add("CUTS_AUTO", i(-1));
-  add("CUTS_OFF", i(0));
-  add("CUTS_CONSERVATIVE", i(1));
-  add("CUTS_AGGRESSIVE", i(2));
-  add("CUTS_VERYAGGRESSIVE", i(3));
+  numbered("CUTS_", -1, {"AUTO", "OFF", "CONSERVATIVE", "AGGRESSIVE", "VERYAGGRESSIVE"});
   add("METHOD_NONE", i(-1));
-  add("METHOD_AUTO", i(-1));
-  add("METHOD_PRIMAL", i(0));
-  add("METHOD_DUAL", i(1));
-  add("METHOD_BARRIER", i(2));
-  add("METHOD_CONCURRENT", i(3));
-  add("METHOD_DETERMINISTIC_CONCURRENT", i(4));
-  add("METHOD_DETERMINISTIC_CONCURRENT_SIMPLEX", i(5));
-  add("FEASRELAX_LINEAR", i(0));
-  add("FEASRELAX_QUADRATIC", i(1));
-  add("FEASRELAX_CARDINALITY", i(2));
-  add("PHASE_MIP_NOREL", i(0));
-  add("PHASE_MIP_SEARCH", i(1));
-  add("PHASE_MIP_IMPROVE", i(2));
+  numbered("METHOD_", -1,
+           {"AUTO", "PRIMAL", "DUAL", "BARRIER", "CONCURRENT", "DETERMINISTIC_CONCURRENT",
+            "DETERMINISTIC_CONCURRENT_SIMPLEX"});
+  numbered("FEASRELAX_", 0, {"LINEAR", "QUADRATIC", "CARDINALITY"});
+  numbered("PHASE_MIP_", 0, {"NOREL", "SEARCH", "IMPROVE"});
   make_constant_class(m, "KVR", "Constants of the solver library and the module.", kvr, "");
 }
 

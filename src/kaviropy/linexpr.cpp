@@ -173,27 +173,59 @@ std::unordered_set<PyObject *> vars_same_as(const std::vector<PyObject *> &vars,
   return same;
 }
 
-void release_terms(LinTerms &terms) {
-  // Detach first: a release may run arbitrary code that looks at the owner.
-  LinTerms old;
-  old.swap(terms);
-  for (LinTerm &t : old) Py_DECREF(t.var);
-}
-
-void release_terms(QuadTerms &terms) {
-  QuadTerms old;
-  old.swap(terms);
-  for (QuadTerm &t : old) {
-    Py_DECREF(t.var1);
-    Py_DECREF(t.var2);
+TermLists term_lists(PyObject *coeffs, std::initializer_list<ObjectList> lists,
+                     const char *length_message) {
+  TermLists out;
+  out.sequences[0] = as_sequence(coeffs);
+  size_t k = 1;
+  for (const ObjectList &list : lists) out.sequences[k++] = as_sequence(list.seq);
+  Py_ssize_t n = PySequence_Fast_GET_SIZE(out.sequences[0].ptr());
+  for (k = 1; k <= lists.size(); ++k)
+    if (PySequence_Fast_GET_SIZE(out.sequences[k].ptr()) != n) invalid(length_message);
+  PyObject **c = PySequence_Fast_ITEMS(out.sequences[0].ptr());
+  out.coeffs.reserve(n);
+  for (k = 0; k < lists.size(); ++k) out.objects[k].reserve(n);
+  for (Py_ssize_t i = 0; i < n; ++i) {
+    k = 0;
+    for (const ObjectList &list : lists) {
+      PyObject *item = PySequence_Fast_GET_ITEM(out.sequences[k + 1].ptr(), i);
+      if (!list.accepts(item)) invalid(list.message);
+      out.objects[k++].push_back(item);
+    }
+    double x;
+    if (!isscalar(c[i], &x)) invalid("First argument should be a list of floats");
+    check_coeff(x);
+    out.coeffs.push_back(x);
   }
+  return out;
 }
 
-void add_unpickler(nb::module_ &m, PyMethodDef *def) {
-  nb::object module_name = nb::str("kaviropy");
-  PyObject *f = PyCFunction_NewEx(def, nullptr, module_name.ptr());
-  if (!f) throw nb::python_error();
-  m.attr(def->ml_name) = nb::steal(f);
+nb::object PickleFormat::reduce(nb::handle state) const {
+  return nb::make_tuple(
+      module_attr(unpickler),
+      nb::make_tuple(nb::handle(reinterpret_cast<PyObject *>(type)), layout, state));
+}
+
+void PickleFormat::malformed() const {
+  invalid(std::string("Malformed state of a pickled ") + name);
+}
+
+PyObject *const *PickleFormat::state_items(nb::handle cls, nb::handle layout_arg,
+                                           nb::handle state) const {
+  if (cls.ptr() != reinterpret_cast<PyObject *>(type))
+    invalid(std::string("Pickled data is not a ") + name);
+  if (!PyLong_Check(layout_arg.ptr()) || PyLong_AsLong(layout_arg.ptr()) != layout) {
+    PyErr_Clear();
+    invalid(std::string("Unknown layout of a pickled ") + name);
+  }
+  if (!PyTuple_Check(state.ptr()) || PyTuple_GET_SIZE(state.ptr()) != state_size) malformed();
+  return &PyTuple_GET_ITEM(state.ptr(), 0);
+}
+
+PyTypeObject *new_heap_type(PyType_Spec *spec) {
+  PyObject *type = PyType_FromSpec(spec);
+  if (!type) throw nb::python_error();
+  return reinterpret_cast<PyTypeObject *>(type);
 }
 
 void add_method(PyTypeObject *type, const char *name, nb::object func) {
@@ -202,18 +234,6 @@ void add_method(PyTypeObject *type, const char *name, nb::object func) {
 }
 
 // ---------------------------------------------------------------- LinExpr storage
-
-namespace {
-
-void copy_terms(LinTerms &dst, const LinTerm *src, size_t n, double mult) {
-  grow(dst, n);
-  for (size_t i = 0; i < n; ++i) {
-    Py_INCREF(src[i].var);
-    dst.push_back({src[i].coeff * mult, src[i].var});
-  }
-}
-
-}  // namespace
 
 LinExprObject *lin_alloc() {
   LinExprObject *e = PyObject_GC_New(LinExprObject, g_linexpr_type);
@@ -227,38 +247,7 @@ LinExprObject *lin_alloc() {
 
 nb::object lin_new() { return nb::steal(reinterpret_cast<PyObject *>(lin_alloc())); }
 
-void lin_flatten(LinExprObject *e) {
-  if (!e->next) return;
-  std::vector<LinExprObject *> chain;
-  size_t total = e->terms.size();
-  for (LinExprObject *p = e->next; p; p = p->next) {
-    chain.push_back(p);
-    total += p->terms.size();
-  }
-  LinTerms merged;
-  merged.reserve(total);
-  // Pieces referenced only along this chain hand over their terms instead of copying them.
-  size_t exclusive = 0;
-  while (exclusive < chain.size() && Py_REFCNT(chain[exclusive]) == 1) ++exclusive;
-  double constant = 0.0;
-  for (size_t k = chain.size(); k-- > 0;) {
-    LinExprObject *p = chain[k];
-    constant += p->constant;
-    if (k < exclusive) {
-      merged.insert(merged.end(), p->terms.begin(), p->terms.end());
-      p->terms.clear();
-    } else {
-      copy_terms(merged, p->terms.data(), p->terms.size(), 1.0);
-    }
-  }
-  merged.insert(merged.end(), e->terms.begin(), e->terms.end());
-  // merged receives the old vector, whose references were handed over above.
-  e->terms.swap(merged);
-  e->constant += constant;
-  LinExprObject *old = e->next;
-  e->next = nullptr;
-  release_chain(old);
-}
+void lin_flatten(LinExprObject *e) { join_pieces(e); }
 
 size_t operand_terms(PyObject *x, const Operand &o) {
   if (o.kind == Kind::Var) return 1;
@@ -271,24 +260,7 @@ size_t operand_terms(PyObject *x, const Operand &o) {
 
 nb::object lin_extend(LinExprObject *e, size_t extra) {
   nb::object r = lin_new();
-  LinExprObject *out = L(r);
-  if (e->terms.size() <= kPieceMin) {
-    out->terms.reserve(e->terms.size() + extra);
-    copy_terms(out->terms, e->terms.data(), e->terms.size(), 1.0);
-    out->constant = e->constant;
-    out->next = e->next;
-    Py_XINCREF(e->next);
-    return r;
-  }
-  LinExprObject *piece = lin_alloc();
-  piece->terms.swap(e->terms);
-  piece->constant = e->constant;
-  piece->next = e->next;
-  e->constant = 0.0;
-  e->next = piece;
-  Py_INCREF(piece);
-  out->next = piece;
-  out->terms.reserve(extra);
+  share_value(e, L(r), extra, lin_alloc);
   return r;
 }
 
@@ -433,46 +405,20 @@ double terms_value(const LinTerms &terms) {
 
 namespace {
 
-LinExprObject *lin_self(nb::handle self) {
-  if (!is_lin(self.ptr()))
-    raise_python(PyExc_TypeError,
-                 std::string("expected a kaviropy.LinExpr, got ") + Py_TYPE(self.ptr())->tp_name);
-  return L(self);
+LinExprObject *lin_self(nb::handle self) { return self_as<LinExprObject>(self, g_linexpr_type); }
+
+// Checked (coefficient, Var) lists.
+TermLists var_lists(PyObject *coeffs, PyObject *vars, const char *length_message) {
+  return term_lists(coeffs, {{vars, var_item, "Second argument should be a list of Var"}},
+                    length_message);
 }
 
-// Validated (coefficient, Var) lists: every check runs before anything is appended.
-struct TermList {
-  std::vector<double> coeffs;
-  std::vector<PyObject *> vars;  // borrowed from the argument sequences
-  nb::object keep_coeffs, keep_vars;
-};
-
-TermList parallel_lists(PyObject *coeffs, PyObject *vars, const char *length_message) {
-  TermList out;
-  out.keep_coeffs = as_sequence(coeffs);
-  out.keep_vars = as_sequence(vars);
-  Py_ssize_t n = PySequence_Fast_GET_SIZE(out.keep_coeffs.ptr());
-  if (n != PySequence_Fast_GET_SIZE(out.keep_vars.ptr())) invalid(length_message);
-  PyObject **c = PySequence_Fast_ITEMS(out.keep_coeffs.ptr());
-  PyObject **v = PySequence_Fast_ITEMS(out.keep_vars.ptr());
-  out.coeffs.reserve(n);
-  out.vars.reserve(n);
-  for (Py_ssize_t i = 0; i < n; ++i) {
-    if (!is_var(v[i])) invalid("Second argument should be a list of Var");
-    double x;
-    if (!isscalar(c[i], &x)) invalid("First argument should be a list of floats");
-    check_coeff(x);
-    out.coeffs.push_back(x);
-    out.vars.push_back(v[i]);
-  }
-  return out;
-}
-
-void append(LinExprObject *e, const TermList &list) {
-  grow(e->terms, list.vars.size());
-  for (size_t i = 0; i < list.vars.size(); ++i) {
-    Py_INCREF(list.vars[i]);
-    e->terms.push_back({list.coeffs[i], list.vars[i]});
+void append(LinExprObject *e, const TermLists &list) {
+  const std::vector<PyObject *> &vars = list.objects[0];
+  grow(e->terms, vars.size());
+  for (size_t i = 0; i < vars.size(); ++i) {
+    Py_INCREF(vars[i]);
+    e->terms.push_back({list.coeffs[i], vars[i]});
   }
 }
 
@@ -484,7 +430,7 @@ nb::object lin_construct(PyObject *a1, PyObject *a2) {
       check_coeff(c);
       lin_add(L(r), a2, {Kind::Var, 0.0}, c);
     } else if (is_iterable(a1) && is_iterable(a2)) {
-      append(L(r), parallel_lists(a1, a2, "Linear expression arguments of different length"));
+      append(L(r), var_lists(a1, a2, "Linear expression arguments of different length"));
     } else {
       raise_unconvertible();
     }
@@ -503,9 +449,9 @@ nb::object lin_construct(PyObject *a1, PyObject *a2) {
     nb::object pairs = as_sequence(a1);
     Py_ssize_t n = PySequence_Fast_GET_SIZE(pairs.ptr());
     PyObject **items = PySequence_Fast_ITEMS(pairs.ptr());
-    TermList list;
+    TermLists list;
     list.coeffs.reserve(n);
-    list.vars.reserve(n);
+    list.objects[0].reserve(n);
     std::vector<nb::object> keep;
     keep.reserve(n);
     for (Py_ssize_t i = 0; i < n; ++i) {
@@ -519,7 +465,7 @@ nb::object lin_construct(PyObject *a1, PyObject *a2) {
       if (!isscalar(c, &x)) invalid("First tuple member should be a number");
       check_coeff(x);
       list.coeffs.push_back(x);
-      list.vars.push_back(v);
+      list.objects[0].push_back(v);
     }
     nb::object r = lin_new();
     append(L(r), list);
@@ -542,14 +488,9 @@ PyObject *lin_tp_new(PyTypeObject *, PyObject *args, PyObject *kwds) {
 void lin_tp_dealloc(PyObject *self) {
   LinExprObject *e = L(self);
   PyObject_GC_UnTrack(self);
-  LinExprObject *next = e->next;
-  e->next = nullptr;
-  release_chain(next);
-  release_terms(e->terms);
+  clear_terms(e);
   e->terms.~vector();
-  PyTypeObject *type = Py_TYPE(self);
-  type->tp_free(self);
-  Py_DECREF(type);
+  free_heap_object(self);
 }
 
 int lin_tp_traverse(PyObject *self, visitproc visit, void *arg) {
@@ -561,11 +502,7 @@ int lin_tp_traverse(PyObject *self, visitproc visit, void *arg) {
 }
 
 int lin_tp_clear(PyObject *self) {
-  LinExprObject *e = L(self);
-  LinExprObject *next = e->next;
-  e->next = nullptr;
-  release_chain(next);
-  release_terms(e->terms);
+  clear_terms(L(self));
   return 0;
 }
 
@@ -582,110 +519,38 @@ std::string lin_pretty(LinExprObject *e) {
 }
 
 PyObject *lin_tp_repr(PyObject *self) {
-  return guard([&] {
-    std::string s = "<kaviro.LinExpr: " + lin_pretty(L(self)) + ">";
-    return PyUnicode_FromStringAndSize(s.data(), static_cast<Py_ssize_t>(s.size()));
-  });
+  return guard([&] { return str_object("<kaviro.LinExpr: " + lin_pretty(L(self)) + ">"); });
 }
 
 PyObject *lin_tp_str(PyObject *self) {
-  return guard([&] {
-    std::string s = lin_pretty(L(self));
-    return PyUnicode_FromStringAndSize(s.data(), static_cast<Py_ssize_t>(s.size()));
-  });
+  return guard([&] { return str_object(lin_pretty(L(self))); });
 }
 
 // ---------------------------------------------------------------- LinExpr operators
 
-PyObject *lin_nb_add(PyObject *a, PyObject *b) {
-  return guard([&]() -> PyObject * {
-    PyObject *self = is_lin(a) ? a : b, *other = is_lin(a) ? b : a;
-    Operand o = classify(other);
-    if (!is_linear_kind(o.kind)) return not_implemented();
-    nb::object r = lin_extend(L(self), operand_terms(other, o));
-    lin_add(L(r), other, o, 1.0);
-    return r.release().ptr();
-  });
-}
+// Operators whose sums are LinExpr objects (those of LinExpr and Var).
+struct LinearSumOps {
+  static bool accepts(Kind k) { return is_linear_kind(k); }
+  static void add(PyObject *r, PyObject *x, const Operand &o, double mult) {
+    lin_add(L(r), x, o, mult);
+  }
+};
 
-PyObject *lin_nb_subtract(PyObject *a, PyObject *b) {
-  return guard([&]() -> PyObject * {
-    if (is_lin(a)) {
-      Operand o = classify(b);
-      if (!is_linear_kind(o.kind)) return not_implemented();
-      nb::object r = lin_extend(L(a), operand_terms(b, o));
-      lin_add(L(r), b, o, -1.0);
-      return r.release().ptr();
-    }
-    Operand o = classify(a);
-    if (!is_linear_kind(o.kind)) return not_implemented();
+struct LinOps : LinearSumOps {
+  static bool is_self(PyObject *o) { return is_lin(o); }
+  static constexpr Operand self_operand{Kind::Lin, 0.0};
+  static nb::object copy_for(PyObject *self, PyObject *other, const Operand &o) {
+    return lin_extend(L(self), operand_terms(other, o));
+  }
+  static nb::object empty_for(PyObject *self, PyObject *other, const Operand &o) {
     nb::object r = lin_new();
-    lin_add(L(r), a, o, 1.0);
-    lin_add(L(r), b, {Kind::Lin, 0.0}, -1.0);
-    return r.release().ptr();
-  });
-}
-
-PyObject *lin_nb_multiply(PyObject *a, PyObject *b) {
-  return guard([&]() -> PyObject * {
-    bool left = is_lin(a);
-    PyObject *self = left ? a : b, *other = left ? b : a;
-    Operand o = classify(other);
-    if (o.kind == Kind::Num) return lin_scaled(L(self), o.value).release().ptr();
-    if (o.kind != Kind::Var && o.kind != Kind::Lin) return not_implemented();
-    Operand s{Kind::Lin, 0.0};
-    return (left ? lin_product(self, s, other, o) : lin_product(other, o, self, s)).release().ptr();
-  });
-}
-
-PyObject *lin_nb_true_divide(PyObject *a, PyObject *b) {
-  return guard([&]() -> PyObject * {
-    if (!is_lin(a)) {
-      // Something divided by an expression.
-      if (classify(a).kind == Kind::Other) return not_implemented();
-      raise_divisor();
-    }
-    Operand o = classify(b);
-    if (o.kind == Kind::Num) {
-      if (o.value == 0.0) raise_zero_division();
-      return lin_scaled(L(a), 1.0 / o.value).release().ptr();
-    }
-    if (o.kind == Kind::Other && array_like(b)) return not_implemented();
-    raise_divisor();
-  });
-}
-
-PyObject *lin_nb_negative(PyObject *a) {
-  return guard([&] { return lin_scaled(L(a), -1.0).release().ptr(); });
-}
-
-PyObject *lin_nb_power(PyObject *a, PyObject *b, PyObject *mod) {
-  return guard([&]() -> PyObject * {
-    if (!is_lin(a) || mod != Py_None) return not_implemented();
-    Operand o = classify(b);
-    if (o.kind != Kind::Num || o.value != 2.0) return not_implemented();
-    Operand s{Kind::Lin, 0.0};
-    return lin_product(a, s, a, s).release().ptr();
-  });
-}
-
-PyObject *lin_nb_inplace_add(PyObject *a, PyObject *b) {
-  return guard([&]() -> PyObject * {
-    Operand o = classify(b);
-    if (!is_linear_kind(o.kind)) return not_implemented();
-    lin_add(L(a), b, o, 1.0);
-    return Py_NewRef(a);
-  });
-}
-
-PyObject *lin_nb_inplace_subtract(PyObject *a, PyObject *b) {
-  return guard([&]() -> PyObject * {
-    Operand o = classify(b);
-    if (!is_linear_kind(o.kind)) return not_implemented();
-    lin_add(L(a), b, o, -1.0);
-    return Py_NewRef(a);
-  });
-}
+    L(r)->terms.reserve(operand_terms(self, self_operand) + operand_terms(other, o));
+    return r;
+  }
+  static nb::object scaled(PyObject *self, double c) { return lin_scaled(L(self), c); }
+  static nb::object times_number(PyObject *self, double c) { return lin_scaled(L(self), c); }
+  static void scale(PyObject *self, double c) { lin_scale(L(self), c); }
+};
 
 PyObject *lin_nb_inplace_multiply(PyObject *a, PyObject *b) {
   return guard([&]() -> PyObject * {
@@ -697,19 +562,6 @@ PyObject *lin_nb_inplace_multiply(PyObject *a, PyObject *b) {
     }
     if (o.kind != Kind::Var && o.kind != Kind::Lin) return not_implemented();
     return lin_product(a, {Kind::Lin, 0.0}, b, o).release().ptr();
-  });
-}
-
-PyObject *lin_nb_inplace_true_divide(PyObject *a, PyObject *b) {
-  return guard([&]() -> PyObject * {
-    Operand o = classify(b);
-    if (o.kind == Kind::Num) {
-      if (o.value == 0.0) raise_zero_division();
-      lin_scale(L(a), 1.0 / o.value);
-      return Py_NewRef(a);
-    }
-    if (o.kind == Kind::Other && array_like(b)) return not_implemented();
-    raise_divisor();
   });
 }
 
@@ -726,29 +578,12 @@ void lin_add_terms(LinExprObject *e, nb::handle coeffs, nb::handle vars) {
     return;
   }
   if (!is_iterable(vars.ptr()) || !is_iterable(coeffs.ptr())) invalid("Unrecognized arguments");
-  append(e, parallel_lists(coeffs.ptr(), vars.ptr(), "Array lengths don't match"));
+  append(e, var_lists(coeffs.ptr(), vars.ptr(), "Array lengths don't match"));
 }
 
 void lin_remove(LinExprObject *e, nb::handle which) {
   lin_flatten(e);
-  LinTerms dropped;
-  if (is_var(which.ptr())) {
-    std::vector<PyObject *> vars;
-    vars.reserve(e->terms.size());
-    for (const LinTerm &t : e->terms) vars.push_back(t.var);
-    std::unordered_set<PyObject *> same = vars_same_as(vars, which.ptr());
-    LinTerms kept;
-    kept.reserve(e->terms.size());
-    for (const LinTerm &t : e->terms) (same.count(t.var) ? dropped : kept).push_back(t);
-    e->terms.swap(kept);
-  } else if (PyLong_Check(which.ptr())) {
-    size_t i = term_position(which, e->terms.size(), "a LinExpr");
-    dropped.push_back(e->terms[i]);
-    e->terms.erase(e->terms.begin() + static_cast<std::ptrdiff_t>(i));
-  } else {
-    invalid("Argument to remove must be a term position or a Var");
-  }
-  release_terms(dropped);
+  remove_terms(e->terms, which, "a LinExpr");
 }
 
 // Variables in the model merge by model and column index; pending and removed ones by object.
@@ -762,29 +597,12 @@ namespace {
 
 void lin_normalize(LinExprObject *e) {
   lin_flatten(e);
-  std::unordered_map<TermKey, size_t, TermKeyHash> first;
-  first.reserve(e->terms.size());
-  LinTerms merged, dropped;
-  merged.reserve(e->terms.size());
-  for (const LinTerm &t : e->terms) {
-    auto [it, fresh] = first.emplace(var_key(t.var), merged.size());
-    if (fresh) {
-      merged.push_back(t);
-    } else {
-      merged[it->second].coeff += t.coeff;
-      dropped.push_back(t);
-    }
-  }
-  e->terms.swap(merged);
-  release_terms(dropped);
+  merge_terms<TermKey, TermKeyHash>(e->terms, [](const LinTerm &t) { return var_key(t.var); });
 }
 
 void lin_clear(LinExprObject *e) {
-  LinExprObject *next = e->next;
-  e->next = nullptr;
   e->constant = 0.0;
-  release_terms(e->terms);
-  release_chain(next);
+  clear_terms(e);
 }
 
 std::string lin_dbg(LinExprObject *e) {
@@ -797,6 +615,11 @@ std::string lin_dbg(LinExprObject *e) {
   return s;
 }
 
+// State: (constant, coefficients, variables, None).
+PickleFormat lin_pickle() {
+  return {g_linexpr_type, "_unpickle_LinExpr", kLinExprLayout, 4, "LinExpr"};
+}
+
 nb::object lin_reduce(LinExprObject *e) {
   lin_flatten(e);
   nb::list coeffs, vars;
@@ -804,28 +627,17 @@ nb::object lin_reduce(LinExprObject *e) {
     coeffs.append(t.coeff);
     vars.append(nb::handle(t.var));
   }
-  nb::tuple state = nb::make_tuple(e->constant, coeffs, vars, nb::none());
-  return nb::make_tuple(module_attr("_unpickle_LinExpr"),
-                        nb::make_tuple(nb::handle(reinterpret_cast<PyObject *>(g_linexpr_type)),
-                                       kLinExprLayout, state));
+  return lin_pickle().reduce(nb::make_tuple(e->constant, coeffs, vars, nb::none()));
 }
 
 nb::object lin_unpickle(nb::handle cls, nb::handle layout, nb::handle state) {
-  if (cls.ptr() != reinterpret_cast<PyObject *>(g_linexpr_type))
-    invalid("Pickled data is not a LinExpr");
-  if (!PyLong_Check(layout.ptr()) || PyLong_AsLong(layout.ptr()) != kLinExprLayout) {
-    PyErr_Clear();
-    invalid("Unknown layout of a pickled LinExpr");
-  }
-  if (!PyTuple_Check(state.ptr()) || PyTuple_GET_SIZE(state.ptr()) != 4)
-    invalid("Malformed state of a pickled LinExpr");
-  PyObject *constant = PyTuple_GET_ITEM(state.ptr(), 0);
-  PyObject *next = PyTuple_GET_ITEM(state.ptr(), 3);
+  PickleFormat format = lin_pickle();
+  PyObject *const *items = format.state_items(cls, layout, state);
+  PyObject *constant = items[0], *next = items[3];
   double c;
   if (!isscalar(constant, &c) || std::isnan(c) || (next != Py_None && !is_lin(next)))
-    invalid("Malformed state of a pickled LinExpr");
-  TermList list = parallel_lists(PyTuple_GET_ITEM(state.ptr(), 1), PyTuple_GET_ITEM(state.ptr(), 2),
-                                 "Malformed state of a pickled LinExpr");
+    format.malformed();
+  TermLists list = var_lists(items[1], items[2], "Malformed state of a pickled LinExpr");
   nb::object r = lin_new();
   if (next != Py_None) lin_add(L(r), next, {Kind::Lin, 0.0}, 1.0);
   append(L(r), list);
@@ -834,18 +646,12 @@ nb::object lin_unpickle(nb::handle cls, nb::handle layout, nb::handle state) {
 }
 
 void register_linexpr_methods(PyTypeObject *type) {
-  nb::handle scope(reinterpret_cast<PyObject *>(type));
-  auto def = [&](const char *name, auto &&fn, auto... extra) {
-    add_method(type, name,
-               nb::cpp_function(std::forward<decltype(fn)>(fn), nb::scope(scope), nb::name(name),
-                                nb::is_method(), extra...));
-  };
+  MethodDefiner def{type};
   def(
       "add",
       [](nb::handle self, nb::handle expr, nb::handle mult) {
         LinExprObject *e = lin_self(self);
-        double m;
-        if (!isscalar(mult.ptr(), &m)) invalid("Invalid argument to LinExpr multiplication");
+        double m = number_arg(mult, "Invalid argument to LinExpr multiplication");
         check_coeff(m);
         Operand o = classify(expr.ptr());
         if (!is_linear_kind(o.kind))
@@ -858,9 +664,7 @@ void register_linexpr_methods(PyTypeObject *type) {
       "addConstant",
       [](nb::handle self, nb::handle c) {
         LinExprObject *e = lin_self(self);
-        double v;
-        if (!isscalar(c.ptr(), &v)) invalid("Constant must be a number");
-        lin_add(e, c.ptr(), {Kind::Num, v}, 1.0);
+        lin_add(e, c.ptr(), {Kind::Num, number_arg(c, "Constant must be a number")}, 1.0);
       },
       nb::arg("constant").none(), "Adds a number to the constant.");
   def(
@@ -937,9 +741,7 @@ void register_linexpr_methods(PyTypeObject *type) {
       "_mul",
       [](nb::handle self, nb::handle c) {
         LinExprObject *e = lin_self(self);
-        double v;
-        if (!isscalar(c.ptr(), &v)) invalid("Invalid argument to LinExpr multiplication");
-        lin_scale(e, v);
+        lin_scale(e, number_arg(c, "Invalid argument to LinExpr multiplication"));
       },
       nb::arg("c").none(), "Multiplies the expression by a number in place.");
   def(
@@ -956,18 +758,6 @@ void register_linexpr_methods(PyTypeObject *type) {
 
 // ---------------------------------------------------------------- Var operators
 
-// The Var operand of a binary slot (one of a and b is a Var).
-struct VarOperands {
-  PyObject *var;
-  PyObject *other;
-  bool var_left;
-};
-
-VarOperands var_operands(PyObject *a, PyObject *b) {
-  bool left = is_var(a);
-  return {left ? a : b, left ? b : a, left};
-}
-
 nb::object var_linexpr(PyObject *var, double coeff, size_t extra = 0) {
   nb::object r = lin_new();
   L(r)->terms.reserve(1 + extra);
@@ -975,77 +765,34 @@ nb::object var_linexpr(PyObject *var, double coeff, size_t extra = 0) {
   return r;
 }
 
-PyObject *var_nb_add(PyObject *a, PyObject *b) {
-  return guard([&]() -> PyObject * {
-    VarOperands v = var_operands(a, b);
-    Operand o = classify(v.other);
-    if (!is_linear_kind(o.kind)) return not_implemented();
-    nb::object r = var_linexpr(v.var, 1.0, operand_terms(v.other, o));
-    lin_add(L(r), v.other, o, 1.0);
-    return r.release().ptr();
-  });
-}
-
-PyObject *var_nb_subtract(PyObject *a, PyObject *b) {
-  return guard([&]() -> PyObject * {
-    VarOperands v = var_operands(a, b);
-    Operand o = classify(v.other);
-    if (!is_linear_kind(o.kind)) return not_implemented();
+// The operators of Var produce LinExpr and QuadExpr objects.
+struct VarOps : LinearSumOps {
+  static bool is_self(PyObject *o) { return is_var(o); }
+  static constexpr Operand self_operand{Kind::Var, 0.0};
+  static nb::object copy_for(PyObject *self, PyObject *other, const Operand &o) {
+    return var_linexpr(self, 1.0, operand_terms(other, o));
+  }
+  static nb::object empty_for(PyObject *, PyObject *other, const Operand &o) {
     nb::object r = lin_new();
-    L(r)->terms.reserve(1 + operand_terms(v.other, o));
-    lin_add(L(r), a, v.var_left ? Operand{Kind::Var, 0.0} : o, 1.0);
-    lin_add(L(r), b, v.var_left ? o : Operand{Kind::Var, 0.0}, -1.0);
-    return r.release().ptr();
-  });
-}
+    L(r)->terms.reserve(1 + operand_terms(other, o));
+    return r;
+  }
+  static nb::object scaled(PyObject *self, double c) {
+    check_multiplier(c);
+    return var_linexpr(self, c);
+  }
+  static nb::object times_number(PyObject *self, double c) {
+    check_coeff(c);
+    return var_linexpr(self, c);
+  }
+};
 
-PyObject *var_nb_multiply(PyObject *a, PyObject *b) {
-  return guard([&]() -> PyObject * {
-    VarOperands v = var_operands(a, b);
-    Operand o = classify(v.other);
-    if (o.kind == Kind::Num) {
-      check_coeff(o.value);
-      return var_linexpr(v.var, o.value).release().ptr();
-    }
-    if (o.kind != Kind::Var && o.kind != Kind::Lin) return not_implemented();
-    Operand s{Kind::Var, 0.0};
-    return (v.var_left ? lin_product(v.var, s, v.other, o) : lin_product(v.other, o, v.var, s))
-        .release()
-        .ptr();
-  });
-}
-
-PyObject *var_nb_true_divide(PyObject *a, PyObject *b) {
-  return guard([&]() -> PyObject * {
-    if (!is_var(a)) {
-      if (classify(a).kind == Kind::Other) return not_implemented();
-      raise_divisor();
-    }
-    Operand o = classify(b);
-    if (o.kind == Kind::Num) {
-      if (o.value == 0.0) raise_zero_division();
-      double c = 1.0 / o.value;
-      check_multiplier(c);
-      return var_linexpr(a, c).release().ptr();
-    }
-    if (o.kind == Kind::Other && array_like(b)) return not_implemented();
-    raise_divisor();
-  });
-}
-
-PyObject *var_nb_negative(PyObject *a) {
-  return guard([&] { return var_linexpr(a, -1.0).release().ptr(); });
-}
-
-PyObject *var_nb_power(PyObject *a, PyObject *b, PyObject *mod) {
-  return guard([&]() -> PyObject * {
-    if (!is_var(a) || mod != Py_None) return not_implemented();
-    Operand o = classify(b);
-    if (o.kind != Kind::Num || o.value != 2.0) return not_implemented();
-    Operand s{Kind::Var, 0.0};
-    return lin_product(a, s, a, s).release().ptr();
-  });
-}
+constexpr auto var_nb_add = sum_slot<VarOps>;
+constexpr auto var_nb_subtract = difference_slot<VarOps>;
+constexpr auto var_nb_multiply = linear_product_slot<VarOps>;
+constexpr auto var_nb_true_divide = quotient_slot<VarOps>;
+constexpr auto var_nb_negative = negation_slot<VarOps>;
+constexpr auto var_nb_power = square_slot<VarOps>;
 
 nb::object slot_result(PyObject *r) {
   if (!r) throw nb::python_error();
@@ -1054,11 +801,9 @@ nb::object slot_result(PyObject *r) {
 
 void install_var_operators() {
   PyTypeObject *type = var_type();
-  nb::handle scope(reinterpret_cast<PyObject *>(type));
+  MethodDefiner method{type};
   auto def = [&](const char *name, auto &&fn, const char *doc) {
-    add_method(type, name,
-               nb::cpp_function(std::forward<decltype(fn)>(fn), nb::scope(scope), nb::name(name),
-                                nb::is_method(), nb::arg("other").none(), doc));
+    method(name, std::forward<decltype(fn)>(fn), nb::arg("other").none(), doc);
   };
   using H = nb::handle;
   def(
@@ -1088,14 +833,10 @@ void install_var_operators() {
   def(
       "__rtruediv__", [](H s, H o) { return slot_result(var_nb_true_divide(o.ptr(), s.ptr())); },
       "other / self: not supported");
-  add_method(type, "__neg__",
-             nb::cpp_function([](H s) { return slot_result(var_nb_negative(s.ptr())); },
-                              nb::scope(scope), nb::name("__neg__"), nb::is_method(), "-self"));
-  add_method(type, "__pow__",
-             nb::cpp_function(
-                 [](H s, H e, H m) { return slot_result(var_nb_power(s.ptr(), e.ptr(), m.ptr())); },
-                 nb::scope(scope), nb::name("__pow__"), nb::is_method(), nb::arg("exponent").none(),
-                 nb::arg("modulo").none() = nb::none(), "self ** 2"));
+  method("__neg__", [](H s) { return slot_result(var_nb_negative(s.ptr())); }, "-self");
+  method(
+      "__pow__", [](H s, H e, H m) { return slot_result(var_nb_power(s.ptr(), e.ptr(), m.ptr())); },
+      nb::arg("exponent").none(), nb::arg("modulo").none() = nb::none(), "self ** 2");
   // Setting the attributes installed CPython's generic slot dispatchers; the operators run
   // directly instead.
   PyNumberMethods *num = type->tp_as_number;
@@ -1167,31 +908,29 @@ void init_linexpr(nb::module_ &m) {
       {Py_tp_repr, reinterpret_cast<void *>(lin_tp_repr)},
       {Py_tp_str, reinterpret_cast<void *>(lin_tp_str)},
       {Py_tp_richcompare, reinterpret_cast<void *>(expr_richcompare)},
-      {Py_nb_add, reinterpret_cast<void *>(lin_nb_add)},
-      {Py_nb_subtract, reinterpret_cast<void *>(lin_nb_subtract)},
-      {Py_nb_multiply, reinterpret_cast<void *>(lin_nb_multiply)},
-      {Py_nb_true_divide, reinterpret_cast<void *>(lin_nb_true_divide)},
-      {Py_nb_negative, reinterpret_cast<void *>(lin_nb_negative)},
-      {Py_nb_power, reinterpret_cast<void *>(lin_nb_power)},
-      {Py_nb_inplace_add, reinterpret_cast<void *>(lin_nb_inplace_add)},
-      {Py_nb_inplace_subtract, reinterpret_cast<void *>(lin_nb_inplace_subtract)},
+      {Py_nb_add, reinterpret_cast<void *>(sum_slot<LinOps>)},
+      {Py_nb_subtract, reinterpret_cast<void *>(difference_slot<LinOps>)},
+      {Py_nb_multiply, reinterpret_cast<void *>(linear_product_slot<LinOps>)},
+      {Py_nb_true_divide, reinterpret_cast<void *>(quotient_slot<LinOps>)},
+      {Py_nb_negative, reinterpret_cast<void *>(negation_slot<LinOps>)},
+      {Py_nb_power, reinterpret_cast<void *>(square_slot<LinOps>)},
+      {Py_nb_inplace_add, reinterpret_cast<void *>(inplace_sum_slot<LinOps, 1>)},
+      {Py_nb_inplace_subtract, reinterpret_cast<void *>(inplace_sum_slot<LinOps, -1>)},
       {Py_nb_inplace_multiply, reinterpret_cast<void *>(lin_nb_inplace_multiply)},
-      {Py_nb_inplace_true_divide, reinterpret_cast<void *>(lin_nb_inplace_true_divide)},
+      {Py_nb_inplace_true_divide, reinterpret_cast<void *>(inplace_quotient_slot<LinOps>)},
       {0, nullptr}};
   static PyType_Spec spec = {"kaviropy.LinExpr", sizeof(LinExprObject), 0,
                              Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC, slots};
-  PyObject *type = PyType_FromSpec(&spec);
-  if (!type) throw nb::python_error();
-  g_linexpr_type = reinterpret_cast<PyTypeObject *>(type);  // kept for the life of the process
+  g_linexpr_type = new_heap_type(&spec);
   register_linexpr_methods(g_linexpr_type);
-  m.attr("LinExpr") = nb::handle(type);
+  m.attr("LinExpr") = nb::handle(reinterpret_cast<PyObject *>(g_linexpr_type));
   static PyMethodDef unpickle = {
       "_unpickle_LinExpr",
       reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(unpickle_entry<lin_unpickle>)),
       METH_FASTCALL,
       "_unpickle_LinExpr(cls, layout, state)\n--\n\n"
       "Rebuilds a pickled LinExpr."};
-  add_unpickler(m, &unpickle);
+  add_module_function(m, &unpickle);
   install_var_operators();
 }
 

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <unordered_map>
 
 #include "attrutil.h"
 
@@ -12,13 +13,7 @@ namespace {
 
 PyTypeObject *g_model_type = nullptr;
 
-Model &model_ref(nb::handle self) { return *nb::inst_ptr<Model>(self); }
-
 Handle &handle_of(const nb::object &obj) { return *handle_data(obj.ptr()); }
-
-[[noreturn]] void raise_model(int code, KVRmodel *model) {
-  raise_error(code, model ? KVRgetmerrormsg(model) : "");
-}
 
 // Detaches every handle (no model, index -1) and drops the lists.
 void detach_handles(Model &m) {
@@ -45,9 +40,16 @@ void release_uenv(Model &m) {
   m.uenv = nb::none();
 }
 
+// The live models by library model, to resolve handles restored from a pickle.
+std::unordered_map<KVRmodel *, Model *> &live_models() {
+  static auto *models = new std::unordered_map<KVRmodel *, Model *>();
+  return *models;
+}
+
 // Frees the library model and detaches everything that pointed into it.
 void dispose(Model &m) {
   if (m.cmodel) {
+    live_models().erase(m.cmodel);
     KVRfreemodel(m.cmodel);
     m.cmodel = nullptr;
   }
@@ -64,7 +66,7 @@ void setup(Model &m, bool empty) {
   if (!empty)
     for (int k = 0; k < kNumKinds; ++k) {
       int code = KVRgetintattr(m.cmodel, kind_info(k).count_attr, &counts[k]);
-      if (code) raise_model(code, m.cmodel);
+      if (code) check_model(code, m.cmodel);
     }
   size_t total = 0;
   for (int c : counts) total += static_cast<size_t>(c);
@@ -102,7 +104,7 @@ void update_linear(Model &m, int kind, int &live, bool &pending_delete, DeleteFn
       if (h.index < -2) {
         int old = -(h.index + 3);
         int code = del(m.cmodel, 1, &old);
-        if (code) raise_model(code, m.cmodel);
+        if (code) check_model(code, m.cmodel);
         h.index = -2;
       } else if (h.index >= -1) {
         h.index = static_cast<int>(kept.size());
@@ -129,7 +131,7 @@ void update_other(Model &m, int kind, DeleteFn del) {
       if (h.index < -2) {
         int old = -(h.index + 3);
         int code = del(m.cmodel, 1, &old);
-        if (code) raise_model(code, m.cmodel);
+        if (code) check_model(code, m.cmodel);
         h.index = -2;
       } else if (h.index >= -1) {
         kept.push_back(std::move(obj));
@@ -151,7 +153,7 @@ void update(Model &m) {
   }
   m.updatemode = -1;
   int code = KVRupdatemodel(m.cmodel);
-  if (code) raise_model(code, m.cmodel);
+  if (code) check_model(code, m.cmodel);
 }
 
 nb::list list_prefix(const std::vector<nb::object> &list, size_t n) {
@@ -217,10 +219,10 @@ std::string model_repr(nb::handle self) {
   if (!m.cmodel) return "<kaviro.Model empty model>";
   int ismip = 0, nc = 0, nv = 0;
   char *name = nullptr;
-  if (int code = KVRgetintattr(m.cmodel, "IsMIP", &ismip)) raise_model(code, m.cmodel);
-  if (int code = KVRgetintattr(m.cmodel, "NumConstrs", &nc)) raise_model(code, m.cmodel);
-  if (int code = KVRgetintattr(m.cmodel, "NumVars", &nv)) raise_model(code, m.cmodel);
-  if (int code = KVRgetstrattr(m.cmodel, "ModelName", &name)) raise_model(code, m.cmodel);
+  if (int code = KVRgetintattr(m.cmodel, "IsMIP", &ismip)) check_model(code, m.cmodel);
+  if (int code = KVRgetintattr(m.cmodel, "NumConstrs", &nc)) check_model(code, m.cmodel);
+  if (int code = KVRgetintattr(m.cmodel, "NumVars", &nv)) check_model(code, m.cmodel);
+  if (int code = KVRgetstrattr(m.cmodel, "ModelName", &name)) check_model(code, m.cmodel);
   std::string n = name && *name ? name : "Unnamed";
   nb::object params = nb::steal(PyObject_GenericGetAttr(self.ptr(), nb::str("Params").ptr()));
   if (!params.is_valid()) throw nb::python_error();
@@ -256,13 +258,14 @@ void model_init(Model *self, nb::handle name, nb::handle env, nb::handle cmodel)
     int code = KVRsetlogcallbackfunc(model, log_callback_stub, nullptr);
     // The handle lists of a new model are empty, so the update is the library's alone.
     if (!code) code = KVRupdatemodel(model);
-    if (code) raise_model(code, model);
+    if (code) check_model(code, model);
   } catch (...) {
     KVRfreemodel(model);
     throw;
   }
   new (self) Model();
   self->cmodel = model;
+  live_models()[model] = self;
   self->callback = nb::none();
   self->uenv = uenv;
   self->env = menv;
@@ -285,6 +288,12 @@ Model *as_model(nb::handle obj) {
   return nb::inst_ptr<Model>(obj);
 }
 
+nb::object model_object(KVRmodel *cmodel) {
+  auto it = live_models().find(cmodel);
+  if (it == live_models().end()) return nb::none();
+  return nb::find(it->second);
+}
+
 KVRmodel *live_model(nb::handle self) {
   KVRmodel *model = model_ref(self).cmodel;
   if (!model) raise_error(0, "Model has already been freed");
@@ -292,6 +301,12 @@ KVRmodel *live_model(nb::handle self) {
 }
 
 void model_setup(nb::handle self) { setup(model_ref(self), false); }
+
+KVRmodel *prepared_model(nb::handle self) {
+  KVRmodel *model = live_model(self);
+  model_setup(self);
+  return model;
+}
 
 void model_update(nb::handle self) { update(model_ref(self)); }
 
@@ -310,7 +325,7 @@ int model_updatemode(nb::handle self) {
   Model &m = model_ref(self);
   int mode = 0;
   KVRmodel *model = live_model(self);
-  if (int code = KVRgetintparam(KVRgetenv(model), "UpdateMode", &mode)) raise_model(code, model);
+  if (int code = KVRgetintparam(KVRgetenv(model), "UpdateMode", &mode)) check_model(code, model);
   m.updatemode = mode;
   return mode;
 }
@@ -321,6 +336,23 @@ nb::object model_append(nb::handle self, int kind, bool numbered) {
   nb::object h = new_handle(kind, m.cmodel, numbered ? static_cast<int>(list.size()) : -1);
   list.push_back(h);
   return h;
+}
+
+void model_resync(nb::handle self) {
+  Model &m = model_ref(self);
+  if (!m.built) return;  // the lazy set-up reads the counts when the lists are first needed
+  KVRmodel *model = live_model(self);
+  int counts[kNumKinds] = {};
+  for (int k = 0; k < kNumKinds; ++k)
+    if (int code = KVRgetintattr(model, kind_info(k).count_attr, &counts[k]))
+      check_model(code, model);
+  for (int k = 0; k < kNumKinds; ++k) {
+    auto &list = m.lists[k];
+    while (list.size() < static_cast<size_t>(counts[k]))
+      list.push_back(new_handle(k, model, static_cast<int>(list.size())));
+  }
+  m.livevars = static_cast<int>(m.lists[kVar].size());
+  m.liveconstrs = static_cast<int>(m.lists[kConstr].size());
 }
 
 GcPause::GcPause(size_t objects) {
@@ -358,13 +390,14 @@ void init_model(nb::module_ &m) {
                         "solver library, with handles that stay valid across updates.");
   g_model_type = reinterpret_cast<PyTypeObject *>(cls.ptr());
   cls.attr("__module__") = "kaviropy";
+  def_disposable(cls, "model");
   cls.attr("_typename") = "Model";
   cls.def(
          "__init__",
          [](Model *self, nb::handle name, nb::handle env, nb::handle cmodel) {
            model_init(self, name, env, cmodel);
          },
-         nb::arg("name") = "", nb::arg("env").none() = nb::none(),
+         nb::arg("name").none() = "", nb::arg("env").none() = nb::none(),
          nb::arg("cmodel").none() = nb::none(),
          "Creates an empty model in env (default: the default environment), or adopts the "
          "library model cmodel.")
@@ -416,6 +449,9 @@ void init_model(nb::module_ &m) {
          "_Model__setup", [](nb::handle self, bool empty) { setup(model_ref(self), empty); },
          nb::arg("empty") = false, "Builds the handle lists once.")
       .def(
+          "_Model__resync", [](nb::handle self) { model_resync(self); },
+          "Appends handles for elements the library added by itself since the lists were made.")
+      .def(
           "_Model__getupdatemode", [](nb::handle self) { return model_updatemode(self); },
           "The UpdateMode parameter of the model.")
       .def(
@@ -425,31 +461,12 @@ void init_model(nb::module_ &m) {
           "dispose", [](nb::handle self) { dispose(model_ref(self)); },
           "Frees the library model; its handles are detached.")
       .def(
-          "close", [](nb::handle self) { self.attr("dispose")(); }, "Same as dispose().")
-      .def(
-          "__del__",
-          [](nb::handle self) {
-            if (!exiting()) self.attr("close")();
-          },
-          "Frees the library model when the object is collected.")
-      .def(
-          "__enter__", [](nb::handle self) { return nb::borrow(self); },
-          "Returns the model for a with block.")
-      .def(
-          "__exit__",
-          [](nb::handle self, nb::handle, nb::handle, nb::handle) {
-            self.attr("close")();
-            return false;
-          },
-          nb::arg("exc_type").none(), nb::arg("exc_value").none(), nb::arg("traceback").none(),
-          "Closes the model at the end of a with block.")
-      .def(
           "copy",
           [](nb::handle self) {
             KVRmodel *copy = KVRcopymodel(live_model(self));
             if (!copy) raise_error(-1, "Failed to create copy");
-            return module_attr("Model")(nb::arg("env") = model_ref(self).uenv,
-                                        nb::arg("cmodel") = handle_object(copy));
+            return module_attr("Model")(nb::arg("env").none() = model_ref(self).uenv,
+                                        nb::arg("cmodel").none() = handle_object(copy));
           },
           "A new model holding a copy of the library model (pending changes are not applied).")
       .def(
@@ -480,11 +497,11 @@ void init_model(nb::module_ &m) {
       .def(
           "getVarByName",
           [](nb::handle self, nb::handle name) { return handle_by_name(self, kVar, name); },
-          nb::arg("name"), "The variable of that name, or None.")
+          nb::arg("name").none(), "The variable of that name, or None.")
       .def(
           "getConstrByName",
           [](nb::handle self, nb::handle name) { return handle_by_name(self, kConstr, name); },
-          nb::arg("name"), "The linear constraint of that name, or None.");
+          nb::arg("name").none(), "The linear constraint of that name, or None.");
   const char *factories[kNumKinds] = {"_Model__getVar", "_Model__getConstr", "_Model__getSOS",
                                       "_Model__getQConstr", "_Model__getGenConstr"};
   for (int k = 0; k < kNumKinds; ++k)
@@ -499,13 +516,13 @@ void init_model(nb::module_ &m) {
            nb::object other = nb::getattr(obj, "_cmodel", nb::none());
            return handle_pointer<KVRmodel>(other) == mine;
          },
-         nb::arg("object"), "True when the object belongs to this model.")
+         nb::arg("object").none(), "True when the object belongs to this model.")
       .def(
           "_Model__isAttrAvailable",
           [](nb::handle self, nb::handle name) {
             return KVRisattravailable(live_model(self), utf8(name).c_str());
           },
-          nb::arg("name"), "1 when the attribute has a value in the current state, else 0.")
+          nb::arg("name").none(), "1 when the attribute has a value in the current state, else 0.")
       .def(
           "__getattr__",
           [](nb::handle self, nb::handle name) {
@@ -513,7 +530,7 @@ void init_model(nb::module_ &m) {
             if (n.empty() || n[0] == '_') raise_no_attribute("Model", n);
             return get_attr(self, n);
           },
-          nb::arg("name"), "Reads the model attribute of that name.")
+          nb::arg("name").none(), "Reads the model attribute of that name.")
       .def(
           "__setattr__",
           [](nb::handle self, nb::handle name, nb::handle value) {
@@ -525,7 +542,7 @@ void init_model(nb::module_ &m) {
             }
             set_attr(self, n, value);
           },
-          nb::arg("name"), nb::arg("value").none(),
+          nb::arg("name").none(), nb::arg("value").none(),
           "Names beginning with '_' are Python attributes; others set the model attribute.")
       .def(
           "__dir__",
@@ -543,14 +560,14 @@ void init_model(nb::module_ &m) {
           [](nb::handle self, nb::handle name, nb::handle value) {
             model_ref(self).env.attr("setParam")(name, value);
           },
-          nb::arg("paramname"), nb::arg("newval").none(),
+          nb::arg("paramname").none(), nb::arg("newval").none(),
           "Sets a parameter of the model's own environment.")
       .def(
           "getParamInfo",
           [](nb::handle self, nb::handle name) {
             return model_ref(self).env.attr("getParamInfo")(name);
           },
-          nb::arg("paramname"),
+          nb::arg("paramname").none(),
           "(name, type, current value, minimum, maximum, default) of a parameter of the model.");
   init_model_add(cls);
   init_model_query(cls);

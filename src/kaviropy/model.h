@@ -32,11 +32,21 @@ struct Model {
 
 // The Model inside obj, or nullptr when obj is not a Model.
 Model *as_model(nb::handle obj);
+// The Model inside a Model object (self of a Model method).
+inline Model &model_ref(nb::handle self) { return *nb::inst_ptr<Model>(self); }
+// Raises KaviroError(code, the model's latest message) when code is not zero.
+inline void check_model(int code, KVRmodel *model) {
+  if (code) raise_error(code, model ? KVRgetmerrormsg(model) : "");
+}
+// The live Model object that owns a library model, or None.
+nb::object model_object(KVRmodel *cmodel);
 // The library model of a Model object; raises KaviroError(0, "Model has already been freed")
 // once it was disposed.
 KVRmodel *live_model(nb::handle self);
 // Builds the handle lists once (from the library's counts).
 void model_setup(nb::handle self);
+// The library model of a live Model with its handle lists built (what most methods start with).
+KVRmodel *prepared_model(nb::handle self);
 // Model.update(): numbers pending handles, issues pending deletions, updates the library.
 void model_update(nb::handle self);
 // The shared handle at position i of a kind's list (the private factories __getVar(i), ...).
@@ -47,6 +57,11 @@ int model_updatemode(nb::handle self);
 // Appends a new handle of `kind`: numbered at once with its list position when `numbered`,
 // else pending (-1). Returns the new handle.
 nb::object model_append(nb::handle self, int kind, bool numbered);
+
+// After the library appended elements by itself (a feasibility relaxation adds penalty
+// variables and constraints), appends numbered handles for them, keeping the existing handles.
+// Call it right after an update, when no handle is pending.
+void model_resync(nb::handle self);
 
 // Keeps the garbage collector from running while many handles are created; restores the
 // thresholds when it goes out of scope.
@@ -59,6 +74,21 @@ class GcPause {
 
  private:
   nb::object saved_;
+};
+
+// Adds a method to the Model class from another file of the Model family:
+//   ModelMethods def; def("optimize", fn, nb::arg("callback").none() = nb::none(), "doc");
+class ModelMethods {
+ public:
+  ModelMethods() : cls_(module_attr("Model")) {}
+  template <class Fn, class... Extra>
+  void operator()(const char *name, Fn &&fn, const Extra &...extra) {
+    cls_.attr(name) = nb::cpp_function(std::forward<Fn>(fn), nb::scope(cls_), nb::name(name),
+                                       nb::is_method(), extra...);
+  }
+
+ private:
+  nb::object cls_;
 };
 
 void init_model(nb::module_ &m);

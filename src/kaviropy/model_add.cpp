@@ -13,18 +13,6 @@
 namespace kvrpy {
 namespace {
 
-Model &model_ref(nb::handle self) { return *nb::inst_ptr<Model>(self); }
-
-KVRmodel *prepare(nb::handle self) {
-  KVRmodel *model = live_model(self);
-  model_setup(self);
-  return model;
-}
-
-void check_code(int code, KVRmodel *model) {
-  if (code) raise_error(code, KVRgetmerrormsg(model));
-}
-
 // "<", "<=" -> '<'; ">", ">=" -> '>'; "=", "==" -> '='; 0 for anything else.
 char sense_char(nb::handle sense) {
   if (!PyUnicode_Check(sense.ptr())) return 0;
@@ -215,22 +203,22 @@ nb::object add_prepared(nb::handle self, Prepared &p, const std::string &name) {
   int nl = static_cast<int>(d.ind.size());
   switch (p.type) {
     case Prepared::kLinear:
-      check_code(
+      check_model(
           KVRaddconstr(model, nl, d.ind.data(), d.val.data(), p.sense, p.rhs, name_ptr(name)),
           model);
       return model_append(self, kConstr, model_updatemode(self) == 1);
     case Prepared::kQuadratic: {
       const QuadData &q = p.data;
-      check_code(KVRaddqconstr(model, nl, d.ind.data(), d.val.data(),
-                               static_cast<int>(q.qval.size()), q.qrow.data(), q.qcol.data(),
-                               q.qval.data(), p.sense, p.rhs, name_ptr(name)),
-                 model);
+      check_model(KVRaddqconstr(model, nl, d.ind.data(), d.val.data(),
+                                static_cast<int>(q.qval.size()), q.qrow.data(), q.qcol.data(),
+                                q.qval.data(), p.sense, p.rhs, name_ptr(name)),
+                  model);
       return model_append(self, kQConstr, false);
     }
     case Prepared::kIndicator:
-      check_code(KVRaddgenconstrIndicator(model, name_ptr(name), p.binvar, p.binval, nl,
-                                          d.ind.data(), d.val.data(), p.sense, p.rhs),
-                 model);
+      check_model(KVRaddgenconstrIndicator(model, name_ptr(name), p.binvar, p.binval, nl,
+                                           d.ind.data(), d.val.data(), p.sense, p.rhs),
+                  model);
       return model_append(self, kGenConstr, false);
     default:
       return p.genexpr.attr("_addAsConstr")(nb::borrow(self), model_handle(self, kVar, p.resvar),
@@ -371,7 +359,7 @@ nb::object add_vars(nb::handle self, nb::args indexes, nb::kwargs kwargs) {
   }
   if (!unexpected.empty())
     raise_python(PyExc_TypeError, "addVars() got unexpected keyword argument(s) " + unexpected);
-  KVRmodel *model = prepare(self);
+  KVRmodel *model = prepared_model(self);
   if (indexes.size() == 0)
     raise_error(KVR_ERROR_INVALID_ARGUMENT, "Model.addVars() needs at least one index argument");
 
@@ -503,9 +491,9 @@ nb::object add_vars(nb::handle self, nb::args indexes, nb::kwargs kwargs) {
   }
 
   auto ptr = [](const auto &v) { return v.empty() ? nullptr : v.data(); };
-  check_code(KVRaddvars(model, static_cast<int>(n), 0, nullptr, nullptr, nullptr, ptr(objv),
-                        ptr(lbv), ptr(ubv), ptr(vtv), named ? names.data() : nullptr),
-             model);
+  check_model(KVRaddvars(model, static_cast<int>(n), 0, nullptr, nullptr, nullptr, ptr(objv),
+                         ptr(lbv), ptr(ubv), ptr(vtv), named ? names.data() : nullptr),
+              model);
 
   bool numbered = model_updatemode(self) == 1;
   std::vector<nb::object> handles;
@@ -567,7 +555,7 @@ std::vector<double> number_list(nb::handle values, const char *what) {
 }
 
 nb::object gen_added(nb::handle self, int code, KVRmodel *model) {
-  check_code(code, model);
+  check_model(code, model);
   return model_append(self, kGenConstr, false);
 }
 
@@ -576,7 +564,7 @@ double fold_min(double a, double b) { return std::min(a, b); }
 
 nb::object add_maxmin(nb::handle self, nb::handle resvar, nb::handle vars, nb::handle constant,
                       nb::handle name, bool is_max) {
-  KVRmodel *model = prepare(self);
+  KVRmodel *model = prepared_model(self);
   int res = var_column(resvar, model);
   double c = is_max ? -KVR_INFINITY : KVR_INFINITY;
   if (!constant.is_none()) c = number_arg(constant, "constant");
@@ -594,12 +582,13 @@ void def_function(nb::class_<Model> &cls, const char *method, FunctionFn fn, con
   cls.def(
       method,
       [fn](nb::handle self, nb::handle xvar, nb::handle yvar, nb::handle name, nb::handle options) {
-        KVRmodel *model = prepare(self);
+        KVRmodel *model = prepared_model(self);
         int x = var_column(xvar, model), y = var_column(yvar, model);
         std::string n = name_arg(name), o = name_arg(options);
         return gen_added(self, fn(model, name_ptr(n), x, y, o.c_str()), model);
       },
-      nb::arg("xvar"), nb::arg("yvar"), nb::arg("name") = "", nb::arg("options") = "", doc);
+      nb::arg("xvar").none(), nb::arg("yvar").none(), nb::arg("name").none() = "",
+      nb::arg("options").none() = "", doc);
 }
 
 void def_function_a(nb::class_<Model> &cls, const char *method, FunctionAFn fn, const char *doc) {
@@ -607,19 +596,19 @@ void def_function_a(nb::class_<Model> &cls, const char *method, FunctionAFn fn, 
       method,
       [fn](nb::handle self, nb::handle xvar, nb::handle yvar, nb::handle a, nb::handle name,
            nb::handle options) {
-        KVRmodel *model = prepare(self);
+        KVRmodel *model = prepared_model(self);
         int x = var_column(xvar, model), y = var_column(yvar, model);
         double av = number_arg(a, "a");
         std::string n = name_arg(name), o = name_arg(options);
         return gen_added(self, fn(model, name_ptr(n), x, y, av, o.c_str()), model);
       },
-      nb::arg("xvar"), nb::arg("yvar"), nb::arg("a"), nb::arg("name") = "", nb::arg("options") = "",
-      doc);
+      nb::arg("xvar").none(), nb::arg("yvar").none(), nb::arg("a").none(),
+      nb::arg("name").none() = "", nb::arg("options").none() = "", doc);
 }
 
 // ---------------------------------------------------------------- objectives
 void set_objective(nb::handle self, nb::handle expr, nb::handle sense) {
-  KVRmodel *model = prepare(self);
+  KVRmodel *model = prepared_model(self);
   QuadData q;
   if (!collect_quadratic(expr, 1.0, model, q))
     raise_error(-1, "Unable to convert argument to an expression");
@@ -635,15 +624,15 @@ void set_objective(nb::handle self, nb::handle expr, nb::handle sense) {
                   "Objective sense must be KVR.MINIMIZE or KVR.MAXIMIZE");
     s = static_cast<int>(v);
   }
-  check_code(KVRsetobjective(model, s, q.lin.constant, static_cast<int>(q.lin.ind.size()),
-                             q.lin.ind.data(), q.lin.val.data(), static_cast<int>(q.qval.size()),
-                             q.qrow.data(), q.qcol.data(), q.qval.data()),
-             model);
+  check_model(KVRsetobjective(model, s, q.lin.constant, static_cast<int>(q.lin.ind.size()),
+                              q.lin.ind.data(), q.lin.val.data(), static_cast<int>(q.qval.size()),
+                              q.qrow.data(), q.qcol.data(), q.qval.data()),
+              model);
 }
 
 // ---------------------------------------------------------------- addConstrs
 nb::object add_constrs(nb::handle self, nb::handle generator, nb::handle name) {
-  KVRmodel *model = prepare(self);
+  KVRmodel *model = prepared_model(self);
   if (!PyGen_Check(generator.ptr()))
     raise_error(KVR_ERROR_INVALID_ARGUMENT,
                 "Model.addConstrs() takes a generator expression of constraints");
@@ -722,10 +711,10 @@ nb::object add_constrs(nb::handle self, nb::handle generator, nb::handle name) {
       rhs.push_back(p.rhs);
       if (!base.empty()) cnames.push_back(names[i].c_str());
     }
-    check_code(KVRaddconstrs(model, static_cast<int>(items.size()), static_cast<int>(nnz),
-                             beg.data(), ind.data(), val.data(), sense.data(), rhs.data(),
-                             base.empty() ? nullptr : cnames.data()),
-               model);
+    check_model(KVRaddconstrs(model, static_cast<int>(items.size()), static_cast<int>(nnz),
+                              beg.data(), ind.data(), val.data(), sense.data(), rhs.data(),
+                              base.empty() ? nullptr : cnames.data()),
+                model);
     bool numbered = model_updatemode(self) == 1;
     GcPause pause(items.size());
     for (size_t i = 0; i < items.size(); ++i)
@@ -744,7 +733,7 @@ void init_model_add(nb::class_<Model> &cls) {
       "addVar",
       [](nb::handle self, nb::handle lb, nb::handle ub, nb::handle obj, nb::handle vtype,
          nb::handle name, nb::handle column) {
-        KVRmodel *model = prepare(self);
+        KVRmodel *model = prepared_model(self);
         double l = number_arg(lb, "lb"), u = number_arg(ub, "ub"), o = number_arg(obj, "obj");
         if (std::isnan(l) || std::isnan(u) || std::isnan(o))
           raise_error(KVR_ERROR_INVALID_ARGUMENT, "Bounds and objective must not be Nan");
@@ -759,13 +748,14 @@ void init_model_add(nb::class_<Model> &cls) {
           collect_column(column, model, ind, val);
           check_finite(val);
         }
-        check_code(KVRaddvar(model, static_cast<int>(ind.size()), ind.data(), val.data(), o, l, u,
-                             vt, name_ptr(n)),
-                   model);
+        check_model(KVRaddvar(model, static_cast<int>(ind.size()), ind.data(), val.data(), o, l, u,
+                              vt, name_ptr(n)),
+                    model);
         return model_append(self, kVar, model_updatemode(self) == 1);
       },
-      nb::arg("lb") = 0.0, nb::arg("ub") = KVR_INFINITY, nb::arg("obj") = 0.0,
-      nb::arg("vtype") = "C", nb::arg("name") = "", nb::arg("column").none() = nb::none(),
+      nb::arg("lb").none() = 0.0, nb::arg("ub").none() = KVR_INFINITY, nb::arg("obj").none() = 0.0,
+      nb::arg("vtype").none() = "C", nb::arg("name").none() = "",
+      nb::arg("column").none() = nb::none(),
       "Adds one variable (with its coefficients in existing constraints when column is given).");
   cls.def("addVars", &add_vars,
           "addVars(*indexes, lb=0.0, ub=KVR.INFINITY, obj=0.0, vtype=KVR.CONTINUOUS, name=\"\"): "
@@ -775,7 +765,7 @@ void init_model_add(nb::class_<Model> &cls) {
   cls.def(
       "addLConstr",
       [](nb::handle self, nb::handle lhs, nb::handle sense, nb::handle rhs, nb::handle name) {
-        KVRmodel *model = prepare(self);
+        KVRmodel *model = prepared_model(self);
         nb::object l = nb::borrow(lhs), s = nb::borrow(sense), r = nb::borrow(rhs);
         if (is_tempconstr(lhs)) {
           l = tc_part(lhs, "_lhs");
@@ -797,12 +787,12 @@ void init_model_add(nb::class_<Model> &cls) {
         return add_prepared(self, p, n);
       },
       nb::arg("lhs").none(), nb::arg("sense").none() = nb::none(),
-      nb::arg("rhs").none() = nb::none(), nb::arg("name") = "",
+      nb::arg("rhs").none() = nb::none(), nb::arg("name").none() = "",
       "Adds a linear constraint lhs sense rhs (or a linear TempConstr).");
   cls.def(
       "addConstr",
       [](nb::handle self, nb::args args, nb::kwargs kwargs) {
-        KVRmodel *model = prepare(self);
+        KVRmodel *model = prepared_model(self);
         nb::object name = nb::str("");
         for (auto [k, v] : kwargs) {
           if (utf8(k) != "name")
@@ -829,7 +819,7 @@ void init_model_add(nb::class_<Model> &cls) {
   cls.def(
       "addRange",
       [](nb::handle self, nb::handle expr, nb::handle lower, nb::handle upper, nb::handle name) {
-        KVRmodel *model = prepare(self);
+        KVRmodel *model = prepared_model(self);
         LinearData d;
         if (!collect_linear(expr, 1.0, model, d))
           raise_error(0, "Invalid argument to Model.addRange");
@@ -842,9 +832,9 @@ void init_model_add(nb::class_<Model> &cls) {
         if (lo > -KVR_INFINITY) lo -= d.constant;
         if (up < KVR_INFINITY) up -= d.constant;
         std::string n = name_arg(name);
-        check_code(KVRaddrangeconstr(model, static_cast<int>(d.ind.size()), d.ind.data(),
-                                     d.val.data(), lo, up, name_ptr(n)),
-                   model);
+        check_model(KVRaddrangeconstr(model, static_cast<int>(d.ind.size()), d.ind.data(),
+                                      d.val.data(), lo, up, name_ptr(n)),
+                    model);
         bool numbered = model_updatemode(self) == 1;
         nb::object constr = model_append(self, kConstr, numbered);
         // The library adds a range variable right after the row when both sides are finite or
@@ -854,15 +844,15 @@ void init_model_add(nb::class_<Model> &cls) {
         if ((lo <= -1e25) == (up >= 1e25)) model_append(self, kVar, numbered);
         return constr;
       },
-      nb::arg("expr"), nb::arg("lower"), nb::arg("upper"), nb::arg("name") = "",
-      "Adds the range constraint lower <= expr <= upper.");
-  cls.def("addConstrs", &add_constrs, nb::arg("generator"), nb::arg("name") = "",
+      nb::arg("expr").none(), nb::arg("lower").none(), nb::arg("upper").none(),
+      nb::arg("name").none() = "", "Adds the range constraint lower <= expr <= upper.");
+  cls.def("addConstrs", &add_constrs, nb::arg("generator").none(), nb::arg("name").none() = "",
           "Adds one constraint per item of a generator expression; returns a tupledict keyed "
           "by the generator's loop variables.");
   cls.def(
       "addQConstr",
       [](nb::handle self, nb::handle lhs, nb::handle sense, nb::handle rhs, nb::handle name) {
-        KVRmodel *model = prepare(self);
+        KVRmodel *model = prepared_model(self);
         if (lhs.is_none())
           raise_error(KVR_ERROR_INVALID_ARGUMENT,
                       "Invalid None value for lhs when calling Model.addQConstr");
@@ -879,12 +869,12 @@ void init_model_add(nb::class_<Model> &cls) {
         return add_prepared(self, p, name_arg(name));
       },
       nb::arg("lhs").none(), nb::arg("sense").none() = nb::none(),
-      nb::arg("rhs").none() = nb::none(), nb::arg("name") = "",
+      nb::arg("rhs").none() = nb::none(), nb::arg("name").none() = "",
       "Adds a quadratic constraint lhs sense rhs (or a quadratic TempConstr).");
   cls.def(
       "addSOS",
       [](nb::handle self, nb::handle type, nb::handle vars, nb::handle wts) {
-        KVRmodel *model = prepare(self);
+        KVRmodel *model = prepared_model(self);
         double t = 0;
         if (!isscalar(type, &t) || (t != KVR_SOS_TYPE1 && t != KVR_SOS_TYPE2))
           raise_error(KVR_ERROR_INVALID_ARGUMENT,
@@ -901,40 +891,41 @@ void init_model_add(nb::class_<Model> &cls) {
           check_finite(w);
         }
         int types[1] = {static_cast<int>(t)}, beg[1] = {0};
-        check_code(
+        check_model(
             KVRaddsos(model, 1, static_cast<int>(ind.size()), types, beg, ind.data(), w.data()),
             model);
         return model_append(self, kSOS, false);
       },
-      nb::arg("type"), nb::arg("vars"), nb::arg("wts").none() = nb::none(),
+      nb::arg("type").none(), nb::arg("vars").none(), nb::arg("wts").none() = nb::none(),
       "Adds an SOS constraint of type KVR.SOS_TYPE1 or KVR.SOS_TYPE2 (default weights 1, 2, ...).");
 
   cls.def(
       "addGenConstrMax",
       [](nb::handle self, nb::handle resvar, nb::handle vars, nb::handle constant,
          nb::handle name) { return add_maxmin(self, resvar, vars, constant, name, true); },
-      nb::arg("resvar"), nb::arg("vars"), nb::arg("constant").none() = nb::none(),
-      nb::arg("name") = "", "Adds resvar = max(vars, constant).");
+      nb::arg("resvar").none(), nb::arg("vars").none(), nb::arg("constant").none() = nb::none(),
+      nb::arg("name").none() = "", "Adds resvar = max(vars, constant).");
   cls.def(
       "addGenConstrMin",
       [](nb::handle self, nb::handle resvar, nb::handle vars, nb::handle constant,
          nb::handle name) { return add_maxmin(self, resvar, vars, constant, name, false); },
-      nb::arg("resvar"), nb::arg("vars"), nb::arg("constant").none() = nb::none(),
-      nb::arg("name") = "", "Adds resvar = min(vars, constant).");
+      nb::arg("resvar").none(), nb::arg("vars").none(), nb::arg("constant").none() = nb::none(),
+      nb::arg("name").none() = "", "Adds resvar = min(vars, constant).");
   cls.def(
       "addGenConstrAbs",
       [](nb::handle self, nb::handle resvar, nb::handle argvar, nb::handle name) {
-        KVRmodel *model = prepare(self);
+        KVRmodel *model = prepared_model(self);
         int r = var_column(resvar, model), a = var_column(argvar, model);
         std::string n = name_arg(name);
         return gen_added(self, KVRaddgenconstrAbs(model, name_ptr(n), r, a), model);
       },
-      nb::arg("resvar"), nb::arg("argvar"), nb::arg("name") = "", "Adds resvar = |argvar|.");
+      nb::arg("resvar").none(), nb::arg("argvar").none(), nb::arg("name").none() = "",
+      "Adds resvar = |argvar|.");
   for (bool is_and : {true, false})
     cls.def(
         is_and ? "addGenConstrAnd" : "addGenConstrOr",
         [is_and](nb::handle self, nb::handle resvar, nb::handle vars, nb::handle name) {
-          KVRmodel *model = prepare(self);
+          KVRmodel *model = prepared_model(self);
           int r = var_column(resvar, model);
           std::vector<int> ind = var_list(vars, model);
           std::string n = name_arg(name);
@@ -942,13 +933,13 @@ void init_model_add(nb::class_<Model> &cls) {
           return gen_added(
               self, fn(model, name_ptr(n), r, static_cast<int>(ind.size()), ind.data()), model);
         },
-        nb::arg("resvar"), nb::arg("vars"), nb::arg("name") = "",
+        nb::arg("resvar").none(), nb::arg("vars").none(), nb::arg("name").none() = "",
         is_and ? "Adds resvar = and(vars) over binary variables."
                : "Adds resvar = or(vars) over binary variables.");
   cls.def(
       "addGenConstrNorm",
       [](nb::handle self, nb::handle resvar, nb::handle vars, nb::handle which, nb::handle name) {
-        KVRmodel *model = prepare(self);
+        KVRmodel *model = prepared_model(self);
         int r = var_column(resvar, model);
         std::vector<int> ind = var_list(vars, model);
         double w = number_arg(which, "which");
@@ -958,25 +949,26 @@ void init_model_add(nb::class_<Model> &cls) {
             KVRaddgenconstrNorm(model, name_ptr(n), r, static_cast<int>(ind.size()), ind.data(), w),
             model);
       },
-      nb::arg("resvar"), nb::arg("vars"), nb::arg("which"), nb::arg("name") = "",
-      "Adds resvar = norm(vars) for which = 0, 1, 2 or infinity.");
+      nb::arg("resvar").none(), nb::arg("vars").none(), nb::arg("which").none(),
+      nb::arg("name").none() = "", "Adds resvar = norm(vars) for which = 0, 1, 2 or infinity.");
   cls.def(
       "addGenConstrIndicator",
       [](nb::handle self, nb::handle binvar, nb::handle binval, nb::handle lhs, nb::handle sense,
          nb::handle rhs, nb::handle name) {
-        KVRmodel *model = prepare(self);
+        KVRmodel *model = prepared_model(self);
         Prepared p;
         prepare_indicator(binvar, binval, lhs, sense, rhs, model, p);
         return add_prepared(self, p, name_arg(name));
       },
-      nb::arg("binvar"), nb::arg("binval"), nb::arg("lhs"), nb::arg("sense").none() = nb::none(),
-      nb::arg("rhs").none() = nb::none(), nb::arg("name") = "",
+      nb::arg("binvar").none(), nb::arg("binval").none(), nb::arg("lhs").none(),
+      nb::arg("sense").none() = nb::none(), nb::arg("rhs").none() = nb::none(),
+      nb::arg("name").none() = "",
       "Adds: binvar == binval implies the linear constraint lhs sense rhs.");
   cls.def(
       "addGenConstrPWL",
       [](nb::handle self, nb::handle xvar, nb::handle yvar, nb::handle xpts, nb::handle ypts,
          nb::handle name) {
-        KVRmodel *model = prepare(self);
+        KVRmodel *model = prepared_model(self);
         int x = var_column(xvar, model), y = var_column(yvar, model);
         std::vector<double> xp = number_list(xpts, "xpts"), yp = number_list(ypts, "ypts");
         if (xp.size() != yp.size())
@@ -987,13 +979,14 @@ void init_model_add(nb::class_<Model> &cls) {
                                             xp.data(), yp.data()),
                          model);
       },
-      nb::arg("xvar"), nb::arg("yvar"), nb::arg("xpts"), nb::arg("ypts"), nb::arg("name") = "",
+      nb::arg("xvar").none(), nb::arg("yvar").none(), nb::arg("xpts").none(),
+      nb::arg("ypts").none(), nb::arg("name").none() = "",
       "Adds yvar = the piecewise-linear function through the points (xpts, ypts) of xvar.");
   cls.def(
       "addGenConstrPoly",
       [](nb::handle self, nb::handle xvar, nb::handle yvar, nb::handle p, nb::handle name,
          nb::handle options) {
-        KVRmodel *model = prepare(self);
+        KVRmodel *model = prepared_model(self);
         int x = var_column(xvar, model), y = var_column(yvar, model);
         std::vector<double> coeffs = number_list(p, "p");
         if (coeffs.empty()) raise_error(-1, "Error: empty polynomial function");
@@ -1004,7 +997,8 @@ void init_model_add(nb::class_<Model> &cls) {
                                 coeffs.data(), o.c_str()),
             model);
       },
-      nb::arg("xvar"), nb::arg("yvar"), nb::arg("p"), nb::arg("name") = "", nb::arg("options") = "",
+      nb::arg("xvar").none(), nb::arg("yvar").none(), nb::arg("p").none(),
+      nb::arg("name").none() = "", nb::arg("options").none() = "",
       "Adds yvar = p[0] xvar^(n-1) + ... + p[n-1] (coefficients from the highest degree).");
   def_function(cls, "addGenConstrExp", KVRaddgenconstrExp, "Adds yvar = exp(xvar).");
   def_function_a(cls, "addGenConstrExpA", KVRaddgenconstrExpA, "Adds yvar = a^xvar.");
@@ -1020,14 +1014,14 @@ void init_model_add(nb::class_<Model> &cls) {
   cls.def(
       "setObjective",
       [](nb::handle self, nb::handle expr, nb::handle sense) { set_objective(self, expr, sense); },
-      nb::arg("expr"), nb::arg("sense").none() = nb::none(),
+      nb::arg("expr").none(), nb::arg("sense").none() = nb::none(),
       "Replaces the objective by expr (a number, Var, LinExpr or QuadExpr); sets the sense "
       "when given.");
   cls.def(
       "setObjectiveN",
       [](nb::handle self, nb::handle expr, int index, int priority, nb::handle weight,
          nb::handle abstol, nb::handle reltol, nb::handle name) {
-        KVRmodel *model = prepare(self);
+        KVRmodel *model = prepared_model(self);
         LinearData d;
         if (!collect_linear(expr, 1.0, model, d))
           raise_error(-1, "Objective must be linear for multi-objective model");
@@ -1037,27 +1031,28 @@ void init_model_add(nb::class_<Model> &cls) {
         double w = number_arg(weight, "weight"), at = number_arg(abstol, "abstol"),
                rt = number_arg(reltol, "reltol");
         std::string n = name_arg(name);
-        check_code(KVRsetobjectiven(model, index, priority, w, at, rt, name_ptr(n), d.constant,
-                                    static_cast<int>(d.ind.size()), d.ind.data(), d.val.data()),
-                   model);
+        check_model(KVRsetobjectiven(model, index, priority, w, at, rt, name_ptr(n), d.constant,
+                                     static_cast<int>(d.ind.size()), d.ind.data(), d.val.data()),
+                    model);
       },
-      nb::arg("expr"), nb::arg("index"), nb::arg("priority") = 0, nb::arg("weight") = 1.0,
-      nb::arg("abstol") = 1e-6, nb::arg("reltol") = 0.0, nb::arg("name") = "",
+      nb::arg("expr").none(), nb::arg("index"), nb::arg("priority") = 0,
+      nb::arg("weight").none() = 1.0, nb::arg("abstol").none() = 1e-6,
+      nb::arg("reltol").none() = 0.0, nb::arg("name").none() = "",
       "Sets objective number index of a multi-objective model (linear expressions only).");
   cls.def(
       "setPWLObj",
       [](nb::handle self, nb::handle var, nb::handle x, nb::handle y) {
-        KVRmodel *model = prepare(self);
+        KVRmodel *model = prepared_model(self);
         if (!as_var(var)) raise_error(-1, "First argument must be a Var");
         int col = var_column(var, model);
         std::vector<double> xs = number_list(x, "x"), ys = number_list(y, "y");
         if (xs.size() != ys.size()) raise_error(-1, "Arguments x and y must have the same length");
         check_finite(xs);
         check_finite(ys);
-        check_code(KVRsetpwlobj(model, col, static_cast<int>(xs.size()), xs.data(), ys.data()),
-                   model);
+        check_model(KVRsetpwlobj(model, col, static_cast<int>(xs.size()), xs.data(), ys.data()),
+                    model);
       },
-      nb::arg("var"), nb::arg("x"), nb::arg("y"),
+      nb::arg("var").none(), nb::arg("x").none(), nb::arg("y").none(),
       "Sets a piecewise-linear objective term on one variable through the points (x, y).");
 }
 

@@ -41,12 +41,7 @@ nb::str json_solution(nb::handle self) {
 }  // namespace
 
 void init_model_files(nb::module_ &m) {
-  if (!nb::hasattr(m, "Model")) return;
-  nb::object cls = m.attr("Model");
-  auto def = [&](const char *name, auto fn, auto... extra) {
-    cls.attr(name) =
-        nb::cpp_function(fn, nb::scope(cls), nb::name(name), nb::is_method(), extra...);
-  };
+  ModelMethods def;
   def(
       "read", [](nb::handle self, nb::handle filename) { read(self, filename); },
       nb::arg("filename"),

@@ -6,6 +6,7 @@
 #include "callback.h"
 #include "containers.h"
 #include "expr.h"
+#include "model.h"
 
 namespace kvrpy {
 
@@ -254,12 +255,7 @@ nb::object sub_env(nb::handle self, int num, bool multiobj) {
 }  // namespace
 
 void init_model_optimize(nb::module_ &m) {
-  if (!nb::hasattr(m, "Model")) return;
-  nb::object cls = m.attr("Model");
-  auto def = [&](const char *name, auto fn, auto... extra) {
-    cls.attr(name) =
-        nb::cpp_function(fn, nb::scope(cls), nb::name(name), nb::is_method(), extra...);
-  };
+  ModelMethods def;
   def(
       "optimize",
       [](nb::handle self, nb::handle callback) { run_solver(self, callback, KVRoptimize); },

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <vector>
 
+#include "model.h"
 #include "model_optimize.h"
 
 namespace kvrpy {
@@ -338,12 +339,7 @@ void display(nb::handle self) {
 }  // namespace
 
 void init_model_print(nb::module_ &m) {
-  if (!nb::hasattr(m, "Model")) return;
-  nb::object cls = m.attr("Model");
-  auto def = [&](const char *name, auto fn, auto... extra) {
-    cls.attr(name) =
-        nb::cpp_function(fn, nb::scope(cls), nb::name(name), nb::is_method(), extra...);
-  };
+  ModelMethods def;
   def(
       "printStats", [](nb::handle self) { print_stats(self); },
       "Writes the model's size and coefficient ranges to its log.");

@@ -10,18 +10,6 @@
 namespace kvrpy {
 namespace {
 
-Model &model_ref(nb::handle self) { return *nb::inst_ptr<Model>(self); }
-
-KVRmodel *prepare(nb::handle self) {
-  KVRmodel *model = live_model(self);
-  model_setup(self);
-  return model;
-}
-
-void check_code(int code, KVRmodel *model) {
-  if (code) raise_error(code, KVRgetmerrormsg(model));
-}
-
 // An output array of n values whose data() is never null (the library takes all arrays of a
 // reader or none, also when there is nothing to read).
 template <class T>
@@ -117,7 +105,7 @@ nb::object get_attr_many(nb::handle self, nb::handle name, nb::handle objs) {
   std::string n = utf8(name);
   if (objs.is_none()) return get_attr(self, n);
   static const char *kUnrecognized = "Unrecognized argument to getAttr";
-  KVRmodel *model = prepare(self);
+  KVRmodel *model = prepared_model(self);
   AttrInfo info = attr_info("Model", n);
   int kind = attr_kind(info, kUnrecognized);
   Objects o = objects_of(objs, kUnrecognized);
@@ -133,7 +121,7 @@ nb::object get_attr_many(nb::handle self, nb::handle name, nb::handle objs) {
 void set_attr_many(nb::handle self, nb::handle name, nb::handle objs, nb::handle values) {
   std::string n = utf8(name);
   static const char *kUnrecognized = "Unrecognized argument to setAttr";
-  KVRmodel *model = prepare(self);
+  KVRmodel *model = prepared_model(self);
   AttrInfo info = attr_info("Model", n);
   int kind = attr_kind(info, kUnrecognized);
   if (!info.settable) raise_python(PyExc_AttributeError, "Attribute '" + n + "' cannot be set");
@@ -211,12 +199,12 @@ using PairFn = int (*)(KVRmodel *, int, int *, int *);
 using PairAFn = int (*)(KVRmodel *, int, int *, int *, double *);
 
 nb::tuple read_list_const(nb::handle self, nb::handle gc, ListConstFn fn, bool with_constant) {
-  KVRmodel *model = prepare(self);
+  KVRmodel *model = prepared_model(self);
   int id = gen_position(self, gc), res = 0, n = 0;
   double c = 0;
-  check_code(fn(model, id, &res, &n, nullptr, &c), model);
+  check_model(fn(model, id, &res, &n, nullptr, &c), model);
   auto ind = out_array<int>(n);
-  check_code(fn(model, id, &res, &n, ind.data(), &c), model);
+  check_model(fn(model, id, &res, &n, ind.data(), &c), model);
   if (!with_constant) return nb::make_tuple(var_at(self, res), var_list_of(self, ind));
   return nb::make_tuple(var_at(self, res), var_list_of(self, ind), from_library(c));
 }
@@ -224,52 +212,53 @@ nb::tuple read_list_const(nb::handle self, nb::handle gc, ListConstFn fn, bool w
 void def_list_const(nb::class_<Model> &cls, const char *name, ListConstFn fn, const char *doc) {
   cls.def(
       name, [fn](nb::handle self, nb::handle gc) { return read_list_const(self, gc, fn, true); },
-      nb::arg("genconstr"), doc);
+      nb::arg("genconstr").none(), doc);
 }
 
 void def_list(nb::class_<Model> &cls, const char *name, ListFn fn, const char *doc) {
   cls.def(
       name,
       [fn](nb::handle self, nb::handle gc) {
-        KVRmodel *model = prepare(self);
+        KVRmodel *model = prepared_model(self);
         int id = gen_position(self, gc), res = 0, n = 0;
-        check_code(fn(model, id, &res, &n, nullptr), model);
+        check_model(fn(model, id, &res, &n, nullptr), model);
         auto ind = out_array<int>(n);
-        check_code(fn(model, id, &res, &n, ind.data()), model);
+        check_model(fn(model, id, &res, &n, ind.data()), model);
         return nb::make_tuple(var_at(self, res), var_list_of(self, ind));
       },
-      nb::arg("genconstr"), doc);
+      nb::arg("genconstr").none(), doc);
 }
 
 void def_pair(nb::class_<Model> &cls, const char *name, PairFn fn, const char *doc) {
   cls.def(
       name,
       [fn](nb::handle self, nb::handle gc) {
-        KVRmodel *model = prepare(self);
+        KVRmodel *model = prepared_model(self);
         int id = gen_position(self, gc), x = 0, y = 0;
-        check_code(fn(model, id, &x, &y), model);
+        check_model(fn(model, id, &x, &y), model);
         return nb::make_tuple(var_at(self, x), var_at(self, y));
       },
-      nb::arg("genconstr"), doc);
+      nb::arg("genconstr").none(), doc);
 }
 
 void def_pair_a(nb::class_<Model> &cls, const char *name, PairAFn fn, const char *doc) {
   cls.def(
       name,
       [fn](nb::handle self, nb::handle gc) {
-        KVRmodel *model = prepare(self);
+        KVRmodel *model = prepared_model(self);
         int id = gen_position(self, gc), x = 0, y = 0;
         double a = 0;
-        check_code(fn(model, id, &x, &y, &a), model);
+        check_model(fn(model, id, &x, &y, &a), model);
         return nb::make_tuple(var_at(self, x), var_at(self, y), a);
       },
-      nb::arg("genconstr"), doc);
+      nb::arg("genconstr").none(), doc);
 }
 
 }  // namespace
 
 void init_model_query(nb::class_<Model> &cls) {
-  cls.def("getAttr", &get_attr_many, nb::arg("attrname"), nb::arg("objs").none() = nb::none(),
+  cls.def("getAttr", &get_attr_many, nb::arg("attrname").none(),
+          nb::arg("objs").none() = nb::none(),
           "A model attribute, or the attribute of many elements in one library call: a list for "
           "a list of handles, a tupledict for a dict of handles.");
   cls.def(
@@ -285,21 +274,21 @@ void init_model_query(nb::class_<Model> &cls) {
                        "objs, newvalues)");
         }
       },
-      nb::arg("attrname"), nb::arg("args"),
+      nb::arg("attrname").none(), nb::arg("args"),
       "setAttr(name, value) sets a model attribute; setAttr(name, objs, values) sets the "
       "attribute of many elements (values: one value, a list in order, or a dict by key).");
   cls.def(
       "prefetchAttr", [](nb::handle self, nb::handle name) { prefetch_attr(self, utf8(name)); },
-      nb::arg("attrname"), "Asks the library to cache an attribute for later reads.");
+      nb::arg("attrname").none(), "Asks the library to cache an attribute for later reads.");
   cls.def(
       "getObjective",
       [](nb::handle self) -> nb::object {
-        KVRmodel *model = prepare(self);
+        KVRmodel *model = prepared_model(self);
         int nv = 0;
-        check_code(KVRgetintattr(model, "NumVars", &nv), model);
+        check_model(KVRgetintattr(model, "NumVars", &nv), model);
         nv = std::min<int>(nv, static_cast<int>(model_ref(self).lists[kVar].size()));
         std::vector<double> obj(static_cast<size_t>(nv));
-        if (nv) check_code(KVRgetdblattrarray(model, "Obj", 0, nv, obj.data()), model);
+        if (nv) check_model(KVRgetdblattrarray(model, "Obj", 0, nv, obj.data()), model);
         std::vector<double> coeffs;
         std::vector<nb::object> vars;
         for (int i = 0; i < nv; ++i)
@@ -308,15 +297,15 @@ void init_model_query(nb::class_<Model> &cls) {
             vars.push_back(var_at(self, i));
           }
         double objcon = 0;
-        check_code(KVRgetdblattr(model, "ObjCon", &objcon), model);
+        check_model(KVRgetdblattr(model, "ObjCon", &objcon), model);
         nb::object lin = make_linexpr(std::move(coeffs), std::move(vars), objcon);
         int nq = 0;
-        check_code(KVRgetq(model, &nq, nullptr, nullptr, nullptr), model);
+        check_model(KVRgetq(model, &nq, nullptr, nullptr, nullptr), model);
         if (nq == 0) return lin;
         auto qrow = out_array<int>(nq);
         auto qcol = out_array<int>(nq);
         auto qval = out_array<double>(nq);
-        check_code(KVRgetq(model, &nq, qrow.data(), qcol.data(), qval.data()), model);
+        check_model(KVRgetq(model, &nq, qrow.data(), qcol.data(), qval.data()), model);
         return make_quadexpr(lin, qval, vars_at(self, qrow.data(), qrow.size()),
                              vars_at(self, qcol.data(), qcol.size()));
       },
@@ -325,51 +314,52 @@ void init_model_query(nb::class_<Model> &cls) {
   cls.def(
       "getPWLObj",
       [](nb::handle self, nb::handle var) {
-        KVRmodel *model = prepare(self);
+        KVRmodel *model = prepared_model(self);
         int col = live_position(var, kVar, model), n = 0;
-        check_code(KVRgetpwlobj(model, col, &n, nullptr, nullptr), model);
+        check_model(KVRgetpwlobj(model, col, &n, nullptr, nullptr), model);
         auto x = out_array<double>(n);
         auto y = out_array<double>(n);
-        check_code(KVRgetpwlobj(model, col, &n, x.data(), y.data()), model);
+        check_model(KVRgetpwlobj(model, col, &n, x.data(), y.data()), model);
         nb::list out;
         for (int i = 0; i < n; ++i)
           out.append(nb::make_tuple(x[static_cast<size_t>(i)], y[static_cast<size_t>(i)]));
         return out;
       },
-      nb::arg("var"), "The points (x, y) of the piecewise-linear objective of a variable.");
+      nb::arg("var").none(), "The points (x, y) of the piecewise-linear objective of a variable.");
   cls.def(
       "getCoeff",
       [](nb::handle self, nb::handle constr, nb::handle var) {
-        KVRmodel *model = prepare(self);
+        KVRmodel *model = prepared_model(self);
         int row = live_position(constr, kConstr, model), col = live_position(var, kVar, model);
         double v = 0;
-        check_code(KVRgetcoeff(model, row, col, &v), model);
+        check_model(KVRgetcoeff(model, row, col, &v), model);
         return v;
       },
-      nb::arg("constr"), nb::arg("var"), "The coefficient of a variable in a linear constraint.");
+      nb::arg("constr").none(), nb::arg("var").none(),
+      "The coefficient of a variable in a linear constraint.");
   cls.def(
       "chgCoeff",
       [](nb::handle self, nb::handle constr, nb::handle var, nb::handle newvalue) {
-        KVRmodel *model = prepare(self);
+        KVRmodel *model = prepared_model(self);
         int row = live_position(constr, kConstr, model), col = live_position(var, kVar, model);
         double v = 0;
         if (!isscalar(newvalue, &v) || !std::isfinite(v))
           raise_error(KVR_ERROR_INVALID_ARGUMENT, "Coefficient is Nan or Inf");
-        check_code(KVRchgcoeffs(model, 1, &row, &col, &v), model);
+        check_model(KVRchgcoeffs(model, 1, &row, &col, &v), model);
       },
-      nb::arg("constr"), nb::arg("var"), nb::arg("newvalue"),
+      nb::arg("constr").none(), nb::arg("var").none(), nb::arg("newvalue").none(),
       "Changes a coefficient of a linear constraint (applied at the next update).");
   cls.def(
       "getCol",
       [](nb::handle self, nb::handle var) {
-        KVRmodel *model = prepare(self);
+        KVRmodel *model = prepared_model(self);
         int col = live_position(var, kVar, model);
         size_t nnz = 0, beg[1] = {0};
-        check_code(KVRXgetvars(model, &nnz, nullptr, nullptr, nullptr, col, 1), model);
+        check_model(KVRXgetvars(model, &nnz, nullptr, nullptr, nullptr, col, 1), model);
         // Never null arrays, even for an empty column: the library takes all three or none.
         std::vector<int> ind(nnz + 1);
         std::vector<double> val(nnz + 1);
-        check_code(KVRXgetvars(model, &nnz, beg, ind.data(), val.data(), col, 1), model);
+        check_model(KVRXgetvars(model, &nnz, beg, ind.data(), val.data(), col, 1), model);
         nb::list coeffs, constrs;
         for (size_t i = 0; i < nnz; ++i) {
           coeffs.append(val[i]);
@@ -377,52 +367,53 @@ void init_model_query(nb::class_<Model> &cls) {
         }
         return module_attr("Column")(coeffs, constrs);
       },
-      nb::arg("var"), "The column of a variable: its coefficients in the linear constraints.");
+      nb::arg("var").none(),
+      "The column of a variable: its coefficients in the linear constraints.");
   cls.def(
       "getRow",
       [](nb::handle self, nb::handle constr) {
-        KVRmodel *model = prepare(self);
+        KVRmodel *model = prepared_model(self);
         int row = live_position(constr, kConstr, model);
         size_t nnz = 0, beg[1] = {0};
-        check_code(KVRXgetconstrs(model, &nnz, nullptr, nullptr, nullptr, row, 1), model);
+        check_model(KVRXgetconstrs(model, &nnz, nullptr, nullptr, nullptr, row, 1), model);
         std::vector<int> ind(nnz + 1);
         std::vector<double> val(nnz + 1);
-        check_code(KVRXgetconstrs(model, &nnz, beg, ind.data(), val.data(), row, 1), model);
+        check_model(KVRXgetconstrs(model, &nnz, beg, ind.data(), val.data(), row, 1), model);
         val.resize(nnz);
         return make_linexpr(std::move(val), vars_at(self, ind.data(), nnz), 0.0);
       },
-      nb::arg("constr"), "The left-hand side of a linear constraint as a LinExpr.");
+      nb::arg("constr").none(), "The left-hand side of a linear constraint as a LinExpr.");
   cls.def(
       "getQCRow",
       [](nb::handle self, nb::handle qc) {
-        KVRmodel *model = prepare(self);
+        KVRmodel *model = prepared_model(self);
         int id = live_position(qc, kQConstr, model), nl = 0, nq = 0;
-        check_code(KVRgetqconstr(model, id, &nl, nullptr, nullptr, &nq, nullptr, nullptr, nullptr),
-                   model);
+        check_model(KVRgetqconstr(model, id, &nl, nullptr, nullptr, &nq, nullptr, nullptr, nullptr),
+                    model);
         auto lind = out_array<int>(nl), qrow = out_array<int>(nq), qcol = out_array<int>(nq);
         auto lval = out_array<double>(nl);
         auto qval = out_array<double>(nq);
-        check_code(KVRgetqconstr(model, id, &nl, lind.data(), lval.data(), &nq, qrow.data(),
-                                 qcol.data(), qval.data()),
-                   model);
+        check_model(KVRgetqconstr(model, id, &nl, lind.data(), lval.data(), &nq, qrow.data(),
+                                  qcol.data(), qval.data()),
+                    model);
         nb::object lin =
             make_linexpr(std::move(lval), vars_at(self, lind.data(), lind.size()), 0.0);
         return make_quadexpr(lin, std::move(qval), vars_at(self, qrow.data(), qrow.size()),
                              vars_at(self, qcol.data(), qcol.size()));
       },
-      nb::arg("qconstr"), "The left-hand side of a quadratic constraint as a QuadExpr.");
+      nb::arg("qconstr").none(), "The left-hand side of a quadratic constraint as a QuadExpr.");
   cls.def(
       "getSOS",
       [](nb::handle self, nb::handle sos) {
-        KVRmodel *model = prepare(self);
+        KVRmodel *model = prepared_model(self);
         int id = live_position(sos, kSOS, model), n = 0, type = 0, beg[1] = {0};
-        check_code(KVRgetsos(model, &n, nullptr, nullptr, nullptr, nullptr, id, 1), model);
+        check_model(KVRgetsos(model, &n, nullptr, nullptr, nullptr, nullptr, id, 1), model);
         auto ind = out_array<int>(n);
         auto w = out_array<double>(n);
-        check_code(KVRgetsos(model, &n, &type, beg, ind.data(), w.data(), id, 1), model);
+        check_model(KVRgetsos(model, &n, &type, beg, ind.data(), w.data(), id, 1), model);
         return nb::make_tuple(type, var_list_of(self, ind), float_list(w));
       },
-      nb::arg("sos"), "(type, variables, weights) of an SOS constraint.");
+      nb::arg("sos").none(), "(type, variables, weights) of an SOS constraint.");
 
   def_list_const(cls, "getGenConstrMax", KVRgetgenconstrMax,
                  "(resvar, vars, constant) of a max constraint.");
@@ -436,46 +427,47 @@ void init_model_query(nb::class_<Model> &cls) {
   cls.def(
       "getGenConstrIndicator",
       [](nb::handle self, nb::handle gc) {
-        KVRmodel *model = prepare(self);
+        KVRmodel *model = prepared_model(self);
         int id = gen_position(self, gc), binvar = 0, binval = 0, n = 0;
         char sense = 0;
         double rhs = 0;
-        check_code(KVRgetgenconstrIndicator(model, id, &binvar, &binval, &n, nullptr, nullptr,
-                                            &sense, &rhs),
-                   model);
+        check_model(KVRgetgenconstrIndicator(model, id, &binvar, &binval, &n, nullptr, nullptr,
+                                             &sense, &rhs),
+                    model);
         auto ind = out_array<int>(n);
         auto val = out_array<double>(n);
-        check_code(KVRgetgenconstrIndicator(model, id, &binvar, &binval, &n, ind.data(), val.data(),
-                                            &sense, &rhs),
-                   model);
+        check_model(KVRgetgenconstrIndicator(model, id, &binvar, &binval, &n, ind.data(),
+                                             val.data(), &sense, &rhs),
+                    model);
         nb::object lin = make_linexpr(std::move(val), vars_at(self, ind.data(), ind.size()), 0.0);
         return nb::make_tuple(var_at(self, binvar), binval, lin, nb::str(&sense, 1),
                               from_library(rhs));
       },
-      nb::arg("genconstr"), "(binvar, binval, expr, sense, rhs) of an indicator constraint.");
+      nb::arg("genconstr").none(),
+      "(binvar, binval, expr, sense, rhs) of an indicator constraint.");
   cls.def(
       "getGenConstrPWL",
       [](nb::handle self, nb::handle gc) {
-        KVRmodel *model = prepare(self);
+        KVRmodel *model = prepared_model(self);
         int id = gen_position(self, gc), x = 0, y = 0, n = 0;
-        check_code(KVRgetgenconstrPWL(model, id, &x, &y, &n, nullptr, nullptr), model);
+        check_model(KVRgetgenconstrPWL(model, id, &x, &y, &n, nullptr, nullptr), model);
         auto xp = out_array<double>(n);
         auto yp = out_array<double>(n);
-        check_code(KVRgetgenconstrPWL(model, id, &x, &y, &n, xp.data(), yp.data()), model);
+        check_model(KVRgetgenconstrPWL(model, id, &x, &y, &n, xp.data(), yp.data()), model);
         return nb::make_tuple(var_at(self, x), var_at(self, y), float_list(xp), float_list(yp));
       },
-      nb::arg("genconstr"), "(xvar, yvar, xpts, ypts) of a piecewise-linear constraint.");
+      nb::arg("genconstr").none(), "(xvar, yvar, xpts, ypts) of a piecewise-linear constraint.");
   cls.def(
       "getGenConstrPoly",
       [](nb::handle self, nb::handle gc) {
-        KVRmodel *model = prepare(self);
+        KVRmodel *model = prepared_model(self);
         int id = gen_position(self, gc), x = 0, y = 0, n = 0;
-        check_code(KVRgetgenconstrPoly(model, id, &x, &y, &n, nullptr), model);
+        check_model(KVRgetgenconstrPoly(model, id, &x, &y, &n, nullptr), model);
         auto p = out_array<double>(n);
-        check_code(KVRgetgenconstrPoly(model, id, &x, &y, &n, p.data()), model);
+        check_model(KVRgetgenconstrPoly(model, id, &x, &y, &n, p.data()), model);
         return nb::make_tuple(var_at(self, x), var_at(self, y), float_list(p));
       },
-      nb::arg("genconstr"), "(xvar, yvar, p) of a polynomial constraint.");
+      nb::arg("genconstr").none(), "(xvar, yvar, p) of a polynomial constraint.");
   def_pair(cls, "getGenConstrExp", KVRgetgenconstrExp, "(xvar, yvar) of y = exp(x).");
   def_pair_a(cls, "getGenConstrExpA", KVRgetgenconstrExpA, "(xvar, yvar, a) of y = a^x.");
   def_pair(cls, "getGenConstrLog", KVRgetgenconstrLog, "(xvar, yvar) of y = ln(x).");
@@ -489,12 +481,12 @@ void init_model_query(nb::class_<Model> &cls) {
 
   cls.def(
       "remove", [](nb::handle self, nb::handle items) { remove_items(self, items); },
-      nb::arg("items"),
+      nb::arg("items").none(),
       "Marks handles for removal (one handle, or a list, tuple or dict of them); the next "
       "update deletes them.");
   cls.def(
       "_removeone", [](nb::handle self, nb::handle item) { remove_items(self, item); },
-      nb::arg("item"), "Marks one handle for removal.");
+      nb::arg("item").none(), "Marks one handle for removal.");
 }
 
 }  // namespace kvrpy

@@ -64,6 +64,10 @@ double from_library(double v);
 // Python float -> library double (inf -> KVR_INFINITY).
 double to_library(double v);
 
+// A plain CPython function in the module, named "kaviropy.<name>": unlike a nanobind function it
+// pickles by reference, which the unpicklers that __reduce__ methods name need.
+void add_module_function(nb::module_ &m, PyMethodDef *def);
+
 // ---------------------------------------------------------------- library handles
 // Library pointers are held in Python objects as integers (None when absent).
 nb::object handle_object(const void *ptr);
@@ -71,6 +75,36 @@ template <class T>
 T *handle_pointer(nb::handle obj) {
   if (obj.is_none()) return nullptr;
   return reinterpret_cast<T *>(static_cast<uintptr_t>(nb::cast<unsigned long long>(obj)));
+}
+
+// ---------------------------------------------------------------- disposable objects
+// close(), __del__, __enter__ and __exit__ of a class whose dispose() frees its library object
+// (Env, Model): close() disposes, collection closes unless the interpreter is exiting, and a
+// with block closes at its end and lets exceptions propagate. `what` names the object in the
+// docstrings ("environment", "model").
+bool exiting();
+template <class Class>
+void def_disposable(Class &cls, const char *what) {
+  std::string w = what;
+  cls.def(
+         "close", [](nb::handle self) { self.attr("dispose")(); }, "Same as dispose().")
+      .def(
+          "__del__",
+          [](nb::handle self) {
+            if (!exiting()) self.attr("close")();
+          },
+          ("Frees the " + w + " when the object is collected.").c_str())
+      .def(
+          "__enter__", [](nb::handle self) { return nb::borrow(self); },
+          ("Returns the " + w + " for a with block.").c_str())
+      .def(
+          "__exit__",
+          [](nb::handle self, nb::handle, nb::handle, nb::handle) {
+            self.attr("close")();
+            return false;
+          },
+          nb::arg("exc_type").none(), nb::arg("exc_value").none(), nb::arg("traceback").none(),
+          ("Closes the " + w + " at the end of a with block.").c_str());
 }
 
 // ---------------------------------------------------------------- environments
@@ -88,8 +122,7 @@ nb::object wrap_env(KVRenv *cenv);
 nb::object default_env(bool create = true);
 // kaviro._getmodels()
 nb::list main_models();
-// kaviro._exiting
-bool exiting();
+// kaviro._exiting (declared above)
 
 // The log callback every environment and model installs (routes lines to sys.stdout and logging).
 int log_callback_stub(char *msg, void *logdata);

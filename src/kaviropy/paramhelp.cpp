@@ -9,6 +9,9 @@
 namespace kvrpy {
 namespace {
 
+// KVRgetparamflags: the library accepts and stores the setting but nothing acts on it.
+constexpr int kParamFlagNotApplied = 4;
+
 struct Purpose {
   const char *name;
   const char *text;
@@ -72,6 +75,11 @@ std::string param_help_text(nb::handle env, const std::string &name) {
   }
   const char *purpose = purpose_of(shown);
   s += "  PURPOSE:\n" + wrap(purpose ? purpose : "No description is available.", 72, "    ");
+  if (nb::cast<int>(info[6]) & kParamFlagNotApplied)
+    s += wrap(
+        "Note: the engine in use does not act on this setting. The value is accepted, "
+        "checked against its range and stored, but it has no effect on solves.",
+        72, "    ");
   return s;
 }
 

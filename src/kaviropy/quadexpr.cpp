@@ -24,20 +24,8 @@ QuadExprObject *quad_alloc(LinExprObject *lin) {
   return q;
 }
 
-void copy_quad_terms(QuadTerms &dst, const QuadTerm *src, size_t n, double mult) {
-  grow(dst, n);
-  for (size_t i = 0; i < n; ++i) {
-    Py_INCREF(src[i].var1);
-    Py_INCREF(src[i].var2);
-    dst.push_back({src[i].coeff * mult, src[i].var1, src[i].var2});
-  }
-}
-
 QuadExprObject *quad_self(nb::handle self) {
-  if (!is_quad(self.ptr()))
-    raise_python(PyExc_TypeError,
-                 std::string("expected a kaviropy.QuadExpr, got ") + Py_TYPE(self.ptr())->tp_name);
-  return Q(self);
+  return self_as<QuadExprObject>(self, g_quadexpr_type);
 }
 
 }  // namespace
@@ -56,32 +44,7 @@ void quad_push(QuadExprObject *q, double c, PyObject *v1, PyObject *v2) {
 
 void quad_flatten(QuadExprObject *q) {
   if (q->lin) lin_flatten(q->lin);
-  if (!q->next) return;
-  std::vector<QuadExprObject *> chain;
-  size_t total = q->terms.size();
-  for (QuadExprObject *p = q->next; p; p = p->next) {
-    chain.push_back(p);
-    total += p->terms.size();
-  }
-  QuadTerms merged;
-  merged.reserve(total);
-  size_t exclusive = 0;
-  while (exclusive < chain.size() && Py_REFCNT(chain[exclusive]) == 1) ++exclusive;
-  for (size_t k = chain.size(); k-- > 0;) {
-    QuadExprObject *p = chain[k];
-    if (k < exclusive) {
-      merged.insert(merged.end(), p->terms.begin(), p->terms.end());
-      p->terms.clear();
-    } else {
-      copy_quad_terms(merged, p->terms.data(), p->terms.size(), 1.0);
-    }
-  }
-  merged.insert(merged.end(), q->terms.begin(), q->terms.end());
-  // merged receives the old vector, whose references were handed over above.
-  q->terms.swap(merged);
-  QuadExprObject *old = q->next;
-  q->next = nullptr;
-  release_chain(old);
+  join_pieces(q);
 }
 
 namespace {
@@ -89,19 +52,7 @@ namespace {
 // A new expression with the value of q; a long quadratic part is frozen into a shared piece.
 nb::object quad_extend(QuadExprObject *q) {
   nb::object r = quad_new(lin_extend(q->lin));
-  QuadExprObject *out = Q(r);
-  if (q->terms.size() <= kPieceMin) {
-    copy_quad_terms(out->terms, q->terms.data(), q->terms.size(), 1.0);
-    out->next = q->next;
-    Py_XINCREF(q->next);
-    return r;
-  }
-  QuadExprObject *piece = quad_alloc(nullptr);
-  piece->terms.swap(q->terms);
-  piece->next = q->next;
-  q->next = piece;
-  Py_INCREF(piece);
-  out->next = piece;
+  share_value(q, Q(r), 0, [] { return quad_alloc(nullptr); });
   return r;
 }
 
@@ -134,7 +85,7 @@ nb::object quad_scaled(QuadExprObject *q, double c) {
   check_multiplier(c);
   quad_flatten(q);
   nb::object r = quad_new(lin_scaled(q->lin, c));
-  copy_quad_terms(Q(r)->terms, q->terms.data(), q->terms.size(), c);
+  copy_terms(Q(r)->terms, q->terms.data(), q->terms.size(), c);
   return r;
 }
 
@@ -151,7 +102,7 @@ void quad_add(QuadExprObject *q, PyObject *x, const Operand &o, double mult) {
   // src may be q itself: make room first so that src stays valid while appending.
   grow(q->terms, n);
   lin_add(q->lin, reinterpret_cast<PyObject *>(src->lin), {Kind::Lin, 0.0}, mult);
-  copy_quad_terms(q->terms, src->terms.data(), n, mult);
+  copy_terms(q->terms, src->terms.data(), n, mult);
 }
 
 namespace {
@@ -179,15 +130,10 @@ PyObject *quad_tp_new(PyTypeObject *, PyObject *args, PyObject *kwds) {
 void quad_tp_dealloc(PyObject *self) {
   QuadExprObject *q = Q(self);
   PyObject_GC_UnTrack(self);
-  QuadExprObject *next = q->next;
-  q->next = nullptr;
-  release_chain(next);
-  release_terms(q->terms);
+  clear_terms(q);
   q->terms.~vector();
   Py_CLEAR(q->lin);
-  PyTypeObject *type = Py_TYPE(self);
-  type->tp_free(self);
-  Py_DECREF(type);
+  free_heap_object(self);
 }
 
 int quad_tp_traverse(PyObject *self, visitproc visit, void *arg) {
@@ -203,11 +149,7 @@ int quad_tp_traverse(PyObject *self, visitproc visit, void *arg) {
 }
 
 int quad_tp_clear(PyObject *self) {
-  QuadExprObject *q = Q(self);
-  QuadExprObject *next = q->next;
-  q->next = nullptr;
-  release_chain(next);
-  release_terms(q->terms);
+  clear_terms(Q(self));
   // The linear part stays: methods rely on it, and it holds no reference back to q.
   return 0;
 }
@@ -246,48 +188,38 @@ std::string quad_pretty(QuadExprObject *q) {
 }
 
 PyObject *quad_tp_repr(PyObject *self) {
-  return guard([&] {
-    std::string s = "<kaviro.QuadExpr: " + quad_pretty(Q(self)) + ">";
-    return PyUnicode_FromStringAndSize(s.data(), static_cast<Py_ssize_t>(s.size()));
-  });
+  return guard([&] { return str_object("<kaviro.QuadExpr: " + quad_pretty(Q(self)) + ">"); });
 }
 
 PyObject *quad_tp_str(PyObject *self) {
-  return guard([&] {
-    std::string s = quad_pretty(Q(self));
-    return PyUnicode_FromStringAndSize(s.data(), static_cast<Py_ssize_t>(s.size()));
-  });
+  return guard([&] { return str_object(quad_pretty(Q(self))); });
 }
 
 // ---------------------------------------------------------------- operators
 
-PyObject *quad_nb_add(PyObject *a, PyObject *b) {
-  return guard([&]() -> PyObject * {
-    PyObject *self = is_quad(a) ? a : b, *other = is_quad(a) ? b : a;
-    Operand o = classify(other);
-    if (o.kind == Kind::Other) return not_implemented();
-    nb::object r = quad_extend(Q(self));
-    quad_add(Q(r), other, o, 1.0);
-    return r.release().ptr();
-  });
-}
+struct QuadOps {
+  static bool is_self(PyObject *o) { return is_quad(o); }
+  static constexpr Operand self_operand{Kind::Quad, 0.0};
+  static bool accepts(Kind k) { return k != Kind::Other; }
+  static nb::object copy_for(PyObject *self, PyObject *, const Operand &) {
+    return quad_extend(Q(self));
+  }
+  static nb::object empty_for(PyObject *, PyObject *, const Operand &) {
+    return quad_new(lin_new());
+  }
+  static void add(PyObject *r, PyObject *x, const Operand &o, double mult) {
+    quad_add(Q(r), x, o, mult);
+  }
+  static nb::object scaled(PyObject *self, double c) { return quad_scaled(Q(self), c); }
+  static void scale(PyObject *self, double c) { quad_scale(Q(self), c); }
+};
 
-PyObject *quad_nb_subtract(PyObject *a, PyObject *b) {
-  return guard([&]() -> PyObject * {
-    if (is_quad(a)) {
-      Operand o = classify(b);
-      if (o.kind == Kind::Other) return not_implemented();
-      nb::object r = quad_extend(Q(a));
-      quad_add(Q(r), b, o, -1.0);
-      return r.release().ptr();
-    }
-    Operand o = classify(a);
-    if (o.kind == Kind::Other) return not_implemented();
-    nb::object r = quad_new(lin_new());
-    quad_add(Q(r), a, o, 1.0);
-    quad_add(Q(r), b, {Kind::Quad, 0.0}, -1.0);
-    return r.release().ptr();
-  });
+// A QuadExpr multiplies only with numbers and expressions without variables.
+double multiplier_of(PyObject *x, const Operand &o) {
+  double c = o.value;
+  if (o.kind != Kind::Num && !constant_value(x, o, c))
+    invalid("Invalid argument to QuadExpr multiplication");
+  return c;
 }
 
 PyObject *quad_nb_multiply(PyObject *a, PyObject *b) {
@@ -295,48 +227,7 @@ PyObject *quad_nb_multiply(PyObject *a, PyObject *b) {
     PyObject *self = is_quad(a) ? a : b, *other = is_quad(a) ? b : a;
     Operand o = classify(other);
     if (o.kind == Kind::Other) return not_implemented();
-    double c = o.value;
-    if (o.kind != Kind::Num && !constant_value(other, o, c))
-      invalid("Invalid argument to QuadExpr multiplication");
-    return quad_scaled(Q(self), c).release().ptr();
-  });
-}
-
-PyObject *quad_nb_true_divide(PyObject *a, PyObject *b) {
-  return guard([&]() -> PyObject * {
-    if (!is_quad(a)) {
-      if (classify(a).kind == Kind::Other) return not_implemented();
-      raise_divisor();
-    }
-    Operand o = classify(b);
-    if (o.kind == Kind::Num) {
-      if (o.value == 0.0) raise_zero_division();
-      return quad_scaled(Q(a), 1.0 / o.value).release().ptr();
-    }
-    if (o.kind == Kind::Other && array_like(b)) return not_implemented();
-    raise_divisor();
-  });
-}
-
-PyObject *quad_nb_negative(PyObject *a) {
-  return guard([&] { return quad_scaled(Q(a), -1.0).release().ptr(); });
-}
-
-PyObject *quad_nb_inplace_add(PyObject *a, PyObject *b) {
-  return guard([&]() -> PyObject * {
-    Operand o = classify(b);
-    if (o.kind == Kind::Other) return not_implemented();
-    quad_add(Q(a), b, o, 1.0);
-    return Py_NewRef(a);
-  });
-}
-
-PyObject *quad_nb_inplace_subtract(PyObject *a, PyObject *b) {
-  return guard([&]() -> PyObject * {
-    Operand o = classify(b);
-    if (o.kind == Kind::Other) return not_implemented();
-    quad_add(Q(a), b, o, -1.0);
-    return Py_NewRef(a);
+    return quad_scaled(Q(self), multiplier_of(other, o)).release().ptr();
   });
 }
 
@@ -344,24 +235,8 @@ PyObject *quad_nb_inplace_multiply(PyObject *a, PyObject *b) {
   return guard([&]() -> PyObject * {
     Operand o = classify(b);
     if (o.kind == Kind::Other) return not_implemented();
-    double c = o.value;
-    if (o.kind != Kind::Num && !constant_value(b, o, c))
-      invalid("Invalid argument to QuadExpr multiplication");
-    quad_scale(Q(a), c);
+    quad_scale(Q(a), multiplier_of(b, o));
     return Py_NewRef(a);
-  });
-}
-
-PyObject *quad_nb_inplace_true_divide(PyObject *a, PyObject *b) {
-  return guard([&]() -> PyObject * {
-    Operand o = classify(b);
-    if (o.kind == Kind::Num) {
-      if (o.value == 0.0) raise_zero_division();
-      quad_scale(Q(a), 1.0 / o.value);
-      return Py_NewRef(a);
-    }
-    if (o.kind == Kind::Other && array_like(b)) return not_implemented();
-    raise_divisor();
   });
 }
 
@@ -372,60 +247,26 @@ void quad_add_terms(QuadExprObject *q, nb::handle coeffs, nb::handle vars, nb::h
     lin_add_terms(q->lin, coeffs, vars);
     return;
   }
-  double c;
   if (is_var(vars.ptr()) && is_var(vars2.ptr())) {
-    if (!isscalar(coeffs.ptr(), &c)) invalid("Unrecognized arguments");
+    double c = number_arg(coeffs, "Unrecognized arguments");
     check_coeff(c);
     quad_push(q, c, vars.ptr(), vars2.ptr());
     return;
   }
   if (!is_iterable(coeffs.ptr()) || !is_iterable(vars.ptr()) || !is_iterable(vars2.ptr()))
     invalid("Unrecognized arguments");
-  nb::object sc = as_sequence(coeffs.ptr()), s1 = as_sequence(vars.ptr()),
-             s2 = as_sequence(vars2.ptr());
-  Py_ssize_t n = PySequence_Fast_GET_SIZE(sc.ptr());
-  if (n != PySequence_Fast_GET_SIZE(s1.ptr()) || n != PySequence_Fast_GET_SIZE(s2.ptr()))
-    invalid("Array lengths don't match");
-  PyObject **ic = PySequence_Fast_ITEMS(sc.ptr()), **i1 = PySequence_Fast_ITEMS(s1.ptr()),
-           **i2 = PySequence_Fast_ITEMS(s2.ptr());
-  std::vector<double> values(static_cast<size_t>(n));
-  for (Py_ssize_t i = 0; i < n; ++i) {
-    if (!is_var(i1[i])) invalid("Second argument should be a list of Var");
-    if (!is_var(i2[i])) invalid("Third argument should be a list of Var");
-    if (!isscalar(ic[i], &values[i])) invalid("First argument should be a list of floats");
-    check_coeff(values[i]);
-  }
-  grow(q->terms, static_cast<size_t>(n));
-  for (Py_ssize_t i = 0; i < n; ++i) quad_push(q, values[i], i1[i], i2[i]);
+  TermLists list = term_lists(coeffs.ptr(),
+                              {{vars.ptr(), var_item, "Second argument should be a list of Var"},
+                               {vars2.ptr(), var_item, "Third argument should be a list of Var"}},
+                              "Array lengths don't match");
+  grow(q->terms, list.coeffs.size());
+  for (size_t i = 0; i < list.coeffs.size(); ++i)
+    quad_push(q, list.coeffs[i], list.objects[0][i], list.objects[1][i]);
 }
 
 void quad_remove(QuadExprObject *q, nb::handle which) {
   quad_flatten(q);
-  QuadTerms dropped;
-  if (is_var(which.ptr())) {
-    std::vector<PyObject *> vars;
-    vars.reserve(2 * q->terms.size());
-    for (const QuadTerm &t : q->terms) {
-      vars.push_back(t.var1);
-      vars.push_back(t.var2);
-    }
-    std::unordered_set<PyObject *> same = vars_same_as(vars, which.ptr());
-    QuadTerms kept;
-    kept.reserve(q->terms.size());
-    for (const QuadTerm &t : q->terms) {
-      bool hit = same.count(t.var1) || same.count(t.var2);
-      (hit ? dropped : kept).push_back(t);
-    }
-    q->terms.swap(kept);
-    release_terms(dropped);
-    lin_remove(q->lin, which);
-    return;
-  }
-  if (!PyLong_Check(which.ptr())) invalid("Argument to remove must be a term position or a Var");
-  size_t i = term_position(which, q->terms.size(), "a QuadExpr");
-  dropped.push_back(q->terms[i]);
-  q->terms.erase(q->terms.begin() + static_cast<std::ptrdiff_t>(i));
-  release_terms(dropped);
+  if (remove_terms(q->terms, which, "a QuadExpr")) lin_remove(q->lin, which);
 }
 
 struct PairHash {
@@ -439,26 +280,19 @@ void quad_normalize(QuadExprObject *q) {
   nb::handle lin(reinterpret_cast<PyObject *>(q->lin));
   lin.attr("_normalize")();
   // x * y and y * x are one product.
-  std::unordered_map<std::pair<TermKey, TermKey>, size_t, PairHash> first;
-  first.reserve(q->terms.size());
-  QuadTerms merged, dropped;
-  merged.reserve(q->terms.size());
-  for (const QuadTerm &t : q->terms) {
+  merge_terms<std::pair<TermKey, TermKey>, PairHash>(q->terms, [](const QuadTerm &t) {
     TermKey a = var_key(t.var1), b = var_key(t.var2);
     auto less = [](const TermKey &x, const TermKey &y) {
       return x.model != y.model ? std::less<const void *>()(x.model, y.model) : x.id < y.id;
     };
     if (less(b, a)) std::swap(a, b);
-    auto [it, fresh] = first.emplace(std::make_pair(a, b), merged.size());
-    if (fresh) {
-      merged.push_back(t);
-    } else {
-      merged[it->second].coeff += t.coeff;
-      dropped.push_back(t);
-    }
-  }
-  q->terms.swap(merged);
-  release_terms(dropped);
+    return std::make_pair(a, b);
+  });
+}
+
+// State: (linear part, coefficients, first variables, second variables, None).
+PickleFormat quad_pickle() {
+  return {g_quadexpr_type, "_unpickle_QuadExpr", kQuadExprLayout, 5, "QuadExpr"};
 }
 
 nb::object quad_reduce(QuadExprObject *q) {
@@ -469,51 +303,33 @@ nb::object quad_reduce(QuadExprObject *q) {
     vars1.append(nb::handle(t.var1));
     vars2.append(nb::handle(t.var2));
   }
-  nb::tuple state = nb::make_tuple(nb::handle(reinterpret_cast<PyObject *>(q->lin)), coeffs, vars1,
-                                   vars2, nb::none());
-  return nb::make_tuple(module_attr("_unpickle_QuadExpr"),
-                        nb::make_tuple(nb::handle(reinterpret_cast<PyObject *>(g_quadexpr_type)),
-                                       kQuadExprLayout, state));
+  return quad_pickle().reduce(nb::make_tuple(nb::handle(reinterpret_cast<PyObject *>(q->lin)),
+                                             coeffs, vars1, vars2, nb::none()));
 }
 
 nb::object quad_unpickle(nb::handle cls, nb::handle layout, nb::handle state) {
-  if (cls.ptr() != reinterpret_cast<PyObject *>(g_quadexpr_type))
-    invalid("Pickled data is not a QuadExpr");
-  if (!PyLong_Check(layout.ptr()) || PyLong_AsLong(layout.ptr()) != kQuadExprLayout) {
-    PyErr_Clear();
-    invalid("Unknown layout of a pickled QuadExpr");
-  }
-  if (!PyTuple_Check(state.ptr()) || PyTuple_GET_SIZE(state.ptr()) != 5)
-    invalid("Malformed state of a pickled QuadExpr");
-  PyObject *lin = PyTuple_GET_ITEM(state.ptr(), 0), *next = PyTuple_GET_ITEM(state.ptr(), 4);
-  if (!is_lin(lin) || (next != Py_None && !is_quad(next)))
-    invalid("Malformed state of a pickled QuadExpr");
+  PickleFormat format = quad_pickle();
+  PyObject *const *items = format.state_items(cls, layout, state);
+  PyObject *lin = items[0], *next = items[4];
+  if (!is_lin(lin) || (next != Py_None && !is_quad(next))) format.malformed();
   nb::object r = quad_new(lin_new());
   if (next != Py_None) quad_add(Q(r), next, {Kind::Quad, 0.0}, 1.0);
   quad_add(Q(r), lin, {Kind::Lin, 0.0}, 1.0);
   try {
-    quad_add_terms(Q(r), nb::handle(PyTuple_GET_ITEM(state.ptr(), 1)),
-                   nb::handle(PyTuple_GET_ITEM(state.ptr(), 2)),
-                   nb::handle(PyTuple_GET_ITEM(state.ptr(), 3)));
+    quad_add_terms(Q(r), items[1], items[2], items[3]);
   } catch (nb::python_error &) {
-    invalid("Malformed state of a pickled QuadExpr");
+    format.malformed();
   }
   return r;
 }
 
 void register_quadexpr_methods(PyTypeObject *type) {
-  nb::handle scope(reinterpret_cast<PyObject *>(type));
-  auto def = [&](const char *name, auto &&fn, auto... extra) {
-    add_method(type, name,
-               nb::cpp_function(std::forward<decltype(fn)>(fn), nb::scope(scope), nb::name(name),
-                                nb::is_method(), extra...));
-  };
+  MethodDefiner def{type};
   def(
       "add",
       [](nb::handle self, nb::handle expr, nb::handle mult) {
         QuadExprObject *q = quad_self(self);
-        double m;
-        if (!isscalar(mult.ptr(), &m)) invalid("Invalid argument to QuadExpr multiplication");
+        double m = number_arg(mult, "Invalid argument to QuadExpr multiplication");
         check_coeff(m);
         Operand o = classify(expr.ptr());
         if (o.kind == Kind::Other) invalid("Invalid argument to QuadExpr addition");
@@ -525,9 +341,7 @@ void register_quadexpr_methods(PyTypeObject *type) {
       "addConstant",
       [](nb::handle self, nb::handle c) {
         QuadExprObject *q = quad_self(self);
-        double v;
-        if (!isscalar(c.ptr(), &v)) invalid("Constant must be a number");
-        lin_add(q->lin, c.ptr(), {Kind::Num, v}, 1.0);
+        lin_add(q->lin, c.ptr(), {Kind::Num, number_arg(c, "Constant must be a number")}, 1.0);
       },
       nb::arg("constant").none(), "Adds a number to the constant.");
   def(
@@ -593,10 +407,7 @@ void register_quadexpr_methods(PyTypeObject *type) {
       "clear",
       [](nb::handle self) {
         QuadExprObject *q = quad_self(self);
-        QuadExprObject *next = q->next;
-        q->next = nullptr;
-        release_terms(q->terms);
-        release_chain(next);
+        clear_terms(q);
         nb::handle(reinterpret_cast<PyObject *>(q->lin)).attr("clear")();
       },
       "Removes every term and sets the constant to 0.");
@@ -638,9 +449,7 @@ void register_quadexpr_methods(PyTypeObject *type) {
       "_mul",
       [](nb::handle self, nb::handle c) {
         QuadExprObject *q = quad_self(self);
-        double v;
-        if (!isscalar(c.ptr(), &v)) invalid("Invalid argument to QuadExpr multiplication");
-        quad_scale(q, v);
+        quad_scale(q, number_arg(c, "Invalid argument to QuadExpr multiplication"));
       },
       nb::arg("c").none(), "Multiplies the expression by a number in place.");
   def(
@@ -713,30 +522,28 @@ void init_quadexpr(nb::module_ &m) {
       {Py_tp_repr, reinterpret_cast<void *>(quad_tp_repr)},
       {Py_tp_str, reinterpret_cast<void *>(quad_tp_str)},
       {Py_tp_richcompare, reinterpret_cast<void *>(expr_richcompare)},
-      {Py_nb_add, reinterpret_cast<void *>(quad_nb_add)},
-      {Py_nb_subtract, reinterpret_cast<void *>(quad_nb_subtract)},
+      {Py_nb_add, reinterpret_cast<void *>(sum_slot<QuadOps>)},
+      {Py_nb_subtract, reinterpret_cast<void *>(difference_slot<QuadOps>)},
       {Py_nb_multiply, reinterpret_cast<void *>(quad_nb_multiply)},
-      {Py_nb_true_divide, reinterpret_cast<void *>(quad_nb_true_divide)},
-      {Py_nb_negative, reinterpret_cast<void *>(quad_nb_negative)},
-      {Py_nb_inplace_add, reinterpret_cast<void *>(quad_nb_inplace_add)},
-      {Py_nb_inplace_subtract, reinterpret_cast<void *>(quad_nb_inplace_subtract)},
+      {Py_nb_true_divide, reinterpret_cast<void *>(quotient_slot<QuadOps>)},
+      {Py_nb_negative, reinterpret_cast<void *>(negation_slot<QuadOps>)},
+      {Py_nb_inplace_add, reinterpret_cast<void *>(inplace_sum_slot<QuadOps, 1>)},
+      {Py_nb_inplace_subtract, reinterpret_cast<void *>(inplace_sum_slot<QuadOps, -1>)},
       {Py_nb_inplace_multiply, reinterpret_cast<void *>(quad_nb_inplace_multiply)},
-      {Py_nb_inplace_true_divide, reinterpret_cast<void *>(quad_nb_inplace_true_divide)},
+      {Py_nb_inplace_true_divide, reinterpret_cast<void *>(inplace_quotient_slot<QuadOps>)},
       {0, nullptr}};
   static PyType_Spec spec = {"kaviropy.QuadExpr", sizeof(QuadExprObject), 0,
                              Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC, slots};
-  PyObject *type = PyType_FromSpec(&spec);
-  if (!type) throw nb::python_error();
-  g_quadexpr_type = reinterpret_cast<PyTypeObject *>(type);  // kept for the life of the process
+  g_quadexpr_type = new_heap_type(&spec);
   register_quadexpr_methods(g_quadexpr_type);
-  m.attr("QuadExpr") = nb::handle(type);
+  m.attr("QuadExpr") = nb::handle(reinterpret_cast<PyObject *>(g_quadexpr_type));
   static PyMethodDef unpickle = {
       "_unpickle_QuadExpr",
       reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(unpickle_entry<quad_unpickle>)),
       METH_FASTCALL,
       "_unpickle_QuadExpr(cls, layout, state)\n--\n\n"
       "Rebuilds a pickled QuadExpr."};
-  add_unpickler(m, &unpickle);
+  add_module_function(m, &unpickle);
 }
 
 }  // namespace kvrpy

@@ -98,9 +98,7 @@ void tc_tp_dealloc(PyObject *self) {
   Py_CLEAR(T(self)->lhs);
   Py_CLEAR(T(self)->sense);
   Py_CLEAR(T(self)->rhs);
-  PyTypeObject *type = Py_TYPE(self);
-  type->tp_free(self);
-  Py_DECREF(type);
+  free_heap_object(self);
 }
 
 int tc_tp_traverse(PyObject *self, visitproc visit, void *arg) {
@@ -132,7 +130,7 @@ PyObject *tc_tp_repr(PyObject *self) {
     s += sense;
     s += py_str(t->rhs);
     s += ">";
-    return PyUnicode_FromStringAndSize(s.data(), static_cast<Py_ssize_t>(s.size()));
+    return str_object(s);
   });
 }
 
@@ -187,7 +185,7 @@ PyObject *var_richcompare(PyObject *self, PyObject *other, int op) {
 
 void install_var_comparisons() {
   PyTypeObject *type = var_type();
-  nb::handle scope(reinterpret_cast<PyObject *>(type));
+  MethodDefiner def{type};
   struct Op {
     const char *name;
     int op;
@@ -198,15 +196,14 @@ void install_var_comparisons() {
                 Op{"__ge__", Py_GE, "self >= other: a TempConstr"},
                 Op{"__ne__", Py_NE, "Not supported: raises KaviroError"}}) {
     int code = op.op;
-    add_method(
-        type, op.name,
-        nb::cpp_function(
-            [code](nb::handle self, nb::handle other) {
-              PyObject *r = var_richcompare(self.ptr(), other.ptr(), code);
-              if (!r) throw nb::python_error();
-              return nb::steal(r);
-            },
-            nb::scope(scope), nb::name(op.name), nb::is_method(), nb::arg("other").none(), op.doc));
+    def(
+        op.name,
+        [code](nb::handle self, nb::handle other) {
+          PyObject *r = var_richcompare(self.ptr(), other.ptr(), code);
+          if (!r) throw nb::python_error();
+          return nb::steal(r);
+        },
+        nb::arg("other").none(), op.doc);
   }
   // Setting the attributes installed CPython's generic dispatcher; compare directly instead.
   type->tp_richcompare = var_richcompare;
@@ -248,19 +245,16 @@ void init_tempconstr(nb::module_ &m) {
       {0, nullptr}};
   static PyType_Spec spec = {"kaviropy.TempConstr", sizeof(TempConstrObject), 0,
                              Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC, slots};
-  PyObject *type = PyType_FromSpec(&spec);
-  if (!type) throw nb::python_error();
-  g_tempconstr_type = reinterpret_cast<PyTypeObject *>(type);  // kept for the life of the process
-  nb::handle cls(type);
-  add_method(g_tempconstr_type, "__nonzero__",
-             nb::cpp_function(
-                 [](nb::handle self) {
-                   if (PyObject_IsTrue(self.ptr()) < 0) throw nb::python_error();
-                   return false;
-                 },
-                 nb::scope(cls), nb::name("__nonzero__"), nb::is_method(),
-                 "Raises: a constraint has no truth value."));
-  m.attr("TempConstr") = cls;
+  g_tempconstr_type = new_heap_type(&spec);
+  MethodDefiner def{g_tempconstr_type};
+  def(
+      "__nonzero__",
+      [](nb::handle self) {
+        if (PyObject_IsTrue(self.ptr()) < 0) throw nb::python_error();
+        return false;
+      },
+      "Raises: a constraint has no truth value.");
+  m.attr("TempConstr") = nb::handle(reinterpret_cast<PyObject *>(g_tempconstr_type));
   install_var_comparisons();
 }
 

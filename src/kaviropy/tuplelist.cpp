@@ -376,44 +376,32 @@ nb::object call_list_method(PyObject *method, PyObject *self, PyObject *const *a
   return owned(PyObject_Vectorcall(method, stack.data(), 1 + nargs, kwnames));
 }
 
-// A list method that may remove members: the list operation, then the kind reset, then clean.
-template <PyObject **method>
-PyObject *removing_method(PyObject *self, PyObject *const *args, Py_ssize_t nargs,
+// A list method that changes the members: the list operation, then the kind reset when it may
+// remove members, then clean (also when the operation failed halfway).
+template <PyObject **method, bool removes>
+PyObject *changing_method(PyObject *self, PyObject *const *args, Py_ssize_t nargs,
                           PyObject *kwnames) {
   return guarded<PyObject *>(nullptr, [&] {
     TupleList *t = as_tuplelist(self);
+    auto after = [t] {
+      if (removes) del_check(t);
+      tuplelist_clean(t);
+    };
     nb::object result;
     try {
       result = call_list_method(*method, self, args, static_cast<size_t>(nargs), kwnames);
     } catch (nb::python_error &) {
-      del_check(t);
-      tuplelist_clean(t);
+      after();
       throw;
     }
-    del_check(t);
-    tuplelist_clean(t);
+    after();
     return result.release().ptr();
   });
 }
-
-// A list method that reorders members: the list operation, then clean (also when it failed
-// halfway).
 template <PyObject **method>
-PyObject *reordering_method(PyObject *self, PyObject *const *args, Py_ssize_t nargs,
-                            PyObject *kwnames) {
-  return guarded<PyObject *>(nullptr, [&] {
-    TupleList *t = as_tuplelist(self);
-    nb::object result;
-    try {
-      result = call_list_method(*method, self, args, static_cast<size_t>(nargs), kwnames);
-    } catch (nb::python_error &) {
-      tuplelist_clean(t);
-      throw;
-    }
-    tuplelist_clean(t);
-    return result.release().ptr();
-  });
-}
+constexpr auto removing_method = changing_method<method, true>;
+template <PyObject **method>
+constexpr auto reordering_method = changing_method<method, false>;
 
 PyObject *tl_append(PyObject *self, PyObject *item) {
   return guarded<PyObject *>(nullptr, [&] {
@@ -653,13 +641,18 @@ PyObject *tl_inplace_add(PyObject *self, PyObject *other) {
 }
 
 // Python 2 style slice access by name: a tuplelist with the same wildcard.
+// The slice(i, j) of the two arguments of a Python 2 style slice method.
+nb::object slice_arguments(const char *method, PyObject *const *args, Py_ssize_t nargs) {
+  if (nargs != 2) {
+    PyErr_Format(PyExc_TypeError, "%s expected 2 arguments, got %zd", method, nargs);
+    throw nb::python_error();
+  }
+  return owned(PySlice_New(args[0], args[1], nullptr));
+}
+
 PyObject *tl_getslice(PyObject *self, PyObject *const *args, Py_ssize_t nargs) {
   return guarded<PyObject *>(nullptr, [&]() -> PyObject * {
-    if (nargs != 2) {
-      PyErr_Format(PyExc_TypeError, "__getslice__ expected 2 arguments, got %zd", nargs);
-      return nullptr;
-    }
-    nb::object slice = owned(PySlice_New(args[0], args[1], nullptr));
+    nb::object slice = slice_arguments("__getslice__", args, nargs);
     nb::object items = owned(PyList_Type.tp_as_mapping->mp_subscript(self, slice.ptr()));
     nb::object result = new_tuplelist(as_tuplelist(self)->wild);
     extend(as_tuplelist(result.ptr()), items.ptr());
@@ -669,11 +662,7 @@ PyObject *tl_getslice(PyObject *self, PyObject *const *args, Py_ssize_t nargs) {
 
 PyObject *tl_delslice(PyObject *self, PyObject *const *args, Py_ssize_t nargs) {
   return guarded<PyObject *>(nullptr, [&]() -> PyObject * {
-    if (nargs != 2) {
-      PyErr_Format(PyExc_TypeError, "__delslice__ expected 2 arguments, got %zd", nargs);
-      return nullptr;
-    }
-    nb::object slice = owned(PySlice_New(args[0], args[1], nullptr));
+    nb::object slice = slice_arguments("__delslice__", args, nargs);
     ok(tl_ass_subscript(self, slice.ptr(), nullptr));
     Py_RETURN_NONE;
   });

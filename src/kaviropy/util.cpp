@@ -73,6 +73,13 @@ bool is_instance(nb::handle obj, const char *class_name) {
   return r == 1;
 }
 
+void add_module_function(nb::module_ &m, PyMethodDef *def) {
+  nb::object module_name = nb::str("kaviropy");
+  PyObject *f = PyCFunction_NewEx(def, nullptr, module_name.ptr());
+  if (!f) throw nb::python_error();
+  m.attr(def->ml_name) = nb::steal(f);
+}
+
 nb::object handle_object(const void *ptr) {
   if (!ptr) return nb::none();
   return nb::int_(reinterpret_cast<uintptr_t>(ptr));

@@ -5,39 +5,11 @@
  *   capi_test              run the tests
  *   capi_test bench N      time building a model of N variables and reading attributes over it
  */
-#include <math.h>
-#include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 #include <time.h>
 
-#include "kaviro_c.h"
-
-static int g_checks = 0, g_failed = 0;
-static KVRenv *g_env = NULL;
-
-static void check_at(int ok, const char *file, int line, const char *text) {
-  ++g_checks;
-  if (ok) return;
-  ++g_failed;
-  fprintf(stderr, "%s:%d: check failed: %s\n", file, line, text);
-}
-
-static void code_at(int want, int got, KVRmodel *m, const char *file, int line, const char *text) {
-  ++g_checks;
-  if (want == got) return;
-  ++g_failed;
-  fprintf(stderr, "%s:%d: %s returned %d, expected %d (%s)\n", file, line, text, got, want,
-          m ? KVRgetmerrormsg(m) : KVRgeterrormsg(g_env));
-}
-
-#define CHECK(cond) check_at((cond) != 0, __FILE__, __LINE__, #cond)
-/* A call on model m that must succeed / fail with the given code. */
-#define OK(m, call) code_at(0, (call), (m), __FILE__, __LINE__, #call)
-#define ERR(m, code, call) code_at((code), (call), (m), __FILE__, __LINE__, #call)
-/* The model's latest message contains text. */
-#define MSG(m, text) CHECK(strstr(KVRgetmerrormsg(m), (text)) != NULL)
-#define NEAR(a, b) CHECK(fabs((a) - (b)) <= 1e-9 * (1.0 + fabs((double)(b))))
+#define NEAR_TOLERANCE 1e-9
+#include "checks.h"
 
 /* ------------------------------------------------------------------ helpers */
 
@@ -1461,10 +1433,7 @@ static int bench(int n) {
 
 int main(int argc, char **argv) {
   int rc;
-  if (KVRemptyenv(&g_env) || KVRsetintparam(g_env, "OutputFlag", 0) || KVRstartenv(g_env)) {
-    fprintf(stderr, "cannot start an environment: %s\n", KVRgeterrormsg(g_env));
-    return 2;
-  }
+  if (checks_start()) return 2;
   if (argc == 3 && strcmp(argv[1], "bench") == 0) {
     rc = bench(atoi(argv[2]));
     KVRfreeenv(g_env);
@@ -1487,7 +1456,5 @@ int main(int argc, char **argv) {
   test_every_attribute();
   test_statistics();
   test_clean();
-  KVRfreeenv(g_env);
-  printf("%d checks, %d failed\n", g_checks, g_failed);
-  return g_failed ? 1 : 0;
+  return checks_finish();
 }

@@ -4,24 +4,10 @@
  * sub-environments and KVRcomputeIIS. Plain C; prints every failed check and a summary line; exits
  * with 1 on any failure.
  */
-#include <math.h>
-#include <stdio.h>
-#include <string.h>
+#include "checks.h"
 
-#include "kaviro_c.h"
-
-static int g_checks = 0, g_failed = 0;
-static KVRenv *g_env = NULL;
-
-static void check_at(int ok, int line, const char *text) {
-  ++g_checks;
-  if (ok) return;
-  ++g_failed;
-  fprintf(stderr, "optimize_test.c:%d: check failed: %s\n", line, text);
-}
-
-#define CHECK(cond) check_at((cond) != 0, __LINE__, #cond)
-#define CODE(want, call) check_at((call) == (want), __LINE__, #call " == " #want)
+/* A call whose result must be `want` (for calls without a model message to show). */
+#define CODE(want, call) check_at((call) == (want), __FILE__, __LINE__, #call " == " #want)
 
 /* max sum (j+1) x_j over 6 binaries with sum x <= 4. */
 static KVRmodel *binary_model(void) {
@@ -219,15 +205,10 @@ static void test_iis(void) {
 }
 
 int main(void) {
-  if (KVRemptyenv(&g_env) || KVRsetintparam(g_env, "OutputFlag", 0) || KVRstartenv(g_env)) {
-    fprintf(stderr, "cannot start an environment\n");
-    return 1;
-  }
+  if (checks_start()) return 1;
   test_callback_entry_points();
   test_optimize_failures();
   test_sub_environments();
   test_iis();
-  KVRfreeenv(g_env);
-  printf("%d checks, %d failed\n", g_checks, g_failed);
-  return g_failed ? 1 : 0;
+  return checks_finish();
 }

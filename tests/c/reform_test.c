@@ -5,44 +5,8 @@
  * checked. Plain C; uses only kaviro_c.h. Prints every failed check and a summary line; exits with
  * 1 on any failure.
  */
-#include <math.h>
-#include <stdio.h>
-#include <string.h>
+#include "checks.h"
 
-#include "kaviro_c.h"
-
-static int g_checks = 0, g_failed = 0;
-static KVRenv *g_env = NULL;
-
-static void check_at(int ok, const char *file, int line, const char *text) {
-  ++g_checks;
-  if (ok) return;
-  ++g_failed;
-  fprintf(stderr, "%s:%d: check failed: %s\n", file, line, text);
-}
-
-static void code_at(int want, int got, KVRmodel *m, const char *file, int line, const char *text) {
-  ++g_checks;
-  if (want == got) return;
-  ++g_failed;
-  fprintf(stderr, "%s:%d: %s returned %d, expected %d (%s)\n", file, line, text, got, want,
-          m ? KVRgetmerrormsg(m) : KVRgeterrormsg(g_env));
-}
-
-static void near_at(double got, double want, double tol, const char *file, int line,
-                    const char *text) {
-  ++g_checks;
-  if (fabs(got - want) <= tol * (1.0 + fabs(want))) return;
-  ++g_failed;
-  fprintf(stderr, "%s:%d: %s is %.10g, expected %.10g\n", file, line, text, got, want);
-}
-
-#define CHECK(cond) check_at((cond) != 0, __FILE__, __LINE__, #cond)
-#define OK(m, call) code_at(0, (call), (m), __FILE__, __LINE__, #call)
-#define ERR(m, code, call) code_at((code), (call), (m), __FILE__, __LINE__, #call)
-#define MSG(m, text) check_at(strstr(KVRgetmerrormsg(m), (text)) != NULL, __FILE__, __LINE__, text)
-#define NEAR(a, b) near_at((a), (b), 1e-6, __FILE__, __LINE__, #a)
-#define NEAR_TOL(a, b, tol) near_at((a), (b), (tol), __FILE__, __LINE__, #a)
 /* Index and value arrays as compound literals. */
 #define IND(...) \
   (int[]) { __VA_ARGS__ }
@@ -595,10 +559,7 @@ static void test_user_model(void) {
 }
 
 int main(void) {
-  if (KVRemptyenv(&g_env) || KVRsetintparam(g_env, "OutputFlag", 0) || KVRstartenv(g_env)) {
-    fprintf(stderr, "cannot start an environment: %s\n", KVRgeterrormsg(g_env));
-    return 2;
-  }
+  if (checks_start()) return 2;
   test_max_min();
   test_abs();
   test_and_or();
@@ -612,7 +573,5 @@ int main(void) {
   test_function_pieces();
   test_function_errors();
   test_user_model();
-  KVRfreeenv(g_env);
-  printf("%d checks, %d failed\n", g_checks, g_failed);
-  return g_failed ? 1 : 0;
+  return checks_finish();
 }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <optional>
 #include <unordered_map>
 
 #include "model/checks.h"
@@ -73,6 +74,7 @@ void fill(IndexSet ix, double *out, F &&f) {
 
 template <class T>
 void copy_vec(AttrId id, const std::vector<T> &v, IndexSet ix, double *out) {
+  if (ix.len == 0) return;  // nothing asked, nothing missing: also on a model without elements
   if (v.empty()) unavailable(id);
   if (max_index(ix) >= static_cast<int>(v.size())) unavailable(id);
   const T *p = v.data();
@@ -90,6 +92,53 @@ void copy_extra(const ExtraAttrs &ex, int key, IndexSet ix, double *out) {
   fill(ix, out, [&](int i) { return static_cast<size_t>(i) < col.size() ? col[i] : def; });
 }
 
+// Solution values held as one double each, NaN while absent.
+const double *solution_value(const Solution &s, AttrId id) {
+  switch (id) {
+    case A::ObjVal:
+      return &s.objval;
+    case A::ObjBound:
+      return &s.objbound;
+    case A::ObjBoundC:
+      return &s.objboundc;
+    case A::PoolObjBound:
+      return &s.pool_objbound;
+    case A::MIPGap:
+      return &s.mipgap;
+    case A::FarkasProof:
+      return &s.farkasproof;
+    case A::Kappa:
+      return &s.kappa;
+    case A::KappaExact:
+      return &s.kappa_exact;
+    default:
+      return nullptr;
+  }
+}
+
+// Solution vectors that are available exactly when they are not empty.
+const std::vector<double> *solution_vector(const Solution &s, AttrId id) {
+  switch (id) {
+    case A::X:
+      return &s.x;
+    case A::RC:
+      return &s.rc;
+    case A::BarX:
+      return &s.barx;
+    case A::UnbdRay:
+      return &s.unbdray;
+    case A::Pi:
+      return &s.pi;
+    case A::FarkasDual:
+      return &s.farkasdual;
+    case A::QCPi:
+      return &s.qcpi;
+    default:
+      return nullptr;
+  }
+}
+
+// Sensitivity ranges: computed on first use, never for models with discrete elements.
 const std::vector<double> *sa_vector(const Solution &s, AttrId id) {
   switch (id) {
     case A::SAObjLow:
@@ -415,7 +464,10 @@ void check_indices(const kvr_model *m, AttrId id, IndexSet ix) {
   }
 }
 
-bool has_selector(AttrId id) {
+namespace {
+// The parameter that selects which objective, scenario, MIP start or pool solution an attribute
+// refers to; none for the other attributes.
+std::optional<ParamId> selector_param(AttrId id) {
   switch (id) {
     case A::ObjN:
     case A::ObjNCon:
@@ -425,6 +477,7 @@ bool has_selector(AttrId id) {
     case A::ObjNAbsTol:
     case A::ObjNVal:
     case A::ObjNName:
+      return ParamId::ObjNumber;
     case A::ScenNLB:
     case A::ScenNUB:
     case A::ScenNObj:
@@ -433,35 +486,22 @@ bool has_selector(AttrId id) {
     case A::ScenNX:
     case A::ScenNObjBound:
     case A::ScenNObjVal:
+      return ParamId::ScenarioNumber;
     case A::Start:
+      return ParamId::StartNumber;
     case A::Xn:
     case A::PoolObjVal:
-      return true;
+      return ParamId::SolutionNumber;
     default:
-      return false;
+      return std::nullopt;
   }
 }
+}  // namespace
+
+bool has_selector(AttrId id) { return selector_param(id).has_value(); }
 
 int selector_of(const kvr_model *m, AttrId id) {
-  const ParamValues &p = m->env.params;
-  switch (id) {
-    case A::ScenNLB:
-    case A::ScenNUB:
-    case A::ScenNObj:
-    case A::ScenNRHS:
-    case A::ScenNName:
-    case A::ScenNX:
-    case A::ScenNObjBound:
-    case A::ScenNObjVal:
-      return p.get_int(ParamId::ScenarioNumber);
-    case A::Start:
-      return p.get_int(ParamId::StartNumber);
-    case A::Xn:
-    case A::PoolObjVal:
-      return p.get_int(ParamId::SolutionNumber);
-    default:
-      return p.get_int(ParamId::ObjNumber);
-  }
+  return m->env.params.get_int(selector_param(id).value_or(ParamId::ObjNumber));
 }
 
 // ---------------------------------------------------------------- availability
@@ -472,21 +512,9 @@ void check_available(kvr_model *m, AttrId id) {
   auto need = [&](bool ok) {
     if (!ok) unavailable(id);
   };
+  if (const double *v = solution_value(s, id)) return need(!std::isnan(*v));
+  if (const std::vector<double> *v = solution_vector(s, id)) return need(!v->empty());
   switch (id) {
-    case A::X:
-      return need(!s.x.empty());
-    case A::RC:
-      return need(!s.rc.empty());
-    case A::BarX:
-      return need(!s.barx.empty());
-    case A::UnbdRay:
-      return need(!s.unbdray.empty());
-    case A::Pi:
-      return need(!s.pi.empty());
-    case A::FarkasDual:
-      return need(!s.farkasdual.empty());
-    case A::QCPi:
-      return need(!s.qcpi.empty());
     case A::Slack:
       return need(!s.slack.empty() || !s.x.empty());
     case A::QCSlack:
@@ -572,22 +600,6 @@ void check_available(kvr_model *m, AttrId id) {
                     format("StartNumber %d does not select one of the %d MIP starts", k, limit));
       return;
     }
-    case A::ObjVal:
-      return need(!std::isnan(s.objval));
-    case A::ObjBound:
-      return need(!std::isnan(s.objbound));
-    case A::ObjBoundC:
-      return need(!std::isnan(s.objboundc));
-    case A::PoolObjBound:
-      return need(!std::isnan(s.pool_objbound));
-    case A::MIPGap:
-      return need(!std::isnan(s.mipgap));
-    case A::FarkasProof:
-      return need(!std::isnan(s.farkasproof));
-    case A::Kappa:
-      return need(!std::isnan(s.kappa));
-    case A::KappaExact:
-      return need(!std::isnan(s.kappa_exact));
     case A::Runtime:
     case A::Work:
     case A::IterCount:
@@ -609,6 +621,7 @@ double read_model_num(kvr_model *m, AttrId id) {
   const Solution &s = m->sol;
   if (is_statistic(id)) return statistic(m, id);
   if (is_quality(id)) return quality(m, id);
+  if (const double *v = solution_value(s, id)) return *v;
   switch (id) {
     case A::ModelSense:
       return d.sense;
@@ -616,24 +629,10 @@ double read_model_num(kvr_model *m, AttrId id) {
       return d.objcon;
     case A::IISMinimal:
       return s.iis_minimal;
-    case A::Kappa:
-      return s.kappa;
-    case A::KappaExact:
-      return s.kappa_exact;
-    case A::ObjVal:
-      return s.objval;
-    case A::ObjBound:
-      return s.objbound;
-    case A::ObjBoundC:
-      return s.objboundc;
-    case A::PoolObjBound:
-      return s.pool_objbound;
     case A::PoolObjVal: {
       size_t k = static_cast<size_t>(selector_of(m, id));
       return k < s.pool_obj.size() ? s.pool_obj[k] : s.objval;
     }
-    case A::MIPGap:
-      return s.mipgap;
     case A::Runtime:
       return s.runtime;
     case A::Work:
@@ -648,8 +647,6 @@ double read_model_num(kvr_model *m, AttrId id) {
       return s.nodecount;
     case A::BarIterCount:
       return s.baritercount;
-    case A::FarkasProof:
-      return s.farkasproof;
     case A::NumStart:
       return d.numstart;
     case A::TuneResultCount:
@@ -708,6 +705,8 @@ const char *read_model_str(kvr_model *m, AttrId id) {
 void read_elem_num(kvr_model *m, AttrId id, IndexSet ix, double *out) {
   const ModelData &d = m->data;
   const Solution &s = m->sol;
+  if (const std::vector<double> *v = solution_vector(s, id)) return copy_vec(id, *v, ix, out);
+  if (const std::vector<double> *v = sa_vector(s, id)) return copy_vec(id, *v, ix, out);
   switch (id) {
     // Variables.
     case A::LB:
@@ -716,14 +715,6 @@ void read_elem_num(kvr_model *m, AttrId id, IndexSet ix, double *out) {
       return copy_vec(id, d.vars.ub, ix, out);
     case A::Obj:
       return copy_vec(id, d.vars.obj, ix, out);
-    case A::X:
-      return copy_vec(id, s.x, ix, out);
-    case A::RC:
-      return copy_vec(id, s.rc, ix, out);
-    case A::BarX:
-      return copy_vec(id, s.barx, ix, out);
-    case A::UnbdRay:
-      return copy_vec(id, s.unbdray, ix, out);
     case A::VarPreStat:
       return copy_vec(id, s.varprestat, ix, out);
     case A::Xn: {
@@ -786,23 +777,10 @@ void read_elem_num(kvr_model *m, AttrId id, IndexSet ix, double *out) {
     }
     case A::ScenNX:
       return copy_vec(id, s.scen_x[read_scen(m, id)], ix, out);
-    case A::SAObjLow:
-    case A::SAObjUp:
-    case A::SALBLow:
-    case A::SALBUp:
-    case A::SAUBLow:
-    case A::SAUBUp:
-    case A::SARHSLow:
-    case A::SARHSUp:
-      return copy_vec(id, *sa_vector(s, id), ix, out);
 
     // Linear constraints.
     case A::RHS:
       return copy_vec(id, d.constrs.rhs, ix, out);
-    case A::Pi:
-      return copy_vec(id, s.pi, ix, out);
-    case A::FarkasDual:
-      return copy_vec(id, s.farkasdual, ix, out);
     case A::Slack:
       if (!s.slack.empty()) return copy_vec(id, s.slack, ix, out);
       if (s.x.size() != static_cast<size_t>(d.num_vars())) unavailable(id);
@@ -836,8 +814,6 @@ void read_elem_num(kvr_model *m, AttrId id, IndexSet ix, double *out) {
     case A::QCRHS:
       fill(ix, out, [&](int i) { return d.qconstrs.items[i].rhs; });
       return;
-    case A::QCPi:
-      return copy_vec(id, s.qcpi, ix, out);
     case A::QCSlack:
       if (!s.qcslack.empty()) return copy_vec(id, s.qcslack, ix, out);
       if (s.x.size() != static_cast<size_t>(d.num_vars())) unavailable(id);

@@ -10,12 +10,6 @@ using kvr::AttrId;
 using kvr::AttrType;
 using kvr::IndexSet;
 
-template <class Body>
-int with_model(KVRmodel *model, Body &&body) {
-  if (!model) return KVR_ERROR_NULL_ARGUMENT;
-  return model->run(body);
-}
-
 void need(const void *p, const char *what) {
   if (!p) kvr::fail(KVR_ERROR_NULL_ARGUMENT, "No %s given", what);
 }
@@ -34,8 +28,10 @@ AttrId start_read(KVRmodel *m, const char *name, AttrType type, IndexSet ix, con
   AttrId id = kvr::lookup_attr(name);
   kvr::check_attr_form(id, type, true);
   kvr::check_indices(m, id, ix);
-  if (ix.len > 0) need(out, "array for the values");
-  kvr::check_available(m, id);
+  if (ix.len > 0) {
+    need(out, "array for the values");
+    kvr::check_available(m, id);  // an empty list asks for nothing, so nothing can be missing
+  }
   return id;
 }
 
@@ -123,7 +119,7 @@ int KVRisattravailable(KVRmodel *model, const char *attrname) {
 int KVRprefetchattr(KVRmodel *model, const char *attrname) {
   // Every value is read straight from the model's arrays, so there is nothing to prepare; the
   // call still tells a wrong name or a running optimization.
-  return with_model(model, [&] {
+  return kvr::run_on_model(model, [&] {
     kvr::check_queryable(model);
     kvr::AttrId id = kvr::lookup_attr(attrname);
     if (kvr::attr_def(id).cls == kvr::AttrClass::Batch)
@@ -133,40 +129,40 @@ int KVRprefetchattr(KVRmodel *model, const char *attrname) {
 }
 
 int KVRgetintattr(KVRmodel *model, const char *attrname, int *valueP) {
-  return with_model(model, [&] {
+  return kvr::run_on_model(model, [&] {
     AttrId id = start_model_read(model, attrname, AttrType::Int, valueP);
     *valueP = static_cast<int>(kvr::read_model_num(model, id));
   });
 }
 
 int KVRsetintattr(KVRmodel *model, const char *attrname, int newvalue) {
-  return with_model(model, [&] {
+  return kvr::run_on_model(model, [&] {
     kvr::write_model_num(model, start_model_write(model, attrname, AttrType::Int), newvalue);
   });
 }
 
 int KVRgetdblattr(KVRmodel *model, const char *attrname, double *valueP) {
-  return with_model(model, [&] {
+  return kvr::run_on_model(model, [&] {
     AttrId id = start_model_read(model, attrname, AttrType::Dbl, valueP);
     *valueP = kvr::read_model_num(model, id);
   });
 }
 
 int KVRsetdblattr(KVRmodel *model, const char *attrname, double newvalue) {
-  return with_model(model, [&] {
+  return kvr::run_on_model(model, [&] {
     kvr::write_model_num(model, start_model_write(model, attrname, AttrType::Dbl), newvalue);
   });
 }
 
 int KVRgetstrattr(KVRmodel *model, const char *attrname, char **valueP) {
-  return with_model(model, [&] {
+  return kvr::run_on_model(model, [&] {
     AttrId id = start_model_read(model, attrname, AttrType::Str, valueP);
     *valueP = const_cast<char *>(kvr::read_model_str(model, id));
   });
 }
 
 int KVRsetstrattr(KVRmodel *model, const char *attrname, const char *newvalue) {
-  return with_model(model, [&] {
+  return kvr::run_on_model(model, [&] {
     kvr::write_model_str(model, start_model_write(model, attrname, AttrType::Str), newvalue);
   });
 }
@@ -174,28 +170,31 @@ int KVRsetstrattr(KVRmodel *model, const char *attrname, const char *newvalue) {
 // ---------------------------------------------------------------- element forms
 
 int KVRgetcharattrelement(KVRmodel *model, const char *attrname, int element, char *valueP) {
-  return with_model(model, [&] { get_chars(model, attrname, ::element(element), valueP); });
+  return kvr::run_on_model(model, [&] { get_chars(model, attrname, ::element(element), valueP); });
 }
 int KVRsetcharattrelement(KVRmodel *model, const char *attrname, int element, char newvalue) {
-  return with_model(model, [&] { set_chars(model, attrname, ::element(element), &newvalue); });
+  return kvr::run_on_model(model,
+                           [&] { set_chars(model, attrname, ::element(element), &newvalue); });
 }
 int KVRgetintattrelement(KVRmodel *model, const char *attrname, int element, int *valueP) {
-  return with_model(model, [&] { get_ints(model, attrname, ::element(element), valueP); });
+  return kvr::run_on_model(model, [&] { get_ints(model, attrname, ::element(element), valueP); });
 }
 int KVRsetintattrelement(KVRmodel *model, const char *attrname, int element, int newvalue) {
-  return with_model(model, [&] { set_ints(model, attrname, ::element(element), &newvalue); });
+  return kvr::run_on_model(model,
+                           [&] { set_ints(model, attrname, ::element(element), &newvalue); });
 }
 int KVRgetdblattrelement(KVRmodel *model, const char *attrname, int element, double *valueP) {
-  return with_model(model, [&] { get_dbls(model, attrname, ::element(element), valueP); });
+  return kvr::run_on_model(model, [&] { get_dbls(model, attrname, ::element(element), valueP); });
 }
 int KVRsetdblattrelement(KVRmodel *model, const char *attrname, int element, double newvalue) {
-  return with_model(model, [&] { set_dbls(model, attrname, ::element(element), &newvalue); });
+  return kvr::run_on_model(model,
+                           [&] { set_dbls(model, attrname, ::element(element), &newvalue); });
 }
 int KVRgetstrattrelement(KVRmodel *model, const char *attrname, int element, char **valueP) {
-  return with_model(model, [&] { get_strs(model, attrname, ::element(element), valueP); });
+  return kvr::run_on_model(model, [&] { get_strs(model, attrname, ::element(element), valueP); });
 }
 int KVRsetstrattrelement(KVRmodel *model, const char *attrname, int element, const char *newvalue) {
-  return with_model(model, [&] {
+  return kvr::run_on_model(model, [&] {
     if (!newvalue)
       kvr::fail(KVR_ERROR_NULL_ARGUMENT, "No value given for attribute '%s'", attrname);
     set_strs(model, attrname, ::element(element), &newvalue);
@@ -205,66 +204,67 @@ int KVRsetstrattrelement(KVRmodel *model, const char *attrname, int element, con
 // ---------------------------------------------------------------- array forms
 
 int KVRgetcharattrarray(KVRmodel *model, const char *attrname, int first, int len, char *values) {
-  return with_model(model, [&] { get_chars(model, attrname, range(first, len), values); });
+  return kvr::run_on_model(model, [&] { get_chars(model, attrname, range(first, len), values); });
 }
 int KVRsetcharattrarray(KVRmodel *model, const char *attrname, int first, int len,
                         const char *newvalues) {
-  return with_model(model, [&] { set_chars(model, attrname, range(first, len), newvalues); });
+  return kvr::run_on_model(model,
+                           [&] { set_chars(model, attrname, range(first, len), newvalues); });
 }
 int KVRgetintattrarray(KVRmodel *model, const char *attrname, int first, int len, int *values) {
-  return with_model(model, [&] { get_ints(model, attrname, range(first, len), values); });
+  return kvr::run_on_model(model, [&] { get_ints(model, attrname, range(first, len), values); });
 }
 int KVRsetintattrarray(KVRmodel *model, const char *attrname, int first, int len,
                        const int *newvalues) {
-  return with_model(model, [&] { set_ints(model, attrname, range(first, len), newvalues); });
+  return kvr::run_on_model(model, [&] { set_ints(model, attrname, range(first, len), newvalues); });
 }
 int KVRgetdblattrarray(KVRmodel *model, const char *attrname, int first, int len, double *values) {
-  return with_model(model, [&] { get_dbls(model, attrname, range(first, len), values); });
+  return kvr::run_on_model(model, [&] { get_dbls(model, attrname, range(first, len), values); });
 }
 int KVRsetdblattrarray(KVRmodel *model, const char *attrname, int first, int len,
                        const double *newvalues) {
-  return with_model(model, [&] { set_dbls(model, attrname, range(first, len), newvalues); });
+  return kvr::run_on_model(model, [&] { set_dbls(model, attrname, range(first, len), newvalues); });
 }
 int KVRgetstrattrarray(KVRmodel *model, const char *attrname, int first, int len, char **values) {
-  return with_model(model, [&] { get_strs(model, attrname, range(first, len), values); });
+  return kvr::run_on_model(model, [&] { get_strs(model, attrname, range(first, len), values); });
 }
 int KVRsetstrattrarray(KVRmodel *model, const char *attrname, int first, int len,
                        const char *const *newvalues) {
-  return with_model(model, [&] { set_strs(model, attrname, range(first, len), newvalues); });
+  return kvr::run_on_model(model, [&] { set_strs(model, attrname, range(first, len), newvalues); });
 }
 
 // ---------------------------------------------------------------- list forms
 
 int KVRgetcharattrlist(KVRmodel *model, const char *attrname, int len, const int *ind,
                        char *values) {
-  return with_model(model, [&] { get_chars(model, attrname, list(len, ind), values); });
+  return kvr::run_on_model(model, [&] { get_chars(model, attrname, list(len, ind), values); });
 }
 int KVRsetcharattrlist(KVRmodel *model, const char *attrname, int len, const int *ind,
                        const char *newvalues) {
-  return with_model(model, [&] { set_chars(model, attrname, list(len, ind), newvalues); });
+  return kvr::run_on_model(model, [&] { set_chars(model, attrname, list(len, ind), newvalues); });
 }
 int KVRgetintattrlist(KVRmodel *model, const char *attrname, int len, const int *ind, int *values) {
-  return with_model(model, [&] { get_ints(model, attrname, list(len, ind), values); });
+  return kvr::run_on_model(model, [&] { get_ints(model, attrname, list(len, ind), values); });
 }
 int KVRsetintattrlist(KVRmodel *model, const char *attrname, int len, const int *ind,
                       const int *newvalues) {
-  return with_model(model, [&] { set_ints(model, attrname, list(len, ind), newvalues); });
+  return kvr::run_on_model(model, [&] { set_ints(model, attrname, list(len, ind), newvalues); });
 }
 int KVRgetdblattrlist(KVRmodel *model, const char *attrname, int len, const int *ind,
                       double *values) {
-  return with_model(model, [&] { get_dbls(model, attrname, list(len, ind), values); });
+  return kvr::run_on_model(model, [&] { get_dbls(model, attrname, list(len, ind), values); });
 }
 int KVRsetdblattrlist(KVRmodel *model, const char *attrname, int len, const int *ind,
                       const double *newvalues) {
-  return with_model(model, [&] { set_dbls(model, attrname, list(len, ind), newvalues); });
+  return kvr::run_on_model(model, [&] { set_dbls(model, attrname, list(len, ind), newvalues); });
 }
 int KVRgetstrattrlist(KVRmodel *model, const char *attrname, int len, const int *ind,
                       char **values) {
-  return with_model(model, [&] { get_strs(model, attrname, list(len, ind), values); });
+  return kvr::run_on_model(model, [&] { get_strs(model, attrname, list(len, ind), values); });
 }
 int KVRsetstrattrlist(KVRmodel *model, const char *attrname, int len, const int *ind,
                       const char *const *newvalues) {
-  return with_model(model, [&] { set_strs(model, attrname, list(len, ind), newvalues); });
+  return kvr::run_on_model(model, [&] { set_strs(model, attrname, list(len, ind), newvalues); });
 }
 
 }  // extern "C"

@@ -257,6 +257,8 @@ KVR_API void KVRfree(void *ptr);
  */
 /* Names are case-insensitive. */
 KVR_API int KVRgetparamtype(KVRenv *env, const char *paramname); /* KVR_PARAM_* or -1 */
+/* Flags: 1 the value is a credential (never shown), 2 only meaningful with a remote service,
+   4 accepted and stored, but neither the library nor its engine acts on it. */
 KVR_API int KVRgetparamflags(KVRenv *env, const char *paramname, int *flagsP);
 KVR_API int KVRgetintparam(KVRenv *env, const char *paramname, int *valueP);
 KVR_API int KVRgetdblparam(KVRenv *env, const char *paramname, double *valueP);

@@ -79,13 +79,6 @@ class VarLines {
     if (j < 0) in_.fail("unknown variable '%.*s'", static_cast<int>(name.size()), name.data());
     return j;
   }
-  double num(std::string_view s, const char *what) {
-    double v;
-    if (!to_double(s, v))
-      in_.fail("expected a number for %s, found '%.*s'", what, static_cast<int>(s.size()),
-               s.data());
-    return v;
-  }
   // The value must be acceptable for the attribute (checked here, before anything is set).
   double attr_value(AttrId id, int elem, double v) {
     try {
@@ -110,7 +103,7 @@ void read_start(kvr_model *m, LineReader &in) {
     if (n == 0) continue;
     if (n != 2) in.fail("expected a variable name and a value");
     ind.push_back(vl.var(f[0]));
-    val.push_back(vl.attr_value(AttrId::Start, ind.back(), vl.num(f[1], "the value")));
+    val.push_back(vl.attr_value(AttrId::Start, ind.back(), in.number(f[1], "the value")));
   }
   check(m, KVRsetdblattrlist(m, "Start", static_cast<int>(ind.size()), ind.data(), val.data()));
 }
@@ -127,7 +120,7 @@ void read_hints(kvr_model *m, LineReader &in) {
       in.fail("expected a variable name, a hint value and an optional priority");
     int j = vl.var(f[0]);
     ind.push_back(j);
-    val.push_back(vl.attr_value(AttrId::VarHintVal, j, vl.num(f[1], "the hint value")));
+    val.push_back(vl.attr_value(AttrId::VarHintVal, j, in.number(f[1], "the hint value")));
     if (n == 3) {
       long long p;
       if (!to_int(f[2], p))

@@ -129,8 +129,7 @@ int KVRreadmodel(KVRenv *env, const char *filename, KVRmodel **modelP) {
 }
 
 int KVRread(KVRmodel *model, const char *filename) {
-  if (!model) return KVR_ERROR_NULL_ARGUMENT;
-  return model->run([&] {
+  return kvr::run_on_model(model, [&] {
     if (!filename) kvr::fail(KVR_ERROR_NULL_ARGUMENT, "Null file name given to KVRread");
     kvr::check_modifiable(model);
     FileType t = file_type(filename);
@@ -148,8 +147,7 @@ int KVRread(KVRmodel *model, const char *filename) {
 }
 
 int KVRwrite(KVRmodel *model, const char *filename) {
-  if (!model) return KVR_ERROR_NULL_ARGUMENT;
-  return model->run([&] {
+  return kvr::run_on_model(model, [&] {
     if (!filename) kvr::fail(KVR_ERROR_NULL_ARGUMENT, "Null file name given to KVRwrite");
     kvr::check_queryable(model);
     FileType t = file_type(filename);
@@ -164,8 +162,7 @@ int KVRwrite(KVRmodel *model, const char *filename) {
 
 int KVRgetjsonsolution(KVRmodel *model, char **buffP) {
   if (buffP) *buffP = nullptr;
-  if (!model) return KVR_ERROR_NULL_ARGUMENT;
-  return model->run([&] {
+  return kvr::run_on_model(model, [&] {
     if (!buffP)
       kvr::fail(KVR_ERROR_NULL_ARGUMENT, "Null buffer pointer given to KVRgetjsonsolution");
     kvr::check_queryable(model);

@@ -36,46 +36,56 @@ int genconstr_type(std::string_view keyword) {
 
 bool is_function_genconstr(int type) { return type >= KVR_GENCONSTR_PWL; }
 
+bool has_parameter_a(int type) {
+  return type == KVR_GENCONSTR_EXPA || type == KVR_GENCONSTR_LOGA || type == KVR_GENCONSTR_POW;
+}
+
+bool has_constant_operand(const GenConstr &g) {
+  return (g.type == KVR_GENCONSTR_MAX && g.constant != -KVR_INFINITY) ||
+         (g.type == KVR_GENCONSTR_MIN && g.constant != KVR_INFINITY);
+}
+
 namespace {
+// The approximation settings in file order.
 const struct {
   const char *key;
-  int which;
-} kFuncPieceKeys[] = {
-    {"FuncPieces", 0}, {"FuncPieceError", 1}, {"FuncPieceLength", 2}, {"FuncPieceRatio", 3}};
+  double (*get)(const GenConstr &);
+  void (*set)(GenConstr &, double);
+} kFuncPieceSettings[] = {
+    {"FuncPieces", [](const GenConstr &g) -> double { return g.funcpieces; },
+     [](GenConstr &g, double v) { g.funcpieces = static_cast<int>(v); }},
+    {"FuncPieceError", [](const GenConstr &g) { return g.funcpieceerror; },
+     [](GenConstr &g, double v) { g.funcpieceerror = v; }},
+    {"FuncPieceLength", [](const GenConstr &g) { return g.funcpiecelength; },
+     [](GenConstr &g, double v) { g.funcpiecelength = v; }},
+    {"FuncPieceRatio", [](const GenConstr &g) { return g.funcpieceratio; },
+     [](GenConstr &g, double v) { g.funcpieceratio = v; }},
+};
 }  // namespace
 
-std::string funcpiece_settings(const GenConstr &g) {
+std::vector<std::pair<const char *, double>> funcpiece_changes(const GenConstr &g) {
   static const GenConstr kDefault;
+  std::vector<std::pair<const char *, double>> out;
+  for (const auto &s : kFuncPieceSettings)
+    if (s.get(g) != s.get(kDefault)) out.emplace_back(s.key, s.get(g));
+  return out;
+}
+
+std::string funcpiece_settings(const GenConstr &g) {
   std::string out;
-  auto add = [&](const char *key, double v) {
+  for (const auto &[key, value] : funcpiece_changes(g)) {
     if (!out.empty()) out += ' ';
     out += key;
     out += '=';
-    out += num_text(v);
-  };
-  if (g.funcpieces != kDefault.funcpieces) add("FuncPieces", g.funcpieces);
-  if (g.funcpieceerror != kDefault.funcpieceerror) add("FuncPieceError", g.funcpieceerror);
-  if (g.funcpiecelength != kDefault.funcpiecelength) add("FuncPieceLength", g.funcpiecelength);
-  if (g.funcpieceratio != kDefault.funcpieceratio) add("FuncPieceRatio", g.funcpieceratio);
+    out += num_text(value);
+  }
   return out;
 }
 
 bool set_funcpiece(GenConstr &g, std::string_view key, double value) {
-  for (const auto &k : kFuncPieceKeys) {
-    if (!iequals(key, k.key)) continue;
-    switch (k.which) {
-      case 0:
-        g.funcpieces = static_cast<int>(value);
-        break;
-      case 1:
-        g.funcpieceerror = value;
-        break;
-      case 2:
-        g.funcpiecelength = value;
-        break;
-      default:
-        g.funcpieceratio = value;
-    }
+  for (const auto &s : kFuncPieceSettings) {
+    if (!iequals(key, s.key)) continue;
+    s.set(g, value);
     return true;
   }
   return false;
@@ -86,6 +96,18 @@ void check_writable(const ModelData &d, const char *format) {
     fail(KVR_ERROR_NOT_SUPPORTED,
          "Unable to write a model with scenarios in %s format (the scenarios would be lost)",
          format);
+}
+
+void check_model_name(const ModelData &d, const char *format) {
+  if (d.name.find_first_of("\r\n") != std::string::npos)
+    fail(KVR_ERROR_INVALID_ARGUMENT,
+         "Unable to write the model name in %s format: it contains a line break", format);
+}
+
+void check_options(const GenConstr &g, int i) {
+  if (g.options.find_first_of("\r\n") != std::string::npos)
+    fail(KVR_ERROR_INVALID_ARGUMENT,
+         "Unable to write general constraint %d: its options contain a line break", i);
 }
 
 }  // namespace kvr::io

@@ -575,7 +575,7 @@ class LpReader {
       } else {
         expected("'^ 2' or '* variable' in the quadratic terms");
       }
-      q.row.push_back(std::min(a, b)), q.col.push_back(std::max(a, b)), q.val.push_back(s * c);
+      q.push(a, b, s * c);
       first = false;
     }
     advance();
@@ -949,7 +949,7 @@ class LpReader {
       if (cur().type != Tk::Name) expected("a variable");
       g.xvar = var(cur().text);
       advance();
-      if (type == KVR_GENCONSTR_EXPA || type == KVR_GENCONSTR_LOGA || type == KVR_GENCONSTR_POW) {
+      if (has_parameter_a(type)) {
         expect(Tk::Comma);
         g.a = value("the parameter a");
       }

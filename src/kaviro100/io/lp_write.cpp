@@ -63,9 +63,7 @@ class LpWriter {
     check_names();
     out_.put("\\ LP format");
     if (!d_.name.empty()) {
-      if (d_.name.find_first_of("\r\n") != std::string::npos)
-        fail(KVR_ERROR_INVALID_ARGUMENT,
-             "Unable to write the model name in LP format: it contains a line break");
+      check_model_name(d_, "LP");
       out_.put("\n\\Problem name: ").put(d_.name);
     }
     out_.put('\n');
@@ -106,17 +104,7 @@ class LpWriter {
              "':' or '\\'",
              kind, i, static_cast<int>(n.size()), n.data());
     };
-    NamePool cols;
-    NameIndex colidx(cols);
-    for (int j = 0; j < d_.vars.size(); ++j) {
-      std::string_view n = vname_(j);
-      check(n, "variable", j);
-      cols.push_back(n);
-      if (colidx.add(j) != j)
-        fail(KVR_ERROR_INVALID_ARGUMENT,
-             "Unable to write the model in LP format: variables %d and %d are both named '%.*s'",
-             colidx.find(n), j, static_cast<int>(n.size()), n.data());
-    }
+    check_variable_names(d_, vname_, "LP", check);
     for (int i = 0; i < d_.constrs.size(); ++i) check_label(cname_(i), "constraint", i);
     for (int i = 0; i < d_.qconstrs.size(); ++i) check_label(qname_(i), "quadratic constraint", i);
     for (int i = 0; i < d_.gens.size(); ++i) check_label(gname_(i), "general constraint", i);
@@ -487,9 +475,7 @@ class LpWriter {
         list_open();
         bool first = true;
         for (int v : g.vars) list_item(vname_(v), first), first = false;
-        if ((g.type == KVR_GENCONSTR_MAX && g.constant != -KVR_INFINITY) ||
-            (g.type == KVR_GENCONSTR_MIN && g.constant != KVR_INFINITY))
-          list_number(g.constant, first);
+        if (has_constant_operand(g)) list_number(g.constant, first);
         text(" )");
         newline();
         continue;
@@ -499,8 +485,7 @@ class LpWriter {
       text(genconstr_keyword(g.type));
       list_open();
       text(vname_(g.xvar));
-      if (g.type == KVR_GENCONSTR_EXPA || g.type == KVR_GENCONSTR_LOGA ||
-          g.type == KVR_GENCONSTR_POW) {
+      if (has_parameter_a(g.type)) {
         text(" , ");
         number(g.a);
       }
@@ -528,9 +513,7 @@ class LpWriter {
         text(settings);
       }
       if (!g.options.empty()) {
-        if (g.options.find_first_of("\r\n") != std::string::npos)
-          fail(KVR_ERROR_INVALID_ARGUMENT,
-               "Unable to write general constraint %d: its options contain a line break", i);
+        check_options(g, i);
         text(" Options=");
         out_.put(g.options);
       }

@@ -299,14 +299,6 @@ class MpsReader {
     return j;
   }
 
-  double number(std::string_view s, const char *what) {
-    double v;
-    if (!to_double(s, v))
-      in_.fail("expected a number for %s, found '%.*s'", what, static_cast<int>(s.size()),
-               s.data());
-    return v;
-  }
-
   bool has_range(int r) const { return !std::isnan(range_[r]); }
 
   void check_name(std::string_view name) {
@@ -385,6 +377,36 @@ class MpsReader {
     tval_.push_back(v);
   }
 
+  // A data line of COLUMNS, RHS or RANGES: a name (column or set) and one or two (row, value)
+  // pairs.
+  struct Entries {
+    std::string_view name, r1, v1, r2, v2;
+  };
+  // Free format from field `first` (1: field 0 is the name): one or two pairs of a known row and
+  // a number.
+  bool free_entries_fit(int first, int n) const {
+    int k = n - first;
+    if (k != 2 && k != 4) return false;
+    double v;
+    return row_index_.find(f_[first]) >= 0 && to_double(f_[first + 1], v) &&
+           (k == 2 || (row_index_.find(f_[first + 2]) >= 0 && to_double(f_[first + 3], v)));
+  }
+  Entries free_entries(int first, int n) const {
+    Entries e;
+    if (first == 1) e.name = f_[0];
+    e.r1 = f_[first], e.v1 = f_[first + 1];
+    if (n == first + 4) e.r2 = f_[first + 2], e.v2 = f_[first + 3];
+    return e;
+  }
+  // Fixed format (columns 5-12, 15-22, 25-36, 40-47, 50-61), recognised by a known first row.
+  bool fixed_entries_fit(std::string_view line) const {
+    return line.size() >= 25 && row_index_.find(fixed_field(line, 15, 22)) >= 0;
+  }
+  static Entries fixed_entries(std::string_view line) {
+    return {fixed_field(line, 5, 12), fixed_field(line, 15, 22), fixed_field(line, 25, 36),
+            fixed_field(line, 40, 47), fixed_field(line, 50, 61)};
+  }
+
   void column_line(std::string_view line, int n) {
     if (mark_col_.size() != row_names_.size()) mark_col_.assign(row_names_.size(), -1);
     if (n >= 3 && f_[1] == "'MARKER'") {
@@ -397,27 +419,20 @@ class MpsReader {
                  static_cast<int>(f_[2].size()), f_[2].data());
       return;
     }
-    std::string_view col, r1, v1, r2, v2;
-    bool free_ok = (n == 3 || n == 5) && row_index_.find(f_[1]) >= 0 &&
-                   (n == 3 || row_index_.find(f_[3]) >= 0);
-    double dummy;
-    if (free_ok) free_ok = to_double(f_[2], dummy) && (n == 3 || to_double(f_[4], dummy));
-    if (free_ok) {
-      col = f_[0], r1 = f_[1], v1 = f_[2];
-      if (n == 5) r2 = f_[3], v2 = f_[4];
-    } else if (line.size() >= 25 && row_index_.find(fixed_field(line, 15, 22)) >= 0) {
-      col = fixed_field(line, 5, 12), r1 = fixed_field(line, 15, 22),
-      v1 = fixed_field(line, 25, 36);
-      r2 = fixed_field(line, 40, 47), v2 = fixed_field(line, 50, 61);
-      if (col.empty()) in_.fail("expected a column name");
-      if (!r2.empty() && v2.empty())
-        in_.fail("expected a value after row '%.*s'", static_cast<int>(r2.size()), r2.data());
+    Entries e;
+    if (free_entries_fit(1, n)) {
+      e = free_entries(1, n);
+    } else if (fixed_entries_fit(line)) {
+      e = fixed_entries(line);
+      if (e.name.empty()) in_.fail("expected a column name");
+      if (!e.r2.empty() && e.v2.empty())
+        in_.fail("expected a value after row '%.*s'", static_cast<int>(e.r2.size()), e.r2.data());
     } else if (n == 3 || n == 5) {
-      col = f_[0], r1 = f_[1], v1 = f_[2];
-      if (n == 5) r2 = f_[3], v2 = f_[4];
+      e = free_entries(1, n);
     } else {
       in_.fail("expected a column name followed by one or two pairs of row name and value");
     }
+    std::string_view col = e.name;
     int j = cur_col_;
     if (j < 0 || d_.vars.names.get(static_cast<size_t>(j)) != col) {
       j = col_index_.find(col);
@@ -432,30 +447,19 @@ class MpsReader {
       }
       cur_col_ = j;
     }
-    column_entry(j, r1, v1);
-    if (!r2.empty()) column_entry(j, r2, v2);
+    column_entry(j, e.r1, e.v1);
+    if (!e.r2.empty()) column_entry(j, e.r2, e.v2);
   }
 
   // RHS and RANGES: [set] row value [row value].
   void rhs_line(std::string_view line, int n, bool ranges) {
-    std::string_view set, r1, v1, r2, v2;
-    auto fits = [&](int first) {
-      int k = n - first;
-      if (k != 2 && k != 4) return false;
-      double v;
-      return row_index_.find(f_[first]) >= 0 && to_double(f_[first + 1], v) &&
-             (k == 2 || (row_index_.find(f_[first + 2]) >= 0 && to_double(f_[first + 3], v)));
-    };
-    if (fits(0)) {
-      r1 = f_[0], v1 = f_[1];
-      if (n == 4) r2 = f_[2], v2 = f_[3];
-    } else if (fits(1)) {
-      set = f_[0], r1 = f_[1], v1 = f_[2];
-      if (n == 5) r2 = f_[3], v2 = f_[4];
-    } else if (line.size() >= 25 && row_index_.find(fixed_field(line, 15, 22)) >= 0) {
-      set = fixed_field(line, 5, 12), r1 = fixed_field(line, 15, 22),
-      v1 = fixed_field(line, 25, 36);
-      r2 = fixed_field(line, 40, 47), v2 = fixed_field(line, 50, 61);
+    Entries e;
+    if (free_entries_fit(0, n)) {
+      e = free_entries(0, n);
+    } else if (free_entries_fit(1, n)) {
+      e = free_entries(1, n);
+    } else if (fixed_entries_fit(line)) {
+      e = fixed_entries(line);
     } else {
       // Report the first thing that is wrong in the free reading.
       int first = (n % 2 == 1) ? 1 : 0;
@@ -463,10 +467,11 @@ class MpsReader {
         in_.fail("expected an optional set name and one or two pairs of row name and value");
       for (int k = first; k + 1 < n; k += 2) {
         find_row(f_[k]);
-        number(f_[k + 1], ranges ? "a range" : "a right-hand side");
+        in_.number(f_[k + 1], ranges ? "a range" : "a right-hand side");
       }
       in_.fail("expected an optional set name and one or two pairs of row name and value");
     }
+    std::string_view set = e.name;
     std::string &chosen = ranges ? range_set_ : rhs_set_;
     bool &chosen_set = ranges ? range_set_chosen_ : rhs_set_chosen_;
     if (!set.empty()) {
@@ -477,13 +482,13 @@ class MpsReader {
         return;  // only the first set counts
       }
     }
-    rhs_entry(r1, v1, ranges);
-    if (!r2.empty()) rhs_entry(r2, v2, ranges);
+    rhs_entry(e.r1, e.v1, ranges);
+    if (!e.r2.empty()) rhs_entry(e.r2, e.v2, ranges);
   }
 
   void rhs_entry(std::string_view rowname, std::string_view value, bool ranges) {
     int r = find_row(rowname);
-    double v = number(value, ranges ? "a range" : "a right-hand side");
+    double v = in_.number(value, ranges ? "a range" : "a right-hand side");
     if (ranges) {
       if (row_type_[r] == 'N') return;
       if (row_kind_[r] != kLinear)
@@ -548,7 +553,7 @@ class MpsReader {
       if (ci < n && !known(f_[ci]))
         in_.fail("unknown column '%.*s' in bound of type %s", static_cast<int>(f_[ci].size()),
                  f_[ci].data(), kTypes[kind]);
-      if (needs_value && n >= 3) number(f_[n - 1], "a bound");
+      if (needs_value && n >= 3) in_.number(f_[n - 1], "a bound");
       in_.fail("expected %s after bound type %s",
                needs_value ? "[set name] column name and value" : "[set name] column name",
                kTypes[kind]);
@@ -608,16 +613,16 @@ class MpsReader {
   void quad_line(int n) {
     if (n != 3) in_.fail("expected two column names and a value");
     int a = find_col(f_[0]), b = find_col(f_[1]);
-    double v = number(f_[2], "a quadratic coefficient");
+    double v = in_.number(f_[2], "a quadratic coefficient");
     if (section_ == Section::QuadObj) {
       if (a == b) v *= 0.5;
-      d_.q.row.push_back(std::min(a, b)), d_.q.col.push_back(std::max(a, b)), d_.q.val.push_back(v);
+      d_.q.push(a, b, v);
       return;
     }
     // Both triangles are listed: in x'Qx each entry is a term of its own.
     if (section_ == Section::QMatrix) v *= 0.5;
     QuadTerms &q = section_ == Section::QMatrix ? d_.q : qrows_[qc_row_];
-    q.row.push_back(std::min(a, b)), q.col.push_back(std::max(a, b)), q.val.push_back(v);
+    q.push(a, b, v);
   }
 
   void sos_line(int n) {
@@ -645,7 +650,7 @@ class MpsReader {
     }
     int j = find_col(col);
     d_.sos.ind.push_back(j);
-    d_.sos.weight.push_back(number(w, "an SOS weight"));
+    d_.sos.weight.push_back(in_.number(w, "an SOS weight"));
     ++d_.sos.beg.back();
   }
 
@@ -713,10 +718,10 @@ class MpsReader {
     } else if (upper_equals(key, "CONST") &&
                (g.type == KVR_GENCONSTR_MAX || g.type == KVR_GENCONSTR_MIN)) {
       need(2);
-      g.constant = number(f_[1], "the constant");
+      g.constant = in_.number(f_[1], "the constant");
     } else if (upper_equals(key, "WHICH") && g.type == KVR_GENCONSTR_NORM) {
       need(2);
-      g.constant = number(f_[1], "the norm");
+      g.constant = in_.number(f_[1], "the norm");
       if (g.constant != 0 && g.constant != 1 && g.constant != 2 && g.constant != KVR_INFINITY)
         in_.fail("the norm must be 0, 1, 2 or infinity");
     } else if (upper_equals(key, "X") && fn) {
@@ -727,18 +732,16 @@ class MpsReader {
       g.yvar = find_col(f_[1]);
     } else if (upper_equals(key, "POINT") && g.type == KVR_GENCONSTR_PWL) {
       need(3);
-      g.xpts.push_back(number(f_[1], "a point"));
-      g.ypts.push_back(number(f_[2], "a point"));
+      g.xpts.push_back(in_.number(f_[1], "a point"));
+      g.ypts.push_back(in_.number(f_[2], "a point"));
     } else if (upper_equals(key, "COEF") && g.type == KVR_GENCONSTR_POLY) {
       need(2);
-      g.p.push_back(number(f_[1], "a coefficient"));
-    } else if (upper_equals(key, "A") &&
-               (g.type == KVR_GENCONSTR_EXPA || g.type == KVR_GENCONSTR_LOGA ||
-                g.type == KVR_GENCONSTR_POW)) {
+      g.p.push_back(in_.number(f_[1], "a coefficient"));
+    } else if (upper_equals(key, "A") && has_parameter_a(g.type)) {
       need(2);
-      g.a = number(f_[1], "the parameter a");
+      g.a = in_.number(f_[1], "the parameter a");
     } else if (fn && n == 2 && set_funcpiece(g, key, 0.0)) {
-      set_funcpiece(g, key, number(f_[1], "the approximation setting"));
+      set_funcpiece(g, key, in_.number(f_[1], "the approximation setting"));
     } else {
       in_.fail("unexpected item '%.*s' in general constraint '%s' of type %s",
                static_cast<int>(key.size()), key.data(),
@@ -750,7 +753,7 @@ class MpsReader {
   void pwl_line(int n) {
     if (n != 3) in_.fail("expected a column name and the x and y of a point");
     int j = find_col(f_[0]);
-    double x = number(f_[1], "a point"), y = number(f_[2], "a point");
+    double x = in_.number(f_[1], "a point"), y = in_.number(f_[2], "a point");
     if (d_.pwlobj.empty() || d_.pwlobj.back().var != j) {
       if (pwl_seen_.size() < d_.vars.lb.size()) pwl_seen_.resize(d_.vars.lb.size());
       if (pwl_seen_[j]) in_.fail("the points of column '%s' are not contiguous", col_name(j));

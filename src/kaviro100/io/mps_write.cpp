@@ -44,9 +44,7 @@ class MpsWriter {
     check_names();
     out_.put("NAME");
     if (!d_.name.empty()) {
-      if (d_.name.find_first_of("\r\n") != std::string::npos)
-        fail(KVR_ERROR_INVALID_ARGUMENT,
-             "Unable to write the model name in MPS format: it contains a line break");
+      check_model_name(d_, "MPS");
       out_.put(' ').put(d_.name);
     }
     out_.put('\n');
@@ -72,17 +70,7 @@ class MpsWriter {
                "Unable to write %s %d named '%.*s' in MPS format: names cannot contain blanks",
                kind, i, static_cast<int>(name.size()), name.data());
     };
-    NamePool cols;
-    NameIndex colidx(cols);
-    for (int j = 0; j < d_.vars.size(); ++j) {
-      std::string_view n = vname_(j);
-      check(n, "variable", j);
-      cols.push_back(n);
-      if (colidx.add(j) != j)
-        fail(KVR_ERROR_INVALID_ARGUMENT,
-             "Unable to write the model in MPS format: variables %d and %d are both named '%.*s'",
-             colidx.find(n), j, static_cast<int>(n.size()), n.data());
-    }
+    check_variable_names(d_, vname_, "MPS", check);
     NamePool rows;
     NameIndex rowidx(rows);
     auto add_row = [&](std::string_view n, const char *kind, int i) {
@@ -336,9 +324,7 @@ class MpsWriter {
       if (!is_function_genconstr(g.type)) {
         item("RES", vname_(g.resvar));
         for (int v : g.vars) item("ARG", vname_(v));
-        if ((g.type == KVR_GENCONSTR_MAX && g.constant != -KVR_INFINITY) ||
-            (g.type == KVR_GENCONSTR_MIN && g.constant != KVR_INFINITY))
-          item("CONST", g.constant);
+        if (has_constant_operand(g)) item("CONST", g.constant);
         if (g.type == KVR_GENCONSTR_NORM) item("WHICH", g.constant);
         continue;
       }
@@ -349,18 +335,10 @@ class MpsWriter {
           out_.put("    POINT ").num(g.xpts[k]).put(' ').num(g.ypts[k]).put('\n');
       if (g.type == KVR_GENCONSTR_POLY)
         for (double c : g.p) item("COEF", c);
-      if (g.type == KVR_GENCONSTR_EXPA || g.type == KVR_GENCONSTR_LOGA ||
-          g.type == KVR_GENCONSTR_POW)
-        item("A", g.a);
-      static const GenConstr kDefault;
-      if (g.funcpieces != kDefault.funcpieces) item("FuncPieces", g.funcpieces);
-      if (g.funcpieceerror != kDefault.funcpieceerror) item("FuncPieceError", g.funcpieceerror);
-      if (g.funcpiecelength != kDefault.funcpiecelength) item("FuncPieceLength", g.funcpiecelength);
-      if (g.funcpieceratio != kDefault.funcpieceratio) item("FuncPieceRatio", g.funcpieceratio);
+      if (has_parameter_a(g.type)) item("A", g.a);
+      for (const auto &[key, value] : funcpiece_changes(g)) item(key, value);
       if (!g.options.empty()) {
-        if (g.options.find_first_of("\r\n") != std::string::npos)
-          fail(KVR_ERROR_INVALID_ARGUMENT,
-               "Unable to write general constraint %d: its options contain a line break", i);
+        check_options(g, i);
         item("OPTIONS", std::string_view(g.options));
       }
     }

@@ -391,6 +391,14 @@ void LineReader::fail(const char *fmt, ...) const {
   vfail(fmt, ap);
 }
 
+double LineReader::number(std::string_view field, const char *what) const {
+  double v;
+  if (!to_double(field, v))
+    fail("expected a number for %s, found '%.*s'", what, static_cast<int>(field.size()),
+         field.data());
+  return v;
+}
+
 // ---------------------------------------------------------------- TextWriter
 
 TextWriter::TextWriter(const std::string &filename)

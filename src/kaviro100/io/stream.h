@@ -47,6 +47,9 @@ class LineReader {
   // Throws FILE_READ with "<file>, line <n>: <message>".
   [[noreturn]] void fail(const char *fmt, ...) const __attribute__((format(printf, 2, 3)));
   [[noreturn]] void vfail(const char *fmt, va_list ap) const;
+  // The number in a field of the current line (see to_double); fails with "expected a number
+  // for <what>, found '<field>'".
+  double number(std::string_view field, const char *what) const;
 
  private:
   bool refill();

@@ -24,12 +24,6 @@ void check_new_vars(const NewVars &nv, int first_index);
 // Appends checked variables (and resizes the extra attribute columns).
 void append_new_vars(VarData &vars, const NewVars &nv, bool ignore_names);
 
-// Merges duplicate indices (summing their values, keeping the order of first occurrence) and
-// drops zero values; returns the new length.
-size_t clean_terms(int *ind, double *val, size_t n);
-// The same for pairs; (i, j) and (j, i) are the same pair.
-size_t clean_pairs(int *ind0, int *ind1, double *val, size_t n);
-
 // Checks the terms of a linear expression over `count` elements of kind `kind` ("variable" or
 // "constraint"): indices in range, values finite. `what` names the expression in messages
 // ("constraint 3", "the objective").

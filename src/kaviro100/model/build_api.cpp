@@ -46,62 +46,6 @@ void append_new_vars(VarData &vars, const NewVars &nv, bool ignore_names) {
   vars.extra.resize(n);
 }
 
-size_t clean_terms(int *ind, double *val, size_t n) {
-  size_t out = 0;
-  if (n <= 32) {
-    for (size_t k = 0; k < n; ++k) {
-      size_t j = 0;
-      while (j < out && ind[j] != ind[k]) ++j;
-      if (j < out) {
-        val[j] += val[k];
-      } else {
-        ind[out] = ind[k], val[out] = val[k];
-        ++out;
-      }
-    }
-  } else {
-    std::unordered_map<int, size_t> first;
-    first.reserve(n);
-    for (size_t k = 0; k < n; ++k) {
-      auto [it, fresh] = first.emplace(ind[k], out);
-      if (fresh) {
-        ind[out] = ind[k], val[out] = val[k];
-        ++out;
-      } else {
-        val[it->second] += val[k];
-      }
-    }
-  }
-  size_t keep = 0;
-  for (size_t k = 0; k < out; ++k)
-    if (val[k] != 0.0) ind[keep] = ind[k], val[keep] = val[k], ++keep;
-  return keep;
-}
-
-size_t clean_pairs(int *ind0, int *ind1, double *val, size_t n) {
-  auto key = [&](size_t k) {
-    uint32_t a = static_cast<uint32_t>(std::min(ind0[k], ind1[k]));
-    uint32_t b = static_cast<uint32_t>(std::max(ind0[k], ind1[k]));
-    return (static_cast<uint64_t>(a) << 32) | b;
-  };
-  std::unordered_map<uint64_t, size_t> first;
-  first.reserve(n);
-  size_t out = 0;
-  for (size_t k = 0; k < n; ++k) {
-    auto [it, fresh] = first.emplace(key(k), out);
-    if (fresh) {
-      ind0[out] = ind0[k], ind1[out] = ind1[k], val[out] = val[k];
-      ++out;
-    } else {
-      val[it->second] += val[k];
-    }
-  }
-  size_t keep = 0;
-  for (size_t k = 0; k < out; ++k)
-    if (val[k] != 0.0) ind0[keep] = ind0[k], ind1[keep] = ind1[k], val[keep] = val[k], ++keep;
-  return keep;
-}
-
 void check_terms(int n, const int *ind, const double *val, int count, const char *kind,
                  const std::string &what) {
   if (n < 0)
@@ -190,12 +134,6 @@ bool ignore_names(const kvr_model *m) { return m->env.params.get_int(ParamId::Ig
 namespace {
 
 using namespace kvr;
-
-template <class Body>
-int with_model(KVRmodel *model, Body &&body) {
-  if (!model) return KVR_ERROR_NULL_ARGUMENT;
-  return model->run(body);
-}
 
 std::string element_text(const char *kind, int i) { return format("%s %d", kind, i); }
 
@@ -310,7 +248,9 @@ void add_rows(kvr_model *m, int count, int nnz, const int *beg, const int *ind, 
   if (at_once) added_at_once(m);
 }
 
-void check_del(kvr_model *m, int numdel, const int *ind, int count, const char *kind) {
+// Checks the indices of a deletion of `kind` elements (`count` of them now) and queues it.
+void queue_deletions(kvr_model *m, int numdel, const int *ind, int count, const char *kind,
+                     std::vector<int> &queue) {
   check_modifiable(m);
   check_count(numdel, "number of elements to delete");
   check_array(ind, numdel, "index");
@@ -319,6 +259,7 @@ void check_del(kvr_model *m, int numdel, const int *ind, int count, const char *
       fail(KVR_ERROR_INDEX_OUT_OF_RANGE,
            "Cannot delete %s %d: index out of range (the model has %d %ss)", kind, ind[k], count,
            kind);
+  queue.insert(queue.end(), ind, ind + numdel);
 }
 
 void check_objective_sense(int sense) {
@@ -340,7 +281,7 @@ extern "C" {
 int KVRaddvars(KVRmodel *model, int numvars, int numnz, const int *vbeg, const int *vind,
                const double *vval, const double *obj, const double *lb, const double *ub,
                const char *vtype, const char *const *varnames) {
-  return with_model(model, [&] {
+  return kvr::run_on_model(model, [&] {
     const bool at_once = start_adding(model);
     check_count(numvars, "number of variables");
     check_count(numnz, "number of nonzeros");
@@ -381,7 +322,7 @@ int KVRaddvar(KVRmodel *model, int numnz, const int *vind, const double *vval, d
 int KVRaddconstrs(KVRmodel *model, int numconstrs, int numnz, const int *cbeg, const int *cind,
                   const double *cval, const char *sense, const double *rhs,
                   const char *const *constrnames) {
-  return with_model(model, [&] {
+  return kvr::run_on_model(model, [&] {
     add_rows(model, numconstrs, numnz, cbeg, cind, cval, sense, rhs, nullptr, nullptr, constrnames);
   });
 }
@@ -395,7 +336,7 @@ int KVRaddconstr(KVRmodel *model, int numnz, const int *cind, const double *cval
 int KVRaddrangeconstrs(KVRmodel *model, int numconstrs, int numnz, const int *cbeg, const int *cind,
                        const double *cval, const double *lower, const double *upper,
                        const char *const *constrnames) {
-  return with_model(model, [&] {
+  return kvr::run_on_model(model, [&] {
     if (numconstrs > 0 && (!lower || !upper))
       fail(KVR_ERROR_NULL_ARGUMENT, "No %s array given for %d range constraints",
            lower ? "upper" : "lower", numconstrs);
@@ -413,7 +354,7 @@ int KVRaddrangeconstr(KVRmodel *model, int numnz, const int *cind, const double 
 int KVRaddqconstr(KVRmodel *model, int numlnz, const int *lind, const double *lval, int numqnz,
                   const int *qrow, const int *qcol, const double *qval, char sense, double rhs,
                   const char *QCname) {
-  return with_model(model, [&] {
+  return kvr::run_on_model(model, [&] {
     start_adding(model);
     const int nv = all_vars(model);
     const int index = model->data.qconstrs.size() + model->pending.added.qconstrs.size();
@@ -437,7 +378,7 @@ int KVRaddqconstr(KVRmodel *model, int numlnz, const int *lind, const double *lv
 
 int KVRaddsos(KVRmodel *model, int numsos, int nummembers, const int *types, const int *beg,
               const int *ind, const double *weight) {
-  return with_model(model, [&] {
+  return kvr::run_on_model(model, [&] {
     start_adding(model);
     check_count(numsos, "number of SOS constraints");
     check_count(nummembers, "number of SOS members");
@@ -490,7 +431,7 @@ int KVRaddsos(KVRmodel *model, int numsos, int nummembers, const int *types, con
 
 int KVRaddqpterms(KVRmodel *model, int numqnz, const int *qrow, const int *qcol,
                   const double *qval) {
-  return with_model(model, [&] {
+  return kvr::run_on_model(model, [&] {
     check_modifiable(model);
     check_quad_terms(numqnz, qrow, qcol, qval, model->data.num_vars(), "the objective");
     PendingChanges &p = model->pending;
@@ -503,7 +444,7 @@ int KVRaddqpterms(KVRmodel *model, int numqnz, const int *qrow, const int *qcol,
 }
 
 int KVRdelq(KVRmodel *model) {
-  return with_model(model, [&] {
+  return kvr::run_on_model(model, [&] {
     check_modifiable(model);
     model->pending.log.push_back(Change{ChangeKind::DelQ, AttrId::Count, -1, -1, 0.0, 0});
   });
@@ -512,7 +453,7 @@ int KVRdelq(KVRmodel *model) {
 int KVRsetobjective(KVRmodel *model, int sense, double constant, int lnz, const int *lind,
                     const double *lval, int qnz, const int *qrow, const int *qcol,
                     const double *qval) {
-  return with_model(model, [&] {
+  return kvr::run_on_model(model, [&] {
     check_modifiable(model);
     check_objective_sense(sense);
     check_constant(constant, "the objective");
@@ -534,7 +475,7 @@ int KVRsetobjective(KVRmodel *model, int sense, double constant, int lnz, const 
 int KVRsetobjectiven(KVRmodel *model, int index, int priority, double weight, double abstol,
                      double reltol, const char *name, double constant, int lnz, const int *lind,
                      const double *lval) {
-  return with_model(model, [&] {
+  return kvr::run_on_model(model, [&] {
     check_modifiable(model);
     if (index < 0 || index >= 1000000)
       fail(KVR_ERROR_INVALID_ARGUMENT, "Invalid objective index %d: use 0 to 999999", index);
@@ -566,7 +507,7 @@ int KVRsetobjectiven(KVRmodel *model, int index, int priority, double weight, do
 }
 
 int KVRsetpwlobj(KVRmodel *model, int var, int npoints, const double *x, const double *y) {
-  return with_model(model, [&] {
+  return kvr::run_on_model(model, [&] {
     check_modifiable(model);
     check_index(var, model->data.num_vars(), "variable", "Piecewise-linear objective");
     check_count(npoints, "number of points");
@@ -605,7 +546,7 @@ int KVRsetpwlobj(KVRmodel *model, int var, int npoints, const double *x, const d
 }
 
 int KVRchgcoeffs(KVRmodel *model, int cnt, const int *cind, const int *vind, const double *val) {
-  return with_model(model, [&] {
+  return kvr::run_on_model(model, [&] {
     check_modifiable(model);
     check_count(cnt, "number of coefficient changes");
     check_array(cind, cnt, "constraint index");
@@ -624,42 +565,37 @@ int KVRchgcoeffs(KVRmodel *model, int cnt, const int *cind, const int *vind, con
 }
 
 int KVRdelvars(KVRmodel *model, int numdel, const int *ind) {
-  return with_model(model, [&] {
-    check_del(model, numdel, ind, model->data.num_vars(), "variable");
-    auto &d = model->pending.del_vars;
-    d.insert(d.end(), ind, ind + numdel);
+  return kvr::run_on_model(model, [&] {
+    queue_deletions(model, numdel, ind, model->data.num_vars(), "variable",
+                    model->pending.del_vars);
   });
 }
 
 int KVRdelconstrs(KVRmodel *model, int numdel, const int *ind) {
-  return with_model(model, [&] {
-    check_del(model, numdel, ind, model->data.num_constrs(), "constraint");
-    auto &d = model->pending.del_constrs;
-    d.insert(d.end(), ind, ind + numdel);
+  return kvr::run_on_model(model, [&] {
+    queue_deletions(model, numdel, ind, model->data.num_constrs(), "constraint",
+                    model->pending.del_constrs);
   });
 }
 
 int KVRdelsos(KVRmodel *model, int numdel, const int *ind) {
-  return with_model(model, [&] {
-    check_del(model, numdel, ind, model->data.sos.size(), "SOS constraint");
-    auto &d = model->pending.del_sos;
-    d.insert(d.end(), ind, ind + numdel);
+  return kvr::run_on_model(model, [&] {
+    queue_deletions(model, numdel, ind, model->data.sos.size(), "SOS constraint",
+                    model->pending.del_sos);
   });
 }
 
 int KVRdelqconstrs(KVRmodel *model, int numdel, const int *ind) {
-  return with_model(model, [&] {
-    check_del(model, numdel, ind, model->data.qconstrs.size(), "quadratic constraint");
-    auto &d = model->pending.del_qconstrs;
-    d.insert(d.end(), ind, ind + numdel);
+  return kvr::run_on_model(model, [&] {
+    queue_deletions(model, numdel, ind, model->data.qconstrs.size(), "quadratic constraint",
+                    model->pending.del_qconstrs);
   });
 }
 
 int KVRdelgenconstrs(KVRmodel *model, int numdel, const int *ind) {
-  return with_model(model, [&] {
-    check_del(model, numdel, ind, model->data.gens.size(), "general constraint");
-    auto &d = model->pending.del_gens;
-    d.insert(d.end(), ind, ind + numdel);
+  return kvr::run_on_model(model, [&] {
+    queue_deletions(model, numdel, ind, model->data.gens.size(), "general constraint",
+                    model->pending.del_gens);
   });
 }
 

@@ -17,12 +17,6 @@ const char *const kTypeNames[] = {"Max",       "Min", "Abs",  "And", "Or",   "No
                                   "Indicator", "PWL", "Poly", "Exp", "ExpA", "Log",
                                   "LogA",      "Pow", "Sin",  "Cos", "Tan",  "Logistic"};
 
-template <class Body>
-int with_model(KVRmodel *model, Body &&body) {
-  if (!model) return KVR_ERROR_NULL_ARGUMENT;
-  return model->run(body);
-}
-
 // Collects and checks one new general constraint, then queues it.
 class NewGen {
  public:
@@ -115,7 +109,7 @@ class NewGen {
 
 int add_maxmin(KVRmodel *model, int type, const char *name, int resvar, int nvars, const int *vars,
                double constant) {
-  return with_model(model, [&] {
+  return kvr::run_on_model(model, [&] {
     NewGen g(model, name, type);
     g.data().resvar = g.var(resvar, "resultant variable");
     g.data().vars = g.vars(nvars, vars);
@@ -126,7 +120,7 @@ int add_maxmin(KVRmodel *model, int type, const char *name, int resvar, int nvar
 }
 
 int add_andor(KVRmodel *model, int type, const char *name, int resvar, int nvars, const int *vars) {
-  return with_model(model, [&] {
+  return kvr::run_on_model(model, [&] {
     NewGen g(model, name, type);
     g.data().resvar = g.var(resvar, "resultant variable");
     g.data().vars = g.vars(nvars, vars);
@@ -137,7 +131,7 @@ int add_andor(KVRmodel *model, int type, const char *name, int resvar, int nvars
 // y = f(x) with an optional parameter a.
 int add_function(KVRmodel *model, int type, const char *name, int xvar, int yvar, double a,
                  const char *options) {
-  return with_model(model, [&] {
+  return kvr::run_on_model(model, [&] {
     NewGen g(model, name, type);
     GenConstr &d = g.data();
     d.xvar = g.var(xvar, "x variable");
@@ -174,7 +168,7 @@ void put(T *p, T v) {
 }
 
 int get_function(KVRmodel *model, int type, int id, int *xvarP, int *yvarP, double *aP) {
-  return with_model(model, [&] {
+  return kvr::run_on_model(model, [&] {
     const GenConstr &g = gen_of(model, id, type);
     put(xvarP, g.xvar);
     put(yvarP, g.yvar);
@@ -184,7 +178,7 @@ int get_function(KVRmodel *model, int type, int id, int *xvarP, int *yvarP, doub
 
 int get_vars(KVRmodel *model, int type, int id, int *resvarP, int *nvarsP, int *vars,
              double *constantP) {
-  return with_model(model, [&] {
+  return kvr::run_on_model(model, [&] {
     const GenConstr &g = gen_of(model, id, type);
     put(resvarP, g.resvar);
     put(nvarsP, static_cast<int>(g.vars.size()));
@@ -208,7 +202,7 @@ int KVRaddgenconstrMin(KVRmodel *model, const char *name, int resvar, int nvars,
 }
 
 int KVRaddgenconstrAbs(KVRmodel *model, const char *name, int resvar, int argvar) {
-  return with_model(model, [&] {
+  return kvr::run_on_model(model, [&] {
     NewGen g(model, name, KVR_GENCONSTR_ABS);
     g.data().resvar = g.var(resvar, "resultant variable");
     g.data().vars = {g.var(argvar, "argument variable")};
@@ -226,7 +220,7 @@ int KVRaddgenconstrOr(KVRmodel *model, const char *name, int resvar, int nvars, 
 
 int KVRaddgenconstrNorm(KVRmodel *model, const char *name, int resvar, int nvars, const int *vars,
                         double which) {
-  return with_model(model, [&] {
+  return kvr::run_on_model(model, [&] {
     NewGen g(model, name, KVR_GENCONSTR_NORM);
     g.data().resvar = g.var(resvar, "resultant variable");
     g.data().vars = g.vars(nvars, vars);
@@ -244,7 +238,7 @@ int KVRaddgenconstrNorm(KVRmodel *model, const char *name, int resvar, int nvars
 
 int KVRaddgenconstrIndicator(KVRmodel *model, const char *name, int binvar, int binval, int nvars,
                              const int *ind, const double *val, char sense, double rhs) {
-  return with_model(model, [&] {
+  return kvr::run_on_model(model, [&] {
     NewGen g(model, name, KVR_GENCONSTR_INDICATOR);
     GenConstr &d = g.data();
     d.binvar = g.var(binvar, "indicator variable");
@@ -263,7 +257,7 @@ int KVRaddgenconstrIndicator(KVRmodel *model, const char *name, int binvar, int 
 
 int KVRaddgenconstrPWL(KVRmodel *model, const char *name, int xvar, int yvar, int npts,
                        const double *xpts, const double *ypts) {
-  return with_model(model, [&] {
+  return kvr::run_on_model(model, [&] {
     NewGen g(model, name, KVR_GENCONSTR_PWL);
     GenConstr &d = g.data();
     d.xvar = g.var(xvar, "x variable");
@@ -286,7 +280,7 @@ int KVRaddgenconstrPWL(KVRmodel *model, const char *name, int xvar, int yvar, in
 
 int KVRaddgenconstrPoly(KVRmodel *model, const char *name, int xvar, int yvar, int plen,
                         const double *p, const char *options) {
-  return with_model(model, [&] {
+  return kvr::run_on_model(model, [&] {
     NewGen g(model, name, KVR_GENCONSTR_POLY);
     GenConstr &d = g.data();
     d.xvar = g.var(xvar, "x variable");
@@ -344,7 +338,7 @@ int KVRgetgenconstrMin(KVRmodel *model, int id, int *resvarP, int *nvarsP, int *
   return get_vars(model, KVR_GENCONSTR_MIN, id, resvarP, nvarsP, vars, constantP);
 }
 int KVRgetgenconstrAbs(KVRmodel *model, int id, int *resvarP, int *argvarP) {
-  return with_model(model, [&] {
+  return kvr::run_on_model(model, [&] {
     const GenConstr &g = gen_of(model, id, KVR_GENCONSTR_ABS);
     put(resvarP, g.resvar);
     put(argvarP, g.vars.at(0));
@@ -362,7 +356,7 @@ int KVRgetgenconstrNorm(KVRmodel *model, int id, int *resvarP, int *nvarsP, int 
 }
 int KVRgetgenconstrIndicator(KVRmodel *model, int id, int *binvarP, int *binvalP, int *nvarsP,
                              int *ind, double *val, char *senseP, double *rhsP) {
-  return with_model(model, [&] {
+  return kvr::run_on_model(model, [&] {
     const GenConstr &g = gen_of(model, id, KVR_GENCONSTR_INDICATOR);
     put(binvarP, g.binvar);
     put(binvalP, g.binval);
@@ -375,7 +369,7 @@ int KVRgetgenconstrIndicator(KVRmodel *model, int id, int *binvarP, int *binvalP
 }
 int KVRgetgenconstrPWL(KVRmodel *model, int id, int *xvarP, int *yvarP, int *nptsP, double *xpts,
                        double *ypts) {
-  return with_model(model, [&] {
+  return kvr::run_on_model(model, [&] {
     const GenConstr &g = gen_of(model, id, KVR_GENCONSTR_PWL);
     put(xvarP, g.xvar);
     put(yvarP, g.yvar);
@@ -385,7 +379,7 @@ int KVRgetgenconstrPWL(KVRmodel *model, int id, int *xvarP, int *yvarP, int *npt
   });
 }
 int KVRgetgenconstrPoly(KVRmodel *model, int id, int *xvarP, int *yvarP, int *plenP, double *p) {
-  return with_model(model, [&] {
+  return kvr::run_on_model(model, [&] {
     const GenConstr &g = gen_of(model, id, KVR_GENCONSTR_POLY);
     put(xvarP, g.xvar);
     put(yvarP, g.yvar);

@@ -59,6 +59,13 @@ struct kvr_model {
 };
 
 namespace kvr {
+// The body of a C entry point on a model: NULL_ARGUMENT for a null model, else model->run(body).
+template <class Body>
+int run_on_model(kvr_model *model, Body &&body) noexcept {
+  if (!model) return KVR_ERROR_NULL_ARGUMENT;
+  return model->run(body);
+}
+
 // Applies the pending changes (what KVRupdatemodel does); throws kvr::Error on failure.
 void update_model(kvr_model *model);
 // Drops the results of the last solve (a change of the model makes them stale).

@@ -71,24 +71,21 @@ KVRmodel *KVRcopymodel(KVRmodel *model) {
 }
 
 int KVRupdatemodel(KVRmodel *model) {
-  if (!model) return KVR_ERROR_NULL_ARGUMENT;
-  return model->run([&] {
+  return kvr::run_on_model(model, [&] {
     kvr::check_modifiable(model);
     kvr::update_model(model);
   });
 }
 
 int KVRsetlogcallbackfunc(KVRmodel *model, KVRlogcallback cb, void *logdata) {
-  if (!model) return KVR_ERROR_NULL_ARGUMENT;
-  return model->run([&] {
+  return kvr::run_on_model(model, [&] {
     model->env.logcb = cb;
     model->env.logdata = logdata;
   });
 }
 
 int KVRreset(KVRmodel *model, int clearall) {
-  if (!model) return KVR_ERROR_NULL_ARGUMENT;
-  return model->run([&] {
+  return kvr::run_on_model(model, [&] {
     kvr::check_modifiable(model);
     if (clearall != 0 && clearall != 1)
       kvr::fail(KVR_ERROR_INVALID_ARGUMENT, "Invalid clearall value %d: use 0 or 1", clearall);

@@ -1,7 +1,7 @@
 #include "model/modeldata.h"
 
 #include <algorithm>
-#include <map>
+#include <unordered_map>
 #include <utility>
 
 namespace kvr {
@@ -169,25 +169,53 @@ void SparseMatrix::clear() {
   val.clear();
 }
 
-// ---------------------------------------------------------------- QuadTerms
+// ---------------------------------------------------------------- term cleaning
 
-void QuadTerms::add(int n, const int *r, const int *c, const double *v) {
-  for (int k = 0; k < n; ++k) {
-    row.push_back(std::min(r[k], c[k]));
-    col.push_back(std::max(r[k], c[k]));
-    val.push_back(v[k]);
+size_t clean_terms(int *ind, double *val, size_t n) {
+  size_t out = 0;
+  if (n <= 32) {
+    for (size_t k = 0; k < n; ++k) {
+      size_t j = 0;
+      while (j < out && ind[j] != ind[k]) ++j;
+      if (j < out) {
+        val[j] += val[k];
+      } else {
+        ind[out] = ind[k], val[out] = val[k];
+        ++out;
+      }
+    }
+  } else {
+    std::unordered_map<int, size_t> first;
+    first.reserve(n);
+    for (size_t k = 0; k < n; ++k) {
+      auto [it, fresh] = first.emplace(ind[k], out);
+      if (fresh) {
+        ind[out] = ind[k], val[out] = val[k];
+        ++out;
+      } else {
+        val[it->second] += val[k];
+      }
+    }
   }
+  size_t keep = 0;
+  for (size_t k = 0; k < out; ++k)
+    if (val[k] != 0.0) ind[keep] = ind[k], val[keep] = val[k], ++keep;
+  return keep;
 }
 
-void QuadTerms::normalize() {
-  std::map<std::pair<int, int>, size_t> first;
+size_t clean_pairs(int *ind0, int *ind1, double *val, size_t n) {
+  auto key = [&](size_t k) {
+    uint32_t a = static_cast<uint32_t>(std::min(ind0[k], ind1[k]));
+    uint32_t b = static_cast<uint32_t>(std::max(ind0[k], ind1[k]));
+    return (static_cast<uint64_t>(a) << 32) | b;
+  };
+  std::unordered_map<uint64_t, size_t> first;
+  first.reserve(n);
   size_t out = 0;
-  for (size_t k = 0; k < val.size(); ++k) {
-    auto [it, fresh] = first.emplace(std::make_pair(row[k], col[k]), out);
+  for (size_t k = 0; k < n; ++k) {
+    auto [it, fresh] = first.emplace(key(k), out);
     if (fresh) {
-      row[out] = row[k];
-      col[out] = col[k];
-      val[out] = val[k];
+      ind0[out] = ind0[k], ind1[out] = ind1[k], val[out] = val[k];
       ++out;
     } else {
       val[it->second] += val[k];
@@ -195,10 +223,18 @@ void QuadTerms::normalize() {
   }
   size_t keep = 0;
   for (size_t k = 0; k < out; ++k)
-    if (val[k] != 0.0) {
-      row[keep] = row[k], col[keep] = col[k], val[keep] = val[k];
-      ++keep;
-    }
+    if (val[k] != 0.0) ind0[keep] = ind0[k], ind1[keep] = ind1[k], val[keep] = val[k], ++keep;
+  return keep;
+}
+
+// ---------------------------------------------------------------- QuadTerms
+
+void QuadTerms::add(int n, const int *r, const int *c, const double *v) {
+  for (int k = 0; k < n; ++k) push(r[k], c[k], v[k]);
+}
+
+void QuadTerms::normalize() {
+  size_t keep = clean_pairs(row.data(), col.data(), val.data(), val.size());
   row.resize(keep), col.resize(keep), val.resize(keep);
 }
 
@@ -285,6 +321,36 @@ void renumber_list(std::vector<int> &idx, std::vector<double> *vals, const Renum
   if (vals) vals->resize(out);
 }
 
+// Keys of a sparse (index -> value) map after deletions; entries of deleted indices go.
+void renumber_keys(std::unordered_map<int, double> &m, const Renumbering &newpos) {
+  std::unordered_map<int, double> moved;
+  for (auto [i, x] : m)
+    if (newpos[i] >= 0) moved.emplace(newpos[i], x);
+  m = std::move(moved);
+}
+
+// Rebuilds the SOS member arrays: sets for which keep_set(s) is false go, and within the kept
+// sets each member j becomes member_pos(j), or goes when that is negative.
+template <class KeepSet, class MemberPos>
+void compact_sos(SosData &sos, KeepSet keep_set, MemberPos member_pos) {
+  int64_t out = 0;
+  std::vector<int64_t> nbeg{0};
+  for (int s = 0; s < sos.size(); ++s) {
+    if (!keep_set(s)) continue;
+    for (int64_t k = sos.beg[s]; k < sos.beg[s + 1]; ++k) {
+      int j = member_pos(sos.ind[k]);
+      if (j < 0) continue;
+      sos.ind[out] = j;
+      sos.weight[out] = sos.weight[k];
+      ++out;
+    }
+    nbeg.push_back(out);
+  }
+  sos.ind.resize(out);
+  sos.weight.resize(out);
+  sos.beg = std::move(nbeg);
+}
+
 }  // namespace
 
 void ExtraAttrs::renumber(const Renumbering &newpos) {
@@ -333,23 +399,7 @@ void ModelData::delete_vars(const Renumbering &newpos) {
     qc.q.renumber(newpos);
   }
   // SOS members: entries of deleted variables go; the set itself stays.
-  {
-    int64_t out = 0;
-    std::vector<int64_t> nbeg{0};
-    for (int s = 0; s < sos.size(); ++s) {
-      for (int64_t k = sos.beg[s]; k < sos.beg[s + 1]; ++k) {
-        int j = newpos[sos.ind[k]];
-        if (j < 0) continue;
-        sos.ind[out] = j;
-        sos.weight[out] = sos.weight[k];
-        ++out;
-      }
-      nbeg.push_back(out);
-    }
-    sos.ind.resize(out);
-    sos.weight.resize(out);
-    sos.beg = std::move(nbeg);
-  }
+  compact_sos(sos, [](int) { return true; }, [&](int j) { return newpos[j]; });
   for (ObjectiveN &o : objn) renumber_list(o.ind, &o.val, newpos);
   {
     size_t out = 0;
@@ -362,12 +412,7 @@ void ModelData::delete_vars(const Renumbering &newpos) {
     pwlobj.resize(out);
   }
   for (Scenario &s : scenarios)
-    for (auto *m : {&s.lb, &s.ub, &s.obj}) {
-      std::unordered_map<int, double> moved;
-      for (auto [v, x] : *m)
-        if (newpos[v] >= 0) moved.emplace(newpos[v], x);
-      *m = std::move(moved);
-    }
+    for (auto *m : {&s.lb, &s.ub, &s.obj}) renumber_keys(*m, newpos);
 
   keep_entries(vars.lb, newpos);
   keep_entries(vars.ub, newpos);
@@ -383,29 +428,11 @@ void ModelData::delete_constrs(const Renumbering &newpos) {
   keep_entries(constrs.rhs, newpos);
   constrs.names.renumber(newpos);
   constrs.extra.renumber(newpos);
-  for (Scenario &s : scenarios) {
-    std::unordered_map<int, double> moved;
-    for (auto [c, x] : s.rhs)
-      if (newpos[c] >= 0) moved.emplace(newpos[c], x);
-    s.rhs = std::move(moved);
-  }
+  for (Scenario &s : scenarios) renumber_keys(s.rhs, newpos);
 }
 
 void ModelData::delete_sos(const Renumbering &newpos) {
-  int64_t out = 0;
-  std::vector<int64_t> nbeg{0};
-  for (int s = 0; s < sos.size(); ++s) {
-    if (newpos[s] < 0) continue;
-    for (int64_t k = sos.beg[s]; k < sos.beg[s + 1]; ++k) {
-      sos.ind[out] = sos.ind[k];
-      sos.weight[out] = sos.weight[k];
-      ++out;
-    }
-    nbeg.push_back(out);
-  }
-  sos.ind.resize(out);
-  sos.weight.resize(out);
-  sos.beg = std::move(nbeg);
+  compact_sos(sos, [&](int s) { return newpos[s] >= 0; }, [](int j) { return j; });
   keep_entries(sos.type, newpos);
   sos.extra.renumber(newpos);
 }

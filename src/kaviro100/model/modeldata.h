@@ -98,11 +98,22 @@ struct SparseMatrix {
   void clear();
 };
 
+// Merges duplicate indices (summing their values, keeping the order of first occurrence) and
+// drops zero values; returns the new length.
+size_t clean_terms(int *ind, double *val, size_t n);
+// The same for pairs; (i, j) and (j, i) are the same pair.
+size_t clean_pairs(int *ind0, int *ind1, double *val, size_t n);
+
 // Quadratic terms sum val[k] * x[row[k]] * x[col[k]], kept with row <= col, merged.
 struct QuadTerms {
   std::vector<int> row, col;
   std::vector<double> val;
   size_t size() const { return val.size(); }
+  void push(int a, int b, double v) {
+    row.push_back(a < b ? a : b);
+    col.push_back(a < b ? b : a);
+    val.push_back(v);
+  }
   void add(int n, const int *r, const int *c, const double *v);
   // Merges duplicate pairs and drops zeros, keeping the order of first occurrence.
   void normalize();

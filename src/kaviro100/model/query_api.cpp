@@ -11,10 +11,10 @@ namespace {
 
 using namespace kvr;
 
+// Queries also fail while the model is being optimized.
 template <class Body>
 int with_model(KVRmodel *model, Body &&body) {
-  if (!model) return KVR_ERROR_NULL_ARGUMENT;
-  return model->run([&] {
+  return run_on_model(model, [&] {
     check_queryable(model);
     body();
   });

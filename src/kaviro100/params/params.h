@@ -19,6 +19,7 @@ enum class ParamId {
 // Flags reported by KVRgetparamflags.
 constexpr int kParamFlagSecret = 1;      // the value is a credential and is never shown
 constexpr int kParamFlagRemoteOnly = 2;  // only meaningful with a remote service
+constexpr int kParamFlagNotApplied = 4;  // accepted and stored, but nothing acts on it
 
 struct ParamDef {
   const char *name;

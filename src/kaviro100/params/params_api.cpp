@@ -2,6 +2,7 @@
 #include <cstring>
 #include <vector>
 
+#include "engine/applied_params.h"
 #include "env/env.h"
 #include "params/params.h"
 #include "util/error.h"
@@ -55,7 +56,8 @@ int KVRgetparamtype(KVRenv *env, const char *paramname) {
 int KVRgetparamflags(KVRenv *env, const char *paramname, int *flagsP) {
   return with_env(env, [&] {
     ParamId id = lookup(paramname);
-    if (flagsP) *flagsP = kvr::param_def(id).flags;
+    if (flagsP)
+      *flagsP = kvr::param_def(id).flags | (kvr::param_applied(id) ? 0 : kvr::kParamFlagNotApplied);
   });
 }
 

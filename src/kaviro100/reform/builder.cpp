@@ -74,30 +74,15 @@ void Builder::add_row(const std::vector<Term> &terms, char sense, double rhs,
   m_.constrs.names.push_back(name);
 }
 
-double Builder::min_activity(const std::vector<Term> &terms, int *culprit) const {
+double Builder::activity_bound(const std::vector<Term> &terms, bool upper, int *culprit) const {
   double sum = 0.0;
   if (culprit) *culprit = -1;
   for (const Term &t : terms) {
     if (t.coef == 0.0) continue;
-    double bound = t.coef > 0 ? lb_[t.var] : ub_[t.var];
+    double bound = (t.coef > 0) == upper ? ub_[t.var] : lb_[t.var];
     if (!is_finite(bound)) {
       if (culprit) *culprit = t.var;
-      return -kInfinity;
-    }
-    sum += t.coef * bound;
-  }
-  return sum;
-}
-
-double Builder::max_activity(const std::vector<Term> &terms, int *culprit) const {
-  double sum = 0.0;
-  if (culprit) *culprit = -1;
-  for (const Term &t : terms) {
-    if (t.coef == 0.0) continue;
-    double bound = t.coef > 0 ? ub_[t.var] : lb_[t.var];
-    if (!is_finite(bound)) {
-      if (culprit) *culprit = t.var;
-      return kInfinity;
+      return upper ? kInfinity : -kInfinity;
     }
     sum += t.coef * bound;
   }

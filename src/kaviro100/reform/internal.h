@@ -45,10 +45,9 @@ class Builder {
   // Adds sum coef * x sense rhs with duplicate variables merged and zero coefficients dropped.
   void add_row(const std::vector<Term> &terms, char sense, double rhs, const std::string &name);
 
-  // Range of sum coef * x over the implied bounds; infinite ends are +-kInf. `culprit` receives
-  // a variable that makes the requested end infinite (or -1).
-  double min_activity(const std::vector<Term> &terms, int *culprit = nullptr) const;
-  double max_activity(const std::vector<Term> &terms, int *culprit = nullptr) const;
+  // The lower (upper = false) or upper end of the range of sum coef * x over the implied bounds;
+  // an infinite end is +-kInf. `culprit` receives a variable that makes that end infinite (or -1).
+  double activity_bound(const std::vector<Term> &terms, bool upper, int *culprit = nullptr) const;
 
  private:
   ModelData &m_;

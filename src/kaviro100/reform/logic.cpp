@@ -252,7 +252,7 @@ void rewrite_indicator(Builder &b, int gen) {
       return;
     }
     int culprit = -1;
-    double act = upper ? b.max_activity(terms, &culprit) : b.min_activity(terms, &culprit);
+    double act = b.activity_bound(terms, upper, &culprit);
     double big_m = upper ? act - rhs : rhs - act;
     if (!is_finite(act)) {
       double coef = 0.0;
