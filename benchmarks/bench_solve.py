@@ -2,23 +2,36 @@
 
 Each measurement is a fresh Python process that reads one MPS file and solves it with output off
 and default parameters (highspy gets the tolerances kaviropy's defaults map to, so that both
-engines follow the same search path);
-the time runs from just before the read to just after the solve returns. The two packages run
-alternately, RUNS times each per instance; the table shows medians, the ratio kaviropy/highspy
-and whether both reached the same objective.
+engines follow the same search path; both leave the thread count to the engine). numpy, which
+highspy imports, starts a BLAS thread that spins for a while after the import, taking a core and
+CPU time of its own; the processes run with one BLAS thread, so both sides run the engine's
+threads only. The clock runs from just before the read to just after the solve returns; the
+process's CPU time over the same span is recorded too, as it depends less on the load of a
+shared machine. The two packages run alternately, RUNS times each per instance; the table shows
+medians, the ratios kaviropy/highspy and whether both reached the same objective, then the
+geometric means of the ratios.
 
-    python benchmarks/bench_solve.py [--runs N] [instance.mps ...]
+With --callgrind each package instead runs once per instance under valgrind's callgrind, which
+counts executed instructions (repeatable under any load). Only the library calls that read and
+solve are counted (KVRreadmodel and KVRoptimize; Highs::readModel and Highs::run), with all they
+call; the Python calls around them are a few thousand instructions on either side.
 
-highspy comes from benchmarks/requirements.txt (a separate environment from the package's own).
+    python benchmarks/bench_solve.py [--runs N] [--callgrind] [--peer-python PY] [name.mps ...]
+
+highspy comes from benchmarks/requirements.txt, usually in an environment of its own: give its
+interpreter with --peer-python (kaviropy runs under --python, default the current interpreter).
 """
 
 import argparse
 import json
+import math
+import os
 import pathlib
 import re
 import statistics
 import subprocess
 import sys
+import tempfile
 
 HERE = pathlib.Path(__file__).resolve().parent
 INSTANCES = HERE.parent / "tests" / "data" / "instances"
@@ -27,11 +40,12 @@ KAVIRO = """
 import json, sys, time
 import kaviropy as kp
 env = kp.Env(empty=True); env.setParam("OutputFlag", 0); env.start()
-t = time.perf_counter()
+t, c = time.perf_counter(), time.process_time()
 m = kp.read(sys.argv[1], env=env)
 m.optimize()
-t = time.perf_counter() - t
-print(json.dumps({"time": t, "status": m.Status, "obj": m.ObjVal if m.SolCount else None}))
+t, c = time.perf_counter() - t, time.process_time() - c
+print(json.dumps({"time": t, "cpu": c, "status": m.Status,
+                  "obj": m.ObjVal if m.SolCount else None}))
 """
 
 HIGHSPY = """
@@ -42,21 +56,45 @@ h = highspy.Highs(); h.setOptionValue("output_flag", False)
 for name, value in (("primal_feasibility_tolerance", 1e-6), ("dual_feasibility_tolerance", 1e-6),
                     ("mip_feasibility_tolerance", 1e-5), ("mip_abs_gap", 1e-10)):
     h.setOptionValue(name, value)
-t = time.perf_counter()
+t, c = time.perf_counter(), time.process_time()
 h.readModel(sys.argv[1])
 h.run()
-t = time.perf_counter() - t
+t, c = time.perf_counter() - t, time.process_time() - c
 info = h.getInfo()
 ok = info.primal_solution_status == 2
-print(json.dumps({"time": t, "status": str(h.getModelStatus()),
+print(json.dumps({"time": t, "cpu": c, "status": str(h.getModelStatus()),
                   "obj": info.objective_function_value if ok else None}))
 """
 
 
-def measure(script, path):
-    out = subprocess.run([sys.executable, "-c", script, str(path)], capture_output=True, text=True,
-                         check=True).stdout
+ENV = dict(os.environ, OPENBLAS_NUM_THREADS="1", OMP_NUM_THREADS="1")
+
+
+def measure(python, script, path):
+    out = subprocess.run([python, "-c", script, str(path)], capture_output=True, text=True,
+                         check=True, env=ENV).stdout
     return json.loads(out.strip().splitlines()[-1])
+
+
+# The library calls that read and solve, for callgrind's --toggle-collect.
+KAVIRO_CALLS = ["KVRreadmodel", "KVRoptimize"]
+HIGHSPY_CALLS = ["Highs::readModel(*", "Highs::run()"]
+
+
+def instructions(python, script, calls, path):
+    """Instructions executed inside the given calls while the script runs on path (callgrind),
+    and the script's last output line."""
+    with tempfile.TemporaryDirectory() as tmp:
+        src = pathlib.Path(tmp) / "run.py"
+        src.write_text(script)
+        toggles = [f"--toggle-collect={c}" for c in calls]
+        run = subprocess.run(["valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null",
+                              "--collect-atstart=no", *toggles, python, str(src), str(path)],
+                             capture_output=True, text=True, check=True, env=ENV)
+    count = re.search(r"Collected : (\d+)", run.stderr)
+    if not count:
+        raise SystemExit(f"no instruction count from callgrind:\n{run.stderr[-2000:]}")
+    return int(count.group(1)), json.loads(run.stdout.strip().splitlines()[-1])
 
 
 def instances(names):
@@ -69,29 +107,70 @@ def instances(names):
     return [(INSTANCES / n, kinds.get(n, "?")) for n in chosen]
 
 
+def same(oa, ob):
+    return oa is not None and ob is not None and abs(oa - ob) <= 1e-6 * max(1.0, abs(ob))
+
+
+def geomean(values):
+    return math.exp(statistics.fmean(math.log(v) for v in values)) if values else float("nan")
+
+
+def run_clock(args, chosen):
+    print(f"{'instance':16} {'kind':4} {'kaviropy s':>10} {'highspy s':>9} {'wall':>6} "
+          f"{'cpu':>6}  same objective")
+    walls, cpus, long_walls, long_cpus = [], [], [], []
+    for path, kind in chosen:
+        ours, theirs = [], []
+        for _ in range(args.runs):
+            ours.append(measure(args.python, KAVIRO, path))
+            theirs.append(measure(args.peer_python, HIGHSPY, path))
+        a = statistics.median(r["time"] for r in ours)
+        b = statistics.median(r["time"] for r in theirs)
+        wall = a / b
+        cpu = statistics.median(r["cpu"] for r in ours) / statistics.median(r["cpu"] for r in theirs)
+        walls.append(wall)
+        cpus.append(cpu)
+        if b > 1.0:
+            long_walls.append(wall)
+            long_cpus.append(cpu)
+        oa, ob = ours[0]["obj"], theirs[0]["obj"]
+        print(f"{path.name:16} {kind:4} {a:10.3f} {b:9.3f} {wall:6.3f} {cpu:6.3f}  "
+              f"{'yes' if same(oa, ob) else 'NO'} ({oa} / {ob})")
+    print(f"geometric mean of the ratios: wall {geomean(walls):.3f}, cpu {geomean(cpus):.3f}")
+    if long_walls:
+        print(f"largest ratio where highspy needs more than 1 s: wall {max(long_walls):.3f}, "
+              f"cpu {max(long_cpus):.3f}")
+    else:
+        print("no instance takes highspy more than 1 s")
+
+
+def run_callgrind(args, chosen):
+    print(f"{'instance':16} {'kind':4} {'kaviropy':>15} {'highspy':>15} {'ratio':>6}  same objective")
+    ratios = []
+    for path, kind in chosen:
+        a, ra = instructions(args.python, KAVIRO, KAVIRO_CALLS, path)
+        b, rb = instructions(args.peer_python, HIGHSPY, HIGHSPY_CALLS, path)
+        ratios.append(a / b)
+        oa, ob = ra["obj"], rb["obj"]
+        print(f"{path.name:16} {kind:4} {a:15,} {b:15,} {a / b:6.3f}  "
+              f"{'yes' if same(oa, ob) else 'NO'} ({oa} / {ob})")
+    print(f"geometric mean of the instruction ratios: {geomean(ratios):.3f}")
+
+
 def main():
     ap = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     ap.add_argument("--runs", type=int, default=3)
+    ap.add_argument("--callgrind", action="store_true",
+                    help="count instructions under valgrind instead of timing")
+    ap.add_argument("--python", default=sys.executable, help="interpreter with kaviropy")
+    ap.add_argument("--peer-python", default=sys.executable, help="interpreter with highspy")
     ap.add_argument("names", nargs="*")
     args = ap.parse_args()
-    print(f"{'instance':16} {'kind':4} {'kaviropy s':>11} {'highspy s':>10} {'ratio':>7}  same objective")
-    worst = 0.0
-    for path, kind in instances(args.names):
-        ours, theirs = [], []
-        for _ in range(args.runs):
-            ours.append(measure(KAVIRO, path))
-            theirs.append(measure(HIGHSPY, path))
-        a = statistics.median(r["time"] for r in ours)
-        b = statistics.median(r["time"] for r in theirs)
-        oa, ob = ours[0]["obj"], theirs[0]["obj"]
-        same = oa is not None and ob is not None and abs(oa - ob) <= 1e-6 * max(1.0, abs(ob))
-        ratio = a / b if b > 0 else float("inf")
-        if b > 1.0:
-            worst = max(worst, ratio)
-        print(f"{path.name:16} {kind:4} {a:11.3f} {b:10.3f} {ratio:7.2f}  {'yes' if same else 'NO'}"
-              f" ({oa} / {ob})")
-    print(f"largest ratio among instances where highspy needs more than 1 s: {worst:.3f}"
-          if worst else "no instance takes highspy more than 1 s")
+    chosen = instances(args.names)
+    if args.callgrind:
+        run_callgrind(args, chosen)
+    else:
+        run_clock(args, chosen)
 
 
 if __name__ == "__main__":

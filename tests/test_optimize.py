@@ -201,6 +201,85 @@ def test_mip_start_is_handed_to_the_engine(env, tmp_path):
     m.dispose()
 
 
+def leaky_sos(m):
+    """SOS1 {a, b, c} with only c on (4.6) at the optimum 9.2; b earns more than c per unit of r0,
+    so the relaxation raises b as far as the tolerance of its binary allows."""
+    a = m.addVar(ub=100, name="a")
+    b = m.addVar(ub=10, name="b")
+    c = m.addVar(ub=10, name="c")
+    m.addSOS(KVR.SOS_TYPE1, [a, b, c], [1, 2, 3])
+    m.addConstr(5 * c + 2 * b + 2 * a <= 23, name="r0")
+    m.addConstr(3 * a - 2 * c + 5 * b <= 10, name="r1")
+    m.setObjective(a + 3 * b + 2 * c, KVR.MAXIMIZE)
+    return a, b, c
+
+
+def test_mip_solutions_of_rewritten_models_are_polished(env, tmp_path):
+    """Big-M rows let a variable that is off keep a value within the tolerances of its binary; the
+    solution is cleaned by re-solving with the integer variables fixed, so it reads exactly 0."""
+    log = tmp_path / "polish.log"
+    env.setParam("LogToConsole", 0)
+
+    def solve(m):
+        m.Params.OutputFlag = 1
+        m.Params.LogFile = str(log)
+        m.optimize()
+        return log.read_text()
+
+    m = kp.Model(env=env)
+    a, b, c = leaky_sos(m)
+    text = solve(m)
+    assert (repr(a.X), repr(b.X)) == ("0.0", "0.0") and c.X == pytest.approx(4.6, abs=1e-9)
+    assert m.ObjVal == pytest.approx(9.2, abs=1e-9) and m.ObjBound >= m.ObjVal
+    assert "MIP solution polished" in text
+    # The polished solution is the first of the pool, and no copy of the raw one is kept.
+    m.Params.SolutionNumber = 0
+    assert [v.Xn for v in (a, b, c)] == [a.X, b.X, c.X] and m.PoolObjVal == m.ObjVal
+    for k in range(1, m.SolCount):
+        m.Params.SolutionNumber = k
+        assert [v.Xn for v in (a, b, c)] != [a.X, b.X, c.X]
+    # Scenario solutions are polished too.
+    m.NumScenarios = 1
+    m.update()
+    m.Params.ScenarioNumber = 0
+    a.ScenNUB = 50
+    m.optimize()
+    assert [v.ScenNX for v in (a, b)] == [0.0, 0.0] and m.ScenNObjVal == pytest.approx(9.2)
+    m.dispose()
+
+    # With several objectives the last pass's model (earlier levels kept by rows) is polished.
+    # Minimizing a + b first lets them grow by the level's tolerance later, which the SOS does
+    # not: its rows, not the LP tolerance, must decide.
+    for first in ("constant", "a + b"):
+        m = kp.Model(env=env)
+        a, b, c = leaky_sos(m)
+        m.setObjectiveN(a + 3 * b + 2 * c, 0, priority=1)
+        m.setObjectiveN(0 * a + 1 if first == "constant" else -a - b, 1, priority=2)
+        m.optimize()
+        assert (repr(a.X), repr(b.X)) == ("0.0", "0.0"), first
+        assert m.ObjVal == pytest.approx(9.2, abs=1e-9)
+        m.dispose()
+
+    # Semi-continuous x in {0} u [5, 1000]; r0 allows x at most 1.6, so x is off.
+    m = kp.Model(env=env)
+    x = m.addVar(lb=5, ub=1000, vtype=KVR.SEMICONT, name="x")
+    y = m.addVar(ub=100, name="y")
+    z = m.addVar(ub=10, name="z")
+    m.addConstr(3 * y + 5 * z + 5 * x <= 8, name="r0")
+    m.addConstr(-2 * z - 3 * y + 5 * x <= 3, name="r1")
+    m.setObjective(2 * x + 2 * y + 3 * z, KVR.MAXIMIZE)
+    solve(m)
+    assert (repr(x.X), repr(z.X)) == ("0.0", "0.0") and y.X == pytest.approx(8 / 3)
+    m.dispose()
+
+    # A model the engine takes as it is keeps the engine's values; nothing is polished.
+    log.write_text("")
+    m = kp.Model(env=env)
+    knapsack(m)
+    assert "polished" not in solve(m)
+    m.dispose()
+
+
 def test_convex_qp_and_rejected_quadratic_objectives(m):
     x = m.addVar(lb=-KVR.INFINITY, name="x")
     y = m.addVar(lb=-KVR.INFINITY, name="y")

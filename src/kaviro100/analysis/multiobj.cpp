@@ -157,9 +157,18 @@ void solve_multiobjective(kvr_model *model, const Reformulated &rf, Engine &engi
   last.status = final_status;
   last.itercount = iters, last.baritercount = bariters, last.nodecount = nodes, last.work = work;
   if (last.x.empty() && !last_x.empty()) last.x = last_x;  // an earlier pass's solution
-  fill_solution(model, pass, ctx, std::move(last), sol);
+  // The result is polished on the last pass's model, whose rows keep the earlier levels.
+  std::vector<double> polished;
+  PolishFunction polish;
+  if (pass.changed && pass.model.is_mip())
+    polish = [&](std::vector<double> &x) {
+      if (!polish_mip_solution(pass.model, engine, ctx, x)) return false;
+      polished = x;
+      return true;
+    };
+  fill_solution(model, pass, ctx, std::move(last), sol, polish);
   if (!sol.x.empty()) {
-    std::vector<double> full = last_x.empty() ? sol.x : last_x;
+    std::vector<double> full = !polished.empty() ? polished : last_x.empty() ? sol.x : last_x;
     sol.objnval.resize(numobj);
     for (int k = 0; k < numobj; ++k) sol.objnval[k] = value_of(coefs[k], constants[k], full);
     sol.objval = sol.objnval[0];

@@ -27,6 +27,8 @@ void solve_scenarios(kvr_model *model, const Reformulated &rf, Engine &engine, S
     problem.user_vars = nu;
     ctx.engine_model = &m;
     EngineResult r = engine.solve(problem, *ctx.params, ctx);
+    if (rf.changed && m.is_mip() && !r.x.empty() && r.status != KVR_CUTOFF)
+      polish_mip_solution(m, engine, ctx, r.x);
     sol.itercount += r.itercount;
     sol.baritercount += static_cast<int>(r.baritercount);
     sol.nodecount += r.nodecount;

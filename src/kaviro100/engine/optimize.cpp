@@ -56,7 +56,7 @@ double SolveContext::elapsed() const {
 }
 
 void SolveContext::logf(const char *fmt, ...) const {
-  if (quiet) return;
+  if (quiet || !env->output_on()) return;  // nothing would be shown: skip the formatting
   va_list ap;
   va_start(ap, fmt);
   std::string text = vformat(fmt, ap);
@@ -261,7 +261,7 @@ double objective_value(const ModelData &m, const std::vector<double> &x) {
 }
 
 void fill_solution(const kvr_model *model, const Reformulated &rf, const SolveContext &ctx,
-                   EngineResult &&r, Solution &sol) {
+                   EngineResult &&r, Solution &sol, const PolishFunction &polish) {
   const ModelData &user = model->data;
   const int nu = rf.user_vars, mu = rf.user_constrs;
   const bool mip = rf.model.is_mip();
@@ -291,6 +291,16 @@ void fill_solution(const kvr_model *model, const Reformulated &rf, const SolveCo
     std::stable_sort(pool.begin(), pool.end(), [&](const auto &a, const auto &b) {
       return rf.model.sense == KVR_MAXIMIZE ? a.first > b.first : a.first < b.first;
     });
+    if (polish && !pool.empty()) {
+      std::vector<double> original = pool.front().second;
+      if (polish(pool.front().second)) {
+        pool.front().first = objective_value(rf.model, pool.front().second);
+        // Copies of the solution as found (the engine reports it more than once) go with it.
+        pool.erase(std::remove_if(pool.begin() + 1, pool.end(),
+                                  [&](const auto &e) { return e.second == original; }),
+                   pool.end());
+      }
+    }
     size_t limit = static_cast<size_t>(ctx.params->get_int(ParamId::PoolSolutions));
     for (auto &[obj, x] : pool) {
       truncate(x, nu);
@@ -568,7 +578,9 @@ void optimize(kvr_model *model) {
   ctx.sense = model->data.sense;
   check_memory_at_start(ctx, "optimization");
 
-  log_header(model, model->data, params.get_int(ParamId::Threads));
+  // With output off the header and summary would be formatted only to be dropped.
+  const bool output = model->env.output_on();
+  if (output) log_header(model, model->data, params.get_int(ParamId::Threads));
   Reformulated rf = reformulate(model->data, params);
   if (rf.changed)
     model->env.logf("Rewritten for the engine: %d rows, %d columns\n", rf.model.num_constrs(),
@@ -600,13 +612,18 @@ void optimize(kvr_model *model) {
     EngineProblem problem = make_problem(model, rf);
     if (ctx.is_mip) queue_extra_starts(model, rf, ctx);
     EngineResult r = engine->solve(problem, params, ctx);
-    fill_solution(model, rf, ctx, std::move(r), sol);
+    PolishFunction polish;
+    if (rf.changed && ctx.is_mip)
+      polish = [&](std::vector<double> &x) {
+        return polish_mip_solution(rf.model, *engine, ctx, x);
+      };
+    fill_solution(model, rf, ctx, std::move(r), sol, polish);
     solve_scenarios(model, rf, *engine, ctx, sol);
   }
   fail_if_memory_exceeded(ctx, "optimization");
   sol.runtime = ctx.elapsed();
   model->sol = std::move(sol);
-  log_summary(model->env, model->sol, ctx.is_mip);
+  if (output) log_summary(model->env, model->sol, ctx.is_mip);
   if (ctx.callback_error)
     fail(KVR_ERROR_CALLBACK, "The callback returned %d; optimization stopped", ctx.callback_error);
 }

@@ -1,6 +1,9 @@
 // The steps of one optimize call that the single- and multi-objective paths share.
 #pragma once
 
+#include <functional>
+#include <vector>
+
 #include "engine/engine.h"
 #include "model/model.h"
 #include "reform/reform.h"
@@ -14,9 +17,20 @@ EngineProblem make_problem(const kvr_model *model, const Reformulated &rf);
 // Objective value of x (engine model) under the given objective.
 double objective_value(const ModelData &m, const std::vector<double> &x);
 
-// Fills sol from an engine result, mapping back to the user's model by truncation.
+// Fills sol from an engine result, mapping back to the user's model by truncation. For a MIP,
+// polish (when given) may replace the best solution (engine model) before it becomes the result;
+// it stays first in the pool.
+using PolishFunction = std::function<bool(std::vector<double> &)>;
 void fill_solution(const kvr_model *model, const Reformulated &rf, const SolveContext &ctx,
-                   EngineResult &&r, Solution &sol);
+                   EngineResult &&r, Solution &sol, const PolishFunction &polish = nullptr);
+
+// Cleans a MIP solution x of the engine model m: fixes the integer variables at their rounded
+// values and re-solves the remaining LP. x is replaced when the result satisfies every row and
+// bound within FeasibilityTol and its objective is not worse than x's by more than FeasibilityTol
+// (relative to the objective's size). Logs one line about it, except after the user or a memory
+// limit stopped the solve. Returns true when x was replaced.
+bool polish_mip_solution(const ModelData &m, Engine &engine, SolveContext &ctx,
+                         std::vector<double> &x);
 
 // Solves a model with several objectives (hierarchical by priority, blended within a priority).
 void solve_multiobjective(kvr_model *model, const Reformulated &rf, Engine &engine,

@@ -325,19 +325,27 @@ std::unique_ptr<ByteSink> open_sink(const std::string &filename) {
 // ---------------------------------------------------------------- LineReader
 
 LineReader::LineReader(const std::string &filename)
-    : filename_(filename), src_(open_source(filename)), buf_(1 << 20) {}
+    : filename_(filename),
+      src_(open_source(filename)),
+      buf_(std::make_unique_for_overwrite<char[]>(1 << 20)),
+      cap_(1 << 20) {}
 
 bool LineReader::refill() {
   if (eof_) return false;
   // Keep the unfinished line, move it to the front, grow when one line fills the buffer.
   size_t keep = end_ - pos_;
   if (pos_ > 0) {
-    std::memmove(buf_.data(), buf_.data() + pos_, keep);
+    std::memmove(buf_.get(), buf_.get() + pos_, keep);
     pos_ = 0;
     end_ = keep;
   }
-  if (end_ == buf_.size()) buf_.resize(buf_.size() * 2);
-  size_t got = src_->read(buf_.data() + end_, buf_.size() - end_);
+  if (end_ == cap_) {
+    auto bigger = std::make_unique_for_overwrite<char[]>(cap_ * 2);
+    std::memcpy(bigger.get(), buf_.get(), end_);
+    buf_ = std::move(bigger);
+    cap_ *= 2;
+  }
+  size_t got = src_->read(buf_.get() + end_, cap_ - end_);
   if (got == 0) eof_ = true;
   end_ += got;
   return got > 0;
@@ -346,13 +354,13 @@ bool LineReader::refill() {
 bool LineReader::next(std::string_view &line) {
   size_t scanned = pos_;
   for (;;) {
-    const char *start = buf_.data() + scanned;
+    const char *start = buf_.get() + scanned;
     const void *nl = std::memchr(start, '\n', end_ - scanned);
     if (nl) {
-      size_t e = static_cast<size_t>(static_cast<const char *>(nl) - buf_.data());
+      size_t e = static_cast<size_t>(static_cast<const char *>(nl) - buf_.get());
       size_t len = e - pos_;
       if (len > 0 && buf_[e - 1] == '\r') --len;
-      line = std::string_view(buf_.data() + pos_, len);
+      line = std::string_view(buf_.get() + pos_, len);
       pos_ = e + 1;
       ++lineno_;
       return true;
@@ -362,7 +370,7 @@ bool LineReader::next(std::string_view &line) {
       if (pos_ == end_) return false;
       size_t len = end_ - pos_;
       if (buf_[pos_ + len - 1] == '\r') --len;
-      line = std::string_view(buf_.data() + pos_, len);
+      line = std::string_view(buf_.get() + pos_, len);
       pos_ = end_;
       ++lineno_;
       return true;

@@ -55,8 +55,10 @@ class LineReader {
   bool refill();
   std::string filename_;
   std::unique_ptr<ByteSource> src_;
-  std::vector<char> buf_;
-  size_t pos_ = 0, end_ = 0;
+  // Left uninitialized: only the part the file fills is ever touched, so reading a small file
+  // costs no more than its size.
+  std::unique_ptr<char[]> buf_;
+  size_t cap_ = 0, pos_ = 0, end_ = 0;
   bool eof_ = false;
   long lineno_ = 0;
 };
