@@ -242,6 +242,11 @@ static void test_freed_handles(void) {
   CHECK(KVRaddvar(m, 0, NULL, NULL, 0, 0, 1, KVR_CONTINUOUS, "x") == KVR_ERROR_INVALID_ARGUMENT);
   CHECK(KVRdelvars(m, 1, &ind) == KVR_ERROR_INVALID_ARGUMENT);
   CHECK(KVRupdatemodel(m) == KVR_ERROR_INVALID_ARGUMENT);
+  CHECK(KVRoptimize(m) == KVR_ERROR_INVALID_ARGUMENT &&
+        KVRcomputeIIS(m) == KVR_ERROR_INVALID_ARGUMENT);
+  CHECK(KVRsetcallbackfunc(m, NULL, NULL) == KVR_ERROR_INVALID_ARGUMENT);
+  CHECK(KVRgetmultiobjenv(m, 0) == NULL && KVRgetconcurrentenv(m, 0) == NULL);
+  KVRterminate(m);                                     /* ignored */
   CHECK(KVRgetattrinfo(m, "LB", &n, NULL, NULL) == 0); /* the attribute table needs no model */
   CHECK(KVRgetenv(m) == NULL && KVRcopymodel(m) == NULL);
   CHECK(KVRfreemodel(m) == KVR_ERROR_INVALID_ARGUMENT); /* freeing twice is refused */

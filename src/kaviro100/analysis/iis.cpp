@@ -587,8 +587,7 @@ void compute_iis(kvr_model *model) {
 extern "C" {
 
 int KVRcomputeIIS(KVRmodel *model) {
-  if (!model) return KVR_ERROR_NULL_ARGUMENT;
-  return model->run([&] { kvr::compute_iis(model); });
+  return kvr::run_on_model(model, [&] { kvr::compute_iis(model); });
 }
 
 }  // extern "C"

@@ -198,16 +198,14 @@ using kvr::fail;
 extern "C" {
 
 int KVRsetcallbackfunc(KVRmodel *model, KVRcallback cb, void *usrdata) {
-  if (!model) return KVR_ERROR_NULL_ARGUMENT;
-  return model->run([&] {
+  return kvr::run_on_model(model, [&] {
     model->callback = cb;
     model->cbusrdata = cb ? usrdata : nullptr;
   });
 }
 
 int KVRgetcallbackfunc(KVRmodel *model, KVRcallback *cbP) {
-  if (!model) return KVR_ERROR_NULL_ARGUMENT;
-  return model->run([&] {
+  return kvr::run_on_model(model, [&] {
     if (!cbP) fail(KVR_ERROR_NULL_ARGUMENT, "No place for the callback function given");
     *cbP = model->callback;
   });
@@ -305,8 +303,7 @@ int KVRcbproceed(void *cbdata) {
 }
 
 int KVRcbstoponemultiobj(KVRmodel *model, void *cbdata, int objnum) {
-  if (!model) return KVR_ERROR_NULL_ARGUMENT;
-  return model->run([&] {
+  return kvr::run_on_model(model, [&] {
     if (!cbdata) fail(KVR_ERROR_NULL_ARGUMENT, "No callback data given");
     CallbackData &cb = kvr::data_of(cbdata);
     kvr::SolveContext &ctx = *cb.ctx;

@@ -634,12 +634,11 @@ void optimize(kvr_model *model) {
 extern "C" {
 
 int KVRoptimize(KVRmodel *model) {
-  if (!model) return KVR_ERROR_NULL_ARGUMENT;
-  return model->run([&] { kvr::optimize(model); });
+  return kvr::run_on_model(model, [&] { kvr::optimize(model); });
 }
 
 int KVRsetsignal(KVRmodel *model) {
-  if (!model) return KVR_ERROR_NULL_ARGUMENT;
+  if (int status = kvr::handle_status(model)) return status;
   std::lock_guard<std::mutex> lock(kvr::g_signal_mutex);
   if (std::find(kvr::g_armed.begin(), kvr::g_armed.end(), model) == kvr::g_armed.end())
     kvr::g_armed.push_back(model);
@@ -647,11 +646,11 @@ int KVRsetsignal(KVRmodel *model) {
 }
 
 void KVRterminate(KVRmodel *model) {
-  if (model) model->terminate_requested.store(true);
+  if (kvr::is_live(model)) model->terminate_requested.store(true);
 }
 
 KVRenv *KVRgetconcurrentenv(KVRmodel *model, int num) {
-  if (!model) return nullptr;
+  if (!kvr::is_live(model)) return nullptr;
   if (num < 0 || num >= KVR_MAX_CONCURRENT) {
     model->errmsg = kvr::format("Concurrent environment %d does not exist (0 to %d)", num,
                                 KVR_MAX_CONCURRENT - 1);
@@ -664,11 +663,11 @@ KVRenv *KVRgetconcurrentenv(KVRmodel *model, int num) {
 }
 
 void KVRdiscardconcurrentenvs(KVRmodel *model) {
-  if (model) model->env.concurrent_envs.clear();
+  if (kvr::is_live(model)) model->env.concurrent_envs.clear();
 }
 
 KVRenv *KVRgetmultiobjenv(KVRmodel *model, int num) {
-  if (!model) return nullptr;
+  if (!kvr::is_live(model)) return nullptr;
   if (num < 0 || num >= 100000) {
     model->errmsg = kvr::format("Multi-objective environment %d does not exist (0 to 99999)", num);
     return nullptr;
@@ -680,7 +679,7 @@ KVRenv *KVRgetmultiobjenv(KVRmodel *model, int num) {
 }
 
 void KVRdiscardmultiobjenvs(KVRmodel *model) {
-  if (model) model->env.multiobj_envs.clear();
+  if (kvr::is_live(model)) model->env.multiobj_envs.clear();
 }
 
 }  // extern "C"
