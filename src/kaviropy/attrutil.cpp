@@ -141,6 +141,14 @@ void raise_no_attribute(const std::string &type_name, const std::string &name) {
   raise_attribute_error("'kaviropy." + type_name + "' object has no attribute '" + name + "'");
 }
 
+bool set_private_attr(nb::handle self, nb::handle name, nb::handle value) {
+  if (!PyUnicode_Check(name.ptr()) || PyUnicode_GET_LENGTH(name.ptr()) == 0 ||
+      PyUnicode_READ_CHAR(name.ptr(), 0) != '_')
+    return false;
+  if (PyObject_GenericSetAttr(self.ptr(), name.ptr(), value.ptr())) throw nb::python_error();
+  return true;
+}
+
 AttrInfo attr_info(const std::string &type_name, const std::string &name) {
   // The attribute table is global: asking without a model never touches a model that may be
   // gone (a removed handle keeps the pointer of its former model).

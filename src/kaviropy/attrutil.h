@@ -19,6 +19,9 @@ struct AttrInfo {
 std::string attr_type_name(nb::handle obj);
 // AttributeError "'kaviropy.<type>' object has no attribute '<name>'".
 [[noreturn]] void raise_no_attribute(const std::string &type_name, const std::string &name);
+// Names starting with '_' are the object's own Python attributes, set the ordinary way; the
+// others are model attributes or parameters. Returns true when `name` was of the first kind.
+bool set_private_attr(nb::handle self, nb::handle name, nb::handle value);
 // Type, class and settable flag of an attribute; raises the "no attribute" AttributeError for
 // names the library does not know.
 AttrInfo attr_info(const std::string &type_name, const std::string &name);

@@ -88,8 +88,28 @@ void setup(Model &m, bool empty) {
 
 using DeleteFn = int (*)(KVRmodel *, int, const int *);
 
+// Drops the handles marked removed (one library deletion each) and renumbers the rest by their
+// new position.
+void drop_removed(Model &m, std::vector<nb::object> &list, DeleteFn del) {
+  std::vector<nb::object> kept;
+  kept.reserve(list.size());
+  for (auto &obj : list) {
+    Handle &h = handle_of(obj);
+    if (h.index < -2) {
+      int old = -(h.index + 3);
+      int code = del(m.cmodel, 1, &old);
+      if (code) check_model(code, m.cmodel);
+      h.index = -2;
+    } else if (h.index >= -1) {
+      h.index = static_cast<int>(kept.size());
+      kept.push_back(std::move(obj));
+    }
+  }
+  list.swap(kept);
+}
+
 // Variables and linear constraints: number the handles added since the last update, then drop
-// the removed ones (one library deletion each) and renumber the rest.
+// the removed ones.
 void update_linear(Model &m, int kind, int &live, bool &pending_delete, DeleteFn del) {
   auto &list = m.lists[kind];
   for (size_t i = static_cast<size_t>(live); i < list.size(); ++i) {
@@ -97,21 +117,7 @@ void update_linear(Model &m, int kind, int &live, bool &pending_delete, DeleteFn
     if (h.index >= -2) h.index = static_cast<int>(i);
   }
   if (pending_delete) {
-    std::vector<nb::object> kept;
-    kept.reserve(list.size());
-    for (auto &obj : list) {
-      Handle &h = handle_of(obj);
-      if (h.index < -2) {
-        int old = -(h.index + 3);
-        int code = del(m.cmodel, 1, &old);
-        if (code) check_model(code, m.cmodel);
-        h.index = -2;
-      } else if (h.index >= -1) {
-        h.index = static_cast<int>(kept.size());
-        kept.push_back(std::move(obj));
-      }
-    }
-    list.swap(kept);
+    drop_removed(m, list, del);
     pending_delete = false;
   }
   live = static_cast<int>(list.size());
@@ -121,24 +127,9 @@ void update_linear(Model &m, int kind, int &live, bool &pending_delete, DeleteFn
 // its position (the pending ones included).
 void update_other(Model &m, int kind, DeleteFn del) {
   auto &list = m.lists[kind];
-  bool any = std::any_of(list.begin(), list.end(),
-                         [](const nb::object &o) { return handle_of(o).index <= -2; });
-  if (any) {
-    std::vector<nb::object> kept;
-    kept.reserve(list.size());
-    for (auto &obj : list) {
-      Handle &h = handle_of(obj);
-      if (h.index < -2) {
-        int old = -(h.index + 3);
-        int code = del(m.cmodel, 1, &old);
-        if (code) check_model(code, m.cmodel);
-        h.index = -2;
-      } else if (h.index >= -1) {
-        kept.push_back(std::move(obj));
-      }
-    }
-    list.swap(kept);
-  }
+  if (std::any_of(list.begin(), list.end(),
+                  [](const nb::object &o) { return handle_of(o).index <= -2; }))
+    drop_removed(m, list, del);
   for (size_t i = 0; i < list.size(); ++i) handle_of(list[i]).index = static_cast<int>(i);
 }
 
@@ -534,12 +525,8 @@ void init_model(nb::module_ &m) {
       .def(
           "__setattr__",
           [](nb::handle self, nb::handle name, nb::handle value) {
+            if (set_private_attr(self, name, value)) return;
             std::string n = utf8(name);
-            if (!n.empty() && n[0] == '_') {
-              if (PyObject_GenericSetAttr(self.ptr(), name.ptr(), value.ptr()))
-                throw nb::python_error();
-              return;
-            }
             set_attr(self, n, value);
           },
           nb::arg("name").none(), nb::arg("value").none(),

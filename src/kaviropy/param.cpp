@@ -1,4 +1,5 @@
 // ParamClass: attribute-style access to the parameters of an environment (Model.Params).
+#include "attrutil.h"
 #include "env.h"
 
 namespace kvrpy {
@@ -33,12 +34,8 @@ void init_param(nb::module_ &m) {
       .def(
           "__setattr__",
           [](nb::handle self, nb::handle name, nb::handle value) {
+            if (set_private_attr(self, name, value)) return;
             std::string n = utf8(name);
-            if (!n.empty() && n[0] == '_') {
-              if (PyObject_GenericSetAttr(self.ptr(), name.ptr(), value.ptr()))
-                throw nb::python_error();
-              return;
-            }
             set_param(nb::cast<ParamClass &>(self).env, n, value);
           },
           nb::arg("name"), nb::arg("value").none(), "Sets a parameter.")
