@@ -46,6 +46,22 @@ class ElementNames {
   mutable std::string scratch_;
 };
 
+// What the model-file writers share: the model, the output and the file names of its elements.
+class ModelFileWriter {
+ protected:
+  ModelFileWriter(const ModelData &d, TextWriter &out)
+      : d_(d),
+        out_(out),
+        vname_(d.vars.names, "C"),
+        cname_(d.constrs.names, "R"),
+        qname_(d.qconstrs.names, "QC"),
+        gname_(d.gens.names, "GC") {}
+
+  const ModelData &d_;
+  TextWriter &out_;
+  ElementNames vname_, cname_, qname_, gname_;
+};
+
 // Runs check(name, "variable", j) on each variable's file name and fails when two variables share
 // a name.
 template <class Check>

@@ -48,15 +48,9 @@ namespace {
 
 constexpr size_t kLineWidth = 100;
 
-class LpWriter {
+class LpWriter : ModelFileWriter {
  public:
-  LpWriter(const ModelData &d, TextWriter &out)
-      : d_(d),
-        out_(out),
-        vname_(d.vars.names, "C"),
-        cname_(d.constrs.names, "R"),
-        qname_(d.qconstrs.names, "QC"),
-        gname_(d.gens.names, "GC") {}
+  LpWriter(const ModelData &d, TextWriter &out) : ModelFileWriter(d, out) {}
 
   void write() {
     check_writable(d_, "LP");
@@ -539,9 +533,6 @@ class LpWriter {
     }
   }
 
-  const ModelData &d_;
-  TextWriter &out_;
-  ElementNames vname_, cname_, qname_, gname_;
   size_t col_ = 0;
 };
 

@@ -25,15 +25,9 @@ namespace kvr::io {
 
 namespace {
 
-class MpsWriter {
+class MpsWriter : ModelFileWriter {
  public:
-  MpsWriter(const ModelData &d, TextWriter &out)
-      : d_(d),
-        out_(out),
-        vname_(d.vars.names, "C"),
-        cname_(d.constrs.names, "R"),
-        qname_(d.qconstrs.names, "QC"),
-        gname_(d.gens.names, "GC") {}
+  MpsWriter(const ModelData &d, TextWriter &out) : ModelFileWriter(d, out) {}
 
   void write() {
     check_writable(d_, "MPS");
@@ -355,9 +349,6 @@ class MpsWriter {
       }
   }
 
-  const ModelData &d_;
-  TextWriter &out_;
-  ElementNames vname_, cname_, qname_, gname_;
   std::string objname_;
   std::vector<int> indicator_gen_;
 };
