@@ -4,7 +4,11 @@ how results are kept and applied, the log levels, interruption, and the errors o
 retrieving results."""
 
 import ctypes as C
+import pathlib
 import re
+import shutil
+import subprocess
+import sys
 import threading
 import time
 
@@ -240,3 +244,30 @@ def test_tuning_errors(env):
     assert codes == [KVR.ERROR_OPTIMIZATION_IN_PROGRESS]
     a.dispose()
     raises(0, "Model has already been freed", a.tune)
+
+
+def test_command_line_tunes_one_or_more_files(tmp_path):
+    exe = shutil.which("kaviro_cl", path=str(pathlib.Path(sys.executable).parent))
+    assert exe, "kaviro_cl is not installed beside %s" % sys.executable
+
+    def run(*args):
+        return subprocess.run([exe, *args], capture_output=True, text=True, cwd=tmp_path,
+                              timeout=60)
+
+    mips = [str(INSTANCES / "flugpl.mps"), str(INSTANCES / "tiny_mip.mps")]
+    r = run("--tune", "TuneTimeLimit=3", "TuneTrials=1", "ResultFile=best.prm", *mips)
+    assert r.returncode == 0, r.stderr
+    assert "Tuning 2 models together" in r.stdout
+    shown = r.stdout.split("Best parameter set (result 0 of ")[1].splitlines()[1:]
+    shown = [line.split() for line in shown if line.startswith("  ")]
+    assert shown and {name for name, _ in shown} <= {"Presolve", "Heuristics", "Symmetry",
+                                                    "ScaleFlag"}
+    written = (tmp_path / "best.prm").read_text()
+    for name, value in shown:
+        assert re.search(r"^%s\s+%s$" % (name, re.escape(value)), written, re.M), written
+    r = run("--tune", mips[0], str(INSTANCES / "afiro.mps"))
+    assert r.returncode == 1 and "is a MIP and model 1 ('AFIRO') is a continuous LP" in r.stderr
+    r = run("--tune", "ResultFile=x.sol", mips[0])
+    assert r.returncode == 2 and "ResultFile must name a parameter file (.prm)" in r.stderr
+    r = run(*mips)
+    assert r.returncode == 2 and "one model file, or --tune" in r.stderr
