@@ -66,7 +66,7 @@ struct TunedParam {
 
 // The values tried. Presolve 1 and 2 act like the automatic choice, and ScaleFlag and Symmetry
 // act only when 0, so those values are not tried. Crossover matters only for the barrier method
-// (see applies()).
+// (see neighbours()).
 const std::vector<TunedParam> &tuned_params() {
   static const std::vector<TunedParam> table = {
       {ParamId::Presolve, kAllKinds, {0}},
@@ -526,8 +526,10 @@ void Tuner::run() {
     search(cleanup_share_ > 0 ? total * (1 - cleanup_share_) : total);
     if (!user_stopped_ && cleanup_share_ > 0 && !improved_.empty() &&
         improved_.back().first.size() > 1) {
+      const bool search_out_of_time = out_of_time_;
       out_of_time_ = false;
       cleanup(total);
+      out_of_time_ = out_of_time_ || search_out_of_time;
     }
   }
 
