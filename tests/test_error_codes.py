@@ -1,7 +1,7 @@
 """Every error code of the library, provoked through the public interface: the module where it
 can reach the code, the library's C interface (through ctypes) where the module checks first or
 cannot pass the argument. Each test checks the code, the message, and that the failing call left
-the model as it was. Three codes have no test (see UNREACHABLE)."""
+the model as it was. Two codes have no test (see UNREACHABLE)."""
 
 import ctypes as C
 import re
@@ -17,14 +17,15 @@ pytestmark = pytest.mark.skipif(not hasattr(kp, "Model"), reason="the Model clas
 INF = float("inf")
 CODES = {n: getattr(KVR.Error, n) for n in dir(KVR.Error) if not n.startswith("_")}
 CODES["SECURITY"] = KVR.ERROR_SECURITY
-# EXCEED_2B_NONZEROS needs a model with more than 2^31-1 nonzeros; TUNE_MODEL_TYPES belongs to
-# multi-model tuning, which does not exist; INTERNAL reports unexpected failures only.
-UNREACHABLE = {"EXCEED_2B_NONZEROS", "TUNE_MODEL_TYPES", "INTERNAL"}
+# EXCEED_2B_NONZEROS needs a model with more than 2^31-1 nonzeros; INTERNAL reports unexpected
+# failures only.
+UNREACHABLE = {"EXCEED_2B_NONZEROS", "INTERNAL"}
 
 CALLBACK = C.CFUNCTYPE(C.c_int, C.c_void_p, C.c_void_p, C.c_int, C.c_void_p)
 clib.lib.KVRsetcallbackfunc.argtypes = [C.c_void_p, CALLBACK, C.c_void_p]
 clib.lib.KVRoptimize.argtypes = [C.c_void_p]
 clib.lib.KVRsetdblattrelement.argtypes = [C.c_void_p, C.c_char_p, C.c_int, C.c_double]
+clib.lib.KVRtunemodels.argtypes = [C.c_int, C.POINTER(C.c_void_p)]
 
 
 def test_every_reachable_code_has_a_test():
@@ -295,6 +296,20 @@ def test_model_modification(m):
     assert err.message == ("The model cannot be changed while it is being optimized; change it "
                            "after KVRoptimize returns")
     assert snapshot(m) == before
+
+
+def test_tune_model_types(m, env):
+    # The module tunes one model at a time; several models are tuned through the C interface.
+    lp = kp.Model("lp", env=env)
+    lp.addVar(obj=1, name="z")
+    lp.update()
+    before = snapshot(m)
+    models = (C.c_void_p * 2)(m._cmodel, lp._cmodel)
+    library_fails(m, KVR.ERROR_TUNE_MODEL_TYPES, clib.lib.KVRtunemodels(2, models),
+                  "Model 0 ('codes') is a MIP and model 1 ('lp') is a continuous LP: models tuned "
+                  "together must be all MIPs or all continuous")
+    assert snapshot(m) == before and m.TuneResultCount == 0
+    lp.dispose()
 
 
 def test_not_in_model(m, env):

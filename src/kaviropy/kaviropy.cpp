@@ -42,6 +42,7 @@ NB_MODULE(_core, m) {
   init_tuplelist(m);
   init_kaviro(m);
   init_model_optimize(m);
+  init_model_tune(m);
   init_model_print(m);
   init_model_files(m);
 }

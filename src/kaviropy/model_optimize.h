@@ -10,6 +10,8 @@ KVRmodel *library_model(nb::handle self);
 
 // optimize, reset, message, terminate, the cb* methods and the sub-environments.
 void init_model_optimize(nb::module_ &m);
+// tune and getTuneResult.
+void init_model_tune(nb::module_ &m);
 // printStats, printQuality, printAttr, display and their helpers.
 void init_model_print(nb::module_ &m);
 

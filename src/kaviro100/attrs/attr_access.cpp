@@ -650,7 +650,7 @@ double read_model_num(kvr_model *m, AttrId id) {
     case A::NumStart:
       return d.numstart;
     case A::TuneResultCount:
-      return m->tune_result_count;
+      return static_cast<int>(m->tune.sets.size());
     case A::Fingerprint:
       return fingerprint(m);
     case A::ConcurrentWinMethod:

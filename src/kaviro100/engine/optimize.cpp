@@ -108,7 +108,8 @@ bool SolveContext::must_stop() {
   if (stop != StopReason::None) return true;
   if (check_memory(false) != StopReason::None) {
     stop = memory_stop;
-  } else if (model && model->terminate_requested.load()) {
+  } else if (model && (model->terminate_requested.load() ||
+                       (model->also_stop_on && model->also_stop_on->load()))) {
     stop = StopReason::User;
   } else if (stop_objective >= 0 && std::find(pass_objectives.begin(), pass_objectives.end(),
                                               stop_objective) != pass_objectives.end()) {
@@ -559,6 +560,8 @@ void log_summary(kvr_env &env, const Solution &sol, bool mip) {
            sol.itercount, sol.baritercount, sol.work, sol.runtime);
 }
 
+}  // namespace
+
 void optimize(kvr_model *model) {
   if (model->optimizing.load())
     fail(KVR_ERROR_OPTIMIZATION_IN_PROGRESS, "The model is being optimized already");
@@ -628,7 +631,6 @@ void optimize(kvr_model *model) {
     fail(KVR_ERROR_CALLBACK, "The callback returned %d; optimization stopped", ctx.callback_error);
 }
 
-}  // namespace
 }  // namespace kvr
 
 extern "C" {

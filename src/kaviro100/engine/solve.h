@@ -10,6 +10,9 @@
 
 namespace kvr {
 
+// What KVRoptimize does: update, solve, store the solution on the model; throws kvr::Error.
+void optimize(kvr_model *model);
+
 // The warm-start information of the user's model (Start/VarHintVal, VBasis/CBasis,
 // PStart/DStart), sized for the engine's model.
 EngineProblem make_problem(const kvr_model *model, const Reformulated &rf);

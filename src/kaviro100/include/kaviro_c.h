@@ -526,6 +526,24 @@ KVR_API int KVRcblazy(void *cbdata, int lazylen, const int *lazyind, const doubl
 KVR_API int KVRcbproceed(void *cbdata);
 KVR_API int KVRcbstoponemultiobj(KVRmodel *model, void *cbdata, int objnum);
 
+/* ---------------------------------------------------------------- tuning -----------------------
+ */
+/* Searches for parameter settings that solve the model faster (or, by TuneCriterion, to a
+   better gap, objective or bound), solving copies of it; the model's own parameters and
+   solution stay as they are. Parameters marked with KVRfixtuneparam and parameters already
+   changed in the model's environment are never varied. Afterwards TuneResultCount gives the
+   number of improved sets kept; KVRgettuneresult applies one. KVRterminate and, after
+   KVRsetsignal, Ctrl-C stop the search and keep what was found so far. */
+KVR_API int KVRtunemodel(KVRmodel *model);
+/* Tunes one parameter set for several models together (TuneMetric aggregates over them); all
+   models must be MIPs or all continuous (else TUNE_MODEL_TYPES). The models use the parameters
+   of their own environments; the results are stored on models[0] and relative to its
+   parameters. */
+KVR_API int KVRtunemodels(int nummodels, KVRmodel **models);
+/* Sets the model's parameters to tuning result i (0 is the best): the parameters in force when
+   tuning started, with that result's changes. */
+KVR_API int KVRgettuneresult(KVRmodel *model, int i);
+
 /* ---------------------------------------------------------------- files ------------------------
  */
 /* Reads a model file (type from the suffix; .gz and .bz2 accepted). */

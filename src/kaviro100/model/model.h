@@ -14,6 +14,21 @@
 #include "model/solution.h"
 #include "util/live.h"
 
+namespace kvr {
+// One parameter value of a tuning result (integer parameters hold exact values).
+struct ParamChange {
+  ParamId id;
+  double value;
+  bool operator==(const ParamChange &) const = default;
+};
+// The outcome of the last tuning run: the parameters in force when it started and the improved
+// sets, each a list of changes to those, best set first.
+struct TuneResults {
+  ParamValues baseline;
+  std::vector<std::vector<ParamChange>> sets;
+};
+}  // namespace kvr
+
 struct kvr_model {
   kvr_env env;  // the model's own copy of its environment's parameters and log destinations
   std::string errmsg;
@@ -27,8 +42,10 @@ struct kvr_model {
   std::atomic<bool> terminate_requested{false};
   std::atomic<bool> optimizing{false};
 
-  // Number of improved parameter sets found by the last tuning run.
-  int tune_result_count = 0;
+  kvr::TuneResults tune;
+  // While set, a solve of this model also stops when the flag is raised (the tuner's working
+  // copies follow the interrupt state of the model being tuned).
+  const std::atomic<bool> *also_stop_on = nullptr;
 
   // Counts changes of `data`; caches derived from the data remember the version they were built
   // from. Code that changes `data` directly calls kvr::data_changed.

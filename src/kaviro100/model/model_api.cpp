@@ -13,7 +13,7 @@ kvr_model::kvr_model(const kvr_model &other)
       data(other.data),
       pending(other.pending),
       sol(other.sol),
-      tune_result_count(other.tune_result_count),
+      tune(other.tune),
       changed_since_update(other.changed_since_update) {}
 
 extern "C" {
