@@ -97,7 +97,6 @@ bool param_applied(ParamId id) {
                                              ParamId::UserName,
                                              ParamId::AggFill,
                                              ParamId::Aggregate,
-                                             ParamId::FeasRelaxBigM,
                                              ParamId::IntegralityFocus,
                                              ParamId::LazyConstraints,
                                              ParamId::NumericFocus,
