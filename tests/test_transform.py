@@ -307,12 +307,21 @@ def test_linearize_general_constraints_and_refusals(m):
     assert optimum(lin) == pytest.approx(original, rel=1e-5) == pytest.approx(3.5, rel=1e-5)
     lin.dispose()
 
+    # a semi-continuous factor may also be 0: the product's rows must allow it
+    b = m.addVar(vtype=KVR.BINARY, name="b")
+    s = m.addVar(lb=2, ub=4, vtype=KVR.SEMICONT, name="s")
+    m.addConstr(b >= 1)
+    m.setObjective(b * s, KVR.MINIMIZE)
+    m.update()
+    lin = m.linearize()
+    assert optimum(lin) == pytest.approx(0)
+    lin.dispose()
+
     m.setObjective(x * y)
     m.update()
     raises(KVR.ERROR_NOT_SUPPORTED,
            "Quadratic term x*y of the objective cannot be linearized exactly: neither factor is "
            "binary", m.linearize)
-    b = m.addVar(vtype=KVR.BINARY, name="b")
     m.setObjective(b * top)
     m.update()
     raises(KVR.ERROR_NOT_SUPPORTED,
@@ -386,3 +395,53 @@ def test_feasrelax_errors_leave_the_model_unchanged(m):
     m.dispose()
     raises(0, "Model has already been freed", m.feasRelax, 0, False, None, None, None, None, None)
     raises(0, "Model has already been freed", m.relax)
+
+
+def test_feasrelax_refusals_of_the_library(m):
+    x, y, c0, c1 = infeasible_pair(m)
+    s = m.addVar(lb=1, ub=2, vtype=KVR.SEMICONT, name="s")
+    raises(KVR.ERROR_NOT_SUPPORTED,
+           "The bounds of semi-continuous or semi-integer variable s cannot be relaxed",
+           m.feasRelax, 0, False, [s], [1], None, None, None)
+    m.Params.TimeLimit = 0
+    raises(KVR.ERROR_DATA_NOT_AVAILABLE,
+           "The feasibility relaxation was not solved to optimality (status 9); no minimum to keep",
+           m.feasRelax, 0, True, None, None, None, [c0], [1])
+    assert (m.NumVars, m.NumConstrs) == (3, 2)
+
+
+def test_library_entry_points_check_their_arguments(env):
+    from clib import Model as CModel, lib, new_env
+    import ctypes as C
+
+    cenv = new_env()
+    cm = CModel.new(cenv)
+    cm.var(ub=1, name="x")
+    cm.update()
+    for fn in ("KVRrelaxmodel", "KVRpresolvemodel", "KVRdualmodel"):
+        getattr(lib, fn).argtypes = [C.c_void_p, C.POINTER(C.c_void_p)]
+        getattr(lib, fn).restype = C.c_int
+        assert getattr(lib, fn)(cm.ptr, None) == KVR.ERROR_NULL_ARGUMENT
+        assert lib.KVRgetmerrormsg(cm.ptr) == b"No place given for the new model"
+    lib.KVRfeasrelax.argtypes = [C.c_void_p, C.c_int, C.c_int, C.c_void_p, C.c_void_p,
+                                 C.c_void_p, C.POINTER(C.c_double)]
+    lib.KVRfeasrelax.restype = C.c_int
+    out = C.c_double()
+    assert lib.KVRfeasrelax(cm.ptr, 0, 2, None, None, None, C.byref(out)) == \
+        KVR.ERROR_INVALID_ARGUMENT
+    assert lib.KVRgetmerrormsg(cm.ptr) == b"Invalid minrelax 2: use 0 or 1"
+    assert lib.KVRfeasrelax(cm.ptr, 5, 0, None, None, None, C.byref(out)) == \
+        KVR.ERROR_INVALID_ARGUMENT
+    assert lib.KVRgetmerrormsg(cm.ptr) == \
+        b"Invalid relaxobjtype 5: use 0 (linear), 1 (quadratic) or 2 (cardinality)"
+    assert lib.KVRfeasrelax(cm.ptr, 0, 0, None, None, None, None) == KVR.ERROR_NULL_ARGUMENT
+    result = C.c_void_p()
+    assert lib.KVRrelaxmodel(cm.ptr, C.byref(result)) == 0 and result.value
+    assert lib.KVRfreemodel(result) == 0
+    # a freed model is refused, and the out-pointer is cleared
+    result = C.c_void_p(1)
+    ptr = cm.ptr
+    cm.free()
+    assert lib.KVRrelaxmodel(ptr, C.byref(result)) == KVR.ERROR_INVALID_ARGUMENT
+    assert result.value is None
+    lib.KVRfreeenv(cenv)

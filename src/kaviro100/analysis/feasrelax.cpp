@@ -11,6 +11,7 @@
 #include "model/checks.h"
 #include "model/model.h"
 #include "reform/internal.h"
+#include "reform/transform.h"
 
 namespace kvr {
 
@@ -161,13 +162,9 @@ void check_penalties(const double *pen, int n, const char *what, const ModelData
 
 // Replaces the objective of d by sum lin + quad (minimized).
 void set_objective(ModelData &d, const std::vector<Term> &lin, const QuadTerms &quad) {
-  std::fill(d.vars.obj.begin(), d.vars.obj.end(), 0.0);
+  clear_objective(d);
   for (const Term &t : lin) d.vars.obj[t.var] += t.coef;
   d.q = quad;
-  d.objcon = 0.0;
-  d.sense = KVR_MINIMIZE;
-  d.objn.resize(1);
-  d.pwlobj.clear();
 }
 
 // Solves the relaxation (a copy of the model with the relaxed data) and returns its optimum.

@@ -8,6 +8,10 @@
 
 namespace kvr {
 
+// Removes every objective of d (coefficients, constant, quadratic and piecewise-linear parts,
+// further objectives, scenario objective changes) and makes it a minimization.
+void clear_objective(ModelData &d);
+
 // The body of a derived-model entry point: checks the arguments, applies the pending changes when
 // update_first (else reads the data as of the last update), and hands out a new model holding
 // build(model) with a copy of the model's environment. build only reads the model (and may log).

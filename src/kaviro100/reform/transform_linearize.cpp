@@ -34,7 +34,9 @@ class ProductLinearizer {
            "Quadratic term %s*%s of %s cannot be linearized exactly: neither factor is binary",
            reform::var_name(u_, a).c_str(), reform::var_name(u_, b).c_str(), where.c_str());
     double lo = u_.vars.lb[w], hi = u_.vars.ub[w];
-    if (u_.vars.vtype[w] == KVR_BINARY) lo = std::max(lo, 0.0), hi = std::min(hi, 1.0);
+    const char t = u_.vars.vtype[w];
+    if (t == KVR_BINARY) lo = std::max(lo, 0.0), hi = std::min(hi, 1.0);
+    if (t == KVR_SEMICONT || t == KVR_SEMIINT) lo = std::min(lo, 0.0), hi = std::max(hi, 0.0);
     if (!reform::is_finite(lo) || !reform::is_finite(hi))
       fail(KVR_ERROR_NOT_SUPPORTED,
            "Quadratic term %s*%s of %s cannot be linearized exactly: %s has no finite %s bound",

@@ -126,20 +126,18 @@ ModelData fixed(const kvr_model &model) {
   return f;
 }
 
-ModelData without_objective(const ModelData &m) {
-  ModelData f = m;
-  std::fill(f.vars.obj.begin(), f.vars.obj.end(), 0.0);
-  f.objcon = 0.0;
-  f.sense = KVR_MINIMIZE;
-  f.q.clear();
-  f.objn.resize(1);
-  f.objn[0] = ObjectiveN{};
-  f.pwlobj.clear();
-  for (Scenario &s : f.scenarios) s.obj.clear();
-  return f;
-}
-
 }  // namespace
+
+void clear_objective(ModelData &d) {
+  std::fill(d.vars.obj.begin(), d.vars.obj.end(), 0.0);
+  d.objcon = 0.0;
+  d.sense = KVR_MINIMIZE;
+  d.q.clear();
+  d.objn.resize(1);
+  d.objn[0] = ObjectiveN{};
+  d.pwlobj.clear();
+  for (Scenario &s : d.scenarios) s.obj.clear();
+}
 
 }  // namespace kvr
 
@@ -155,8 +153,11 @@ int KVRfixmodel(KVRmodel *model, KVRmodel **resultP) {
 }
 
 int KVRfeasibility(KVRmodel *model, KVRmodel **resultP) {
-  return kvr::derive_model(model, resultP, false,
-                           [](const kvr_model &m) { return kvr::without_objective(m.data); });
+  return kvr::derive_model(model, resultP, false, [](const kvr_model &m) {
+    kvr::ModelData f = m.data;
+    kvr::clear_objective(f);
+    return f;
+  });
 }
 
 }  // extern "C"
