@@ -45,4 +45,5 @@ NB_MODULE(_core, m) {
   init_model_tune(m);
   init_model_print(m);
   init_model_files(m);
+  init_model_transform(m);
 }

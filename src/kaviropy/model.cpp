@@ -329,6 +329,11 @@ nb::object model_append(nb::handle self, int kind, bool numbered) {
   return h;
 }
 
+nb::object model_adopt(nb::handle self, KVRmodel *cmodel) {
+  return module_attr("Model")(nb::arg("env").none() = model_ref(self).uenv,
+                              nb::arg("cmodel").none() = handle_object(cmodel));
+}
+
 void model_resync(nb::handle self) {
   Model &m = model_ref(self);
   if (!m.built) return;  // the lazy set-up reads the counts when the lists are first needed
@@ -456,8 +461,7 @@ void init_model(nb::module_ &m) {
           [](nb::handle self) {
             KVRmodel *copy = KVRcopymodel(live_model(self));
             if (!copy) raise_error(-1, "Failed to create copy");
-            return module_attr("Model")(nb::arg("env").none() = model_ref(self).uenv,
-                                        nb::arg("cmodel").none() = handle_object(copy));
+            return model_adopt(self, copy);
           },
           "A new model holding a copy of the library model (pending changes are not applied).")
       .def(

@@ -58,6 +58,10 @@ int model_updatemode(nb::handle self);
 // else pending (-1). Returns the new handle.
 nb::object model_append(nb::handle self, int kind, bool numbered);
 
+// A new Model object owning the library model `cmodel` (a copy or a derived model of self's), in
+// self's user environment; its handle lists are built when first needed.
+nb::object model_adopt(nb::handle self, KVRmodel *cmodel);
+
 // After the library appended elements by itself (a feasibility relaxation adds penalty
 // variables and constraints), appends numbered handles for them, keeping the existing handles.
 // Call it right after an update, when no handle is pending.
@@ -95,5 +99,7 @@ void init_model(nb::module_ &m);
 // Registered by model_add.cpp and model_query.cpp on the Model class.
 void init_model_add(nb::class_<Model> &cls);
 void init_model_query(nb::class_<Model> &cls);
+// Derived models and the feasibility relaxation (model_transform.cpp), after init_model.
+void init_model_transform(nb::module_ &m);
 
 }  // namespace kvrpy

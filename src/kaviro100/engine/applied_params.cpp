@@ -88,7 +88,6 @@ bool param_applied(ParamId id) {
                                              ParamId::UserName,
                                              ParamId::AggFill,
                                              ParamId::Aggregate,
-                                             ParamId::FeasRelaxBigM,
                                              ParamId::IntegralityFocus,
                                              ParamId::LazyConstraints,
                                              ParamId::NumericFocus,

@@ -544,6 +544,70 @@ KVR_API int KVRtunemodels(int nummodels, KVRmodel **models);
    tuning started, with that result's changes. */
 KVR_API int KVRgettuneresult(KVRmodel *model, int i);
 
+/* ---------------------------------------------------------------- model transformations --------
+ */
+/* Each call hands out a new model (its own copy of the model's environment, names kept, no
+   solution) in *resultP, or fails and leaves *resultP NULL. Relax, fix, feasibility, linearize
+   and single-scenario take the model as of its last update (pending changes are not applied);
+   presolve and dual apply them first. */
+
+/* Continuous relaxation: integer and binary variables become continuous (binaries within [0, 1]),
+   semi-continuous and semi-integer ones continuous over [min(lb, 0), max(ub, 0)]; SOS
+   constraints are dropped. General constraints keep a linear relaxation: max and min keep
+   resultant >= (<=) each operand and the constant, abs and norm keep resultant >= +-operand,
+   and keeps resultant <= each operand and resultant >= sum - (n - 1), or keeps resultant >= each
+   operand and resultant <= sum; indicator, piecewise-linear and function constraints are
+   dropped. Quadratic parts and piecewise-linear objectives stay as they are. */
+KVR_API int KVRrelaxmodel(KVRmodel *model, KVRmodel **resultP);
+/* The continuous model of the current MIP solution (DATA_NOT_AVAILABLE without one): integer,
+   binary and semi-integer variables are fixed at their rounded values, semi-continuous ones at 0
+   when they are 0 and continuous within their bounds otherwise; SOS members that are 0 are fixed
+   at 0 and the SOS constraints dropped; an indicator whose condition holds becomes its linear
+   row, one whose condition fails is dropped; the variables of the other general constraints are
+   fixed at their values and the constraints dropped. */
+KVR_API int KVRfixmodel(KVRmodel *model, KVRmodel **resultP);
+/* A reduced model with the same optimal value: fixed variables are substituted out (into the
+   rows and the objective constant), rows with one entry become bounds and empty rows are checked
+   and dropped, repeated until nothing changes. Variables in quadratic terms, SOS, general
+   constraints, further objectives, piecewise-linear objectives or scenarios, and rows changed by
+   scenarios, are kept. When the reductions prove the model infeasible the result is a model
+   with one variable "Infeasible" fixed at 0 and one row "Infeasible" asking it to be >= 1. */
+KVR_API int KVRpresolvemodel(KVRmodel *model, KVRmodel **resultP);
+/* The LP dual: one variable per row (named after the row; >= 0 for >= rows of a minimization,
+   <= 0 for <= rows, free for equalities), one per finite bound ("lb_<var>" >= 0, "ub_<var>" <= 0)
+   and one equality row per variable (named after it). Its optimal value equals the primal's (the
+   dual of a maximization is stated as a minimization). NOT_FOR_MIP for integer variables, SOS or
+   general constraints; NOT_SUPPORTED for quadratic parts, several objectives, piecewise-linear
+   objectives or scenarios. */
+KVR_API int KVRdualmodel(KVRmodel *model, KVRmodel **resultP);
+/* The same constraints with no objective (all objectives, quadratic and piecewise-linear parts
+   removed; minimization). */
+KVR_API int KVRfeasibility(KVRmodel *model, KVRmodel **resultP);
+/* Products of a binary variable with a variable of finite bounds (and squares of binaries) in
+   the quadratic objective and quadratic constraints become new variables "<x>_<y>" tied to the
+   factors by four exact rows; quadratic constraints become linear rows appended after the
+   others. Max, min, abs, and, or, norm, indicator and piecewise-linear constraints become rows
+   with binaries; function constraints, SOS and semi-continuous variables stay. NOT_SUPPORTED
+   names a product that cannot be linearized exactly. */
+KVR_API int KVRlinearizemodel(KVRmodel *model, KVRmodel **resultP);
+/* The scenario chosen by the ScenarioNumber parameter applied to the base model (its bounds,
+   objective coefficients and right-hand sides), without scenarios; DATA_NOT_AVAILABLE for a
+   model without scenarios, INVALID_ARGUMENT for a ScenarioNumber not below NumScenarios. */
+KVR_API int KVRsinglescenariomodel(KVRmodel *model, KVRmodel **resultP);
+/* Feasibility relaxation of the model itself (after an update). Penalty arrays: lbpen and ubpen
+   one entry per variable, rhspen one per linear constraint followed by one per quadratic
+   constraint; NULL or KVR_INFINITY (or more) means "may not be relaxed". A relaxed lower bound
+   of x becomes the row "ArtLB_<x>": x + ArtL_<x> >= lb, an upper bound "ArtUB_<x>":
+   x - ArtU_<x> <= ub; a relaxed row gets ArtP_<row> (+1) when it is >= or =, ArtN_<row> (-1) when
+   it is <= or =. relaxobjtype 0 penalizes pen * violation, 1 pen * violation^2, 2 pen for each
+   violated bound or row (binary "<art>_on" with the row "<art>_M": art <= FeasRelaxBigM * on).
+   minrelax 0: the relaxation objective replaces the objective, *feasobjP = 0. minrelax 1: the
+   relaxation is solved, the row (or quadratic constraint) "FeasRelaxObj" keeps its objective at
+   most at the minimum found, the original objective stays, and
+   *feasobjP is that minimum. On failure the model is unchanged. */
+KVR_API int KVRfeasrelax(KVRmodel *model, int relaxobjtype, int minrelax, const double *lbpen,
+                         const double *ubpen, const double *rhspen, double *feasobjP);
+
 /* ---------------------------------------------------------------- files ------------------------
  */
 /* Reads a model file (type from the suffix; .gz and .bz2 accepted). */

@@ -89,21 +89,18 @@ double Builder::activity_bound(const std::vector<Term> &terms, bool upper, int *
   return sum;
 }
 
-std::string var_name(const ModelData &m, int j) {
-  if (j >= 0 && j < m.num_vars() && !m.vars.names.get(j).empty())
-    return std::string(m.vars.names.get(j));
-  std::string name = "C";
-  name += std::to_string(j);
-  return name;
+std::string element_name(const NamePool &names, int i, const char *prefix) {
+  if (i >= 0 && static_cast<size_t>(i) < names.size() && !names.get(i).empty())
+    return std::string(names.get(i));
+  return prefix + std::to_string(i);
 }
 
-std::string gen_name(const ModelData &m, int i) {
-  if (i >= 0 && i < m.gens.size() && !m.gens.names.get(i).empty())
-    return std::string(m.gens.names.get(i));
-  std::string name = "GC";
-  name += std::to_string(i);
-  return name;
+std::string var_name(const ModelData &m, int j) { return element_name(m.vars.names, j, "C"); }
+std::string constr_name(const ModelData &m, int i) { return element_name(m.constrs.names, i, "R"); }
+std::string qconstr_name(const ModelData &m, int i) {
+  return element_name(m.qconstrs.names, i, "QC");
 }
+std::string gen_name(const ModelData &m, int i) { return element_name(m.gens.names, i, "GC"); }
 
 const char *gen_type_name(int type) {
   static const char *const names[] = {"MAX",       "MIN", "ABS",  "AND", "OR",   "NORM",

@@ -55,8 +55,12 @@ class Builder {
   std::vector<double> lb_, ub_;
 };
 
-// Display names used in messages: the element's name, or the generated one ("C3", "GC0").
+// Display names used in messages and derived names: the element's name, or the generated one
+// ("C3", "R1", "QC0", "GC0").
+std::string element_name(const NamePool &names, int i, const char *prefix);
 std::string var_name(const ModelData &m, int j);
+std::string constr_name(const ModelData &m, int i);
+std::string qconstr_name(const ModelData &m, int i);
 std::string gen_name(const ModelData &m, int i);
 const char *gen_type_name(int type);
 // Number text for messages.
