@@ -120,6 +120,17 @@ def test_infeasible_lp_farkas_certificate(m):
         x.X
 
 
+def test_rows_without_variables_are_checked(env):
+    # A model without variables: each row reads 0 against its right-hand side.
+    for sense, rhs, status in (("<", -1, KVR.INFEASIBLE), (">", 1, KVR.INFEASIBLE),
+                               ("=", 0.5, KVR.INFEASIBLE), ("<", 1, KVR.OPTIMAL),
+                               ("=", 0, KVR.OPTIMAL)):
+        with kp.Model(env=env) as m:
+            m.addLConstr(kp.LinExpr(), sense, rhs)
+            m.optimize()
+            assert m.Status == status, (sense, rhs)
+
+
 def test_unbounded_lp_ray(m):
     m.Params.InfUnbdInfo = 1
     u = m.addVar(name="u")

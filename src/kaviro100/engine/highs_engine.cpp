@@ -287,6 +287,18 @@ void engine_event(int type, const char *msg, const HighsCallbackDataOut *out,
   if (in) in->user_interrupt = ctx.must_stop() ? 1 : 0;
 }
 
+// Whether every row of a model without variables (each row reads 0) meets its right-hand side.
+bool empty_rows_feasible(const ModelData &m, double tol) {
+  if (m.num_vars() > 0) return true;
+  for (int i = 0; i < m.num_constrs(); ++i) {
+    double rhs = m.constrs.rhs[i];
+    char sense = m.constrs.sense[i];
+    if ((sense != KVR_GREATER_EQUAL && rhs < -tol) || (sense != KVR_LESS_EQUAL && rhs > tol))
+      return false;
+  }
+  return true;
+}
+
 int map_status(HighsInt model_status, bool mip, bool has_x) {
   switch (model_status) {
     case kHighsModelStatusOptimal:
@@ -749,6 +761,12 @@ EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues 
       (model_status == kHighsModelStatusModelError || model_status == kHighsModelStatusLoadError))
     fail(KVR_ERROR_INVALID_ARGUMENT, "The engine could not load the model; see the log");
   r.status = map_status(model_status, mip, pstat == kHighsSolutionStatusFeasible);
+  // Without variables the engine calls the model empty whatever its rows ask for.
+  if (model_status == kHighsModelStatusModelEmpty &&
+      !empty_rows_feasible(m, params.get_dbl(ParamId::FeasibilityTol))) {
+    r.status = KVR_INFEASIBLE;
+    has_x = false;
+  }
   switch (ctx.stop) {
     case StopReason::ObjStop:
     case StopReason::BdStop:
