@@ -154,6 +154,59 @@ def test_methods_agree_and_concurrent_reports_winner(m):
     assert m.ConcurrentWinMethod in (0, 1, 2)
 
 
+def pair_lp(m, n):
+    """min 2 sum x + sum y  s.t.  x_ij - y_ij >= i,  x_ij + y_ij >= 0, all free: objective
+    n^2 (n - 1) / 4, 4 n^2 nonzeros."""
+    x = m.addVars(n, n, lb=-KVR.INFINITY)
+    y = m.addVars(n, n, lb=-KVR.INFINITY)
+    m.addConstrs(x[i, j] - y[i, j] >= i for i in range(n) for j in range(n))
+    m.addConstrs(x[i, j] + y[i, j] >= 0 for i in range(n) for j in range(n))
+    m.setObjective(2 * x.sum() + y.sum())
+    return n * n * (n - 1) / 4
+
+
+def test_concurrent_lp_takes_the_first_method_to_finish(env, tmp_path):
+    # Instances, an infeasible and an unbounded LP, and limits: the race gives what one method
+    # alone gives, and says who won.
+    log = tmp_path / "race.log"
+    for name, objective in (("25fv47", 5501.845888), ("greenbea", -72555248.13)):
+        with kp.read(str(INSTANCES / f"{name}.mps"), env=env) as m:
+            m.Params.Method, m.Params.LogFile, m.Params.OutputFlag = 3, str(log), 1
+            m.Params.LogToConsole = 0
+            m.optimize()
+            assert m.Status == KVR.OPTIMAL and m.ObjVal == pytest.approx(objective, rel=1e-8)
+            assert m.ConcurrentWinMethod in (1, 2)
+    text = log.read_text()
+    assert text.count("Concurrent LP: dual simplex and barrier side by side") == 2
+    assert text.count("finished first") == 2
+    with kp.Model(env=env) as m:
+        x = m.addVar(ub=1)
+        m.addConstr(x >= 2)
+        m.Params.Method = 3
+        m.optimize()
+        assert m.Status in (KVR.INFEASIBLE, KVR.INF_OR_UNBD)
+        m.remove(m.getConstrs()[0])
+        x.UB, x.Obj = KVR.INFINITY, -1
+        m.optimize()
+        assert m.Status in (KVR.UNBOUNDED, KVR.INF_OR_UNBD)
+    with kp.Model(env=env) as m:
+        optimum = pair_lp(m, 160)
+        m.Params.Presolve = 0
+        m.Params.Method = 3
+        m.Params.TimeLimit = 0
+        m.optimize()
+        assert m.Status == KVR.TIME_LIMIT
+        # Large enough for the automatic method to race, unless one thread is all it may use.
+        m.Params.Method, m.Params.TimeLimit = -1, KVR.INFINITY
+        m.Params.LogFile, m.Params.OutputFlag, m.Params.LogToConsole = str(log), 1, 0
+        for threads in (0, 1):
+            log.write_text("")
+            m.Params.Threads = threads
+            m.optimize()
+            assert m.Status == KVR.OPTIMAL and m.ObjVal == pytest.approx(optimum)
+            assert ("side by side" in log.read_text()) == (threads == 0)
+
+
 @pytest.mark.parametrize(
     "param, value, status",
     [

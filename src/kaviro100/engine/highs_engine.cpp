@@ -7,6 +7,7 @@
 // again from the best incumbent that satisfies all of them, so the final solution satisfies every
 // lazy constraint and the bound stays valid (rows that are not yet in the model only weaken it).
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -119,6 +120,8 @@ struct RunState {
   double base_iters = 0, base_nodes = 0;
   double best_obj = kNaN;  // best incumbent objective seen (user sense)
   std::vector<std::vector<double>> *found = nullptr;
+  // Set while a concurrent LP solve runs: raised by whichever method finishes first.
+  std::atomic<bool> *race_over = nullptr;
 };
 
 double objective_of(const ModelData &m, const double *x) {
@@ -284,7 +287,32 @@ void engine_event(int type, const char *msg, const HighsCallbackDataOut *out,
     // Nothing may escape into the engine; a failing event is dropped.
   }
   // The engine keeps the flag between runs: it is written on every event.
-  if (in) in->user_interrupt = ctx.must_stop() ? 1 : 0;
+  const bool stop = ctx.must_stop();
+  if (stop && st.race_over) st.race_over->store(true);
+  if (in) in->user_interrupt = stop || (st.race_over && st.race_over->load()) ? 1 : 0;
+}
+
+// Events of the second instance of a concurrent LP solve, on its own thread: it only listens for
+// the end of the race (the first instance reports progress and watches the limits).
+void race_event(int, const char *, const HighsCallbackDataOut *, HighsCallbackDataIn *in,
+                void *usrdata) {
+  if (in) in->user_interrupt = static_cast<std::atomic<bool> *>(usrdata)->load() ? 1 : 0;
+}
+
+// Whether the engine's model status settles the LP (an interrupted or limited run does not).
+bool decided(HighsInt model_status) {
+  switch (model_status) {
+    case kHighsModelStatusOptimal:
+    case kHighsModelStatusInfeasible:
+    case kHighsModelStatusUnboundedOrInfeasible:
+    case kHighsModelStatusUnbounded:
+    case kHighsModelStatusModelEmpty:
+    case kHighsModelStatusObjectiveBound:
+    case kHighsModelStatusObjectiveTarget:
+      return true;
+    default:
+      return false;
+  }
 }
 
 // Whether every row of a model without variables (each row reads 0) meets its right-hand side.
@@ -509,8 +537,9 @@ void HighsEngine::set_options(HighsInstance &hi, const ParamValues &p, SolveCont
     if (p.get_int(ParamId::Symmetry) == 0) hi.set_bool("mip_detect_symmetry", false);
   } else if (!qp) {
     // Method: -1 automatic, 0 primal simplex, 1 dual simplex, 2 barrier (interior point);
-    // 3 and 4 (concurrent) leave the choice to the engine, which runs one method;
-    // 5 (deterministic concurrent simplex) runs the dual simplex.
+    // 3 (concurrent) races the dual simplex against the barrier method where two threads are
+    // free (see use_race); 4 (deterministic concurrent) leaves the choice to the engine, which
+    // runs one method; 5 (deterministic concurrent simplex) runs the dual simplex.
     switch (p.get_int(ParamId::Method)) {
       case 0:
         hi.set_str("solver", "simplex");
@@ -583,6 +612,55 @@ void HighsEngine::read_certificates(HighsInstance &hi, const ModelData &m, Engin
   }
 }
 
+// An LP of at least this many nonzeros is solved concurrently under the automatic method.
+constexpr int64_t kRaceNonzeros = 100000;
+
+// Concurrent LP solve: the barrier method runs beside the dual simplex method on a second engine
+// instance and the first to settle the model decides. Method 3 asks for it; the automatic choice
+// takes it for large LPs, where the two methods' times differ most, unless a warm start or an
+// infeasibility certificate (which only the simplex method gives) is asked for. Either way it
+// needs two threads.
+bool use_race(const ParamValues &p, const ModelData &m, const EngineProblem &problem, int threads) {
+  const int method = p.get_int(ParamId::Method);
+  if ((method != 3 && method != -1) || p.get_int(ParamId::InfUnbdInfo) != 0) return false;
+  if (threads == 1 || std::thread::hardware_concurrency() < 2) return false;
+  if (method == 3) return true;
+  const bool warm = p.get_int(ParamId::LPWarmStart) != 0 &&
+                    (!problem.vbasis.empty() || !problem.pstart.empty() || !problem.dstart.empty());
+  return !warm && m.constrs.rows.nnz() >= kRaceNonzeros;
+}
+
+// Runs `simplex` on this thread and `barrier` on another until one settles the model, then stops
+// the other. Afterwards `simplex` holds the instance whose result counts (the simplex one when
+// neither settled the model); returns that run's status.
+HighsInt run_race(std::shared_ptr<HighsInstance> &simplex, std::shared_ptr<HighsInstance> barrier,
+                  std::atomic<bool> &over, SolveContext &ctx) {
+  std::atomic<int> first{0};  // 1 simplex, 2 barrier
+  auto finish = [&](void *h, int who) {
+    int none = 0;
+    HighsInt status = Highs_getModelStatus(h);
+    if (decided(status) ? first.compare_exchange_strong(none, who)
+                        : status != kHighsModelStatusUnknown && who == 1)
+      over.store(true);
+  };
+  HighsInt barrier_status = kHighsStatusOk;
+  std::thread other([&] {
+    barrier_status = Highs_run(barrier->get());
+    finish(barrier->get(), 2);
+  });
+  HighsInt status = Highs_run(simplex->get());
+  finish(simplex->get(), 1);
+  other.join();
+  if (first.load() == 2) {
+    simplex.swap(barrier);
+    status = barrier_status;
+  }
+  if (first.load())
+    ctx.logf("Concurrent LP: %s finished first\n",
+             first.load() == 2 ? "the barrier method" : "the dual simplex method");
+  return status;
+}
+
 EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues &params,
                                 SolveContext &ctx) {
   const ModelData &m = *problem.model;
@@ -618,6 +696,24 @@ EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues 
   }
   set_options(*hi, params, ctx, mip, qp, sched.threads_used);
   pass_model(*hi, m, mip);
+
+  std::shared_ptr<HighsInstance> race_with;
+  std::atomic<bool> race_over{false};
+  if (!mip && !qp && use_race(params, m, problem, sched.threads_used)) {
+    race_with = std::make_shared<HighsInstance>();
+    set_options(*race_with, params, ctx, mip, qp, sched.threads_used);
+    race_with->set_bool("output_flag", false);
+    race_with->set_str("solver", "ipm");
+    if (params.get_int(ParamId::Crossover) == 0) race_with->set_str("run_crossover", "off");
+    Highs_setCallback(race_with->get(), race_event, &race_over);
+    Highs_startCallback(race_with->get(), kHighsCallbackSimplexInterrupt);
+    Highs_startCallback(race_with->get(), kHighsCallbackIpmInterrupt);
+    pass_model(*race_with, m, mip);
+    hi->set_str("solver", "simplex");
+    hi->set_int("simplex_strategy", 1);
+    st.race_over = &race_over;
+    ctx.log("Concurrent LP: dual simplex and barrier side by side\n");
+  }
 
   // Warm starts.
   const bool warm = params.get_int(ParamId::LPWarmStart) != 0;
@@ -667,7 +763,12 @@ EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues 
   for (;;) {
     ctx.stop = StopReason::None;
     ctx.lazy_violated = false;
-    run_status = Highs_run(hi->get());
+    if (race_with) {
+      run_status = run_race(hi, std::move(race_with), race_over, ctx);
+      st.race_over = nullptr;  // later runs of this solve are the winner's alone
+    } else {
+      run_status = Highs_run(hi->get());
+    }
     double iters = hi->info_int("simplex_iteration_count");
     if (mip) {
       // The MIP's LP iterations are only reported through its events.
