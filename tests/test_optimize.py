@@ -190,7 +190,7 @@ def test_concurrent_lp_takes_the_first_method_to_finish(env, tmp_path):
         m.optimize()
         assert m.Status in (KVR.UNBOUNDED, KVR.INF_OR_UNBD)
     with kp.Model(env=env) as m:
-        optimum = pair_lp(m, 160)
+        optimum = pair_lp(m, 60)
         m.Params.Presolve = 0
         m.Params.Method = 3
         m.Params.TimeLimit = 0

@@ -613,7 +613,7 @@ void HighsEngine::read_certificates(HighsInstance &hi, const ModelData &m, Engin
 }
 
 // An LP of at least this many nonzeros is solved concurrently under the automatic method.
-constexpr int64_t kRaceNonzeros = 100000;
+constexpr int64_t kRaceNonzeros = 10000;
 
 // Concurrent LP solve: the barrier method runs beside the dual simplex method on a second engine
 // instance and the first to settle the model decides. Method 3 asks for it; the automatic choice
