@@ -23,6 +23,7 @@ The peers come from benchmarks/requirements.txt in their own virtual environment
 import argparse
 import json
 import os
+import resource
 import signal
 import statistics
 import subprocess
@@ -359,6 +360,11 @@ def main():
     if args.worker:
         package, model_name, n, phase = args.worker
         result = BUILDERS[package](model_name, int(n), phase)
+        # Peak resident memory of this process plus that of the largest solver process it
+        # started (pulp runs CBC as a child), in MB.
+        peak_kb = (resource.getrusage(resource.RUSAGE_SELF).ru_maxrss
+                   + resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss)
+        result["peak_mb"] = peak_kb / 1024.0
         print(json.dumps(result))
         return
 
@@ -372,7 +378,8 @@ def main():
     print(f"phase: {phase}" + ("  (Model.optimize not available: kaviropy times build + update(); "
                                "pyoptinterface and mip load their engines while building; pyomo and "
                                "pulp make Python objects only)" if phase == "build" else ""))
-    print(f"runs: {args.runs} per package and size, medians in seconds, ratio = median / kaviropy median")
+    print(f"runs: {args.runs} per package and size, medians in seconds, ratio = median / kaviropy median; "
+          "peak MB: median peak resident memory of the measuring process and its solver process")
     if phase == "solve":
         print(f"time limit 0 (CBC-based mip and pulp: {CBC_TIME_LIMIT} s, as CBC reads 0 as no limit); "
               "lp-N solved to optimality")
@@ -387,6 +394,7 @@ def main():
         for n in sizes:
             times = {p: [] for p in packages}
             parts = {p: {"build": [], "solve": []} for p in packages}
+            peaks = {p: [] for p in packages}
             errors = {}
             unsupported = {**UNSUPPORTED, **(UNSUPPORTED_SOLVE if phase == "solve" else {})}
             for _ in range(args.runs):
@@ -399,15 +407,16 @@ def main():
                         errors[p] = error
                     else:
                         times[p].append(result["time"])
+                        peaks[p].append(result["peak_mb"])
                         for part in ("build", "solve"):
                             if part in result:
                                 parts[p][part].append(result[part])
             base = statistics.median(times["kaviropy"]) if times.get("kaviropy") else None
             for p in packages:
                 if (p, model_name) in unsupported:
-                    rows.append((f"{model_name}-{n}", p, "n/a", "", unsupported[p, model_name]))
+                    rows.append((f"{model_name}-{n}", p, "n/a", "", "", unsupported[p, model_name]))
                 elif p in errors:
-                    rows.append((f"{model_name}-{n}", p, "error", "", errors[p][:60]))
+                    rows.append((f"{model_name}-{n}", p, "error", "", "", errors[p][:60]))
                 else:
                     med = statistics.median(times[p])
                     ratio = f"{med / base:.2f}" if base else ""
@@ -415,12 +424,13 @@ def main():
                     if model_name == "lp" and parts[p]["solve"]:
                         note = "build %.3f + solve %.3f" % (statistics.median(parts[p]["build"]),
                                                             statistics.median(parts[p]["solve"]))
-                    rows.append((f"{model_name}-{n}", p, f"{med:.3f}", ratio, note))
+                    peak = f"{statistics.median(peaks[p]):.0f}"
+                    rows.append((f"{model_name}-{n}", p, f"{med:.3f}", ratio, peak, note))
             for row in rows[-len(packages):]:
                 print("  " + "  ".join(row), flush=True)
-    print(f"{'model':<14} {'package':<16} {'median s':>10} {'ratio':>7}  note")
-    for model_label, p, med, ratio, note in rows:
-        print(f"{model_label:<14} {p:<16} {med:>10} {ratio:>7}  {note}")
+    print(f"{'model':<14} {'package':<16} {'median s':>10} {'ratio':>7} {'peak MB':>8}  note")
+    for model_label, p, med, ratio, peak, note in rows:
+        print(f"{model_label:<14} {p:<16} {med:>10} {ratio:>7} {peak:>8}  {note}")
 
 
 if __name__ == "__main__":
