@@ -264,9 +264,11 @@ def test_remote_services(code, param, value, message):
 
 def test_not_supported(m):
     x, y = m.getVars()
-    m.addQConstr(x * x + y * y <= 4, name="disk")
+    z = m.addVar(name="z")
+    m.addGenConstrNorm(z, [x, y], 2.0, name="n2")
     fails(m, KVR.ERROR_NOT_SUPPORTED, m.optimize,
-          "Quadratic constraint disk: the engine in use takes no quadratic constraints")
+          "General constraint n2 (NORM): the 2-norm as an equality is not convex; only the cone "
+          "y >= ||x|| is, written as the quadratic constraint sum x_i^2 <= y^2 with y >= 0")
 
 
 def test_invalid_piecewise_obj(m):

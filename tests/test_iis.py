@@ -234,17 +234,17 @@ def test_sos_and_general_constraints_take_part(m):
     assert_infeasible(m, iis)
 
 
-def test_quadratic_constraints_are_refused_unless_excluded(m):
+def test_quadratic_constraints_take_part(m):
     x = m.addVar(ub=1, name="x")
     y = m.addVar(name="y")
     m.addConstr(x >= 2, name="c0")
     q = m.addQConstr(x * x + y * y <= 4, name="disk")
-    with pytest.raises(kp.KaviroError) as err:
-        m.computeIIS()
-    assert err.value.errno == KVR.ERROR_NOT_SUPPORTED and "disk" in err.value.message
-    q.IISQConstrForce = 0
     m.computeIIS()
     assert members(m) == {("constr", 0), ("ub", 0)} and q.IISQConstr == 0
+    x.UB = 10  # now the disk is what keeps x below 2.5
+    m.getConstrs()[0].RHS = 2.5
+    m.computeIIS()
+    assert members(m) == {("constr", 0)} and q.IISQConstr == 1
 
 
 def test_callback_sees_progress_and_can_stop_the_search(m, tmp_path):

@@ -361,10 +361,10 @@ def test_convex_qp_and_rejected_quadratic_objectives(m):
         m.optimize()
     assert err.value.errno == KVR.ERROR_Q_NOT_PSD and "maximization" in err.value.message
     z = m.addVar(vtype=KVR.INTEGER, name="z")
-    m.setObjective(x * x + z, KVR.MINIMIZE)
+    m.setObjective(x * y + z, KVR.MINIMIZE)  # nonconvex with integers: refused before the epigraph
     with pytest.raises(kp.KaviroError) as err:
         m.optimize()
-    assert err.value.errno == KVR.ERROR_NOT_SUPPORTED
+    assert err.value.errno == KVR.ERROR_Q_NOT_PSD and "Objective Q" in err.value.message
 
 
 def test_log_header_engine_lines_and_summary_go_to_log_file(env, tmp_path, capsys):

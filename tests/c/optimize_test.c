@@ -128,12 +128,12 @@ static void test_optimize_failures(void) {
   CODE(KVR_ERROR_NULL_ARGUMENT, KVRoptimize(NULL));
   CODE(KVR_ERROR_NULL_ARGUMENT, KVRsetsignal(NULL));
   KVRterminate(NULL); /* harmless */
-  /* Quadratic objective with integer variables. */
+  /* Quadratic objective with integer variables that is convex where concavity is needed. */
   int r[1] = {0};
-  double v[1] = {-1.0}; /* concave for a maximization */
+  double v[1] = {1.0};
   CODE(0, KVRaddqpterms(m, 1, r, r, v));
-  CODE(KVR_ERROR_NOT_SUPPORTED, KVRoptimize(m));
-  CHECK(strstr(KVRgetmerrormsg(m), "MIQP") != NULL);
+  CODE(KVR_ERROR_Q_NOT_PSD, KVRoptimize(m));
+  CHECK(strstr(KVRgetmerrormsg(m), "negative semi-definite (maximization)") != NULL);
   int status = 0;
   CODE(0, KVRgetintattr(m, "Status", &status));
   CHECK(status == KVR_LOADED);

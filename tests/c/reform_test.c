@@ -161,7 +161,7 @@ static void test_norm(void) {
   m = model_of(3, NULL, NULL, NULL, NULL, KVR_MINIMIZE);
   OK(m, KVRaddgenconstrNorm(m, "n2", 2, 2, IND(0, 1), 2.0));
   ERR(m, KVR_ERROR_NOT_SUPPORTED, KVRoptimize(m));
-  MSG(m, "General constraint n2 (NORM): the 2-norm needs a quadratic constraint");
+  MSG(m, "General constraint n2 (NORM): the 2-norm as an equality is not convex");
   KVRfreemodel(m);
 }
 
@@ -550,11 +550,11 @@ static void test_user_model(void) {
   ERR(m, KVR_ERROR_INDEX_OUT_OF_RANGE, KVRgetdblattrelement(m, "X", 3, &slack));
   KVRfreemodel(m);
 
-  /* quadratic constraints are refused, naming the first */
+  /* a nonconvex quadratic constraint is refused, naming it */
   m = model_of(2, NULL, NULL, NULL, NULL, KVR_MINIMIZE);
   OK(m, KVRaddqconstr(m, 0, NULL, NULL, 1, IND(0), IND(1), VAL(1), '<', 1, "disc"));
-  ERR(m, KVR_ERROR_NOT_SUPPORTED, KVRoptimize(m));
-  MSG(m, "Quadratic constraint disc: the engine in use takes no quadratic constraints");
+  ERR(m, KVR_ERROR_Q_NOT_PSD, KVRoptimize(m));
+  MSG(m, "Quadratic constraint 'disc' is not convex: Q is not positive semi-definite");
   KVRfreemodel(m);
 }
 

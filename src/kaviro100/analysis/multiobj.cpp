@@ -48,7 +48,7 @@ void solve_multiobjective(kvr_model *model, const Reformulated &rf, Engine &engi
                           SolveContext &ctx, Solution &sol) {
   const ModelData &user = model->data;
   const int numobj = static_cast<int>(user.objn.size());
-  if (rf.model.q.size() > 0)
+  if (user.q.size() > 0)
     fail(KVR_ERROR_NOT_SUPPORTED,
          "Multi-objective models take linear objectives only; objective 0 has quadratic terms");
 

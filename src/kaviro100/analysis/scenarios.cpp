@@ -35,7 +35,7 @@ void solve_scenarios(kvr_model *model, const Reformulated &rf, Engine &engine, S
     sol.work += r.work;
     if (!r.x.empty() && r.status != KVR_CUTOFF) {
       sol.scen_x[s].assign(r.x.begin(), r.x.begin() + nu);
-      sol.scen_objval[s] = objective_value(m, r.x);
+      sol.scen_objval[s] = true_objective(rf, m, r.x);
     }
     sol.scen_objbound[s] = r.objbound;
   }

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -27,6 +28,10 @@ struct LinRow {
   std::vector<double> val;
   char sense = KVR_LESS_EQUAL;
   double rhs = 0.0;
+  // A cut of the outer approximation: the quadratic constraint it supports (-1 for other rows)
+  // and the factor that turns the row's dual into that constraint's multiplier.
+  int qconstr = -1;
+  double dual_weight = 0.0;
   // Amount by which x violates the row (0 when satisfied).
   double violation(const double *x) const;
 };
@@ -53,6 +58,9 @@ struct EngineResult {
   double work = 0;
   int method_used = -1;  // 0 primal simplex, 1 dual simplex, 2 barrier (ConcurrentWinMethod)
   std::vector<double> x, rc, pi, row_activity;
+  // Duals of the rows added during the solve (the first rows of SolveContext::lazy), for
+  // continuous models solved to optimality.
+  std::vector<double> cut_pi;
   std::vector<int> vbasis, cbasis;
   // Feasible solutions met during the search (any order; the library sorts and trims them).
   std::vector<std::vector<double>> found_x;
@@ -184,8 +192,23 @@ std::unique_ptr<Engine> make_highs_engine();
 // Version text of the engine library, for the log.
 std::string highs_version();
 
+// A direction of negative curvature of a quadratic form: the variable where the factorization
+// found it and the curvature there.
+struct Curvature {
+  int var = -1;
+  double value = 0.0;
+};
+// Looks for negative curvature of sign * x'Qx beyond psdtol over n variables; nothing when the
+// form is positive semi-definite. Large blocks that are not diagonally dominant are not
+// factorized: they count in *unchecked (when given) and pass.
+std::optional<Curvature> find_negative_curvature(const QuadTerms &q, int n, double sign,
+                                                 double psdtol, int *unchecked = nullptr);
+
 // Checks that the quadratic objective is convex for minimization (concave for maximization)
 // within PSDTol; throws KVR_ERROR_Q_NOT_PSD naming a variable involved otherwise.
-void check_convex_objective(const ModelData &model, double psdtol);
+void check_convex_objective(const ModelData &model, const ParamValues &params);
+
+// What nonconvexity messages add when NonConvex asks for a global solve ("" otherwise).
+const char *nonconvex_note(const ParamValues &params);
 
 }  // namespace kvr

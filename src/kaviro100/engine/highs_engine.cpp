@@ -6,6 +6,8 @@
 // added by the callback stops the run; the new rows join the engine's model and the run starts
 // again from the best incumbent that satisfies all of them, so the final solution satisfies every
 // lazy constraint and the bound stays valid (rows that are not yet in the model only weaken it).
+// Quadratic constraints use the same path: their outer-approximation cuts reject incumbents like
+// lazy constraints; a continuous model is re-solved warm after each round of cuts.
 #include <algorithm>
 #include <atomic>
 #include <cmath>
@@ -17,6 +19,8 @@
 #include <thread>
 
 #include "engine/engine.h"
+#include "engine/outer_approx.h"
+#include "engine/solve.h"
 #include "interfaces/highs_c_api.h"
 #include "util/error.h"
 #include "util/strings.h"
@@ -122,7 +126,26 @@ struct RunState {
   std::vector<std::vector<double>> *found = nullptr;
   // Set while a concurrent LP solve runs: raised by whichever method finishes first.
   std::atomic<bool> *race_over = nullptr;
+  const OuterApprox *oa = nullptr;  // the quadratic constraints, when the model has any
 };
+
+// An improving direction of an LP without rows, which the engine solves without giving a ray:
+// each variable moves against its cost towards an infinite bound. False when there are rows.
+bool rowless_ray(const ModelData &m, size_t added_rows, std::vector<double> &ray) {
+  if (m.num_constrs() > 0 || added_rows > 0) return false;
+  const double dir = m.sense == KVR_MAXIMIZE ? 1.0 : -1.0;
+  bool any = false;
+  for (int j = 0; j < m.num_vars(); ++j) {
+    double d = dir * m.vars.obj[j];
+    bool open = d > 0 ? m.vars.ub[j] >= KVR_INFINITY : m.vars.lb[j] <= -KVR_INFINITY;
+    ray[j] = d != 0.0 && open ? d : 0.0;
+    any = any || ray[j] != 0.0;
+  }
+  return any;
+}
+
+// Rounds of outer-approximation cuts before a solve gives up.
+constexpr int kMaxCutRounds = 1000;
 
 double objective_of(const ModelData &m, const double *x) {
   double v = m.objcon;
@@ -233,7 +256,9 @@ void engine_event(int type, const char *msg, const HighsCallbackDataOut *out,
         if (!out->mip_solution || out->mip_solution_size < st.ncols) break;
         const double *x = out->mip_solution;
         // An incumbent that violates a lazy constraint the engine does not know yet is rejected.
-        if (violates_lazy(ctx, ctx.lazy_in_engine, x)) {
+        if (violates_lazy(ctx, ctx.lazy_in_engine, x) ||
+            (st.oa &&
+             st.oa->separate(x, ctx.params->get_dbl(ParamId::FeasibilityTol), ctx.lazy) > 0)) {
           ctx.lazy_violated = true;
           ctx.stop = StopReason::Restart;
           break;
@@ -428,7 +453,48 @@ class HighsEngine final : public Engine {
   static void set_options(HighsInstance &hi, const ParamValues &p, SolveContext &ctx, bool mip,
                           bool qp, int threads);
   static void read_certificates(HighsInstance &hi, const ModelData &m, EngineResult &r);
+  EngineResult solve_relaxation(const ModelData &m, const ParamValues &params, SolveContext &ctx);
 };
+
+EngineResult HighsEngine::solve_relaxation(const ModelData &m, const ParamValues &params,
+                                           SolveContext &ctx) {
+  ModelData relaxed = m;
+  std::fill(relaxed.vars.vtype.begin(), relaxed.vars.vtype.end(), KVR_CONTINUOUS);
+  for (int j = 0; j < m.num_vars(); ++j)
+    if (m.vars.vtype[j] == KVR_BINARY) {
+      relaxed.vars.lb[j] = std::max(relaxed.vars.lb[j], 0.0);
+      relaxed.vars.ub[j] = std::min(relaxed.vars.ub[j], 1.0);
+    }
+  SolveContext sub;
+  sub.model = ctx.model;
+  sub.env = ctx.env;
+  sub.params = &params;
+  sub.started = ctx.started;
+  sub.user_vars = ctx.user_vars;
+  sub.sense = ctx.sense;
+  sub.engine_model = &relaxed;
+  sub.rewritten = true;
+  sub.forward_events = false;
+  sub.quiet = true;
+  EngineProblem problem;
+  problem.model = &relaxed;
+  problem.user_vars = ctx.user_vars;
+  EngineResult r = solve(problem, params, sub);
+  if (sub.memory_stop != StopReason::None) {
+    ctx.memory_stop = sub.memory_stop;
+    ctx.memory_seen = sub.memory_seen;
+  }
+  ctx.lazy = std::move(sub.lazy);
+  ctx.logf(
+      "Continuous relaxation: %s, %zu cuts to start the search from\n",
+      r.status == KVR_OPTIMAL ? format("bound %.10e", r.objval).c_str() : status_text(r.status),
+      ctx.lazy.size());
+  if (r.status == KVR_INFEASIBLE) {
+    r.objbound = ctx.sense == KVR_MINIMIZE ? KVR_INFINITY : -KVR_INFINITY;
+    r.x.clear();
+  }
+  return r;
+}
 
 void HighsEngine::pass_model(HighsInstance &hi, const ModelData &m, bool mip) {
   const int n = m.num_vars(), rows = m.num_constrs();
@@ -672,6 +738,16 @@ EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues 
          "Quadratic objectives with integer variables (MIQP) are not supported by the engine in "
          "use; relax the integrality or linearize the objective");
 
+  // A model with integers and quadratic constraints starts from the cuts that approximate its
+  // continuous relaxation: they bound the search from the first node (an epigraph variable
+  // would otherwise leave it unbounded), and an infeasible relaxation settles the model.
+  double relaxation_iters = 0;
+  if (mip && m.qconstrs.size() > 0 && ctx.lazy.empty()) {
+    EngineResult relaxed = solve_relaxation(m, params, ctx);
+    if (relaxed.status == KVR_INFEASIBLE) return relaxed;
+    relaxation_iters = relaxed.itercount;
+  }
+
   // Threads 0 leaves the count to the engine (it uses part of the machine's threads).
   SchedulerUse sched(params.get_int(ParamId::Threads), ctx);
 
@@ -696,10 +772,40 @@ EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues 
   }
   set_options(*hi, params, ctx, mip, qp, sched.threads_used);
   pass_model(*hi, m, mip);
+  std::unique_ptr<OuterApprox> oa;
+  if (m.qconstrs.size() > 0) {
+    oa = std::make_unique<OuterApprox>(m, params);
+    st.oa = oa.get();
+    // Rounds of cuts re-solve from the last basis; an unbounded round needs the simplex ray.
+    if (!mip) hi->set_str("solver", "simplex");
+    // Cuts are met more tightly than the constraints they approximate, so that a point the
+    // engine calls feasible is within FeasibilityTol of the quadratic constraints.
+    hi->set_dbl("primal_feasibility_tolerance",
+                std::max(0.1 * params.get_dbl(ParamId::FeasibilityTol), 1e-10));
+  }
+  // Rows added in earlier solves of this optimize (lazy constraints, cuts) hold here as well.
+  auto add_new_rows = [&] {
+    std::vector<double> lo, up, val;
+    std::vector<HighsInt> start, idx;
+    for (size_t k = ctx.lazy_in_engine; k < ctx.lazy.size(); ++k) {
+      const LinRow &row = ctx.lazy[k];
+      start.push_back(static_cast<HighsInt>(idx.size()));
+      idx.insert(idx.end(), row.ind.begin(), row.ind.end());
+      val.insert(val.end(), row.val.begin(), row.val.end());
+      lo.push_back(row.sense == KVR_LESS_EQUAL ? -kInf : row.rhs);
+      up.push_back(row.sense == KVR_GREATER_EQUAL ? kInf : row.rhs);
+    }
+    if (!lo.empty())
+      Highs_addRows(hi->get(), static_cast<HighsInt>(lo.size()), lo.data(), up.data(),
+                    static_cast<HighsInt>(val.size()), start.data(), idx.data(), val.data());
+    ctx.lazy_in_engine = ctx.lazy.size();
+  };
+  ctx.lazy_in_engine = 0;
+  add_new_rows();
 
   std::shared_ptr<HighsInstance> race_with;
   std::atomic<bool> race_over{false};
-  if (!mip && !qp && use_race(params, m, problem, sched.threads_used)) {
+  if (!mip && !qp && !oa && use_race(params, m, problem, sched.threads_used)) {
     race_with = std::make_shared<HighsInstance>();
     set_options(*race_with, params, ctx, mip, qp, sched.threads_used);
     race_with->set_bool("output_flag", false);
@@ -757,9 +863,34 @@ EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues 
   }
 
   EngineResult r;
+  r.itercount = relaxation_iters;
   HighsInt run_status = kHighsStatusOk;
   int restarts = 0;
   bool undecided_resolved = false, retried_unknown = false;
+  // Outer approximation: rounds of cuts, and how the last round ended.
+  const double ftol = params.get_dbl(ParamId::FeasibilityTol);
+  int cut_rounds = 0;
+  size_t cuts_total = 0;
+  bool rounds_exhausted = false, unbounded_unproven = false, timed_out = false;
+  double last_violation = 0.0;
+  std::vector<double> last_x;
+  auto engine_x = [&] {
+    std::vector<double> x(n, 0.0);
+    HighsInt pstat = 0;
+    Highs_getIntInfoValue(hi->get(), "primal_solution_status", &pstat);
+    if (pstat == kHighsSolutionStatusFeasible)
+      Highs_getSolution(hi->get(), x.data(), nullptr, nullptr, nullptr);
+    return std::make_pair(pstat == kHighsSolutionStatusFeasible, x);
+  };
+  // Before another run of a restarted solve: the time limit counts from the start of optimize.
+  auto time_left = [&] {
+    double tl = params.get_dbl(ParamId::TimeLimit);
+    if (tl >= KVR_INFINITY) return true;
+    double left = tl - ctx.elapsed();
+    if (left <= 0) return false;
+    hi->set_dbl("time_limit", left);
+    return true;
+  };
   for (;;) {
     ctx.stop = StopReason::None;
     ctx.lazy_violated = false;
@@ -805,38 +936,101 @@ EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues 
                ipm > 0 ? "the simplex method" : "the interior point method");
       continue;
     }
-    if (!mip) break;
-    // Lazy constraints: restart when an incumbent was rejected, or when the final solution
-    // violates a constraint that is not yet a row of the engine's model.
+    if (!mip) {
+      if (!oa || ctx.stop != StopReason::None) break;
+      // A round of cuts at the LP optimum, or along the ray of an unbounded LP.
+      const HighsInt status = Highs_getModelStatus(hi->get());
+      const size_t before = ctx.lazy.size();
+      auto [has_x, x] = engine_x();
+      if (status == kHighsModelStatusOptimal) {
+        last_violation = oa->max_violation(x.data());
+        // The same point twice: the engine takes the new cuts as met, no progress is possible.
+        if (x == last_x) break;
+        last_x = x;
+        if (last_violation > ftol) oa->separate(x.data(), ftol, ctx.lazy);
+      } else if (status == kHighsModelStatusUnboundedOrInfeasible && !undecided_resolved) {
+        undecided_resolved = true;
+        hi->set_str("presolve", "off");
+        continue;
+      } else if (status == kHighsModelStatusUnbounded) {
+        HighsInt has_ray = 0;
+        std::vector<double> ray(n);
+        if (Highs_getPrimalRay(hi->get(), &has_ray, ray.data()) != kHighsStatusOk || !has_ray)
+          has_ray = rowless_ray(m, ctx.lazy_in_engine, ray);
+        if (!has_ray) {
+          if (!undecided_resolved) {  // the presolved model gave no ray: solve it as it is
+            undecided_resolved = true;
+            hi->set_str("presolve", "off");
+            continue;
+          }
+          unbounded_unproven = true;
+          break;
+        }
+        last_violation = oa->max_violation(x.data());
+        if (oa->block_ray(x.data(), ray.data(), n, ctx.lazy) < 0) {
+          // Every quadratic constraint recedes along the ray: unbounded once a point of the
+          // model is known, which the next rounds look for.
+          if (last_violation <= ftol && has_x) break;
+          if (oa->separate(x.data(), ftol, ctx.lazy) == 0) {
+            unbounded_unproven = true;
+            break;
+          }
+        }
+      }
+      const size_t added = ctx.lazy.size() - before;
+      if (added == 0) break;
+      cuts_total += added;
+      ++cut_rounds;
+      if (status == kHighsModelStatusOptimal)
+        ctx.logf("Cut round %3d: %4zu cuts, largest violation %.3e, objective %.10e\n", cut_rounds,
+                 added, last_violation, Highs_getObjectiveValue(hi->get()));
+      else
+        ctx.logf("Cut round %3d: %4zu cuts against a ray of the unbounded relaxation\n", cut_rounds,
+                 added);
+      if (cut_rounds >= kMaxCutRounds) {
+        rounds_exhausted = true;
+        ctx.lazy.resize(before);
+        break;
+      }
+      add_new_rows();
+      hi->set_bool("output_flag", false);  // the rounds log their own line
+      if (!time_left()) {
+        timed_out = true;
+        break;
+      }
+      continue;
+    }
+    // Lazy constraints and cuts: restart when an incumbent was rejected, or when the final
+    // solution violates a constraint that is not yet a row of the engine's model.
     bool need_restart = ctx.stop == StopReason::Restart;
-    if (!need_restart && ctx.lazy_in_engine < ctx.lazy.size() && ctx.stop == StopReason::None) {
-      std::vector<double> x(n);
-      HighsInt pstat = 0;
-      Highs_getIntInfoValue(hi->get(), "primal_solution_status", &pstat);
-      if (pstat == kHighsSolutionStatusFeasible &&
-          Highs_getSolution(hi->get(), x.data(), nullptr, nullptr, nullptr) == kHighsStatusOk &&
-          violates_lazy(ctx, ctx.lazy_in_engine, x.data()))
+    if (!need_restart && (ctx.lazy_in_engine < ctx.lazy.size() || oa) &&
+        ctx.stop == StopReason::None) {
+      auto [has_x, x] = engine_x();
+      if (has_x && (violates_lazy(ctx, ctx.lazy_in_engine, x.data()) ||
+                    (oa && oa->separate(x.data(), ftol, ctx.lazy) > 0)))
         need_restart = true;
     }
     if (!need_restart) break;
     if (++restarts > 100000)
       fail(KVR_ERROR_CALLBACK, "Lazy constraints: no progress after %d restarts", restarts - 1);
-    // Add the new lazy rows to the engine's model.
-    std::vector<double> lo, up, val;
-    std::vector<HighsInt> start, idx;
-    for (size_t k = ctx.lazy_in_engine; k < ctx.lazy.size(); ++k) {
-      const LinRow &row = ctx.lazy[k];
-      start.push_back(static_cast<HighsInt>(idx.size()));
-      idx.insert(idx.end(), row.ind.begin(), row.ind.end());
-      val.insert(val.end(), row.val.begin(), row.val.end());
-      lo.push_back(row.sense == KVR_LESS_EQUAL ? -kInf : row.rhs);
-      up.push_back(row.sense == KVR_GREATER_EQUAL ? kInf : row.rhs);
+    size_t cuts = 0;
+    for (size_t k = ctx.lazy_in_engine; k < ctx.lazy.size(); ++k) cuts += ctx.lazy[k].qconstr >= 0;
+    const size_t lazy_rows = ctx.lazy.size() - ctx.lazy_in_engine - cuts;
+    if (lazy_rows > 0) ctx.logf("Lazy constraints: %zu added; restarting the search\n", lazy_rows);
+    if (cuts > 0) {
+      cuts_total += cuts;
+      ctx.logf("Cut round %3d: %4zu cuts at a rejected incumbent; restarting the search\n",
+               ++cut_rounds, cuts);
     }
-    Highs_addRows(hi->get(), static_cast<HighsInt>(lo.size()), lo.data(), up.data(),
-                  static_cast<HighsInt>(val.size()), start.data(), idx.data(), val.data());
-    ctx.logf("Lazy constraints: %zu added; restarting the search\n",
-             ctx.lazy.size() - ctx.lazy_in_engine);
-    ctx.lazy_in_engine = ctx.lazy.size();
+    add_new_rows();
+    if (cut_rounds >= kMaxCutRounds) {
+      rounds_exhausted = true;
+      break;
+    }
+    if (!time_left()) {
+      timed_out = true;
+      break;
+    }
     // Keep only solutions that satisfy every lazy constraint; restart from the best of them.
     std::erase_if(found,
                   [&](const std::vector<double> &x) { return violates_lazy(ctx, 0, x.data()); });
@@ -891,6 +1085,35 @@ EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues 
     default:
       break;
   }
+  if (oa) {
+    // The approximation decides only when its last point satisfies the quadratic constraints.
+    if (!mip && r.status == KVR_OPTIMAL) {
+      last_violation = oa->max_violation(engine_x().second.data());
+      if (last_violation > ftol) rounds_exhausted = true;
+    }
+    if (mip) {
+      std::erase_if(found, [&](const std::vector<double> &x) {
+        return oa->max_violation(x.data()) > ftol || violates_lazy(ctx, 0, x.data());
+      });
+      if (pstat == kHighsSolutionStatusFeasible && rounds_exhausted) has_x = false;
+    }
+    if (timed_out) {
+      r.status = KVR_TIME_LIMIT;
+    } else if (unbounded_unproven) {
+      r.status = KVR_INF_OR_UNBD;
+      ctx.log(
+          "The relaxation is unbounded, but no point satisfying the quadratic constraints "
+          "was found to prove the model unbounded\n");
+    } else if (rounds_exhausted) {
+      const bool have = mip ? !found.empty() : has_x;
+      r.status = have ? KVR_SUBOPTIMAL : KVR_NUMERIC;
+      ctx.logf("Outer approximation stopped after %d rounds with a violation of %.3e left%s\n",
+               cut_rounds, last_violation,
+               have ? "; the solution is the best found" : "; no solution");
+    }
+    if (cut_rounds > 0 || cuts_total > 0)
+      ctx.logf("Outer approximation: %d rounds, %zu cuts\n", cut_rounds, cuts_total);
+  }
   if (mip && r.status == KVR_SOLUTION_LIMIT) {
     double nl = params.get_dbl(ParamId::NodeLimit);
     if (nl < KVR_INFINITY && st.base_nodes >= nl) r.status = KVR_NODE_LIMIT;
@@ -931,6 +1154,7 @@ EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues 
     r.objval = objective_of(m, r.x.data());
     if (!mip && dstat == kHighsSolutionStatusFeasible && r.status == KVR_OPTIMAL) {
       r.rc = std::move(cd);
+      r.cut_pi.assign(rd.begin() + rows, rd.end());
       rd.resize(rows);
       r.pi = std::move(rd);
     }
@@ -946,7 +1170,7 @@ EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues 
   } else if (r.status == KVR_OPTIMAL && !r.x.empty()) {
     r.objbound = r.objval;
   }
-  if (!mip && !qp) {
+  if (!mip && !qp && !oa) {
     HighsInt valid = 0;
     Highs_getIntInfoValue(hi->get(), "basis_validity", &valid);
     if (valid == kHighsBasisValidityValid) {

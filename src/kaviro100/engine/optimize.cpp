@@ -17,6 +17,7 @@
 
 #include "attrs/attrs.h"
 #include "engine/engine.h"
+#include "engine/outer_approx.h"
 #include "engine/solve.h"
 #include "model/model.h"
 #include "reform/reform.h"
@@ -261,6 +262,15 @@ double objective_value(const ModelData &m, const std::vector<double> &x) {
   return v;
 }
 
+double true_objective(const Reformulated &rf, const ModelData &m, const std::vector<double> &x) {
+  double v = objective_value(m, x);
+  if (rf.epigraph < 0) return v;
+  v -= m.vars.obj[rf.epigraph] * x[rf.epigraph];
+  const QuadTerms &q = rf.moved_q;
+  for (size_t k = 0; k < q.size(); ++k) v += q.val[k] * x[q.row[k]] * x[q.col[k]];
+  return v;
+}
+
 void fill_solution(const kvr_model *model, const Reformulated &rf, const SolveContext &ctx,
                    EngineResult &&r, Solution &sol, const PolishFunction &polish) {
   const ModelData &user = model->data;
@@ -280,14 +290,14 @@ void fill_solution(const kvr_model *model, const Reformulated &rf, const SolveCo
   // Pool: engine incumbents and accepted user solutions, best first, without duplicates.
   if (mip) {
     std::vector<std::pair<double, std::vector<double>>> pool;
-    for (auto &x : r.found_x) pool.emplace_back(objective_value(rf.model, x), std::move(x));
+    for (auto &x : r.found_x) pool.emplace_back(true_objective(rf, rf.model, x), std::move(x));
     // User solutions were checked when given; lazy constraints added later may cut them off.
     const double ftol = ctx.params->get_dbl(ParamId::FeasibilityTol);
     for (const auto &x : ctx.accepted_user_solutions) {
       if (static_cast<int>(x.size()) != rf.model.num_vars()) continue;
       bool ok = true;
       for (const LinRow &row : ctx.lazy) ok = ok && row.violation(x.data()) <= ftol;
-      if (ok) pool.emplace_back(objective_value(rf.model, x), x);
+      if (ok) pool.emplace_back(true_objective(rf, rf.model, x), x);
     }
     std::stable_sort(pool.begin(), pool.end(), [&](const auto &a, const auto &b) {
       return rf.model.sense == KVR_MAXIMIZE ? a.first > b.first : a.first < b.first;
@@ -295,7 +305,7 @@ void fill_solution(const kvr_model *model, const Reformulated &rf, const SolveCo
     if (polish && !pool.empty()) {
       std::vector<double> original = pool.front().second;
       if (polish(pool.front().second)) {
-        pool.front().first = objective_value(rf.model, pool.front().second);
+        pool.front().first = true_objective(rf, rf.model, pool.front().second);
         // Copies of the solution as found (the engine reports it more than once) go with it.
         pool.erase(std::remove_if(pool.begin() + 1, pool.end(),
                                   [&](const auto &e) { return e.second == original; }),
@@ -332,12 +342,24 @@ void fill_solution(const kvr_model *model, const Reformulated &rf, const SolveCo
     sol.pool_objbound = sol.objbound;
   } else {
     if (!r.x.empty()) {
+      sol.objval = true_objective(rf, rf.model, r.x);
       sol.x = r.x;
       truncate(sol.x, nu);
-      sol.objval = r.objval;
       if (r.status == KVR_OPTIMAL || r.status == KVR_SUBOPTIMAL) {
         sol.pool_x.push_back(sol.x);
-        sol.pool_obj.push_back(r.objval);
+        sol.pool_obj.push_back(sol.objval);
+      }
+    }
+    // The multiplier of a quadratic constraint is the weighted sum of the duals of its cuts.
+    const int nq = user.qconstrs.size();
+    const bool qcp_duals = nq > 0 && ctx.params->get_int(ParamId::QCPDual) != 0;
+    if (nq > 0 && !qcp_duals) r.pi.clear();
+    if (qcp_duals && !r.rc.empty() && r.cut_pi.size() <= ctx.lazy.size()) {
+      sol.qcpi.assign(nq, 0.0);
+      for (size_t k = 0; k < r.cut_pi.size(); ++k) {
+        const LinRow &cut = ctx.lazy[k];
+        if (cut.qconstr >= 0 && cut.qconstr < nq)
+          sol.qcpi[cut.qconstr] += cut.dual_weight * r.cut_pi[k];
       }
     }
     sol.objbound = r.objbound;
@@ -588,7 +610,19 @@ void optimize(kvr_model *model) {
   if (rf.changed)
     model->env.logf("Rewritten for the engine: %d rows, %d columns\n", rf.model.num_constrs(),
                     rf.model.num_vars());
-  check_convex_objective(rf.model, params.get_dbl(ParamId::PSDTol));
+  check_convex_objective(rf.model, params);
+  if (rf.model.qconstrs.size() > 0) {
+    OuterApprox oa(rf.model, params);  // fails here, before any solve, for a nonconvex one
+    int cones, balls, general;
+    oa.counts(cones, balls, general);
+    model->env.logf(
+        "Quadratic constraints by outer approximation: %d cones, %d balls, %d general convex\n",
+        cones, balls, general);
+    if (oa.unchecked() > 0)
+      model->env.logf(
+          "  %d blocks of quadratic terms too large to check for convexity are taken as convex\n",
+          oa.unchecked());
+  }
   ctx.user_vars = rf.user_vars;
   ctx.is_mip = rf.model.is_mip();
   ctx.engine_model = &rf.model;

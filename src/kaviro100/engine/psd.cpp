@@ -1,45 +1,33 @@
-// Convexity of the quadratic objective: x'Qx must be positive semi-definite for minimization
-// (negative semi-definite for maximization) up to PSDTol. The terms split into independent blocks
-// of variables linked by cross terms; a block passes at once when it is diagonally dominant,
-// otherwise a pivoted Cholesky factorization decides.
+// Convexity of quadratic forms (the objective, and the quadratic constraints through the outer
+// approximation): x'Qx must be positive semi-definite up to PSDTol. The terms split into
+// independent blocks of variables linked by cross terms; a block passes at once when it is
+// diagonally dominant, otherwise a pivoted Cholesky factorization decides.
 #include <algorithm>
 #include <cmath>
 #include <numeric>
+#include <optional>
 #include <unordered_map>
 
 #include "engine/engine.h"
+#include "reform/internal.h"
 #include "util/error.h"
 
 namespace kvr {
 namespace {
 
-constexpr int kDenseLimit = 2000;  // larger non-dominant blocks are left to the engine
+// Larger blocks that are not diagonally dominant are not factorized (the caller is told).
+constexpr int kDenseLimit = 2000;
 
 int find_root(std::vector<int> &parent, int i) {
   while (parent[i] != i) i = parent[i] = parent[parent[i]];
   return i;
 }
 
-std::string var_label(const ModelData &m, int j) {
-  std::string_view name = m.vars.names.get(j);
-  return name.empty() ? "C" + std::to_string(j) : std::string(name);
-}
-
-[[noreturn]] void not_psd(const ModelData &m, int j, double curvature) {
-  fail(KVR_ERROR_Q_NOT_PSD,
-       "Objective Q not %s: the quadratic terms of variable %s give curvature %g beyond PSDTol; "
-       "the engine solves convex quadratic objectives only",
-       m.sense == KVR_MAXIMIZE ? "negative semi-definite (maximization)" : "positive semi-definite",
-       var_label(m, j).c_str(), curvature);
-}
-
 }  // namespace
 
-void check_convex_objective(const ModelData &m, double psdtol) {
-  const QuadTerms &q = m.q;
-  if (q.size() == 0) return;
-  const double sign = m.sense == KVR_MAXIMIZE ? -1.0 : 1.0;
-  const int n = m.num_vars();
+std::optional<Curvature> find_negative_curvature(const QuadTerms &q, int n, double sign,
+                                                 double psdtol, int *unchecked) {
+  if (q.size() == 0) return std::nullopt;
   // Symmetric form S with x'Qx = x'Sx: S_jj = q_jj, S_ij = S_ji = q_ij / 2.
   std::vector<double> diag(n, 0.0);
   std::vector<int> parent(n);
@@ -69,10 +57,14 @@ void check_convex_objective(const ModelData &m, double psdtol) {
   for (auto &[root, vars] : blocks) {
     bool dominant = true;
     for (int j : vars) {
-      if (diag[j] < -psdtol) not_psd(m, j, diag[j]);
+      if (diag[j] < -psdtol) return Curvature{j, diag[j]};
       if (diag[j] - offsum[j] < -psdtol) dominant = false;
     }
-    if (dominant || static_cast<int>(vars.size()) > kDenseLimit) continue;
+    if (dominant) continue;
+    if (static_cast<int>(vars.size()) > kDenseLimit) {
+      if (unchecked) ++*unchecked;
+      continue;
+    }
     // Dense pivoted Cholesky of the block.
     const int b = static_cast<int>(vars.size());
     std::unordered_map<int, int> pos;
@@ -95,13 +87,13 @@ void check_convex_objective(const ModelData &m, double psdtol) {
       for (int i = 0; i < b; ++i)
         if (!done[i] && (p < 0 || at(i, i) > at(p, p))) p = i;
       double d = at(p, p);
-      if (d < -psdtol) not_psd(m, vars[p], d);
+      if (d < -psdtol) return Curvature{vars[p], d};
       if (d <= psdtol) {
         // What remains must vanish: any sizeable coupling makes a 2x2 minor negative.
         for (int i = 0; i < b; ++i)
           for (int j = 0; j < b; ++j)
             if (!done[i] && !done[j] && i != j && std::fabs(at(i, j)) > psdtol)
-              not_psd(m, vars[i], -std::fabs(at(i, j)));
+              return Curvature{vars[i], -std::fabs(at(i, j))};
         break;
       }
       done[p] = 1;
@@ -113,6 +105,24 @@ void check_convex_objective(const ModelData &m, double psdtol) {
       }
     }
   }
+  return std::nullopt;
+}
+
+void check_convex_objective(const ModelData &m, const ParamValues &params) {
+  const double sign = m.sense == KVR_MAXIMIZE ? -1.0 : 1.0;
+  auto bad = find_negative_curvature(m.q, m.num_vars(), sign, params.get_dbl(ParamId::PSDTol));
+  if (!bad) return;
+  fail(KVR_ERROR_Q_NOT_PSD,
+       "Objective Q not %s: the quadratic terms of variable %s give curvature %g beyond PSDTol; "
+       "the engine solves convex quadratic objectives only%s",
+       m.sense == KVR_MAXIMIZE ? "negative semi-definite (maximization)" : "positive semi-definite",
+       reform::var_name(m, bad->var).c_str(), bad->value, nonconvex_note(params));
+}
+
+const char *nonconvex_note(const ParamValues &params) {
+  return params.get_int(ParamId::NonConvex) == 2
+             ? " (NonConvex 2 cannot be honoured: the engine has no spatial branching)"
+             : "";
 }
 
 }  // namespace kvr

@@ -19,6 +19,9 @@ EngineProblem make_problem(const kvr_model *model, const Reformulated &rf);
 
 // Objective value of x (engine model) under the given objective.
 double objective_value(const ModelData &m, const std::vector<double> &x);
+// Objective value of x (engine model m of rf, or a variant of it with other objective
+// coefficients) with the quadratic objective evaluated exactly where it moved to an epigraph.
+double true_objective(const Reformulated &rf, const ModelData &m, const std::vector<double> &x);
 
 // Fills sol from an engine result, mapping back to the user's model by truncation. For a MIP,
 // polish (when given) may replace the best solution (engine model) before it becomes the result;

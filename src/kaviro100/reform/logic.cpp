@@ -142,7 +142,8 @@ void rewrite_norm(Builder &b, int gen, const ParamValues &params) {
   int r = g.resvar;
   if (which == 2.0)
     fail(KVR_ERROR_NOT_SUPPORTED,
-         "%s: the 2-norm needs a quadratic constraint, which the engine in use does not take",
+         "%s: the 2-norm as an equality is not convex; only the cone y >= ||x|| is, written "
+         "as the quadratic constraint sum x_i^2 <= y^2 with y >= 0",
          what.c_str());
   if (which != 0.0 && which != 1.0 && which < kInf)
     fail(KVR_ERROR_INVALID_ARGUMENT, "%s: the norm must be 0, 1, 2 or infinity, not %s",

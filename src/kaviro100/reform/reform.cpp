@@ -2,6 +2,7 @@
 
 #include <cmath>
 
+#include "engine/engine.h"
 #include "reform/internal.h"
 #include "util/error.h"
 
@@ -73,19 +74,46 @@ void check_references(const ModelData &m) {
   }
 }
 
+// The engine's QP method takes neither integers nor quadratic rows: a quadratic objective then
+// becomes min c'x + t with the convex constraint t >= x'Qx (maximization: max c'x - t with
+// t >= -x'Qx).
+void move_objective_to_epigraph(Reformulated &r, const ParamValues &params) {
+  ModelData &m = r.model;
+  if (m.q.size() == 0 || (!m.is_mip() && m.qconstrs.size() == 0)) return;
+  check_convex_objective(m, params);
+  const double sign = m.sense == KVR_MAXIMIZE ? -1.0 : 1.0;
+  const int t = m.num_vars();
+  m.vars.lb.push_back(-KVR_INFINITY);
+  m.vars.ub.push_back(KVR_INFINITY);
+  m.vars.obj.push_back(sign);
+  m.vars.vtype.push_back(KVR_CONTINUOUS);
+  m.vars.names.push_back("");
+  m.vars.extra.resize(m.vars.lb.size());
+  QConstr epi;
+  epi.q = m.q;
+  for (double &v : epi.q.val) v *= sign;
+  epi.lind = {t};
+  epi.lval = {-1.0};
+  m.qconstrs.items.push_back(std::move(epi));
+  m.qconstrs.names.push_back("");
+  m.qconstrs.extra.resize(m.qconstrs.items.size());
+  r.moved_q = std::move(m.q);
+  m.q = QuadTerms{};
+  r.epigraph = t;
+  r.changed = true;
+}
+
 }  // namespace
 
 Reformulated reformulate(const ModelData &user, const ParamValues &params) {
-  if (user.qconstrs.size() > 0)
-    fail(KVR_ERROR_NOT_SUPPORTED,
-         "Quadratic constraint %s: the engine in use takes no quadratic constraints",
-         user.qconstrs.names.get(0).empty() ? "QC0"
-                                            : std::string(user.qconstrs.names.get(0)).c_str());
   Reformulated r;
   r.user_vars = user.num_vars();
   r.user_constrs = user.num_constrs();
   r.model = user;
-  if (!needs_rewriting(user)) return r;
+  if (!needs_rewriting(user)) {
+    move_objective_to_epigraph(r, params);
+    return r;
+  }
   check_references(user);
 
   r.changed = true;
@@ -117,6 +145,7 @@ Reformulated reformulate(const ModelData &user, const ParamValues &params) {
   r.model.sos = SosData{};
   r.model.gens = GenConstrData{};
   r.model.pwlobj.clear();
+  move_objective_to_epigraph(r, params);
   return r;
 }
 

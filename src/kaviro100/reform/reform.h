@@ -18,15 +18,22 @@ struct Reformulated {
   int user_vars = 0;
   int user_constrs = 0;
   bool changed = false;  // false when the model needed no rewriting (model is then a plain copy)
+  // A quadratic objective of a model with integer variables or quadratic constraints moves into
+  // an epigraph: column `epigraph` (-1 when none) with objective coefficient 1 (-1 when
+  // maximizing) and the last quadratic constraint sign * x'Qx - t <= 0; `moved_q` keeps the
+  // objective's terms for evaluating it.
+  int epigraph = -1;
+  QuadTerms moved_q;
 };
 
+// Quadratic constraints stay in the model (the engine approximates them from outside).
 // Throws kvr::Error naming the constraint or variable and the reason: KVR_ERROR_NOT_SUPPORTED when
-// something cannot be rewritten (a big-M without a finite bound, a quadratic constraint, a 2-norm,
+// something cannot be rewritten (a big-M without a finite bound, a 2-norm,
 // a function range across a pole or needing too many pieces), KVR_ERROR_INVALID_ARGUMENT for data
 // that has no meaning (a non-binary operand of and/or, decreasing PWL points, a logarithm of a
 // nonpositive range), KVR_ERROR_INVALID_PIECEWISE_OBJ for a malformed piecewise-linear objective
-// and KVR_ERROR_INDEX_OUT_OF_RANGE for references to missing variables. The user's model is only
-// read.
+// KVR_ERROR_INDEX_OUT_OF_RANGE for references to missing variables, and KVR_ERROR_Q_NOT_PSD for
+// a nonconvex objective that would move into an epigraph. The user's model is only read.
 Reformulated reformulate(const ModelData &user, const ParamValues &params);
 
 }  // namespace kvr
