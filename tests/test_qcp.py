@@ -118,10 +118,12 @@ def test_unbounded_first_relaxation_and_truly_unbounded_models(m):
     m.setObjective(-x)
     m.optimize()
     assert m.Status == KVR.OPTIMAL and x.X == pytest.approx(2, abs=1e-6)
-    # A free direction the quadratic constraint does not limit.
+    # A free direction the quadratic constraint does not limit, without and with rows.
     y = free(m, "y")
-    m.addConstr(y >= x - 10)
     m.setObjective(-x - y)
+    m.optimize()
+    assert m.Status == KVR.UNBOUNDED
+    m.addConstr(y >= x - 10)
     m.optimize()
     assert m.Status == KVR.UNBOUNDED
     # A general quadratic that does limit it: (x - y)^2 + y <= 1 recedes only towards y

@@ -966,6 +966,11 @@ EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues 
           unbounded_unproven = true;
           break;
         }
+        if (!has_x && m.num_constrs() == 0 && ctx.lazy_in_engine == 0) {
+          // Without rows, the point nearest the origin within the bounds is feasible.
+          for (int j = 0; j < n; ++j) x[j] = std::clamp(0.0, m.vars.lb[j], m.vars.ub[j]);
+          has_x = true;
+        }
         last_violation = oa->max_violation(x.data());
         if (oa->block_ray(x.data(), ray.data(), n, ctx.lazy) < 0) {
           // Every quadratic constraint recedes along the ray: unbounded once a point of the
