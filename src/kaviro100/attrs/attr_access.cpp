@@ -185,19 +185,6 @@ void append_generated(std::string &buf, const char *prefix, int i) {
   buf.append(digits, end);
 }
 
-double row_activity(const SparseMatrix &m, int r, const std::vector<double> &x) {
-  double a = 0.0;
-  for (int64_t k = m.beg[r]; k < m.beg[r + 1]; ++k) a += m.val[k] * x[m.ind[k]];
-  return a;
-}
-
-double quad_value(const QConstr &qc, const std::vector<double> &x) {
-  double a = 0.0;
-  for (size_t k = 0; k < qc.lind.size(); ++k) a += qc.lval[k] * x[qc.lind[k]];
-  for (size_t k = 0; k < qc.q.size(); ++k) a += qc.q.val[k] * x[qc.q.row[k]] * x[qc.q.col[k]];
-  return a;
-}
-
 int prospective(int current, int queued) { return std::max(current, queued); }
 
 [[noreturn]] void bad_value(AttrId id, int elem, double v, const char *why) {
@@ -784,7 +771,8 @@ void read_elem_num(kvr_model *m, AttrId id, IndexSet ix, double *out) {
     case A::Slack:
       if (!s.slack.empty()) return copy_vec(id, s.slack, ix, out);
       if (s.x.size() != static_cast<size_t>(d.num_vars())) unavailable(id);
-      fill(ix, out, [&](int i) { return d.constrs.rhs[i] - row_activity(d.constrs.rows, i, s.x); });
+      fill(ix, out,
+           [&](int i) { return d.constrs.rhs[i] - d.constrs.rows.row_value(i, s.x.data()); });
       return;
     case A::CBasis:
       if (!s.cbasis.empty()) return copy_vec(id, s.cbasis, ix, out);
@@ -819,7 +807,7 @@ void read_elem_num(kvr_model *m, AttrId id, IndexSet ix, double *out) {
       if (s.x.size() != static_cast<size_t>(d.num_vars())) unavailable(id);
       fill(ix, out, [&](int i) {
         const QConstr &qc = d.qconstrs.items[i];
-        return qc.rhs - quad_value(qc, s.x);
+        return qc.rhs - qc.value(s.x.data());
       });
       return;
     case A::IISQConstr:

@@ -145,16 +145,11 @@ Worst constr_violations(const ModelData &d, const std::vector<double> &x) {
   Worst w;
   const SparseMatrix &a = d.constrs.rows;
   for (int i = 0; i < d.num_constrs(); ++i) {
-    double act = 0.0;
-    for (int64_t k = a.beg[i]; k < a.beg[i + 1]; ++k) act += a.val[k] * x[a.ind[k]];
-    w.add(row_violation(d.constrs.sense[i], act, d.constrs.rhs[i]), i);
+    w.add(row_violation(d.constrs.sense[i], a.row_value(i, x.data()), d.constrs.rhs[i]), i);
   }
   for (int k = 0; k < d.qconstrs.size(); ++k) {
     const QConstr &qc = d.qconstrs.items[k];
-    double act = 0.0;
-    for (size_t t = 0; t < qc.lind.size(); ++t) act += qc.lval[t] * x[qc.lind[t]];
-    for (size_t t = 0; t < qc.q.size(); ++t) act += qc.q.val[t] * x[qc.q.row[t]] * x[qc.q.col[t]];
-    w.add(row_violation(qc.sense, act, qc.rhs), d.num_constrs() + k);
+    w.add(row_violation(qc.sense, qc.value(x.data()), qc.rhs), d.num_constrs() + k);
   }
   return w;
 }
@@ -164,9 +159,7 @@ Worst residuals(const ModelData &d, const std::vector<double> &x,
   Worst w;
   const SparseMatrix &a = d.constrs.rows;
   for (int i = 0; i < d.num_constrs(); ++i) {
-    double act = 0.0;
-    for (int64_t k = a.beg[i]; k < a.beg[i + 1]; ++k) act += a.val[k] * x[a.ind[k]];
-    w.add(std::fabs(d.constrs.rhs[i] - act - slack[i]), i);
+    w.add(std::fabs(d.constrs.rhs[i] - a.row_value(i, x.data()) - slack[i]), i);
   }
   return w;
 }

@@ -172,9 +172,7 @@ double feasible_objective(const SolveContext &ctx, const ModelData &m,
   }
   const SparseMatrix &A = m.constrs.rows;
   for (int i = 0; i < m.num_constrs(); ++i) {
-    LinRow row;
-    double act = 0.0;
-    for (int64_t k = A.beg[i]; k < A.beg[i + 1]; ++k) act += A.val[k] * x[A.ind[k]];
+    double act = A.row_value(i, x.data());
     double rhs = m.constrs.rhs[i];
     char s = m.constrs.sense[i];
     if ((s == KVR_LESS_EQUAL && act > rhs + ftol) || (s == KVR_GREATER_EQUAL && act < rhs - ftol) ||
@@ -183,10 +181,7 @@ double feasible_objective(const SolveContext &ctx, const ModelData &m,
   }
   for (const LinRow &row : ctx.lazy)
     if (row.violation(x.data()) > ftol) return kNaN;
-  double v = m.objcon;
-  for (int j = 0; j < n; ++j) v += m.vars.obj[j] * x[j];
-  for (size_t k = 0; k < m.q.size(); ++k) v += m.q.val[k] * x[m.q.row[k]] * x[m.q.col[k]];
-  return v;
+  return m.objective_value(x.data());
 }
 
 }  // namespace

@@ -147,13 +147,6 @@ bool rowless_ray(const ModelData &m, size_t added_rows, std::vector<double> &ray
 // Rounds of outer-approximation cuts before a solve gives up.
 constexpr int kMaxCutRounds = 1000;
 
-double objective_of(const ModelData &m, const double *x) {
-  double v = m.objcon;
-  for (int j = 0; j < m.num_vars(); ++j) v += m.vars.obj[j] * x[j];
-  for (size_t k = 0; k < m.q.size(); ++k) v += m.q.val[k] * x[m.q.row[k]] * x[m.q.col[k]];
-  return v;
-}
-
 bool better(int sense, double a, double b) {  // a strictly better than b
   if (std::isnan(b)) return !std::isnan(a);
   return sense == KVR_MINIMIZE ? a < b : a > b;
@@ -263,7 +256,7 @@ void engine_event(int type, const char *msg, const HighsCallbackDataOut *out,
           ctx.stop = StopReason::Restart;
           break;
         }
-        double obj = objective_of(*st.model, x);
+        double obj = st.model->objective_value(x);
         double nodes = st.base_nodes + static_cast<double>(out->mip_node_count);
         if (ctx.has_callback()) {
           double objbst = better(ctx.sense, obj, st.best_obj) ? obj : st.best_obj;
@@ -1042,7 +1035,7 @@ EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues 
     st.best_obj = kNaN;
     const std::vector<double> *best = nullptr;
     for (const auto &x : found) {
-      double obj = objective_of(m, x.data());
+      double obj = m.objective_value(x.data());
       if (better(ctx.sense, obj, st.best_obj)) st.best_obj = obj, best = &x;
     }
     ctx.solcount = static_cast<double>(found.size());
@@ -1156,7 +1149,7 @@ EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues 
     std::vector<double> cd(n), rd(r.row_activity.size());
     Highs_getSolution(hi->get(), r.x.data(), cd.data(), r.row_activity.data(), rd.data());
     r.row_activity.resize(rows);
-    r.objval = objective_of(m, r.x.data());
+    r.objval = m.objective_value(r.x.data());
     if (!mip && dstat == kHighsSolutionStatusFeasible && r.status == KVR_OPTIMAL) {
       r.rc = std::move(cd);
       r.cut_pi.assign(rd.begin() + rows, rd.end());

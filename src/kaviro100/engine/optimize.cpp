@@ -255,15 +255,8 @@ void queue_extra_starts(const kvr_model *model, const Reformulated &rf, SolveCon
   }
 }
 
-double objective_value(const ModelData &m, const std::vector<double> &x) {
-  double v = m.objcon;
-  for (int j = 0; j < m.num_vars(); ++j) v += m.vars.obj[j] * x[j];
-  for (size_t k = 0; k < m.q.size(); ++k) v += m.q.val[k] * x[m.q.row[k]] * x[m.q.col[k]];
-  return v;
-}
-
 double true_objective(const Reformulated &rf, const ModelData &m, const std::vector<double> &x) {
-  double v = objective_value(m, x);
+  double v = m.objective_value(x.data());
   if (rf.epigraph < 0) return v;
   v -= m.vars.obj[rf.epigraph] * x[rf.epigraph];
   const QuadTerms &q = rf.moved_q;

@@ -163,7 +163,7 @@ bool polish_mip_solution(const ModelData &m, Engine &engine, SolveContext &ctx,
              violation);
     return false;
   }
-  const double before = objective_value(m, x), after = objective_value(m, polished);
+  const double before = m.objective_value(x.data()), after = m.objective_value(polished.data());
   const double worse = m.sense == KVR_MAXIMIZE ? before - after : after - before;
   if (worse > ftol * std::max(1.0, std::fabs(before))) {
     ctx.logf("MIP solution not polished: objective %.10e would be worse than %.10e\n", after,

@@ -17,8 +17,6 @@ void optimize(kvr_model *model);
 // PStart/DStart), sized for the engine's model.
 EngineProblem make_problem(const kvr_model *model, const Reformulated &rf);
 
-// Objective value of x (engine model) under the given objective.
-double objective_value(const ModelData &m, const std::vector<double> &x);
 // Objective value of x (engine model m of rf, or a variant of it with other objective
 // coefficients) with the quadratic objective evaluated exactly where it moved to an epigraph.
 double true_objective(const Reformulated &rf, const ModelData &m, const std::vector<double> &x);

@@ -82,6 +82,12 @@ struct SparseMatrix {
 
   int rows() const { return static_cast<int>(beg.size()) - 1; }
   int64_t nnz() const { return beg.back(); }
+  // Row r times x.
+  double row_value(int r, const double *x) const {
+    double a = 0.0;
+    for (int64_t k = beg[r]; k < beg[r + 1]; ++k) a += val[k] * x[ind[k]];
+    return a;
+  }
   void add_row(int n, const int *idx, const double *vals);
   // Appends entries (row, col, val) at the ends of their rows, in the order given; one pass over
   // the matrix however many entries there are.
@@ -109,6 +115,12 @@ struct QuadTerms {
   std::vector<int> row, col;
   std::vector<double> val;
   size_t size() const { return val.size(); }
+  // sum val[k] x[row[k]] x[col[k]].
+  double value(const double *x) const {
+    double v = 0.0;
+    for (size_t k = 0; k < val.size(); ++k) v += val[k] * x[row[k]] * x[col[k]];
+    return v;
+  }
   void push(int a, int b, double v) {
     row.push_back(a < b ? a : b);
     col.push_back(a < b ? b : a);
@@ -168,6 +180,12 @@ struct QConstr {
   QuadTerms q;
   char sense = KVR_LESS_EQUAL;
   double rhs = 0.0;
+  // The left-hand side at x.
+  double value(const double *x) const {
+    double a = 0.0;
+    for (size_t k = 0; k < lind.size(); ++k) a += lval[k] * x[lind[k]];
+    return a + q.value(x);
+  }
 };
 
 struct QConstrData {
@@ -264,6 +282,12 @@ struct ModelData {
   int num_vars() const { return vars.size(); }
   int num_constrs() const { return constrs.size(); }
   bool is_mip() const;
+  // The (single) objective at x: constant, linear and quadratic parts.
+  double objective_value(const double *x) const {
+    double v = objcon + q.value(x);
+    for (int j = 0; j < num_vars(); ++j) v += vars.obj[j] * x[j];
+    return v;
+  }
   // Deletes the elements whose newpos entry is -1 and renumbers every reference to them.
   // General constraints whose resultant, binary, x or y variable is deleted are deleted too.
   void delete_vars(const Renumbering &newpos);
