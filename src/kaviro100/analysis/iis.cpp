@@ -236,13 +236,13 @@ Verdict IisSearch::test(const Selection &sel, bool relaxed, bool strict) {
   sub_ctx.params = &test_params_;
   sub_ctx.started = ctx_.started;
   sub_ctx.user_vars = rf.user_vars;
-  sub_ctx.is_mip = rf.model.is_mip();
-  sub_ctx.engine_model = &rf.model;
+  sub_ctx.is_mip = rf.model().is_mip();
+  sub_ctx.engine_model = &rf.model();
   sub_ctx.rewritten = rf.changed;
   sub_ctx.forward_events = false;
   sub_ctx.quiet = true;
   EngineProblem problem;
-  problem.model = &rf.model;
+  problem.model = &rf.model();
   problem.user_vars = rf.user_vars;
   EngineResult r;
   try {

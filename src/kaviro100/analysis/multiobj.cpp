@@ -57,11 +57,11 @@ void solve_multiobjective(kvr_model *model, const Reformulated &rf, Engine &engi
   std::vector<std::vector<double>> coefs(numobj);
   std::vector<double> constants(numobj);
   for (int k = 0; k < numobj; ++k) {
-    objective_coefs(user, rf.model, k, coefs[k], constants[k]);
+    objective_coefs(user, rf.model(), k, coefs[k], constants[k]);
     const ObjectiveN &o = user.objn[k];
     Level &level = by_priority[o.priority];
     level.priority = o.priority;
-    if (level.coef.empty()) level.coef.assign(rf.model.num_vars(), 0.0);
+    if (level.coef.empty()) level.coef.assign(rf.model().num_vars(), 0.0);
     level.objectives.push_back(k);
     for (size_t j = 0; j < coefs[k].size(); ++j) level.coef[j] += o.weight * coefs[k][j];
     level.constant += o.weight * constants[k];
@@ -91,18 +91,18 @@ void solve_multiobjective(kvr_model *model, const Reformulated &rf, Engine &engi
     for (int k : level.objectives) ctx.env->logf(" %d", k);
     ctx.env->log("\n");
 
-    pass.model.vars.obj = level.coef;
-    pass.model.objcon = level.constant;
+    pass.own().vars.obj = level.coef;
+    pass.own().objcon = level.constant;
     EngineProblem problem;
     if (pass_index == 0) {
       problem = make_problem(model, pass);
     } else {
-      problem.model = &pass.model;
+      problem.model = &pass.model();
       problem.user_vars = pass.user_vars;
-      if (pass.model.is_mip() && !last_x.empty()) problem.mip_start = last_x;
+      if (pass.model().is_mip() && !last_x.empty()) problem.mip_start = last_x;
     }
-    problem.model = &pass.model;
-    ctx.engine_model = &pass.model;
+    problem.model = &pass.model();
+    ctx.engine_model = &pass.model();
     EngineResult r = engine.solve(problem, *params, ctx);
     iters += r.itercount, bariters += r.baritercount, nodes += r.nodecount, work += r.work;
     bool stopped_pass = ctx.stop == StopReason::Pass;
@@ -143,15 +143,15 @@ void solve_multiobjective(kvr_model *model, const Reformulated &rf, Engine &engi
     std::vector<double> val;
     for (size_t j = 0; j < level.coef.size(); ++j)
       if (level.coef[j] != 0.0) ind.push_back(static_cast<int>(j)), val.push_back(level.coef[j]);
-    bool min = pass.model.sense == KVR_MINIMIZE;
-    pass.model.constrs.rows.add_row(static_cast<int>(ind.size()), ind.data(), val.data());
-    pass.model.constrs.sense.push_back(min ? KVR_LESS_EQUAL : KVR_GREATER_EQUAL);
-    pass.model.constrs.rhs.push_back(z - level.constant + (min ? allowed : -allowed));
-    pass.model.constrs.names.push_back("");
+    bool min = pass.model().sense == KVR_MINIMIZE;
+    pass.own().constrs.rows.add_row(static_cast<int>(ind.size()), ind.data(), val.data());
+    pass.own().constrs.sense.push_back(min ? KVR_LESS_EQUAL : KVR_GREATER_EQUAL);
+    pass.own().constrs.rhs.push_back(z - level.constant + (min ? allowed : -allowed));
+    pass.own().constrs.names.push_back("");
   }
   ctx.pass_objectives.clear();
   ctx.params = &model->env.params;
-  ctx.engine_model = &rf.model;
+  ctx.engine_model = &rf.model();
   if (!have_result) return;
 
   last.status = final_status;
@@ -160,9 +160,9 @@ void solve_multiobjective(kvr_model *model, const Reformulated &rf, Engine &engi
   // The result is polished on the last pass's model, whose rows keep the earlier levels.
   std::vector<double> polished;
   PolishFunction polish;
-  if (pass.changed && pass.model.is_mip())
+  if (pass.changed && pass.model().is_mip())
     polish = [&](std::vector<double> &x) {
-      if (!polish_mip_solution(pass.model, engine, ctx, x)) return false;
+      if (!polish_mip_solution(pass.model(), engine, ctx, x)) return false;
       polished = x;
       return true;
     };

@@ -16,7 +16,7 @@ void solve_scenarios(kvr_model *model, const Reformulated &rf, Engine &engine, S
   for (size_t s = 0; s < scenarios.size(); ++s) {
     if (ctx.must_stop()) break;
     const Scenario &sc = scenarios[s];
-    ModelData m = rf.model;
+    ModelData m = rf.model();
     for (auto &[j, v] : sc.lb) m.vars.lb[j] = v;
     for (auto &[j, v] : sc.ub) m.vars.ub[j] = v;
     for (auto &[j, v] : sc.obj) m.vars.obj[j] = v;
@@ -39,7 +39,7 @@ void solve_scenarios(kvr_model *model, const Reformulated &rf, Engine &engine, S
     }
     sol.scen_objbound[s] = r.objbound;
   }
-  ctx.engine_model = &rf.model;
+  ctx.engine_model = &rf.model();
 }
 
 }  // namespace kvr

@@ -204,10 +204,10 @@ bool any_defined(const std::vector<double> *v) {
 
 EngineProblem make_problem(const kvr_model *model, const Reformulated &rf) {
   EngineProblem p;
-  p.model = &rf.model;
+  p.model = &rf.model();
   p.user_vars = rf.user_vars;
   const ModelData &user = model->data;
-  const int n = rf.model.num_vars(), m = rf.model.num_constrs();
+  const int n = rf.model().num_vars(), m = rf.model().num_constrs();
   const int nu = rf.user_vars, mu = rf.user_constrs;
   const std::vector<double> *start = extra_column(user.vars.extra, AttrId::Start);
   const std::vector<double> *hint = extra_column(user.vars.extra, AttrId::VarHintVal);
@@ -249,7 +249,7 @@ void queue_extra_starts(const kvr_model *model, const Reformulated &rf, SolveCon
   const ExtraAttrs &extra = model->data.vars.extra;
   for (const auto &[key, col] : extra.num) {
     if (key < attr_count() || !any_defined(&col)) continue;
-    std::vector<double> x(rf.model.num_vars(), KVR_UNDEFINED);
+    std::vector<double> x(rf.model().num_vars(), KVR_UNDEFINED);
     for (int j = 0; j < rf.user_vars; ++j) x[j] = extra_at(&col, j, KVR_UNDEFINED);
     ctx.user_solutions.push_back(std::move(x));
   }
@@ -268,7 +268,7 @@ void fill_solution(const kvr_model *model, const Reformulated &rf, const SolveCo
                    EngineResult &&r, Solution &sol, const PolishFunction &polish) {
   const ModelData &user = model->data;
   const int nu = rf.user_vars, mu = rf.user_constrs;
-  const bool mip = rf.model.is_mip();
+  const bool mip = rf.model().is_mip();
   auto truncate = [](std::vector<double> &v, size_t n) {
     if (v.size() > n) v.resize(n);
   };
@@ -283,22 +283,22 @@ void fill_solution(const kvr_model *model, const Reformulated &rf, const SolveCo
   // Pool: engine incumbents and accepted user solutions, best first, without duplicates.
   if (mip) {
     std::vector<std::pair<double, std::vector<double>>> pool;
-    for (auto &x : r.found_x) pool.emplace_back(true_objective(rf, rf.model, x), std::move(x));
+    for (auto &x : r.found_x) pool.emplace_back(true_objective(rf, rf.model(), x), std::move(x));
     // User solutions were checked when given; lazy constraints added later may cut them off.
     const double ftol = ctx.params->get_dbl(ParamId::FeasibilityTol);
     for (const auto &x : ctx.accepted_user_solutions) {
-      if (static_cast<int>(x.size()) != rf.model.num_vars()) continue;
+      if (static_cast<int>(x.size()) != rf.model().num_vars()) continue;
       bool ok = true;
       for (const LinRow &row : ctx.lazy) ok = ok && row.violation(x.data()) <= ftol;
-      if (ok) pool.emplace_back(true_objective(rf, rf.model, x), x);
+      if (ok) pool.emplace_back(true_objective(rf, rf.model(), x), x);
     }
     std::stable_sort(pool.begin(), pool.end(), [&](const auto &a, const auto &b) {
-      return rf.model.sense == KVR_MAXIMIZE ? a.first > b.first : a.first < b.first;
+      return rf.model().sense == KVR_MAXIMIZE ? a.first > b.first : a.first < b.first;
     });
     if (polish && !pool.empty()) {
       std::vector<double> original = pool.front().second;
       if (polish(pool.front().second)) {
-        pool.front().first = true_objective(rf, rf.model, pool.front().second);
+        pool.front().first = true_objective(rf, rf.model(), pool.front().second);
         // Copies of the solution as found (the engine reports it more than once) go with it.
         pool.erase(std::remove_if(pool.begin() + 1, pool.end(),
                                   [&](const auto &e) { return e.second == original; }),
@@ -335,7 +335,7 @@ void fill_solution(const kvr_model *model, const Reformulated &rf, const SolveCo
     sol.pool_objbound = sol.objbound;
   } else {
     if (!r.x.empty()) {
-      sol.objval = true_objective(rf, rf.model, r.x);
+      sol.objval = true_objective(rf, rf.model(), r.x);
       sol.x = r.x;
       truncate(sol.x, nu);
       if (r.status == KVR_OPTIMAL || r.status == KVR_SUBOPTIMAL) {
@@ -361,7 +361,7 @@ void fill_solution(const kvr_model *model, const Reformulated &rf, const SolveCo
     truncate(sol.rc, nu);
     sol.pi = std::move(r.pi);
     truncate(sol.pi, mu);
-    if (!rf.changed && rf.model.num_constrs() == mu) {
+    if (!rf.changed && rf.model().num_constrs() == mu) {
       sol.vbasis = std::move(r.vbasis);
       sol.cbasis = std::move(r.cbasis);
       sol.unbdray = std::move(r.unbdray);
@@ -601,11 +601,11 @@ void optimize(kvr_model *model) {
   if (output) log_header(model, model->data, params.get_int(ParamId::Threads));
   Reformulated rf = reformulate(model->data, params);
   if (rf.changed)
-    model->env.logf("Rewritten for the engine: %d rows, %d columns\n", rf.model.num_constrs(),
-                    rf.model.num_vars());
-  check_convex_objective(rf.model, params);
-  if (rf.model.qconstrs.size() > 0) {
-    OuterApprox oa(rf.model, params);  // fails here, before any solve, for a nonconvex one
+    model->env.logf("Rewritten for the engine: %d rows, %d columns\n", rf.model().num_constrs(),
+                    rf.model().num_vars());
+  check_convex_objective(rf.model(), params);
+  if (rf.model().qconstrs.size() > 0) {
+    OuterApprox oa(rf.model(), params);  // fails here, before any solve, for a nonconvex one
     int cones, balls, general;
     oa.counts(cones, balls, general);
     model->env.logf(
@@ -617,8 +617,8 @@ void optimize(kvr_model *model) {
           oa.unchecked());
   }
   ctx.user_vars = rf.user_vars;
-  ctx.is_mip = rf.model.is_mip();
-  ctx.engine_model = &rf.model;
+  ctx.is_mip = rf.model().is_mip();
+  ctx.engine_model = &rf.model();
   ctx.rewritten = rf.changed;
   if (ctx.is_mip) check_nodefile_settings(model->env);
 
@@ -645,7 +645,7 @@ void optimize(kvr_model *model) {
     PolishFunction polish;
     if (rf.changed && ctx.is_mip)
       polish = [&](std::vector<double> &x) {
-        return polish_mip_solution(rf.model, *engine, ctx, x);
+        return polish_mip_solution(rf.model(), *engine, ctx, x);
       };
     fill_solution(model, rf, ctx, std::move(r), sol, polish);
     solve_scenarios(model, rf, *engine, ctx, sol);

@@ -78,9 +78,10 @@ void check_references(const ModelData &m) {
 // becomes min c'x + t with the convex constraint t >= x'Qx (maximization: max c'x - t with
 // t >= -x'Qx).
 void move_objective_to_epigraph(Reformulated &r, const ParamValues &params) {
-  ModelData &m = r.model;
-  if (m.q.size() == 0 || (!m.is_mip() && m.qconstrs.size() == 0)) return;
-  check_convex_objective(m, params);
+  const ModelData &given = r.model();
+  if (given.q.size() == 0 || (!given.is_mip() && given.qconstrs.size() == 0)) return;
+  check_convex_objective(given, params);
+  ModelData &m = r.own();
   const double sign = m.sense == KVR_MAXIMIZE ? -1.0 : 1.0;
   const int t = m.num_vars();
   m.vars.lb.push_back(-KVR_INFINITY);
@@ -106,10 +107,9 @@ void move_objective_to_epigraph(Reformulated &r, const ParamValues &params) {
 }  // namespace
 
 Reformulated reformulate(const ModelData &user, const ParamValues &params) {
-  Reformulated r;
+  Reformulated r(&user);
   r.user_vars = user.num_vars();
   r.user_constrs = user.num_constrs();
-  r.model = user;
   if (!needs_rewriting(user)) {
     move_objective_to_epigraph(r, params);
     return r;
@@ -117,7 +117,7 @@ Reformulated reformulate(const ModelData &user, const ParamValues &params) {
   check_references(user);
 
   r.changed = true;
-  reform::Builder b(r.model, user);
+  reform::Builder b(r.own(), user);
   reform::propagate_bounds(b, 8);
   // Function and PWL constraints first: their approximations bound y, which later big-M values
   // may need.
@@ -142,9 +142,10 @@ Reformulated reformulate(const ModelData &user, const ParamValues &params) {
   }
 
   // What is left is a plain model.
-  r.model.sos = SosData{};
-  r.model.gens = GenConstrData{};
-  r.model.pwlobj.clear();
+  ModelData &m = r.own();
+  m.sos = SosData{};
+  m.gens = GenConstrData{};
+  m.pwlobj.clear();
   move_objective_to_epigraph(r, params);
   return r;
 }

@@ -13,17 +13,31 @@ namespace kvr {
 struct Reformulated {
   // What the engine solves. Its first user_vars variables are the user's variables and its first
   // user_constrs rows the user's linear constraints, in the user's order; what the rewriting adds
-  // follows them, so results map back by truncation.
-  ModelData model;
+  // follows them, so results map back by truncation. A model that needs no rewriting is the
+  // user's own (no copy), which must then stay unchanged while this is in use.
+  const ModelData &model() const { return owned_ ? rewritten_ : *user_; }
+  // The engine's model as a copy of its own, to change.
+  ModelData &own() {
+    if (!owned_) rewritten_ = *user_;
+    owned_ = true;
+    return rewritten_;
+  }
+  explicit Reformulated(const ModelData *user = nullptr) : user_(user) {}
+
   int user_vars = 0;
   int user_constrs = 0;
-  bool changed = false;  // false when the model needed no rewriting (model is then a plain copy)
+  bool changed = false;  // false when the model needed no rewriting
   // A quadratic objective of a model with integer variables or quadratic constraints moves into
   // an epigraph: column `epigraph` (-1 when none) with objective coefficient 1 (-1 when
   // maximizing) and the last quadratic constraint sign * x'Qx - t <= 0; `moved_q` keeps the
   // objective's terms for evaluating it.
   int epigraph = -1;
   QuadTerms moved_q;
+
+ private:
+  const ModelData *user_;
+  ModelData rewritten_;
+  bool owned_ = false;
 };
 
 // Quadratic constraints stay in the model (the engine approximates them from outside).
