@@ -1,6 +1,7 @@
 """Model build times of kaviropy side by side with other Python modelling packages.
 
-Models (see benchmarks/README.md): nqueens-N (binary MIP), lqcp-N (convex QP), lp-N (sparse LP).
+Models (see benchmarks/README.md): nqueens-N (binary MIP), lqcp-N (convex QP), lp-N (sparse LP),
+fac-F (mixed-integer model with second-order cone constraints).
 Each measurement runs in a fresh Python process that imports the package, builds the model and
 hands it to the engine; the time runs from just before the model is created to just after the
 last step. Five runs per package and size, alternating packages, medians reported, and the ratio
@@ -22,6 +23,7 @@ The peers come from benchmarks/requirements.txt in their own virtual environment
 
 import argparse
 import json
+import math
 import os
 import resource
 import signal
@@ -34,12 +36,16 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 DEFAULT_PEER_PYTHON = os.path.join(os.path.dirname(os.path.dirname(HERE)), "venvs", "bench-peers",
                                    "bin", "python")
 
-SIZES = {"nqueens": [400, 800, 1200], "lqcp": [200, 500, 1000], "lp": [100, 300, 500]}
+SIZES = {"nqueens": [400, 800, 1200], "lqcp": [200, 500, 1000], "lp": [100, 300, 500],
+         "fac": [25, 50]}
 PACKAGES = ["kaviropy", "pyoptinterface", "mip", "pyomo", "pulp"]
 # Packages that cannot express a model: quadratic objectives for python-mip and pulp.
-UNSUPPORTED = {("mip", "lqcp"): "no quadratic objective", ("pulp", "lqcp"): "no quadratic objective"}
+UNSUPPORTED = {("mip", "lqcp"): "no quadratic objective", ("pulp", "lqcp"): "no quadratic objective",
+               ("mip", "fac"): "no quadratic constraints", ("pulp", "fac"): "no quadratic constraints"}
 # pyomo builds lqcp, but its appsi HiGHS interface refuses the quadratic objective.
-UNSUPPORTED_SOLVE = {("pyomo", "lqcp"): "appsi HiGHS takes no quadratic objective"}
+UNSUPPORTED_SOLVE = {("pyomo", "lqcp"): "appsi HiGHS takes no quadratic objective",
+                     ("pyomo", "fac"): "appsi HiGHS takes no quadratic constraints",
+                     ("pyoptinterface", "fac"): "its HiGHS model takes no quadratic constraints"}
 # CBC reads a time limit of 0 as "no limit": the CBC-based packages get the smallest limit it
 # honours instead.
 CBC_TIME_LIMIT = 0.01
@@ -94,6 +100,22 @@ def kaviropy_build(model_name, n, phase):
         m.addConstrs((y[i, 2] - 4 * y[i, 1] + 3 * y[i, 0] == 0 for i in range(1, mm + 1)), name="left")
         m.addConstrs(((y[i, n - 2] - 4 * y[i, n - 1] + 3 * y[i, n]) / (2 * dx) == u[i] - y[i, n]
                       for i in range(1, mm + 1)), name="right")
+    elif model_name == "fac":
+        F = G = n
+        big_m = 2 * math.sqrt(2)
+        cells = [(i, j, f) for i in range(G + 1) for j in range(G + 1) for f in range(1, F + 1)]
+        d = m.addVar(name="d")
+        y = m.addVars(range(1, F + 1), (1, 2), ub=1, name="y")
+        z = m.addVars(cells, vtype=KVR.BINARY, name="z")
+        s = m.addVars(cells, name="s")
+        r = m.addVars(cells, (1, 2), lb=-KVR.INFINITY, name="r")
+        m.setObjective(d, KVR.MINIMIZE)
+        m.addConstrs((z.sum(i, j, "*") == 1 for i in range(G + 1) for j in range(G + 1)), name="assign")
+        m.addConstrs((s[c] == d + big_m * (1 - z[c]) for c in cells), name="dist")
+        m.addConstrs((r[i, j, f, 1] == i / G - y[f, 1] for i, j, f in cells), name="rx")
+        m.addConstrs((r[i, j, f, 2] == j / G - y[f, 2] for i, j, f in cells), name="ry")
+        m.addConstrs((r[i, j, f, 1] * r[i, j, f, 1] + r[i, j, f, 2] * r[i, j, f, 2] <= s[i, j, f] * s[i, j, f]
+                      for i, j, f in cells), name="cone")
     else:
         x = m.addVars(n, n, lb=-KVR.INFINITY, name="x")
         y = m.addVars(n, n, lb=-KVR.INFINITY, name="y")
@@ -348,7 +370,7 @@ def measure(python, package, model_name, n, phase, timeout):
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--worker", nargs=4, metavar=("PACKAGE", "MODEL", "N", "PHASE"), help=argparse.SUPPRESS)
-    parser.add_argument("--models", default="nqueens,lqcp,lp")
+    parser.add_argument("--models", default="nqueens,lqcp,lp,fac")
     parser.add_argument("--sizes", default="all", help="'all', 'small' (the smallest size of each model), or N,N,...")
     parser.add_argument("--runs", type=int, default=5)
     parser.add_argument("--phase", choices=["auto", "build", "solve"], default="auto")

@@ -170,6 +170,29 @@ def test_miqcp_against_enumeration(m):
     assert seen and max(seen) <= 10 + 1e-6
 
 
+def test_facility_cones_with_big_m_settle_without_cycling(m):
+    # Two facilities covering the 3 x 3 grid of [0, 1]^2 with distance cones switched by big-M
+    # rows: optimum sqrt(5)/4. Incumbents within the engine's MIP tolerance of a cut but beyond
+    # FeasibilityTol of a cone once came back after every restart.
+    F, G = 2, 2
+    big_m = 2 * math.sqrt(2)
+    cells = [(i, j, f) for i in range(G + 1) for j in range(G + 1) for f in range(F)]
+    d = m.addVar(name="d")
+    y = m.addVars(F, 2, ub=1)
+    z = m.addVars(cells, vtype=KVR.BINARY)
+    s = m.addVars(cells)
+    r = m.addVars(cells, 2, lb=-KVR.INFINITY)
+    m.setObjective(d, KVR.MINIMIZE)
+    m.addConstrs(z.sum(i, j, "*") == 1 for i in range(G + 1) for j in range(G + 1))
+    m.addConstrs(s[c] == d + big_m * (1 - z[c]) for c in cells)
+    m.addConstrs(r[i, j, f, 0] == i / G - y[f, 0] for i, j, f in cells)
+    m.addConstrs(r[i, j, f, 1] == j / G - y[f, 1] for i, j, f in cells)
+    m.addConstrs(r[c + (0,)] ** 2 + r[c + (1,)] ** 2 <= s[c] ** 2 for c in cells)
+    m.optimize()
+    assert m.Status == KVR.OPTIMAL
+    assert m.ObjVal == pytest.approx(math.sqrt(5) / 4, abs=1e-5) and m.MaxVio <= 1e-6
+
+
 def test_convex_miqp_objective_moves_to_an_epigraph(m):
     x = m.addVar(ub=10, vtype=KVR.INTEGER, name="x")
     y = m.addVar(ub=10, vtype=KVR.INTEGER, name="y")

@@ -773,8 +773,13 @@ EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues 
     if (!mip) hi->set_str("solver", "simplex");
     // Cuts are met more tightly than the constraints they approximate, so that a point the
     // engine calls feasible is within FeasibilityTol of the quadratic constraints.
-    hi->set_dbl("primal_feasibility_tolerance",
-                std::max(0.1 * params.get_dbl(ParamId::FeasibilityTol), 1e-10));
+    const double cut_tol = std::max(0.1 * params.get_dbl(ParamId::FeasibilityTol), 1e-10);
+    hi->set_dbl("primal_feasibility_tolerance", cut_tol);
+    // The MIP solver accepts incumbents within its own tolerance; a looser one would hand back,
+    // round after round, an incumbent that the cuts already exclude.
+    if (mip)
+      hi->set_dbl("mip_feasibility_tolerance",
+                  std::min(params.get_dbl(ParamId::IntFeasTol), cut_tol));
   }
   // Rows added in earlier solves of this optimize (lazy constraints, cuts) hold here as well.
   auto add_new_rows = [&] {
