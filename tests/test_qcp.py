@@ -174,20 +174,7 @@ def test_facility_cones_with_big_m_settle_without_cycling(m):
     # Two facilities covering the 3 x 3 grid of [0, 1]^2 with distance cones switched by big-M
     # rows: optimum sqrt(5)/4. Incumbents within the engine's MIP tolerance of a cut but beyond
     # FeasibilityTol of a cone once came back after every restart.
-    F, G = 2, 2
-    big_m = 2 * math.sqrt(2)
-    cells = [(i, j, f) for i in range(G + 1) for j in range(G + 1) for f in range(F)]
-    d = m.addVar(name="d")
-    y = m.addVars(F, 2, ub=1)
-    z = m.addVars(cells, vtype=KVR.BINARY)
-    s = m.addVars(cells)
-    r = m.addVars(cells, 2, lb=-KVR.INFINITY)
-    m.setObjective(d, KVR.MINIMIZE)
-    m.addConstrs(z.sum(i, j, "*") == 1 for i in range(G + 1) for j in range(G + 1))
-    m.addConstrs(s[c] == d + big_m * (1 - z[c]) for c in cells)
-    m.addConstrs(r[i, j, f, 0] == i / G - y[f, 0] for i, j, f in cells)
-    m.addConstrs(r[i, j, f, 1] == j / G - y[f, 1] for i, j, f in cells)
-    m.addConstrs(r[c + (0,)] ** 2 + r[c + (1,)] ** 2 <= s[c] ** 2 for c in cells)
+    facility_model(m, 2, 2)
     m.optimize()
     assert m.Status == KVR.OPTIMAL
     assert m.ObjVal == pytest.approx(math.sqrt(5) / 4, abs=1e-5) and m.MaxVio <= 1e-6
@@ -342,3 +329,47 @@ def test_round_cap_and_limits(m):
     m.Params.TimeLimit = 0
     m.optimize()
     assert m.Status == KVR.TIME_LIMIT
+
+
+def facility_model(m, F, G):
+    """F facilities in [0, 1]^2 covering the (G + 1) x (G + 1) grid, minimizing the largest
+    distance; each distance is a cone switched off by a big-M row."""
+    big_m = 2 * math.sqrt(2)
+    cells = [(i, j, f) for i in range(G + 1) for j in range(G + 1) for f in range(F)]
+    d = m.addVar(name="d")
+    y = m.addVars(F, 2, ub=1)
+    z = m.addVars(cells, vtype=KVR.BINARY)
+    s = m.addVars(cells)
+    r = m.addVars(cells, 2, lb=-INF)
+    m.setObjective(d, KVR.MINIMIZE)
+    m.addConstrs(z.sum(i, j, "*") == 1 for i in range(G + 1) for j in range(G + 1))
+    m.addConstrs(s[c] == d + big_m * (1 - z[c]) for c in cells)
+    m.addConstrs(r[i, j, f, 0] == i / G - y[f, 0] for i, j, f in cells)
+    m.addConstrs(r[i, j, f, 1] == j / G - y[f, 1] for i, j, f in cells)
+    m.addConstrs(r[c + (0,)] ** 2 + r[c + (1,)] ** 2 <= s[c] ** 2 for c in cells)
+    return cells, d, r, s
+
+
+def test_repaired_incumbents_are_pool_solutions_that_meet_the_cones(m, tmp_path):
+    # Three facilities on the 4 x 4 grid: optimum 0.5. Incumbents that violate a cone are
+    # repaired at their assignment; every pool solution, repaired or found by the search, is a
+    # solution of the model, and the repairs are logged.
+    cells, d, r, s = facility_model(m, 3, 3)
+    m.Params.PoolSolutions = 100
+    m.Params.OutputFlag = 1
+    m.Params.LogToConsole = 0
+    m.Params.LogFile = str(tmp_path / "fac.log")
+    m.optimize()
+    log = (tmp_path / "fac.log").read_text().splitlines()
+    assert m.Status == KVR.OPTIMAL and m.ObjVal == pytest.approx(0.5, abs=1e-5)
+    assert m.ObjBound <= m.ObjVal + 1e-9 and m.ObjBound >= 0.5 - 1e-4
+    assert any("Repaired a rejected incumbent" in line for line in log)
+    assert m.SolCount >= 2
+    objs = []
+    for k in range(m.SolCount):
+        m.Params.SolutionNumber = k
+        for c in cells:
+            assert r[c + (0,)].Xn ** 2 + r[c + (1,)].Xn ** 2 <= s[c].Xn ** 2 + 1e-6
+        assert d.Xn == pytest.approx(m.PoolObjVal, abs=1e-9)
+        objs.append(m.PoolObjVal)
+    assert objs == sorted(objs)

@@ -16,6 +16,7 @@
 #include <cstring>
 #include <limits>
 #include <mutex>
+#include <set>
 #include <thread>
 
 #include "engine/engine.h"
@@ -127,6 +128,8 @@ struct RunState {
   // Set while a concurrent LP solve runs: raised by whichever method finishes first.
   std::atomic<bool> *race_over = nullptr;
   const OuterApprox *oa = nullptr;  // the quadratic constraints, when the model has any
+  // Incumbents rejected for violating a quadratic constraint in the current run.
+  std::vector<std::vector<double>> rejected;
 };
 
 // An improving direction of an LP without rows, which the engine solves without giving a ray:
@@ -146,6 +149,8 @@ bool rowless_ray(const ModelData &m, size_t added_rows, std::vector<double> &ray
 
 // Rounds of outer-approximation cuts before a solve gives up.
 constexpr int kMaxCutRounds = 1000;
+// Planes around the circle for each two-dimensional cone before a MIP search starts.
+constexpr int kInitialCircleCuts = 8;
 
 bool better(int sense, double a, double b) {  // a strictly better than b
   if (std::isnan(b)) return !std::isnan(a);
@@ -249,14 +254,26 @@ void engine_event(int type, const char *msg, const HighsCallbackDataOut *out,
         if (!out->mip_solution || out->mip_solution_size < st.ncols) break;
         const double *x = out->mip_solution;
         // An incumbent that violates a lazy constraint the engine does not know yet is rejected.
-        if (violates_lazy(ctx, ctx.lazy_in_engine, x) ||
-            (st.oa &&
-             st.oa->separate(x, ctx.params->get_dbl(ParamId::FeasibilityTol), ctx.lazy) > 0)) {
+        double obj = st.model->objective_value(x);
+        const bool lazy_violated = violates_lazy(ctx, ctx.lazy_in_engine, x);
+        if (!lazy_violated && st.oa &&
+            st.oa->separate(x, ctx.params->get_dbl(ParamId::FeasibilityTol), ctx.lazy) > 0) {
+          st.rejected.emplace_back(x, x + st.ncols);
+          // A solution no better than the engine's incumbent does not move its cutoff, so the
+          // search goes on; its cuts and its repair wait for the next restart.
+          const double slack = 1e-9 * (1.0 + std::fabs(st.best_obj));
+          if (!std::isnan(st.best_obj) &&
+              !better(ctx.sense, obj, st.best_obj + (ctx.sense == KVR_MINIMIZE ? slack : -slack)))
+            break;
           ctx.lazy_violated = true;
           ctx.stop = StopReason::Restart;
           break;
         }
-        double obj = st.model->objective_value(x);
+        if (lazy_violated) {
+          ctx.lazy_violated = true;
+          ctx.stop = StopReason::Restart;
+          break;
+        }
         double nodes = st.base_nodes + static_cast<double>(out->mip_node_count);
         if (ctx.has_callback()) {
           double objbst = better(ctx.sense, obj, st.best_obj) ? obj : st.best_obj;
@@ -446,18 +463,27 @@ class HighsEngine final : public Engine {
   static void set_options(HighsInstance &hi, const ParamValues &p, SolveContext &ctx, bool mip,
                           bool qp, int threads);
   static void read_certificates(HighsInstance &hi, const ModelData &m, EngineResult &r);
-  EngineResult solve_relaxation(const ModelData &m, const ParamValues &params, SolveContext &ctx);
+  EngineResult solve_continuous(const ModelData &m, const ParamValues &params, SolveContext &ctx,
+                                const double *fix_at);
 };
 
-EngineResult HighsEngine::solve_relaxation(const ModelData &m, const ParamValues &params,
-                                           SolveContext &ctx) {
+// The continuous model of a MIP with quadratic constraints: its relaxation, or, given fix_at, the
+// model with every integer variable fixed at its value there. The rows in ctx.lazy hold in it as
+// well, and the cuts its outer approximation adds on the way are appended to them: they support
+// the constraints at points of the whole model, so they are valid for the MIP too.
+EngineResult HighsEngine::solve_continuous(const ModelData &m, const ParamValues &params,
+                                           SolveContext &ctx, const double *fix_at) {
   ModelData relaxed = m;
-  std::fill(relaxed.vars.vtype.begin(), relaxed.vars.vtype.end(), KVR_CONTINUOUS);
-  for (int j = 0; j < m.num_vars(); ++j)
-    if (m.vars.vtype[j] == KVR_BINARY) {
+  for (int j = 0; j < m.num_vars(); ++j) {
+    if (m.vars.vtype[j] == KVR_CONTINUOUS) continue;
+    if (fix_at) {
+      relaxed.vars.lb[j] = relaxed.vars.ub[j] = std::round(fix_at[j]);
+    } else if (m.vars.vtype[j] == KVR_BINARY) {
       relaxed.vars.lb[j] = std::max(relaxed.vars.lb[j], 0.0);
       relaxed.vars.ub[j] = std::min(relaxed.vars.ub[j], 1.0);
     }
+  }
+  std::fill(relaxed.vars.vtype.begin(), relaxed.vars.vtype.end(), KVR_CONTINUOUS);
   SolveContext sub;
   sub.model = ctx.model;
   sub.env = ctx.env;
@@ -469,6 +495,7 @@ EngineResult HighsEngine::solve_relaxation(const ModelData &m, const ParamValues
   sub.rewritten = true;
   sub.forward_events = false;
   sub.quiet = true;
+  sub.lazy = std::move(ctx.lazy);
   EngineProblem problem;
   problem.model = &relaxed;
   problem.user_vars = ctx.user_vars;
@@ -478,6 +505,7 @@ EngineResult HighsEngine::solve_relaxation(const ModelData &m, const ParamValues
     ctx.memory_seen = sub.memory_seen;
   }
   ctx.lazy = std::move(sub.lazy);
+  if (fix_at) return r;
   ctx.logf(
       "Continuous relaxation: %s, %zu cuts to start the search from\n",
       r.status == KVR_OPTIMAL ? format("bound %.10e", r.objval).c_str() : status_text(r.status),
@@ -734,9 +762,15 @@ EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues 
   // A model with integers and quadratic constraints starts from the cuts that approximate its
   // continuous relaxation: they bound the search from the first node (an epigraph variable
   // would otherwise leave it unbounded), and an infeasible relaxation settles the model.
+  std::unique_ptr<OuterApprox> oa;
+  if (m.qconstrs.size() > 0) oa = std::make_unique<OuterApprox>(m, params);
   double relaxation_iters = 0;
-  if (mip && m.qconstrs.size() > 0 && ctx.lazy.empty()) {
-    EngineResult relaxed = solve_relaxation(m, params, ctx);
+  if (mip && oa && ctx.lazy.empty()) {
+    // Fixed planes around each cone give the first search a close polyhedral approximation
+    // whatever its incumbents are; their number is bounded by the size of the model.
+    const size_t limit = 4 * static_cast<size_t>(m.num_vars() + m.num_constrs()) + 1000;
+    oa->initial_cuts(kInitialCircleCuts, limit, ctx.lazy);
+    EngineResult relaxed = solve_continuous(m, params, ctx, nullptr);
     if (relaxed.status == KVR_INFEASIBLE) return relaxed;
     relaxation_iters = relaxed.itercount;
   }
@@ -765,9 +799,7 @@ EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues 
   }
   set_options(*hi, params, ctx, mip, qp, sched.threads_used);
   pass_model(*hi, m, mip);
-  std::unique_ptr<OuterApprox> oa;
-  if (m.qconstrs.size() > 0) {
-    oa = std::make_unique<OuterApprox>(m, params);
+  if (oa) {
     st.oa = oa.get();
     // Rounds of cuts re-solve from the last basis; an unbounded round needs the simplex ray.
     if (!mip) hi->set_str("solver", "simplex");
@@ -889,6 +921,33 @@ EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues 
     hi->set_dbl("time_limit", left);
     return true;
   };
+  // An incumbent rejected for its quadratic constraints keeps its integer values: the continuous
+  // model they leave is solved by its own approximation, which gives a solution of the model
+  // when those values allow one, and cuts at the points where the search is heading.
+  std::set<std::vector<double>> repaired;
+  auto repair_rejected = [&] {
+    std::vector<double> key;
+    for (const std::vector<double> &x : st.rejected) {
+      key.clear();
+      for (int j = 0; j < n; ++j)
+        if (m.vars.vtype[j] != KVR_CONTINUOUS) key.push_back(std::round(x[j]));
+      if (!repaired.insert(key).second) continue;
+      ParamValues sub_params = params;
+      const double tl = params.get_dbl(ParamId::TimeLimit);
+      if (tl < KVR_INFINITY)
+        sub_params.set_dbl(ParamId::TimeLimit, std::max(0.0, tl - ctx.elapsed()));
+      EngineResult fixed = solve_continuous(m, sub_params, ctx, x.data());
+      r.itercount += fixed.itercount;
+      if (fixed.status != KVR_OPTIMAL || fixed.x.empty() ||
+          oa->max_violation(fixed.x.data()) > ftol || violates_lazy(ctx, 0, fixed.x.data()))
+        continue;
+      const double obj = m.objective_value(fixed.x.data());
+      if (better(ctx.sense, obj, st.best_obj))
+        ctx.logf("Repaired a rejected incumbent: objective %.10e\n", obj);
+      found.push_back(std::move(fixed.x));
+    }
+    st.rejected.clear();
+  };
   for (;;) {
     ctx.stop = StopReason::None;
     ctx.lazy_violated = false;
@@ -1009,13 +1068,17 @@ EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues 
     if (!need_restart && (ctx.lazy_in_engine < ctx.lazy.size() || oa) &&
         ctx.stop == StopReason::None) {
       auto [has_x, x] = engine_x();
-      if (has_x && (violates_lazy(ctx, ctx.lazy_in_engine, x.data()) ||
-                    (oa && oa->separate(x.data(), ftol, ctx.lazy) > 0)))
+      if (has_x && violates_lazy(ctx, ctx.lazy_in_engine, x.data())) {
         need_restart = true;
+      } else if (has_x && oa && oa->separate(x.data(), ftol, ctx.lazy) > 0) {
+        need_restart = true;
+        st.rejected.push_back(std::move(x));
+      }
     }
     if (!need_restart) break;
     if (++restarts > 100000)
       fail(KVR_ERROR_CALLBACK, "Lazy constraints: no progress after %d restarts", restarts - 1);
+    repair_rejected();
     size_t cuts = 0;
     for (size_t k = ctx.lazy_in_engine; k < ctx.lazy.size(); ++k) cuts += ctx.lazy[k].qconstr >= 0;
     const size_t lazy_rows = ctx.lazy.size() - ctx.lazy_in_engine - cuts;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <map>
+#include <numbers>
 
 #include "reform/internal.h"
 #include "util/error.h"
@@ -108,21 +109,25 @@ struct OuterApprox::Constraint {
     double norm = 0.0;
     for (size_t i = 0; i < r.size(); ++i) norm += (rp[i] = r[i].at(x)) * rp[i];
     norm = std::sqrt(norm);
+    if (norm > 0.0)
+      for (double &w : rp) w /= norm;
+    LinRow row = plane(norm > 0.0 ? rp.data() : nullptr);
+    // The cut is the linearization of ||r||^2 - y^2 at a point of the boundary, divided by
+    // twice the norm there (which is y when y is a constant).
+    if (norm > 0.0) row.dual_weight = sign * kappa / (2.0 * (y.ind.empty() ? y.constant : norm));
+    return row;
+  }
+  // The supporting plane u'r <= y for a unit vector u; y >= 0 when u is null.
+  LinRow plane(const double *u) const {
     std::map<int, double> coef;
     LinRow row;
     for (size_t k = 0; k < y.ind.size(); ++k) coef[y.ind[k]] -= y.val[k];
     row.rhs = y.constant;
-    if (norm > 0.0) {
+    if (u)
       for (size_t i = 0; i < r.size(); ++i) {
-        double w = rp[i] / norm;
-        for (size_t k = 0; k < r[i].ind.size(); ++k) coef[r[i].ind[k]] += w * r[i].val[k];
-        row.rhs -= w * r[i].constant;
+        for (size_t k = 0; k < r[i].ind.size(); ++k) coef[r[i].ind[k]] += u[i] * r[i].val[k];
+        row.rhs -= u[i] * r[i].constant;
       }
-      // The cut is the linearization of ||r||^2 - y^2 at a point of the boundary, divided by
-      // twice the norm there (which is y when y is a constant).
-      double at_boundary = y.ind.empty() ? y.constant : norm;
-      row.dual_weight = sign * kappa / (2.0 * at_boundary);
-    }  // else the cut is y >= 0, not a linearization: no dual weight
     for (auto &[j, v] : coef)
       if (v != 0.0) row.ind.push_back(j), row.val.push_back(v);
     return row;
@@ -320,6 +325,43 @@ int OuterApprox::separate(const double *x, double tol, std::vector<LinRow> &cuts
     if (row.violation(x) <= 0.0) continue;  // no progress possible from this point
     cuts.push_back(std::move(row));
     ++added;
+  }
+  return added;
+}
+
+int OuterApprox::initial_cuts(int circle, size_t limit, std::vector<LinRow> &cuts) const {
+  int added = 0;
+  std::vector<double> u;
+  auto add = [&](const Constraint &c) {
+    if (cuts.size() >= limit) return;
+    LinRow row = c.plane(u.data());
+    if (row.ind.empty()) return;  // a constant r: nothing to cut
+    row.qconstr = c.index;
+    normalize(row);
+    cuts.push_back(std::move(row));
+    ++added;
+  };
+  limit += cuts.size();
+  for (const Constraint &c : rows_) {
+    if (!c.conic) continue;
+    const size_t k = c.r.size();
+    u.assign(k, 0.0);
+    if (k == 2 && circle > 4) {
+      for (int t = 0; t < circle; ++t) {
+        const double angle = 2.0 * std::numbers::pi * t / circle;
+        u[0] = std::cos(angle), u[1] = std::sin(angle);
+        add(c);
+      }
+      continue;
+    }
+    for (size_t i = 0; i < k; ++i) {
+      if (c.r[i].ind.empty()) continue;  // a constant component
+      for (double side : {1.0, -1.0}) {
+        u[i] = side;
+        add(c);
+      }
+      u[i] = 0.0;
+    }
   }
   return added;
 }

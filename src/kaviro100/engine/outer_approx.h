@@ -42,6 +42,11 @@ class OuterApprox {
   // stop d from being a recession direction and returns how many; -1 (adding nothing) when d is
   // a recession direction of every constraint.
   int block_ray(const double *x, const double *d, int n, std::vector<LinRow> &cuts) const;
+  // Appends planes u'r <= Y that support each cone and ball ||r|| <= Y at fixed unit directions u
+  // (+-e_i, and `circle` directions evenly around the circle when r has two components), at most
+  // `limit` cuts in all; returns how many were added. They make a polyhedral approximation that
+  // holds before any point is known.
+  int initial_cuts(int circle, size_t limit, std::vector<LinRow> &cuts) const;
   // Blocks of general constraints too large to be checked for convexity (taken as convex).
   int unchecked() const { return unchecked_; }
 
