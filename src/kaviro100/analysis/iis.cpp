@@ -230,17 +230,9 @@ Verdict IisSearch::test(const Selection &sel, bool relaxed, bool strict) {
   double remaining = model_->env.params.get_dbl(ParamId::TimeLimit) - ctx_.elapsed();
   if (remaining < KVR_INFINITY) test_params_.set_dbl(ParamId::TimeLimit, std::max(remaining, 0.0));
 
-  SolveContext sub_ctx;
-  sub_ctx.model = model_;
-  sub_ctx.env = &model_->env;
-  sub_ctx.params = &test_params_;
-  sub_ctx.started = ctx_.started;
+  SolveContext sub_ctx = ctx_.side(test_params_, rf.model());
   sub_ctx.user_vars = rf.user_vars;
-  sub_ctx.is_mip = rf.model().is_mip();
-  sub_ctx.engine_model = &rf.model();
   sub_ctx.rewritten = rf.changed;
-  sub_ctx.forward_events = false;
-  sub_ctx.quiet = true;
   EngineProblem problem;
   problem.model = &rf.model();
   problem.user_vars = rf.user_vars;
@@ -255,10 +247,7 @@ Verdict IisSearch::test(const Selection &sel, bool relaxed, bool strict) {
   ++solves_;
   work_ += r.work;
   ctx_.work_now = work_;
-  if (sub_ctx.memory_stop != StopReason::None) {
-    ctx_.memory_stop = sub_ctx.memory_stop;
-    ctx_.memory_seen = sub_ctx.memory_seen;
-  }
+  ctx_.absorb_memory(sub_ctx);
   switch (r.status) {
     case KVR_OPTIMAL:
     case KVR_SUBOPTIMAL:
@@ -354,15 +343,9 @@ bool IisSearch::seed_from_engine(bool relaxation) {
   std::vector<int> rows;  // row i of lp is user row rows[i]
   for (int i = 0; i < static_cast<int>(sel_.on[kConstr].size()); ++i)
     if (sel_.on[kConstr][i]) rows.push_back(i);
-  SolveContext sub_ctx;
-  sub_ctx.model = model_;
-  sub_ctx.env = &model_->env;
-  sub_ctx.params = &test_params_;
-  sub_ctx.started = ctx_.started;
+  SolveContext sub_ctx = ctx_.side(test_params_, lp);
   sub_ctx.user_vars = lp.num_vars();
-  sub_ctx.engine_model = &lp;
-  sub_ctx.forward_events = false;
-  sub_ctx.quiet = true;
+  sub_ctx.rewritten = false;
   Engine::Subsystem found;
   bool got = false;
   try {
@@ -370,10 +353,7 @@ bool IisSearch::seed_from_engine(bool relaxation) {
   } catch (const Error &) {
     got = false;
   }
-  if (sub_ctx.memory_stop != StopReason::None) {
-    ctx_.memory_stop = sub_ctx.memory_stop;
-    ctx_.memory_seen = sub_ctx.memory_seen;
-  }
+  ctx_.absorb_memory(sub_ctx);
   if (!got) {
     ctx_.log("The engine found no infeasible subsystem; filtering the whole model\n");
     return false;

@@ -150,6 +150,13 @@ struct SolveContext {
   // force is set.
   StopReason check_memory(bool force);
 
+  // A quiet context for a solve of engine_model on the side of this one (a relaxation, a
+  // polishing LP, an IIS test): same model, log, clock and sense; no log lines, no callback
+  // events.
+  SolveContext side(const ParamValues &side_params, const ModelData &side_model) const;
+  // Keeps a memory limit that a side solve reached; returns whether it reached one.
+  bool absorb_memory(const SolveContext &side);
+
   double elapsed() const;
   bool has_callback() const;
   // Calls the user's callback (if any) for this event. A non-zero return stops the solve.

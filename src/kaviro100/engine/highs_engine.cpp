@@ -484,26 +484,13 @@ EngineResult HighsEngine::solve_continuous(const ModelData &m, const ParamValues
     }
   }
   std::fill(relaxed.vars.vtype.begin(), relaxed.vars.vtype.end(), KVR_CONTINUOUS);
-  SolveContext sub;
-  sub.model = ctx.model;
-  sub.env = ctx.env;
-  sub.params = &params;
-  sub.started = ctx.started;
-  sub.user_vars = ctx.user_vars;
-  sub.sense = ctx.sense;
-  sub.engine_model = &relaxed;
-  sub.rewritten = true;
-  sub.forward_events = false;
-  sub.quiet = true;
+  SolveContext sub = ctx.side(params, relaxed);
   sub.lazy = std::move(ctx.lazy);
   EngineProblem problem;
   problem.model = &relaxed;
   problem.user_vars = ctx.user_vars;
   EngineResult r = solve(problem, params, sub);
-  if (sub.memory_stop != StopReason::None) {
-    ctx.memory_stop = sub.memory_stop;
-    ctx.memory_seen = sub.memory_seen;
-  }
+  ctx.absorb_memory(sub);
   ctx.lazy = std::move(sub.lazy);
   if (fix_at) return r;
   ctx.logf(

@@ -52,6 +52,29 @@ double CallbackData::get(int what) const {
   return kNaN;
 }
 
+SolveContext SolveContext::side(const ParamValues &side_params, const ModelData &side_model) const {
+  SolveContext sub;
+  sub.model = model;
+  sub.env = env;
+  sub.params = &side_params;
+  sub.started = started;
+  sub.user_vars = user_vars;
+  sub.sense = sense;
+  sub.is_mip = side_model.is_mip();
+  sub.engine_model = &side_model;
+  sub.rewritten = true;
+  sub.forward_events = false;
+  sub.quiet = true;
+  return sub;
+}
+
+bool SolveContext::absorb_memory(const SolveContext &sub) {
+  if (sub.memory_stop == StopReason::None) return false;
+  memory_stop = sub.memory_stop;
+  memory_seen = sub.memory_seen;
+  return true;
+}
+
 double SolveContext::elapsed() const {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
 }

@@ -126,26 +126,12 @@ bool polish_mip_solution(const ModelData &m, Engine &engine, SolveContext &ctx,
     lp_params.set_int(ParamId::Method, -1);
     lp_params.set_dbl(ParamId::Cutoff, KVR_INFINITY);  // a bound on the search, which is over
     if (remaining < KVR_INFINITY) lp_params.set_dbl(ParamId::TimeLimit, remaining);
-    SolveContext sub;
-    sub.model = ctx.model;
-    sub.env = ctx.env;
-    sub.params = &lp_params;
-    sub.started = ctx.started;
-    sub.user_vars = ctx.user_vars;
-    sub.sense = ctx.sense;
-    sub.engine_model = &lp;
-    sub.rewritten = true;
-    sub.forward_events = false;
-    sub.quiet = true;
+    SolveContext sub = ctx.side(lp_params, lp);
     EngineProblem problem;
     problem.model = &lp;
     problem.user_vars = ctx.user_vars;
     EngineResult r = engine.solve(problem, lp_params, sub);
-    if (sub.memory_stop != StopReason::None) {
-      ctx.memory_stop = sub.memory_stop;
-      ctx.memory_seen = sub.memory_seen;
-      return false;
-    }
+    if (ctx.absorb_memory(sub)) return false;
     if (r.status != KVR_OPTIMAL || static_cast<int>(r.x.size()) != n) {
       ctx.logf("MIP solution not polished: the LP with the integer variables fixed is %s\n",
                status_text(r.status));
