@@ -28,6 +28,14 @@ def env():
 
 
 @pytest.fixture
+def m(env, request):
+    """An empty model, named by the test module's MODEL_NAME."""
+    model = kp.Model(getattr(request.module, "MODEL_NAME", "m"), env=env)
+    yield model
+    model.dispose()
+
+
+@pytest.fixture
 def named(env):
     """Variables x, y, z of a real model, numbered."""
     m = kp.Model(env=env)

@@ -9,11 +9,7 @@ import kaviropy as kp
 from kaviropy import KVR
 
 
-@pytest.fixture
-def m(env):
-    model = kp.Model("a", env=env)
-    yield model
-    model.dispose()
+MODEL_NAME = "a"  # the name of the model the m fixture makes
 
 
 def test_infinity_maps_both_ways(m):

@@ -10,11 +10,7 @@ import kaviropy as kp
 from kaviropy import KVR
 
 
-@pytest.fixture
-def m(env):
-    model = kp.Model("b", env=env)
-    yield model
-    model.dispose()
+MODEL_NAME = "b"  # the name of the model the m fixture makes
 
 
 def snapshot(model):

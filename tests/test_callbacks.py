@@ -16,11 +16,7 @@ pytestmark = pytest.mark.skipif(not hasattr(kp, "Model"), reason="the Model clas
 CB = KVR.Callback
 
 
-@pytest.fixture
-def m(env):
-    model = kp.Model("cb", env=env)
-    yield model
-    model.dispose()
+MODEL_NAME = "cb"  # the name of the model the m fixture makes
 
 
 def knapsack(m, n=12):

@@ -7,11 +7,7 @@ import kaviropy as kp
 from kaviropy import KVR
 
 
-@pytest.fixture
-def m(env):
-    model = kp.Model("h", env=env)
-    yield model
-    model.dispose()
+MODEL_NAME = "h"  # the name of the model the m fixture makes
 
 
 def test_class_constants_and_constructor():

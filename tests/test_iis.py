@@ -15,11 +15,7 @@ INF = float("inf")
 CB = KVR.Callback
 
 
-@pytest.fixture
-def m(env):
-    model = kp.Model("iis", env=env)
-    yield model
-    model.dispose()
+MODEL_NAME = "iis"  # the name of the model the m fixture makes
 
 
 def members(m):

@@ -9,11 +9,7 @@ import kaviropy as kp
 from kaviropy import KVR
 
 
-@pytest.fixture
-def m(env):
-    model = kp.Model("m", env=env)
-    yield model
-    model.dispose()
+MODEL_NAME = "m"  # the name of the model the m fixture makes
 
 
 def test_new_model_is_empty_and_counts_on_its_env(env):

@@ -13,11 +13,7 @@ from kaviropy import KVR
 pytestmark = pytest.mark.skipif(not hasattr(kp, "Model"), reason="the Model class is not built in")
 
 
-@pytest.fixture
-def m(env):
-    model = kp.Model("opt", env=env)
-    yield model
-    model.dispose()
+MODEL_NAME = "opt"  # the name of the model the m fixture makes
 
 
 def small_lp(m, sense=KVR.MINIMIZE):

@@ -14,11 +14,7 @@ from kaviropy import KVR
 INF = KVR.INFINITY
 
 
-@pytest.fixture
-def m(env):
-    model = kp.Model("qcp", env=env)
-    yield model
-    model.dispose()
+MODEL_NAME = "qcp"  # the name of the model the m fixture makes
 
 
 def free(m, name):

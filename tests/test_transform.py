@@ -13,11 +13,7 @@ pytestmark = pytest.mark.skipif(not hasattr(kp, "Model"), reason="the Model clas
 INF = float("inf")
 
 
-@pytest.fixture
-def m(env):
-    model = kp.Model("t", env=env)
-    yield model
-    model.dispose()
+MODEL_NAME = "t"  # the name of the model the m fixture makes
 
 
 def read(env, name):
