@@ -430,9 +430,9 @@ HighsInt basis_to_engine_row(int s, char sense) {
 // Applies the environment variable KAVIRO_ENGINE_OPTIONS ("name=value;name=value"): engine
 // options the parameter table has no name for (for example solver=pdlp).
 void apply_passthrough_options(HighsInstance &hi, SolveContext &ctx) {
-  const char *spec = std::getenv("KAVIRO_ENGINE_OPTIONS");
-  if (!spec || !*spec) return;
-  std::string_view rest(spec);
+  const char *given = std::getenv("KAVIRO_ENGINE_OPTIONS");
+  if (!given || !*given) return;
+  std::string_view rest(given);
   while (!rest.empty()) {
     size_t semi = rest.find(';');
     std::string_view item = trim(rest.substr(0, semi));
