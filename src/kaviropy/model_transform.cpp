@@ -103,53 +103,40 @@ double feas_relax_s(nb::handle self, int relaxobjtype, nb::handle minrelax, nb::
 
 void init_model_transform(nb::module_ &) {
   ModelMethods def;
-  def(
-      "relax",
-      [](nb::handle self) {
-        return derive(self, KVRrelaxmodel, false, "Failed to create relaxation");
-      },
-      "A continuous relaxation of the model as of its last update: integrality dropped, SOS "
-      "constraints dropped, general constraints replaced by valid linear rows or dropped.");
-  def(
-      "fixed",
-      [](nb::handle self) {
-        return derive(self, KVRfixmodel, false, "Failed to create fixed model");
-      },
-      "The continuous model with the integer variables fixed at their values in the current "
-      "solution; its optimum gives duals for that solution.");
-  def(
-      "presolve",
-      [](nb::handle self) {
-        return derive(self, KVRpresolvemodel, true, "Unable to create presolved model");
-      },
-      "Applies pending changes, then returns a reduced model with the same optimal value.");
-  def(
-      "dualize",
-      [](nb::handle self) {
-        return derive(self, KVRdualmodel, true, "Unable to create dual model");
-      },
-      "Applies pending changes, then returns the dual of the linear program; its optimal value "
-      "equals the model's.");
-  def(
-      "feasibility",
-      [](nb::handle self) {
-        return derive(self, KVRfeasibility, false, "Failed to create feasibility model");
-      },
-      "The model with the same constraints and no objective.");
-  def(
-      "linearize",
-      [](nb::handle self) {
-        return derive(self, KVRlinearizemodel, false, "Failed to create linearized model");
-      },
-      "The model with products of binary and bounded variables and the logical general "
-      "constraints replaced by exact linear rows.");
-  def(
-      "singleScenarioModel",
-      [](nb::handle self) {
-        return derive(self, KVRsinglescenariomodel, false,
-                      "Failed to create single scenario model");
-      },
-      "The scenario chosen by the ScenarioNumber parameter as a model of its own.");
+  // Derived models: method, library call, whether pending changes are applied first, the
+  // message when no model comes back, docstring.
+  struct Derived {
+    const char *name;
+    DeriveCall call;
+    bool update_first;
+    const char *failure;
+    const char *doc;
+  };
+  static const Derived derived[] = {
+      {"relax", KVRrelaxmodel, false, "Failed to create relaxation",
+       "A continuous relaxation of the model as of its last update: integrality dropped, SOS "
+       "constraints dropped, general constraints replaced by valid linear rows or dropped."},
+      {"fixed", KVRfixmodel, false, "Failed to create fixed model",
+       "The continuous model with the integer variables fixed at their values in the current "
+       "solution; its optimum gives duals for that solution."},
+      {"presolve", KVRpresolvemodel, true, "Unable to create presolved model",
+       "Applies pending changes, then returns a reduced model with the same optimal value."},
+      {"dualize", KVRdualmodel, true, "Unable to create dual model",
+       "Applies pending changes, then returns the dual of the linear program; its optimal value "
+       "equals the model's."},
+      {"feasibility", KVRfeasibility, false, "Failed to create feasibility model",
+       "The model with the same constraints and no objective."},
+      {"linearize", KVRlinearizemodel, false, "Failed to create linearized model",
+       "The model with products of binary and bounded variables and the logical general "
+       "constraints replaced by exact linear rows."},
+      {"singleScenarioModel", KVRsinglescenariomodel, false,
+       "Failed to create single scenario model",
+       "The scenario chosen by the ScenarioNumber parameter as a model of its own."},
+  };
+  for (const Derived &d : derived)
+    def(
+        d.name, [&d](nb::handle self) { return derive(self, d.call, d.update_first, d.failure); },
+        d.doc);
   def("feasRelaxS", feas_relax_s, nb::arg("relaxobjtype"), nb::arg("minrelax"), nb::arg("vrelax"),
       nb::arg("crelax"),
       "Feasibility relaxation with penalty 1 for every variable bound (vrelax) and every "
