@@ -6,7 +6,7 @@ import pytest
 import kaviropy as kp
 
 NAMES = [n for n in dir(kp.KVR.Param) if not n.startswith("_")]
-REMOTE = ["ComputeServer", "CSManager", "CSRouter", "CloudAccessID", "CloudSecretKey",
+REMOTE = ["ComputeServer", "CSRouter", "CloudAccessID", "CloudSecretKey",
           "CloudPool", "JobID", "WorkerPool", "WorkerPassword", "ServerPassword",
           "CSAuthToken", "CSAPIAccessID", "CSAPISecret", "DistributedMIPJobs", "ConcurrentJobs"]
 

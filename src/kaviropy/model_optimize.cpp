@@ -269,6 +269,17 @@ void init_model_optimize(nb::module_ &m) {
       "(IISConstr, IISLB, IISUB, ..., IISMinimal) then tell its members. callback(model, where) "
       "sees the IIS progress (where KVR.Callback.IIS).");
   def(
+      "optimizeBatch",
+      [](nb::handle self) {
+        library_model(self);
+        self.attr("update")();
+        // The batch client runs on Dask distributed, a Python engine: it lives in the package.
+        return nb::module_::import_("kaviropy._batch").attr("submit_model")(self);
+      },
+      "Submits the model to the batch manager (CSManager; empty: a local manager started on "
+      "first use) for later solution and returns the request's ID; kaviropy.Batch(ID) follows "
+      "it from this or any other process.");
+  def(
       "reset", [](nb::handle self, int clearall) { reset(self, clearall); },
       nb::arg("clearall") = 0,
       "Discards the solution (and with clearall also starts and other stored information).");

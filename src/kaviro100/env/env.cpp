@@ -79,11 +79,11 @@ void check_remote_settings(const kvr_env *env) {
     fail(KVR_ERROR_NETWORK,
          "Unable to connect to compute server '%s': this library solves locally only",
          p.get_str(ParamId::ComputeServer).c_str());
-  if (set(ParamId::CSManager) || set(ParamId::CSRouter))
+  // CSManager names the Dask scheduler of batch optimization; solves themselves stay local.
+  if (set(ParamId::CSRouter))
     fail(KVR_ERROR_NETWORK,
          "Unable to reach cluster manager '%s': this library solves locally only",
-         (set(ParamId::CSManager) ? p.get_str(ParamId::CSManager) : p.get_str(ParamId::CSRouter))
-             .c_str());
+         p.get_str(ParamId::CSRouter).c_str());
   if (set(ParamId::CloudAccessID) || set(ParamId::CloudSecretKey) || set(ParamId::CloudPool))
     fail(KVR_ERROR_CLOUD, "Unable to start a cloud session: no cloud service is available");
   if (set(ParamId::JobID))

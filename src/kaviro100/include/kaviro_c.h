@@ -623,6 +623,30 @@ KVR_API int KVRisattrfile(const char *filename);
 /* The buffer is released with KVRfree. */
 KVR_API int KVRgetjsonsolution(KVRmodel *model, char **buffP);
 
+/* ---------------------------------------------------------------- batch optimization ----------
+ */
+/* Batch requests run on Dask distributed through the Python package (Model.optimizeBatch,
+   kaviropy.Batch). Through this interface they cannot be submitted or followed: the calls below
+   fail with NOT_SUPPORTED and a message saying so (on the model, or on the environment), and
+   KVRgetbatchenv gives NULL. Only the batch attribute names can be listed here. */
+#define KVR_BATCHID_SIZE 64 /* buffer size for a batch request's ID, terminator included */
+KVR_API int KVRoptimizebatch(KVRmodel *model, char *batchid);
+KVR_API int KVRgetbatch(KVRenv *env, const char *batchid, KVRbatch **batchP);
+KVR_API KVRenv *KVRgetbatchenv(KVRbatch *batch);
+KVR_API int KVRgetbatchattrflags(KVRbatch *batch, const char *attrname, int *datatypeP,
+                                 int *flagsP);
+KVR_API int KVRgetbatchintattr(KVRbatch *batch, const char *attrname, int *valueP);
+KVR_API int KVRgetbatchstrattr(KVRbatch *batch, const char *attrname, char **valueP);
+KVR_API int KVRgetnumbatchattributes(KVRenv *env);
+KVR_API int KVRgetbatchattrname(KVRenv *env, int i, char **attrnameP);
+KVR_API int KVRupdatebatch(KVRbatch *batch);
+KVR_API int KVRabortbatch(KVRbatch *batch);
+KVR_API int KVRretrybatch(KVRbatch *batch);
+KVR_API int KVRdiscardbatch(KVRbatch *batch);
+KVR_API int KVRgetbatchjsonsolution(KVRbatch *batch, char **buffP);
+KVR_API int KVRwritebatchjsonsolution(KVRbatch *batch, const char *filename);
+KVR_API void KVRfreebatch(KVRbatch *batch);
+
 #ifdef __cplusplus
 }
 #endif

@@ -10,3 +10,9 @@ globals().update({k: v for k, v in vars(_core).items() if not k.startswith("__")
     "__settypedattrlist", "__attrlist")})
 
 __version__ = "0.1.0"
+
+# Batch optimization runs on Dask distributed (a Python engine), so its client is Python; the
+# extension's namespace knows the class too, so that KaviroError(code, batch) finds its messages.
+from ._batch import Batch  # noqa: E402
+
+_core.Batch = Batch
