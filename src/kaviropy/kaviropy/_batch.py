@@ -68,6 +68,11 @@ def state_file():
 
 
 def _alive(pid):
+    try:  # a manager this process started is its child: collect it once it has ended
+        if os.waitpid(pid, os.WNOHANG)[0] == pid:
+            return False
+    except ChildProcessError:
+        pass
     try:
         os.kill(pid, 0)
     except ProcessLookupError:
@@ -89,6 +94,9 @@ def running_manager():
     return rec
 
 
+_started = []  # the manager processes started here (kept so that they are collected quietly)
+
+
 def start_manager(workers=None, owner=None, wait=60.0):
     """Starts a local manager process (scheduler plus `workers` single-threaded worker processes,
     one per core by default) unless one runs already, and returns its record. With `owner` the
@@ -108,6 +116,7 @@ def start_manager(workers=None, owner=None, wait=60.0):
         with open(path + ".log", "ab") as log:
             proc = subprocess.Popen(args, stdin=subprocess.DEVNULL, stdout=log, stderr=log,
                                     start_new_session=True, close_fds=True)
+        _started.append(proc)
         deadline = time.monotonic() + wait
         while time.monotonic() < deadline:
             rec = running_manager()
@@ -159,7 +168,8 @@ def _serve(workers, state, owner):
     signal.signal(signal.SIGTERM, lambda *_: stop.set())
     signal.signal(signal.SIGINT, lambda *_: stop.set())
     cluster = LocalCluster(n_workers=workers, threads_per_worker=1, processes=True,
-                           host="127.0.0.1", scheduler_port=0, dashboard_address=None)
+                           host="127.0.0.1", scheduler_port=0,
+                           dashboard_address="127.0.0.1:0")
     rec = {"address": cluster.scheduler_address, "pid": os.getpid(), "owner": owner,
            "workers": workers}
     tmp = state + ".%d" % os.getpid()
