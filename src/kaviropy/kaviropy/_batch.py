@@ -8,8 +8,8 @@ connected to the same scheduler sees the same request:
 
 A run is {"submitted": t, "started": {...}, "abort": True, "result": {...}}. The client writes
 "submitted" and "abort", the worker "started" and "result"; each writer owns its leaves, so no
-write overwrites another's. The task's future is published as a dataset, which keeps the task
-alive after the submitting client is gone. Discarding leaves a small {"discarded": t} record so
+write overwrites another's. Tasks are submitted fire-and-forget: the scheduler keeps each until it
+ends, also after the submitting client is gone. Discarding leaves a small {"discarded": t} record so
 that later lookups can say what happened.
 
 With CSManager empty the requests go to a manager on this machine: a process that runs a
@@ -248,13 +248,20 @@ def _task_name(batch_id, attempt):
     return "kaviro-batch-task-%s-%d" % (batch_id, attempt)
 
 
-def _submit(client, batch_id, attempt):
-    """Records run `attempt` as submitted and hands its task to the scheduler."""
-    client.set_metadata([_ROOT, batch_id, "runs", str(attempt)], {"submitted": time.time()})
-    client.set_metadata([_ROOT, batch_id, "attempt"], attempt)
-    future = client.submit(_solve_request, batch_id, attempt, key=_task_name(batch_id, attempt),
-                           pure=False)
-    client.publish_dataset(future, name=_task_name(batch_id, attempt), override=True)
+def _submit(client, batch_id, attempt, record=None):
+    """Records run `attempt` as submitted (in the new `record` when given) and hands its task to
+    the scheduler, which keeps it until it ends even when this client is gone."""
+    from distributed import fire_and_forget
+
+    run = {"submitted": time.time()}
+    if record is None:
+        client.set_metadata([_ROOT, batch_id, "runs", str(attempt)], run)
+        client.set_metadata([_ROOT, batch_id, "attempt"], attempt)
+    else:
+        record.update(attempt=attempt, runs={str(attempt): run})
+        client.set_metadata([_ROOT, batch_id], record)
+    fire_and_forget(client.submit(_solve_request, batch_id, attempt,
+                                  key=_task_name(batch_id, attempt), pure=False))
 
 
 def submit_model(model):
@@ -270,8 +277,7 @@ def submit_model(model):
                 data[name] = f.read()
     batch_id = uuid.uuid4().hex
     client.set_metadata([_DATA_ROOT, batch_id], data)
-    client.set_metadata([_ROOT, batch_id], {"attempt": 0, "created": time.time(), "runs": {}})
-    _submit(client, batch_id, 1)
+    _submit(client, batch_id, 1, {"created": time.time()})
     return batch_id
 
 
@@ -303,32 +309,32 @@ def _state(client, batch_id):
         elif "submitted" not in run:
             result = {"status": KVR.BATCH_CREATED}
         else:
-            result = _task_outcome(client, batch_id, attempt)
-    state = {"status": result["status"], "code": result.get("code", 0),
-             "message": result.get("message", ""), "attempt": attempt}
-    return state
+            result = _task_outcome(client, batch_id, attempt, run)
+    return {"status": result["status"], "code": result.get("code", 0),
+            "message": result.get("message", ""), "attempt": attempt}
 
 
-def _task_outcome(client, batch_id, attempt):
-    future = client.get_dataset(_task_name(batch_id, attempt), default=None)
-    status = "lost" if future is None else future.status
-    if status in ("pending", "finished"):
-        if status == "finished":
-            # The worker stores the result before the task ends; read it again.
-            run = _record(client, batch_id)["runs"][str(attempt)]
-            if run.get("result") is not None:
-                return run["result"]
-            result = _failed(KVR.ERROR_CSWORKER,
-                             "The task of batch request '%s' ended without a result" % batch_id)
-        else:
-            return {"status": KVR.BATCH_SUBMITTED}
-    elif status == "error":
-        exc = future.exception(timeout=10)
-        result = _failed(KVR.ERROR_CSWORKER, "The worker solving batch request '%s' failed: %s: %s"
-                         % (batch_id, type(exc).__name__, exc))
-    else:
-        result = _failed(KVR.ERROR_CSWORKER, "The batch manager lost the task of batch request "
-                         "'%s' (%s)" % (batch_id, status))
+_GRACE = 10.0  # seconds in which a new task may not yet be known to the scheduler
+
+
+def _task_outcome(client, batch_id, attempt, run):
+    """The state of a submitted run without a result, from its task on the scheduler. The task
+    ends by storing its result; a task that is gone without one erred (its workers kept dying)
+    or was lost with the scheduler's workers, and the run is recorded as FAILED."""
+    key = _task_name(batch_id, attempt)
+    state = client.sync(client.scheduler.get_task_status, keys=[key])[key]
+    if state is None and time.time() - run["submitted"] < _GRACE:
+        state = "waiting"  # submitted by another client an instant ago
+    if state not in (None, "erred", "memory", "forgotten"):
+        return {"status": KVR.BATCH_SUBMITTED}
+    # The result may have been stored since the record was read.
+    result = _record(client, batch_id)["runs"][str(attempt)].get("result")
+    if result is not None:
+        return result
+    result = _failed(KVR.ERROR_CSWORKER, "The task of batch request '%s' ended without a result: "
+                     "the workers that ran it died (the scheduler stops after "
+                     "distributed.scheduler.allowed-failures deaths) or lost the scheduler"
+                     % batch_id)
     client.set_metadata([_ROOT, batch_id, "runs", str(attempt), "result"], result)
     return result
 
@@ -501,7 +507,6 @@ class Batch:
             raise KaviroError(KVR.ERROR_INVALID_ARGUMENT,
                               "Batch request '%s' is %s; only an aborted or failed request can be "
                               "retried" % (self._batchid, _STATUS_NAMES[state["status"]]))
-        client.unpublish_dataset(_task_name(self._batchid, state["attempt"]))
         _submit(client, self._batchid, state["attempt"] + 1)
         self.update()
 
@@ -509,14 +514,9 @@ class Batch:
         """Removes the request and its data from the batch manager; a running solve is stopped.
         The handle stays usable only for dispose()."""
         client = self._client()
-        rec = _record(client, self._batchid)
+        _record(client, self._batchid)
         client.set_metadata([_ROOT, self._batchid], {"discarded": time.time()})
         client.set_metadata([_DATA_ROOT, self._batchid], None)
-        for attempt in range(1, rec["attempt"] + 1):
-            try:
-                client.unpublish_dataset(_task_name(self._batchid, attempt))
-            except KeyError:  # released by an earlier retry
-                pass
 
     def getJSONSolution(self):
         """The JSON solution the worker stored (what Model.getJSONSolution gives, JSONSolDetail
