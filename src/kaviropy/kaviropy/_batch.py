@@ -194,19 +194,13 @@ _clients = {}
 _clients_lock = threading.Lock()
 
 
-def _param(owner, name):
-    """A parameter of an Env or a Model."""
-    if isinstance(owner, _core.Env):
-        return owner.getParamInfo(name)[2]
-    return owner.getParamInfo(name)[2]
-
-
 def _client(owner, start=False):
-    """The client for the manager that `owner`'s CSManager names; with CSManager empty, the local
-    manager, which is started (tied to this process) when `start` is true and none runs."""
+    """The client for the manager that the CSManager parameter of `owner` (an Env or a Model)
+    names; with CSManager empty, the local manager, which is started (tied to this process) when
+    `start` is true and none runs. ServerTimeout bounds the connection."""
     distributed = _distributed()
-    address = _param(owner, "CSManager")
-    timeout = _param(owner, "ServerTimeout")
+    address = owner.getParamInfo("CSManager")[2]
+    timeout = owner.getParamInfo("ServerTimeout")[2]
     timeout = 60 if timeout < 0 else max(timeout, 1)
     if not address:
         rec = running_manager()
@@ -298,15 +292,16 @@ def _failed(code, message):
 
 def _state(client, batch_id):
     """The current state of a request: {"status", "code", "message", "attempt"}. A submitted run
-    whose task the scheduler gave up (its workers kept dying) or lost is recorded as FAILED."""
+    whose task the scheduler gave up (its workers kept dying) or lost is recorded as FAILED. An
+    aborted run stays ABORTED even when its solve finished before the worker saw the abort."""
     rec = _record(client, batch_id)
     attempt = rec["attempt"]
     run = rec["runs"].get(str(attempt), {})
     result = run.get("result")
-    if result is None:
-        if run.get("abort"):
-            result = {"status": KVR.BATCH_ABORTED}
-        elif "submitted" not in run:
+    if run.get("abort"):
+        result = {"status": KVR.BATCH_ABORTED}
+    elif result is None:
+        if "submitted" not in run:
             result = {"status": KVR.BATCH_CREATED}
         else:
             result = _task_outcome(client, batch_id, attempt, run)
@@ -438,6 +433,8 @@ class Batch:
         self._uenv = None
         if env is None:
             env = _core.kaviro._getdefaultenv(True)
+        if not isinstance(env, _core.Env):
+            raise KaviroError(KVR.ERROR_INVALID_ARGUMENT, "env must be an Env")
         if not isinstance(batchID, str):
             raise KaviroError(KVR.ERROR_INVALID_ARGUMENT, "Batch ID must be a string")
         client = _client(env)
