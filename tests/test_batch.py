@@ -167,7 +167,7 @@ def test_twenty_requests_give_what_optimize_gives(env, tmp_path):
         for s in (got, local):
             del s["SolutionInfo"]["Runtime"]
         assert got == local and got["SolutionInfo"]["ObjVal"] == pytest.approx(m.ObjVal)
-    data = _batch._client(env).get_metadata([_batch._DATA_ROOT, ids[17]])
+    data = _batch._client(env).get_metadata([_batch._ROOT, ids[17], "data"])
     assert "x[0] 0" in data["start.mst"] and "x[1] 1" in data["hints.hnt"]
     assert "MIPGap" in data["params.prm"] and "CSManager" in data["params.prm"]
     # JSONSolDetail 1 lists every variable, 0 only the nonzero ones.
@@ -285,7 +285,7 @@ def test_discard_removes_the_request_and_stops_its_solve(env, cluster):
         kp.Batch(batch_id, env)
     assert err.value.errno == KVR.ERROR_INVALID_ARGUMENT
     client = _batch._client(env)
-    assert client.get_metadata([_batch._DATA_ROOT, batch_id]) is None
+    assert list(client.get_metadata([_batch._ROOT, batch_id])) == ["discarded"]  # data gone
     # The solve stopped: both workers take new requests at once.
     quick = [kp.Batch(knapsack(env, s).optimizeBatch(), env) for s in range(2)]
     wait_until(lambda: all(finished(q) for q in quick), timeout=10)

@@ -3,8 +3,8 @@
 A request is one Dask task. Its record lives in the scheduler's metadata, so every client
 connected to the same scheduler sees the same request:
 
-    ["kaviro-batch", id]       {"attempt": n, "created": t, "runs": {"n": run}}   (small, polled)
-    ["kaviro-batch-data", id]  the serialized model: LP text, .prm, .mst, .hnt and .ord texts
+    ["kaviro-batch", id, "data"]   the serialized model: LP text, .prm, .mst, .hnt and .ord texts
+    ["kaviro-batch", id, "state"]  {"attempt": n, "created": t, "runs": {"n": run}}  (small, polled)
 
 A run is {"submitted": t, "started": {...}, "abort": True, "result": {...}}. The client writes
 "submitted" and "abort", the worker "started" and "result"; each writer owns its leaves, so no
@@ -32,7 +32,6 @@ from . import _core
 from ._core import KVR, KaviroError
 
 _ROOT = "kaviro-batch"
-_DATA_ROOT = "kaviro-batch-data"
 _FILES = ("model.lp", "params.prm", "start.mst", "hints.hnt", "order.ord")
 _ABORT_POLL = 0.1  # seconds between the worker's looks at the abort flag
 _STATUS_NAMES = {KVR.BATCH_CREATED: "CREATED", KVR.BATCH_SUBMITTED: "SUBMITTED",
@@ -238,22 +237,26 @@ def _close_clients():
 # Requests as the scheduler keeps them
 
 
+def _state_key(batch_id, *path):
+    return [_ROOT, batch_id, "state", *path]
+
+
 def _task_name(batch_id, attempt):
     return "kaviro-batch-task-%s-%d" % (batch_id, attempt)
 
 
-def _submit(client, batch_id, attempt, record=None):
-    """Records run `attempt` as submitted (in the new `record` when given) and hands its task to
-    the scheduler, which keeps it until it ends even when this client is gone."""
+def _submit(client, batch_id, attempt, data=None):
+    """Records run `attempt` as submitted (for a new request, together with its `data`) and hands
+    its task to the scheduler, which keeps it until it ends even when this client is gone."""
     from distributed import fire_and_forget
 
     run = {"submitted": time.time()}
-    if record is None:
-        client.set_metadata([_ROOT, batch_id, "runs", str(attempt)], run)
-        client.set_metadata([_ROOT, batch_id, "attempt"], attempt)
+    if data is None:
+        client.set_metadata(_state_key(batch_id, "runs", str(attempt)), run)
+        client.set_metadata(_state_key(batch_id, "attempt"), attempt)
     else:
-        record.update(attempt=attempt, runs={str(attempt): run})
-        client.set_metadata([_ROOT, batch_id], record)
+        state = {"attempt": attempt, "created": time.time(), "runs": {str(attempt): run}}
+        client.set_metadata([_ROOT, batch_id], {"data": data, "state": state})
     fire_and_forget(client.submit(_solve_request, batch_id, attempt,
                                   key=_task_name(batch_id, attempt), pure=False))
 
@@ -270,19 +273,17 @@ def submit_model(model):
             with open(path) as f:
                 data[name] = f.read()
     batch_id = uuid.uuid4().hex
-    client.set_metadata([_DATA_ROOT, batch_id], data)
-    _submit(client, batch_id, 1, {"created": time.time()})
+    _submit(client, batch_id, 1, data)
     return batch_id
 
 
 def _record(client, batch_id):
-    rec = client.get_metadata([_ROOT, batch_id], None)
-    if rec is None:
-        raise KaviroError(KVR.ERROR_INVALID_ARGUMENT,
-                          "Batch request '%s' is not known to the batch manager" % batch_id)
-    if "discarded" in rec or "attempt" not in rec:
-        raise KaviroError(KVR.ERROR_INVALID_ARGUMENT,
-                          "Batch request '%s' was discarded" % batch_id)
+    """The state record of a request; a clear error for an unknown or discarded one."""
+    rec = client.get_metadata(_state_key(batch_id), None)
+    if rec is None or "attempt" not in rec:
+        known = client.get_metadata([_ROOT, batch_id], None) is not None
+        raise KaviroError(KVR.ERROR_INVALID_ARGUMENT, "Batch request '%s' %s" % (
+            batch_id, "was discarded" if known else "is not known to the batch manager"))
     return rec
 
 
@@ -330,7 +331,7 @@ def _task_outcome(client, batch_id, attempt, run):
                      "the workers that ran it died (the scheduler stops after "
                      "distributed.scheduler.allowed-failures deaths) or lost the scheduler"
                      % batch_id)
-    client.set_metadata([_ROOT, batch_id, "runs", str(attempt), "result"], result)
+    client.set_metadata(_state_key(batch_id, "runs", str(attempt), "result"), result)
     return result
 
 
@@ -344,23 +345,24 @@ def _solve_request(batch_id, attempt):
     from distributed import get_client, get_worker
 
     client = get_client()
-    run_key = [_ROOT, batch_id, "runs", str(attempt)]
+    run_key = _state_key(batch_id, "runs", str(attempt))
 
-    def current():
-        rec = client.get_metadata([_ROOT, batch_id], None)
-        return (rec is not None and "discarded" not in rec and rec.get("attempt") == attempt
-                and not rec["runs"].get(str(attempt), {}).get("abort"))
+    def current(state):
+        return (state is not None and state.get("attempt") == attempt
+                and not state["runs"].get(str(attempt), {}).get("abort"))
 
     def store(result):
-        if client.get_metadata([_ROOT, batch_id, "attempt"], None) == attempt:
+        # A superseded run keeps its own result; a discarded request gets none.
+        if client.get_metadata(_state_key(batch_id), None) is not None:
             client.set_metadata(run_key + ["result"], result)
 
-    if not current():
+    request = client.get_metadata([_ROOT, batch_id], None) or {}
+    if not current(request.get("state")):
         store({"status": KVR.BATCH_ABORTED})
         return
     client.set_metadata(run_key + ["started"], {"time": time.time(), "pid": os.getpid(),
                                                 "worker": get_worker().address})
-    data = client.get_metadata([_DATA_ROOT, batch_id], None)
+    data = request.get("data")
     stopped = threading.Event()
     done = threading.Event()
     try:
@@ -386,7 +388,7 @@ def _solve_request(batch_id, attempt):
             def watch():
                 while not done.wait(_ABORT_POLL):
                     try:
-                        if not current():
+                        if not current(client.get_metadata(_state_key(batch_id), None)):
                             stopped.set()
                             model.terminate()
                             return
@@ -492,7 +494,7 @@ class Batch:
         client = self._client()
         state = _state(client, self._batchid)
         if state["status"] in (KVR.BATCH_CREATED, KVR.BATCH_SUBMITTED):
-            client.set_metadata([_ROOT, self._batchid, "runs", str(state["attempt"]), "abort"],
+            client.set_metadata(_state_key(self._batchid, "runs", str(state["attempt"]), "abort"),
                                 True)
         self.update()
 
@@ -513,7 +515,6 @@ class Batch:
         client = self._client()
         _record(client, self._batchid)
         client.set_metadata([_ROOT, self._batchid], {"discarded": time.time()})
-        client.set_metadata([_DATA_ROOT, self._batchid], None)
 
     def getJSONSolution(self):
         """The JSON solution the worker stored (what Model.getJSONSolution gives, JSONSolDetail
