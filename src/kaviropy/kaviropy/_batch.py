@@ -319,7 +319,7 @@ def _task_outcome(client, batch_id, attempt, run):
     or was lost with the scheduler's workers, and the run is recorded as FAILED."""
     key = _task_name(batch_id, attempt)
     state = client.sync(client.scheduler.get_task_status, keys=[key])[key]
-    if state is None and time.time() - run["submitted"] < _GRACE:
+    if state is None and "started" not in run and time.time() - run["submitted"] < _GRACE:
         state = "waiting"  # submitted by another client an instant ago
     if state not in (None, "erred", "memory", "forgotten"):
         return {"status": KVR.BATCH_SUBMITTED}
