@@ -90,10 +90,17 @@ def running_manager():
         return None
     if not isinstance(rec, dict) or not _alive(int(rec.get("pid", 0)) or -1):
         return None
+    try:  # the process of that number may be another one by now
+        with open("/proc/%d/cmdline" % rec["pid"], "rb") as f:
+            if b"_serve_main" not in f.read():
+                return None
+    except OSError:  # no /proc here: trust the number
+        pass
     return rec
 
 
 _started = []  # the manager processes started here (kept so that they are collected quietly)
+_SERVE = "import sys; from kaviropy._batch import _serve_main; _serve_main(sys.argv[1:])"
 
 
 def start_manager(workers=None, owner=None, wait=60.0):
@@ -108,8 +115,8 @@ def start_manager(workers=None, owner=None, wait=60.0):
         rec = running_manager()
         if rec is not None:
             return rec
-        args = [sys.executable, "-c", "import sys; from kaviropy._batch import _serve_main; "
-                "_serve_main(sys.argv[1:])", "--workers", str(workers or os.cpu_count() or 1), "--state", path]
+        args = [sys.executable, "-c", _SERVE, "--workers", str(workers or os.cpu_count() or 1),
+                "--state", path]
         if owner is not None:
             args += ["--owner", str(owner)]
         with open(path + ".log", "ab") as log:
@@ -144,7 +151,9 @@ def stop_manager(wait=30.0):
     if _alive(pid):
         os.kill(pid, signal.SIGKILL)
     _forget_state(pid)
-    _clients.pop(rec["address"], None)
+    client = _clients.pop(rec["address"], None)
+    if client is not None:
+        client.close(timeout=2)
     return rec
 
 
