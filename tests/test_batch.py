@@ -353,6 +353,9 @@ def test_unreachable_or_missing_manager_and_missing_dask(monkeypatch, tmp_path):
         m.optimizeBatch()
     assert err.value.errno == KVR.ERROR_NOT_SUPPORTED
     assert m.NumVars == 1
+    m.dispose()
+    with pytest.raises(kp.KaviroError, match="Model has already been freed"):
+        m.optimizeBatch()
     e.dispose()
 
 
