@@ -7,7 +7,9 @@ Both sides solve the same models with the same parameters (Threads 1, output off
 the manager's start-up, the client's cost per submission and per solution fetched, the batch
 wall time from the first submission to the last solution, the throughput of both sides in
 requests per second, and the overhead per request: the worker time a request costs beyond its
-solve, (batch wall time x workers - sequential time) / N. Needs dask[distributed].
+solve, (batch wall time x workers - sequential time) / N, and the part of it spent outside the
+engine (the engine's own time on the workers, from the JSON solutions, grows when the machine
+has fewer free cores than workers). Needs dask[distributed].
 
     python benchmarks/bench_batch.py [--n 200] [--items 25] [--rows 2]
 
@@ -54,10 +56,11 @@ def main():
     load = os.getloadavg()[0]
 
     t0 = time.perf_counter()
-    objs = []
+    objs, runtime_seq = [], 0.0
     for m in models:
         m.optimize()
         objs.append(m.ObjVal)
+        runtime_seq += m.Runtime
     t_seq = time.perf_counter() - t0
 
     # The first submission starts the manager; it is timed on its own and not counted below.
@@ -81,9 +84,11 @@ def main():
             time.sleep(0.01)
             b.update()
     t1 = time.perf_counter()
-    got = [json.loads(b.getJSONSolution())["SolutionInfo"]["ObjVal"] for b in batches]
+    got = [json.loads(b.getJSONSolution())["SolutionInfo"] for b in batches]
     t_fetch = time.perf_counter() - t1
     t_batch = time.perf_counter() - t0
+    runtime_batch = sum(g["Runtime"] for g in got)
+    got = [g["ObjVal"] for g in got]
     bad = [i for i in range(args.n) if batches[i].BatchStatus != KVR.BATCH_COMPLETED
            or abs(got[i] - objs[i]) > 1e-6 * max(1.0, abs(objs[i]))]
     for b in batches:
@@ -104,8 +109,12 @@ def main():
           % (t_batch, n / t_batch, 1e3 * t_batch / n))
     print("  submit (client)   %7.2f ms per request" % (1e3 * t_submit / n))
     print("  fetch (client)    %7.2f ms per solution" % (1e3 * t_fetch / n))
+    print("  solve (engine)    %7.2f ms per request on the workers, %.2f ms in the sequential run"
+          % (1e3 * runtime_batch / n, 1e3 * runtime_seq / n))
     print("  overhead          %7.2f ms per request  ((batch wall x %d workers - sequential) / %d)"
           % (1e3 * (t_batch * workers - t_seq) / n, workers, n))
+    print("    outside solves  %7.2f ms per request  ((batch wall x %d workers - engine time on "
+          "the workers) / %d)" % (1e3 * (t_batch * workers - runtime_batch) / n, workers, n))
     print("ratio batch / sequential wall time: %.2f" % (t_batch / t_seq))
     print("solutions matching optimize(): %d of %d" % (n - len(bad), n))
 
