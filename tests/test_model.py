@@ -68,9 +68,19 @@ def test_update_mode_one_numbers_at_once_but_lists_after_update(m):
     c = m.addLConstr(x, "<", 1, name="c")
     assert x.index() == 0 and c.index() == 0
     assert m.getVars() == [] and m.getConstrs() == []
-    assert m.NumVars == 1  # the library sees it at once
+    # Counts, the model's text and the handles show the model as of the last update.
+    assert (m.NumVars, m.NumConstrs, m.NumNZs) == (0, 0, 0)
+    assert "0 constrs, 0 vars" in repr(m)
+    assert repr(x) == "<kaviro.Var *Awaiting Model Update*>"
+    assert repr(c) == "<kaviro.Constr *Awaiting Model Update*>"
+    with pytest.raises(kp.KaviroError) as err:
+        hash(x)
+    assert (err.value.errno, err.value.message) == (0, "Variable has not yet been added to the model")
+    assert m.getVarByName("x") is None
     m.update()
     assert m.getVars() == [x] and m.getConstrs() == [c]
+    assert (m.NumVars, m.NumConstrs, m.NumNZs) == (1, 1, 1)
+    assert repr(x) == "<kaviro.Var x>" and hash(x) == hash(0) and m.getVarByName("x") is x
 
 
 def test_update_mode_change_between_additions(m):
