@@ -399,8 +399,7 @@ void ModelData::delete_vars(const Renumbering &newpos) {
     qc.q.renumber(newpos);
   }
   // SOS members: entries of deleted variables go; the set itself stays.
-  compact_sos(
-      sos, [](int) { return true; }, [&](int j) { return newpos[j]; });
+  compact_sos(sos, [](int) { return true; }, [&](int j) { return newpos[j]; });
   for (ObjectiveN &o : objn) renumber_list(o.ind, &o.val, newpos);
   {
     size_t out = 0;
@@ -433,8 +432,7 @@ void ModelData::delete_constrs(const Renumbering &newpos) {
 }
 
 void ModelData::delete_sos(const Renumbering &newpos) {
-  compact_sos(
-      sos, [&](int s) { return newpos[s] >= 0; }, [](int j) { return j; });
+  compact_sos(sos, [&](int s) { return newpos[s] >= 0; }, [](int j) { return j; });
   keep_entries(sos.type, newpos);
   sos.extra.renumber(newpos);
 }
