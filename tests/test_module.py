@@ -19,6 +19,12 @@ def test_kaviro_error_construction():
         odd.message
     with pytest.raises(TypeError):
         kp.KaviroError(1)
+    none = kp.KaviroError(7, None)
+    assert none.errno == 7 and none.args == (7, None)
+    with pytest.raises(AttributeError):
+        none.message
+    none.message = "set later"
+    assert str(none) == "set later"
 
 
 def test_kaviro_error_takes_the_owners_message():
@@ -39,7 +45,7 @@ def test_string_helpers():
     with pytest.raises(UnicodeDecodeError):
         kp.__bytestostring(b"\xff")
     assert kp.__isscalar(2) and kp.__isscalar(2.5) and not kp.__isscalar("2")
-    np = pytest.importorskip("numpy")
+    import numpy as np
     assert kp.__isscalar(np.float32(1.5)) and kp.__isscalar(np.int64(3))
 
 
