@@ -89,10 +89,10 @@ void init_exception(nb::module_ &m) {
       "Creates the exception from an error code and a message or a library owner.");
   cls.attr("_get_message") =
       nb::cpp_function([](nb::handle self) { return nb::getattr(self, "_message"); },
-                       nb::name("_get_message"), nb::is_method(), "Returns the message.");
+                       nb::name("message"), nb::is_method(), "Returns the message.");
   cls.attr("_set_message") = nb::cpp_function(
       [](nb::handle self, nb::handle value) { nb::setattr(self, "_message", value); },
-      nb::name("_set_message"), nb::is_method(), nb::arg("value").none(), "Sets the message.");
+      nb::name("message"), nb::is_method(), nb::arg("value").none(), "Sets the message.");
   nb::handle property_type(reinterpret_cast<PyObject *>(&PyProperty_Type));
   cls.attr("message") = property_type(cls.attr("_get_message"), cls.attr("_set_message"));
   cls.attr("__str__") =
