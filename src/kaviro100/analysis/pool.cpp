@@ -69,6 +69,7 @@ SearchModel search_model(const ModelData &user, const Reformulated &rf, const So
     const char t = s.model.vars.vtype[j];
     if (!is_integral(t)) continue;
     double lo = std::ceil(s.model.vars.lb[j] - 1e-9), hi = std::floor(s.model.vars.ub[j] + 1e-9);
+    if (t == KVR_BINARY) lo = std::max(lo, 0.0), hi = std::min(hi, 1.0);
     if (t == KVR_SEMIINT) lo = std::min(lo, 0.0), hi = std::max(hi, 0.0);
     if (hi <= lo) continue;  // fixed: the same in every solution
     if (lo == 0.0 && hi == 1.0 && t != KVR_SEMIINT) {
@@ -233,6 +234,13 @@ void fill_pool(kvr_model *model, const Reformulated &rf, Engine &engine, SolveCo
     auto take = [&](std::vector<double> x) {
       if (static_cast<int>(x.size()) < s.engine_cols) return;
       x.resize(static_cast<size_t>(s.engine_cols));
+      // As for the first solve, the big-M rows of a rewritten model leave values to clean.
+      if (rf.changed) {
+        SolveContext quiet = ctx.side(params, em);
+        quiet.lazy = ctx.lazy;
+        polish_mip_solution(em, engine, quiet, x);
+        ctx.absorb_memory(quiet);
+      }
       round_integral(em, inttol, x.data(), static_cast<size_t>(nu));
       const double obj = true_objective(rf, em, x);
       found.push_back({obj, std::move(x)});
