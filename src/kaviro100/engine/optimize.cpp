@@ -324,7 +324,10 @@ void fill_solution(const kvr_model *model, const Reformulated &rf, const SolveCo
       if (static_cast<int>(x.size()) != rf.model().num_vars()) continue;
       bool ok = true;
       for (const LinRow &row : ctx.lazy) ok = ok && row.violation(x.data()) <= ftol;
-      if (ok) pool.emplace_back(true_objective(rf, rf.model(), rounded(x)), rounded(x));
+      if (!ok) continue;
+      std::vector<double> xr = rounded(x);
+      const double obj = true_objective(rf, rf.model(), xr);
+      pool.emplace_back(obj, std::move(xr));
     }
     std::stable_sort(pool.begin(), pool.end(), [&](const auto &a, const auto &b) {
       return rf.model().sense == KVR_MAXIMIZE ? a.first > b.first : a.first < b.first;
