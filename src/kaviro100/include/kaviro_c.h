@@ -297,6 +297,10 @@ KVR_API int KVRfreemodel(KVRmodel *model);
 KVR_API KVRmodel *KVRcopymodel(KVRmodel *model);
 KVR_API KVRenv *KVRgetenv(KVRmodel *model);
 KVR_API const char *KVRgetmerrormsg(KVRmodel *model);
+/* Applies the queued additions, deletions and changes. Counts (NumVars, NumNZs, ...), name
+   lookups and model-wide reads show the model as of the last update. With UpdateMode 1 new
+   variables and linear constraints are usable by index at once (element attributes,
+   coefficients, later rows and columns); with UpdateMode 0 only by queued additions. */
 KVR_API int KVRupdatemodel(KVRmodel *model);
 KVR_API int KVRsetlogcallbackfunc(KVRmodel *model, KVRlogcallback cb, void *logdata);
 KVR_API int KVRreset(KVRmodel *model, int clearall);
