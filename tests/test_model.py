@@ -57,9 +57,13 @@ def test_pending_variable_is_numbered_at_update(m):
     with pytest.raises(kp.KaviroError) as err:
         hash(x)
     assert err.value.message == "Variable has not yet been added to the model"
+    assert (m.NumVars, m.NumConstrs) == (0, 0) and "0 constrs, 0 vars" in repr(m)
+    with pytest.raises(kp.KaviroError) as err:
+        x.LB
+    assert (err.value.errno, err.value.message) == (0, "Var has not yet been added to the model")
     m.update()
     assert x.index() == 0 and m.getVars() == [x]
-    assert hash(x) == hash(0)
+    assert hash(x) == hash(0) and m.NumVars == 1
     assert repr(x) == "<kaviro.Var x>"
 
 
