@@ -217,6 +217,7 @@ def test_search_needs_bounded_integers_and_says_so(env):
            "PoolSearchMode 2 needs finite bounds on every general integer variable, and integer "
            "variable 'x1' has none on one side: give it bounds or use PoolSearchMode 0",
            m.optimize)
+    assert m.SolCount == 0  # refused before any solve
     m.Params.PoolSearchMode = 0
     m.optimize()
     assert m.Status == KVR.OPTIMAL and m.SolCount >= 1

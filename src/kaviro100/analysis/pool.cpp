@@ -58,31 +58,37 @@ void add_row(ModelData &m, const std::vector<int> &ind, const std::vector<double
 
 bool is_integral(char t) { return t == KVR_INTEGER || t == KVR_BINARY || t == KVR_SEMIINT; }
 
-// Builds the side model; fails with NOT_SUPPORTED for an integer variable without finite bounds.
-SearchModel search_model(const ModelData &user, const Reformulated &rf, const SolveContext &ctx,
-                         int mode) {
+// The integer values column j of m can take, [lo, hi]; hi <= lo when it is fixed. A semi-integer
+// column also takes 0.
+struct IntRange {
+  double lo, hi;
+  bool binary() const { return lo == 0.0 && hi == 1.0; }
+  bool bounded() const {
+    return std::fabs(lo) < KVR_INFINITY && std::fabs(hi) < KVR_INFINITY && hi - lo <= 1e15;
+  }
+};
+IntRange integer_range(const ModelData &m, int j) {
+  const char t = m.vars.vtype[j];
+  IntRange r{std::ceil(m.vars.lb[j] - 1e-9), std::floor(m.vars.ub[j] + 1e-9)};
+  if (t == KVR_BINARY) r.lo = std::max(r.lo, 0.0), r.hi = std::min(r.hi, 1.0);
+  if (t == KVR_SEMIINT) r.lo = std::min(r.lo, 0.0), r.hi = std::max(r.hi, 0.0);
+  return r;
+}
+
+// Builds the side model (check_pool_search has accepted the model).
+SearchModel search_model(const Reformulated &rf, const SolveContext &ctx) {
   SearchModel s;
   s.model = rf.model();
   s.engine_cols = s.model.num_vars();
   for (const LinRow &row : ctx.lazy) add_row(s.model, row.ind, row.val, row.sense, row.rhs);
   for (int j = 0; j < rf.user_vars; ++j) {
-    const char t = s.model.vars.vtype[j];
-    if (!is_integral(t)) continue;
-    double lo = std::ceil(s.model.vars.lb[j] - 1e-9), hi = std::floor(s.model.vars.ub[j] + 1e-9);
-    if (t == KVR_BINARY) lo = std::max(lo, 0.0), hi = std::min(hi, 1.0);
-    if (t == KVR_SEMIINT) lo = std::min(lo, 0.0), hi = std::max(hi, 0.0);
+    if (!is_integral(s.model.vars.vtype[j])) continue;
+    const IntRange r = integer_range(s.model, j);
+    const double lo = r.lo, hi = r.hi;
     if (hi <= lo) continue;  // fixed: the same in every solution
-    if (lo == 0.0 && hi == 1.0 && t != KVR_SEMIINT) {
+    if (r.binary() && s.model.vars.vtype[j] != KVR_SEMIINT) {
       s.bits.push_back(j);
       continue;
-    }
-    if (std::fabs(lo) >= KVR_INFINITY || std::fabs(hi) >= KVR_INFINITY || hi - lo > 1e15) {
-      std::string name(user.vars.names.get(static_cast<size_t>(j)));
-      if (name.empty()) name = format("C%d", j);
-      fail(KVR_ERROR_NOT_SUPPORTED,
-           "PoolSearchMode %d needs finite bounds on every general integer variable, and "
-           "integer variable '%s' has none on one side: give it bounds or use PoolSearchMode 0",
-           mode, name.c_str());
     }
     SearchModel::Expansion e{j, lo, static_cast<int>(s.model.num_vars()), 0};
     std::vector<int> ind{j};
@@ -134,6 +140,23 @@ std::vector<double> assignment(const ModelData &m, int user_vars, const std::vec
 
 }  // namespace
 
+void check_pool_search(const ModelData &user, const Reformulated &rf, const ParamValues &params) {
+  const int mode = params.get_int(ParamId::PoolSearchMode);
+  if (mode == 0) return;
+  const ModelData &em = rf.model();
+  for (int j = 0; j < rf.user_vars; ++j) {
+    if (!is_integral(em.vars.vtype[j])) continue;
+    const IntRange r = integer_range(em, j);
+    if (r.hi <= r.lo || r.binary() || r.bounded()) continue;
+    std::string name(user.vars.names.get(static_cast<size_t>(j)));
+    if (name.empty()) name = format("C%d", j);
+    fail(KVR_ERROR_NOT_SUPPORTED,
+         "PoolSearchMode %d needs finite bounds on every general integer variable, and integer "
+         "variable '%s' has none on one side: give it bounds or use PoolSearchMode 0",
+         mode, name.c_str());
+  }
+}
+
 void fill_pool(kvr_model *model, const Reformulated &rf, Engine &engine, SolveContext &ctx,
                Solution &sol) {
   const ParamValues &params = *ctx.params;
@@ -167,7 +190,7 @@ void fill_pool(kvr_model *model, const Reformulated &rf, Engine &engine, SolveCo
     ctx.logf("Pool search skipped: the solve ended as %s\n", status_text(sol.status));
     return;
   }
-  SearchModel s = search_model(model->data, rf, ctx, mode);
+  SearchModel s = search_model(rf, ctx);
   if (s.bits.empty()) {
     ctx.log("Pool search skipped: every integer variable of the model is fixed\n");
     return;

@@ -659,6 +659,7 @@ void optimize(kvr_model *model) {
   ctx.engine_model = &rf.model();
   ctx.rewritten = rf.changed;
   if (ctx.is_mip) check_nodefile_settings(model->env);
+  if (ctx.is_mip) check_pool_search(model->data, rf, params);
 
   if (!model->env.concurrent_envs.empty())
     model->env.log(
