@@ -6,12 +6,14 @@
 // x when v = 0, and the row asks for a sum of at least 1, so every later solution differs in at
 // least one integer variable. A general integer variable takes part through its binary expansion
 // x = lo + sum_b 2^b z_b (its bounds must be finite). Each re-solve finds the best solution not
-// found yet, so mode 2 collects the PoolSolutions best ones in order; mode 1 keeps the solutions
-// the first solve met and adds the re-solves' solutions and incumbents until the pool is full.
+// found yet, so mode 2 collects the PoolSolutions best ones in order. Mode 1 re-solves only to
+// within 1% of the optimum and also keeps the solutions the first solve met and the incumbents of
+// its re-solves; the best PoolSolutions of all of them form the pool.
 #include "analysis/pool.h"
 
 #include <algorithm>
 #include <cmath>
+#include <set>
 
 #include "model/integral.h"
 #include "util/error.h"
@@ -28,9 +30,9 @@ struct PoolEntry {
 struct SearchModel {
   ModelData model;
   int engine_cols = 0;  // columns of the engine model (the rest are expansion binaries)
-  // Binary columns (user binaries and expansion bits) and, per expanded integer column, its
-  // offset and first bit.
+  // The binary columns of the no-good rows: the user's binaries and the expansion bits.
   std::vector<int> bits;
+  // Per general integer column: x = lo + sum_b 2^b (column first_bit + b), b < nbits.
   struct Expansion {
     int col;
     double lo;
@@ -173,16 +175,14 @@ void fill_pool(kvr_model *model, const Reformulated &rf, Engine &engine, SolveCo
   const double rel_limit = gap_rel >= 1e100 ? INFINITY : gap_rel * std::fabs(best);
   const double abs_limit = gap_abs >= 1e100 ? INFINITY : gap_abs;
   const double worst_kept = best + sign * std::min(rel_limit, abs_limit);
+  // Ties with the limit (up to rounding of the objective) are kept.
   auto within_gap = [&](double obj) {
     return sign * (obj - worst_kept) <= 1e-9 * (1 + std::fabs(best));
   };
-  auto keep_within_gap = [&] {
-    size_t k = 0;
-    while (k < sol.pool_obj.size() && within_gap(sol.pool_obj[k])) ++k;
-    sol.pool_x.resize(k);
-    sol.pool_obj.resize(k);
-  };
-  keep_within_gap();
+  size_t kept = 0;  // the pool is sorted best first
+  while (kept < sol.pool_obj.size() && within_gap(sol.pool_obj[kept])) ++kept;
+  sol.pool_x.resize(kept);
+  sol.pool_obj.resize(kept);
   if (mode == 0) return;
 
   const double inttol = params.get_dbl(ParamId::IntFeasTol);
@@ -196,14 +196,12 @@ void fill_pool(kvr_model *model, const Reformulated &rf, Engine &engine, SolveCo
     return;
   }
 
-  // Pool entries over engine columns: the user's values, extended by the engine model's own
-  // columns only where needed for the no-good rows (the user's columns identify an assignment).
+  // Pool entries hold engine-model columns, cut to the user's columns at the end (the no-good
+  // rows need only the user's columns, so the first solve's solutions are padded with zeros).
   std::vector<PoolEntry> pool;
-  std::vector<std::vector<double>> keys;
+  std::set<std::vector<double>> keys;
   auto add_entry = [&](double obj, std::vector<double> x) {
-    auto key = assignment(em, nu, x);
-    if (std::find(keys.begin(), keys.end(), key) != keys.end()) return false;
-    keys.push_back(std::move(key));
+    if (!keys.insert(assignment(em, nu, x)).second) return false;
     exclude(s, x);
     pool.push_back({obj, std::move(x)});
     return true;
