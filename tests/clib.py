@@ -175,6 +175,7 @@ class Model:
     # building
     def var(self, lb=0.0, ub=INF, obj=0.0, vtype="C", name=None):
         self.call("KVRaddvar", 0, None, None, obj, lb, ub, vtype.encode(), _b(name))
+        self.call("KVRupdatemodel")  # counts show the model as of the last update
         return self.num("NumVars") - 1
 
     def constr(self, ind, val, sense, rhs, name=None):

@@ -2,6 +2,7 @@
 writes of many elements in one call (lists, dicts, tupledicts)."""
 
 import math
+import pathlib
 
 import pytest
 
@@ -150,3 +151,74 @@ def test_module_level_attribute_functions(m):
     assert kp.__gettypedattrlist(m, "VarName", 3, [0]) == ["renamed"]
     names = kp.__attrlist(m._cmodel, 2)
     assert "RHS" in names and "LB" not in names and "ConstrName" in names
+
+
+# ---------------------------------------------------------------- model-wide element reads
+
+ATTRS_TSV = pathlib.Path(__file__).resolve().parent.parent / "src" / "kaviro100" / "attrs" / "attrs.tsv"
+HANDLE_GETTERS = {"var": "getVars", "constr": "getConstrs", "sos": "getSOSs",
+                  "qconstr": "getQConstrs", "genconstr": "getGenConstrs"}
+
+
+def element_attrs():
+    rows = [line.split("\t") for line in ATTRS_TSV.read_text().splitlines()[1:] if line]
+    return [(r[0], r[2]) for r in rows if r[2] in HANDLE_GETTERS]
+
+
+def per_handle(handles, name):
+    """The attribute of each handle, or the exception type when a read fails."""
+    try:
+        return [h.getAttr(name) for h in handles]
+    except (AttributeError, kp.KaviroError) as e:
+        return type(e)
+
+
+def test_model_reads_every_element_attribute_over_all_elements(env):
+    """A small facility model with every element kind, solved: m.<attr> and m.getAttr(attr) give
+    the values of all elements of the attribute's kind in model order, exactly what the handles
+    give one by one; an attribute without a value fails the same way as the single reads."""
+    m = kp.Model("plants", env=env)
+    open_ = m.addVars(3, vtype=KVR.BINARY, name="open")
+    ship = m.addVars(3, ub=10, name="ship")
+    m.addConstrs((ship[i] <= 10 * open_[i] for i in range(3)), name="cap")
+    m.addConstr(ship.sum() >= 12, name="demand")
+    m.addSOS(KVR.SOS_TYPE1, [open_[0], open_[1]], [1, 2])
+    m.addQConstr(ship[0] * ship[0] + ship[1] * ship[1] <= 80, name="spread")
+    top = m.addVar(name="top")
+    m.addGenConstrMax(top, [ship[0], ship[1], ship[2]], name="peak")
+    m.setObjective(5 * open_.sum() + ship.sum() + 0.1 * top)
+    m.optimize()
+    assert m.Status == KVR.OPTIMAL
+    names = element_attrs()
+    assert len(names) == 70
+    for name, cls in names:
+        handles = getattr(m, HANDLE_GETTERS[cls])()
+        expected = per_handle(handles, name)
+        if expected is AttributeError or expected is kp.KaviroError:
+            assert not hasattr(m, name), name
+            with pytest.raises(AttributeError):
+                m.getAttr(name)
+            continue
+        got = m.getAttr(name)
+        assert got == getattr(m, name), name
+        assert len(got) == len(handles) and got == expected, name
+    assert m.VarName[:3] == ["open[0]", "open[1]", "open[2]"] and m.VarName[-1] == "top"
+    assert m.X == m.Xn == m.getAttr("X", m.getVars())
+    assert m.ConstrName == ["cap[0]", "cap[1]", "cap[2]", "demand"]
+    m.dispose()
+
+
+def test_model_wide_reads_follow_updates_and_failures(m):
+    assert m.X == [] and m.VarName == []
+    x = m.addVar(name="x", obj=1)
+    assert m.VarName == []  # not yet part of the model
+    m.update()
+    assert m.VarName == ["x"] and m.LB == [0.0] and m.UB == [math.inf]
+    with pytest.raises(AttributeError, match="Unable to retrieve attribute 'X'"):
+        m.X
+    assert not hasattr(m, "Xn") and getattr(m, "RC", None) is None
+    m.optimize()
+    assert m.X == [0.0] and m.RC == [1.0]
+    m.dispose()
+    with pytest.raises(AttributeError):
+        m.X

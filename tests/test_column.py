@@ -150,7 +150,6 @@ def test_quicksum_errors(xs):
         kp.quicksum(failing())
 
 
-@pytest.mark.skipif(not hasattr(kp, "tupledict"), reason="tupledict is not part of the module yet")
 def test_quicksum_of_a_tupledict(xs):
     td = kp.tupledict({(i,): v for i, v in enumerate(xs)})
     e = kp.quicksum(td)

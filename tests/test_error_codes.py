@@ -12,7 +12,6 @@ import clib
 import kaviropy as kp
 from kaviropy import KVR
 
-pytestmark = pytest.mark.skipif(not hasattr(kp, "Model"), reason="the Model class is not built in")
 
 INF = float("inf")
 CODES = {n: getattr(KVR.Error, n) for n in dir(KVR.Error) if not n.startswith("_")}

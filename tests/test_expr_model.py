@@ -4,7 +4,6 @@ import pytest
 import kaviropy as kp
 from kaviropy import KVR, Column, LinExpr, QuadExpr
 
-pytestmark = pytest.mark.skipif(not hasattr(kp, "Model"), reason="Model is not part of the module")
 
 
 @pytest.fixture
@@ -90,8 +89,6 @@ def test_value_needs_a_solution(model, xyz):
     assert LinExpr(2).getValue() == 2.0 and QuadExpr(2).getValue() == 2.0
 
 
-@pytest.mark.skipif(not hasattr(getattr(kp, "Model", None), "optimize"),
-                    reason="Model.optimize is not available")
 def test_values_after_optimize(model, xyz):
     x, y, z = xyz
     model.addConstr(x + 2 * y <= 4)

@@ -9,7 +9,6 @@ from conftest import INSTANCES
 from kaviropy import KVR
 
 # These tests drive the Model class; they run once it is part of the build.
-pytestmark = pytest.mark.skipif(not hasattr(kp, "Model"), reason="the Model class is not built in")
 
 # Instances that take more than about half a second run with -m slow.
 SLOW = {"dcmulti.mps", "bell5.mps"}

@@ -57,9 +57,13 @@ def test_pending_variable_is_numbered_at_update(m):
     with pytest.raises(kp.KaviroError) as err:
         hash(x)
     assert err.value.message == "Variable has not yet been added to the model"
+    assert (m.NumVars, m.NumConstrs) == (0, 0) and "0 constrs, 0 vars" in repr(m)
+    with pytest.raises(kp.KaviroError) as err:
+        x.LB
+    assert (err.value.errno, err.value.message) == (0, "Var has not yet been added to the model")
     m.update()
     assert x.index() == 0 and m.getVars() == [x]
-    assert hash(x) == hash(0)
+    assert hash(x) == hash(0) and m.NumVars == 1
     assert repr(x) == "<kaviro.Var x>"
 
 
@@ -68,9 +72,19 @@ def test_update_mode_one_numbers_at_once_but_lists_after_update(m):
     c = m.addLConstr(x, "<", 1, name="c")
     assert x.index() == 0 and c.index() == 0
     assert m.getVars() == [] and m.getConstrs() == []
-    assert m.NumVars == 1  # the library sees it at once
+    # Counts, the model's text and the handles show the model as of the last update.
+    assert (m.NumVars, m.NumConstrs, m.NumNZs) == (0, 0, 0)
+    assert "0 constrs, 0 vars" in repr(m)
+    assert repr(x) == "<kaviro.Var *Awaiting Model Update*>"
+    assert repr(c) == "<kaviro.Constr *Awaiting Model Update*>"
+    with pytest.raises(kp.KaviroError) as err:
+        hash(x)
+    assert (err.value.errno, err.value.message) == (0, "Variable has not yet been added to the model")
+    assert m.getVarByName("x") is None
     m.update()
     assert m.getVars() == [x] and m.getConstrs() == [c]
+    assert (m.NumVars, m.NumConstrs, m.NumNZs) == (1, 1, 1)
+    assert repr(x) == "<kaviro.Var x>" and hash(x) == hash(0) and m.getVarByName("x") is x
 
 
 def test_update_mode_change_between_additions(m):
@@ -222,9 +236,7 @@ def test_model_attribute_routing(m):
     with pytest.raises(AttributeError) as err:
         m.NoSuchAttr
     assert str(err.value) == "'kaviropy.Model' object has no attribute 'NoSuchAttr'"
-    with pytest.raises(AttributeError) as err:
-        m.LB  # a variable attribute is not a model attribute
-    assert str(err.value) == "'kaviropy.Model' object has no attribute 'LB'"
+    assert m.LB == []  # a variable attribute reads over all variables
     with pytest.raises(AttributeError):
         m._missing
     assert not hasattr(m, "ObjVal")  # no solution yet

@@ -155,6 +155,15 @@ class TestCommandLine:
         doc = json.loads((tmp_path / "out.json").read_text())
         assert doc["SolutionInfo"]["ObjVal"] == pytest.approx(-464.7531428571, rel=1e-8)
 
+    def test_result_file_with_a_long_path(self, tmp_path):
+        d = tmp_path
+        while len(str(d)) < 600:
+            d = d / ("r" * 200)
+        d.mkdir(parents=True)
+        r = self.run(str(INSTANCES / "afiro.mps"), "ResultFile=" + str(d / "out.sol"))
+        assert r.returncode == 0, r.stderr
+        assert "# Objective value = -464.75314" in (d / "out.sol").read_text()
+
     def test_errors(self, tmp_path):
         r = self.run()
         assert r.returncode == 2 and "Usage: kaviro_cl" in r.stderr

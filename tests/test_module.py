@@ -19,6 +19,12 @@ def test_kaviro_error_construction():
         odd.message
     with pytest.raises(TypeError):
         kp.KaviroError(1)
+    none = kp.KaviroError(7, None)
+    assert none.errno == 7 and none.args == (7, None)
+    with pytest.raises(AttributeError):
+        none.message
+    none.message = "set later"
+    assert str(none) == "set later"
 
 
 def test_kaviro_error_takes_the_owners_message():
@@ -39,7 +45,7 @@ def test_string_helpers():
     with pytest.raises(UnicodeDecodeError):
         kp.__bytestostring(b"\xff")
     assert kp.__isscalar(2) and kp.__isscalar(2.5) and not kp.__isscalar("2")
-    np = pytest.importorskip("numpy")
+    import numpy as np
     assert kp.__isscalar(np.float32(1.5)) and kp.__isscalar(np.int64(3))
 
 
@@ -138,3 +144,27 @@ def test_models_and_platform(capsys):
     assert "No models currently loaded" in capsys.readouterr().out
     assert isinstance(kp.kaviro.platform(), str) and kp.kaviro.platform()
     assert kp.system("true") == 0
+
+
+def test_type_information_ships_with_the_package():
+    """py.typed and stubs beside the extension: valid Python, every public name of the module,
+    signatures and docstrings of the classes' methods."""
+    import ast
+    import pathlib
+    where = pathlib.Path(kp._core.__file__).parent
+    assert (where / "py.typed").is_file()
+    trees = {name: ast.parse((where / name).read_text()) for name in ("__init__.pyi", "_core.pyi")}
+    package = trees["__init__.pyi"]
+    declared = set()
+    for node in package.body:
+        if isinstance(node, (ast.ClassDef, ast.FunctionDef)):
+            declared.add(node.name)
+        elif isinstance(node, ast.ImportFrom):
+            declared.update(a.asname or a.name for a in node.names)
+    public = {n for n in dir(kp) if not n.startswith("_") and not isinstance(getattr(kp, n), type(kp))}
+    assert public - declared == set()
+    model = next(n for n in package.body if isinstance(n, ast.ClassDef) and n.name == "Model")
+    methods = {f.name: f for f in model.body if isinstance(f, ast.FunctionDef)}
+    assert {"addVar", "addConstr", "optimize", "getAttr", "setObjective"} <= set(methods)
+    assert "callback" in [a.arg for a in methods["optimize"].args.args]
+    assert all(ast.get_docstring(f) for name, f in methods.items() if not name.startswith("_"))

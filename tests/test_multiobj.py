@@ -7,7 +7,6 @@ import kaviropy as kp
 from kaviropy import KVR
 
 # These tests drive the Model class; they run once it is part of the build.
-pytestmark = pytest.mark.skipif(not hasattr(kp, "Model"), reason="the Model class is not built in")
 
 CB = KVR.Callback
 

@@ -10,7 +10,6 @@ from conftest import INSTANCES
 from kaviropy import KVR
 
 # These tests drive the Model class; they run once it is part of the build.
-pytestmark = pytest.mark.skipif(not hasattr(kp, "Model"), reason="the Model class is not built in")
 
 
 MODEL_NAME = "opt"  # the name of the model the m fixture makes

@@ -9,7 +9,6 @@ import kaviropy as kp
 from conftest import INSTANCES
 from kaviropy import KVR
 
-pytestmark = pytest.mark.skipif(not hasattr(kp, "Model"), reason="the Model class is not built in")
 
 BLOCK = 256 << 20  # bytes the callback allocates
 MARGIN = 0.1  # gigabytes (10^9 bytes) above the current figure

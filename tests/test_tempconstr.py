@@ -116,7 +116,6 @@ def test_general_expressions(xs):
         kp.GenExprNorm([x])
 
 
-@pytest.mark.skipif(not hasattr(kp, "tupledict"), reason="tupledict is not part of the module yet")
 def test_general_expression_of_a_tupledict(xs):
     td = kp.tupledict({(0,): xs[0], (1,): xs[1]})
     assert kp.max_(td).argvars == [xs[0], xs[1]]

@@ -8,7 +8,6 @@ import kaviropy as kp
 from conftest import INSTANCES, raises
 from kaviropy import KVR
 
-pytestmark = pytest.mark.skipif(not hasattr(kp, "Model"), reason="the Model class is not built in")
 
 INF = float("inf")
 

@@ -19,7 +19,6 @@ import kaviropy as kp
 from conftest import INSTANCES, raises
 from kaviropy import KVR
 
-pytestmark = pytest.mark.skipif(not hasattr(kp, "Model"), reason="the Model class is not built in")
 
 clib.lib.KVRtunemodels.argtypes = [C.c_int, C.POINTER(C.c_void_p)]
 clib.lib.KVRtunemodel.argtypes = [C.c_void_p]

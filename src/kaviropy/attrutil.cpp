@@ -166,6 +166,8 @@ nb::object get_attr(nb::handle obj, const std::string &name) {
   const char *n = name.c_str();
   int code = 0;
   nb::object result;
+  if (t.is_model && info.cls > KVR_ATTRCLASS_MODEL && info.cls <= kNumKinds)
+    return get_attr_all(t.model, name, info);
   if (t.is_model) {
     check_model(t, info, name);
     if (info.type == KVR_ATTRTYPE_INT) {
@@ -246,12 +248,14 @@ void prefetch_attr(nb::handle obj, const std::string &name) {
   if (KVRprefetchattr(t.model, name.c_str())) raise_attribute_error(KVRgetmerrormsg(t.model));
 }
 
-nb::list get_attr_list(KVRmodel *model, nb::handle owner, const std::string &name, int type,
-                       const std::vector<int> &ind) {
-  if (!model) raise_error(0, "Model has already been freed");
-  const int n = static_cast<int>(ind.size());
+namespace {
+
+// Values of n elements in one library call: those listed in ind, or elements 0 .. n-1 when ind is
+// null. Returns the library's code; the list is complete only when it is 0.
+int read_values(KVRmodel *model, const std::string &name, int type, int n, const int *ind,
+                nb::list &out) {
   const char *an = name.c_str();
-  nb::list out = nb::steal<nb::list>(PyList_New(n));
+  out = nb::steal<nb::list>(PyList_New(n));
   auto fill = [&](auto &&make) {
     for (int i = 0; i < n; ++i) {
       PyObject *item = make(i);
@@ -262,23 +266,46 @@ nb::list get_attr_list(KVRmodel *model, nb::handle owner, const std::string &nam
   int code = 0;
   if (type == KVR_ATTRTYPE_CHAR) {
     std::vector<char> v(static_cast<size_t>(n));
-    if (!(code = KVRgetcharattrlist(model, an, n, ind.data(), v.data())))
-      fill([&](int i) { return PyUnicode_FromOrdinal(static_cast<unsigned char>(v[i])); });
+    code = ind ? KVRgetcharattrlist(model, an, n, ind, v.data())
+               : KVRgetcharattrarray(model, an, 0, n, v.data());
+    if (!code) fill([&](int i) { return PyUnicode_FromOrdinal(static_cast<unsigned char>(v[i])); });
   } else if (type == KVR_ATTRTYPE_INT) {
     std::vector<int> v(static_cast<size_t>(n));
-    if (!(code = KVRgetintattrlist(model, an, n, ind.data(), v.data())))
-      fill([&](int i) { return PyLong_FromLong(v[i]); });
+    code = ind ? KVRgetintattrlist(model, an, n, ind, v.data())
+               : KVRgetintattrarray(model, an, 0, n, v.data());
+    if (!code) fill([&](int i) { return PyLong_FromLong(v[i]); });
   } else if (type == KVR_ATTRTYPE_DBL) {
     std::vector<double> v(static_cast<size_t>(n));
-    if (!(code = KVRgetdblattrlist(model, an, n, ind.data(), v.data())))
-      fill([&](int i) { return PyFloat_FromDouble(from_library(v[i])); });
+    code = ind ? KVRgetdblattrlist(model, an, n, ind, v.data())
+               : KVRgetdblattrarray(model, an, 0, n, v.data());
+    if (!code) fill([&](int i) { return PyFloat_FromDouble(from_library(v[i])); });
   } else {
     std::vector<char *> v(static_cast<size_t>(n), nullptr);
-    if (!(code = KVRgetstrattrlist(model, an, n, ind.data(), v.data())))
-      fill([&](int i) { return text(v[i]).release().ptr(); });
+    code = ind ? KVRgetstrattrlist(model, an, n, ind, v.data())
+               : KVRgetstrattrarray(model, an, 0, n, v.data());
+    if (!code) fill([&](int i) { return text(v[i]).release().ptr(); });
   }
-  if (code) raise_error(code, KVRgetmerrormsg(model));
-  // Before the list is complete it holds NULL entries; it is complete here on success.
+  return code;
+}
+
+}  // namespace
+
+nb::list get_attr_list(KVRmodel *model, nb::handle owner, const std::string &name, int type,
+                       const std::vector<int> &ind) {
+  if (!model) raise_error(0, "Model has already been freed");
+  nb::list out;
+  if (int code = read_values(model, name, type, static_cast<int>(ind.size()), ind.data(), out))
+    raise_error(code, KVRgetmerrormsg(model));
+  return out;
+}
+
+nb::list get_attr_all(KVRmodel *model, const std::string &name, const AttrInfo &info) {
+  if (!model) raise_attribute_error("Model has already been freed");
+  int n = 0;
+  int code = KVRgetintattr(model, kind_info(info.cls - 1).count_attr, &n);
+  nb::list out;
+  if (!code) code = read_values(model, name, info.type, n, nullptr, out);
+  if (code) raise_attribute_error(KVRgetmerrormsg(model));
   return out;
 }
 

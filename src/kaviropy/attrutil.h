@@ -26,7 +26,8 @@ bool set_private_attr(nb::handle self, nb::handle name, nb::handle value);
 // names the library does not know.
 AttrInfo attr_info(const std::string &type_name, const std::string &name);
 
-// Single values of a Model or a handle (the routing of `obj.Name`).
+// Single values of a Model or a handle (the routing of `obj.Name`). An element attribute read
+// from a Model gives the list of its values over all elements of that kind, in model order.
 nb::object get_attr(nb::handle obj, const std::string &name);
 void set_attr(nb::handle obj, const std::string &name, nb::handle value);
 void prefetch_attr(nb::handle obj, const std::string &name);
@@ -34,6 +35,9 @@ void prefetch_attr(nb::handle obj, const std::string &name);
 // Values of many elements in one library call. `owner` gives the message of a failure.
 nb::list get_attr_list(KVRmodel *model, nb::handle owner, const std::string &name, int type,
                        const std::vector<int> &ind);
+// Values of an element attribute over all elements of its kind as of the last update, in one
+// library call; failures raise AttributeError with the library's message.
+nb::list get_attr_all(KVRmodel *model, const std::string &name, const AttrInfo &info);
 // Writes values[i] to element ind[i]; values holds one Python value per index, or a single
 // value (a str counts as one value) used for all.
 void set_attr_list(KVRmodel *model, nb::handle owner, const std::string &name, int type,

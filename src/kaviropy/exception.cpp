@@ -85,19 +85,19 @@ void init_exception(nb::module_ &m) {
       [](nb::handle self, nb::handle errno_, nb::handle argument) {
         error_init(self, errno_, argument);
       },
-      nb::is_method(), nb::arg("errno"), nb::arg("argument"),
+      nb::name("__init__"), nb::is_method(), nb::arg("errno").none(), nb::arg("argument").none(),
       "Creates the exception from an error code and a message or a library owner.");
   cls.attr("_get_message") =
       nb::cpp_function([](nb::handle self) { return nb::getattr(self, "_message"); },
-                       nb::is_method(), "Returns the message.");
+                       nb::name("message"), nb::is_method(), "Returns the message.");
   cls.attr("_set_message") = nb::cpp_function(
       [](nb::handle self, nb::handle value) { nb::setattr(self, "_message", value); },
-      nb::is_method(), nb::arg("value"), "Sets the message.");
+      nb::name("message"), nb::is_method(), nb::arg("value").none(), "Sets the message.");
   nb::handle property_type(reinterpret_cast<PyObject *>(&PyProperty_Type));
   cls.attr("message") = property_type(cls.attr("_get_message"), cls.attr("_set_message"));
   cls.attr("__str__") =
       nb::cpp_function([](nb::handle self) { return nb::getattr(self, "message"); },
-                       nb::is_method(), "Returns the message.");
+                       nb::name("__str__"), nb::is_method(), "Returns the message.");
   cls.attr("__module__") = "kaviropy";
   m.attr("KaviroError") = cls;
   m.attr("__geterrormsg") = nb::cpp_function(

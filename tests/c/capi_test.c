@@ -271,14 +271,20 @@ static void test_update_mode_1(void) {
   int ind[2] = {0, 3}, del[2] = {1, 1};
   double val[2] = {4, 5}, v;
 
-  /* Variables and linear constraints join at once, with their coefficients. */
+  /* Variables and linear constraints are usable by index at once, with their coefficients; counts
+     and name lookups show them only after the update. */
   OK(m, KVRaddvar(m, 1, ind, val, 0.5, -2, 3, 'C', "x3"));
-  CHECK(int_attr(m, "NumVars") == 4);
+  CHECK(int_attr(m, "NumVars") == 3 && int_attr(m, "NumNZs") == 5);
   CHECK(dbl_elem(m, "LB", 3) == -2 && same_str(str_elem(m, "VarName", 3), "x3"));
   OK(m, KVRgetcoeff(m, 0, 3, &v));
   CHECK(v == 4);
   OK(m, KVRaddconstr(m, 2, ind, val, '=', 2, "c2"));
-  CHECK(int_attr(m, "NumConstrs") == 3);
+  CHECK(int_attr(m, "NumConstrs") == 2);
+  {
+    int n = 0;
+    OK(m, KVRgetconstrbyname(m, "c2", &n));
+    CHECK(n == -1);
+  }
   OK(m, KVRgetcoeff(m, 2, 3, &v));
   CHECK(v == 5);
 
@@ -288,6 +294,8 @@ static void test_update_mode_1(void) {
   CHECK(dbl_elem(m, "UB", 3) == 3);
   OK(m, KVRupdatemodel(m));
   CHECK(dbl_elem(m, "UB", 3) == 8);
+  CHECK(int_attr(m, "NumVars") == 4 && int_attr(m, "NumConstrs") == 3);
+  CHECK(int_attr(m, "NumNZs") == 8);
 
   /* Deletions wait too; deleting twice is harmless; the rest is renumbered in order. */
   OK(m, KVRdelvars(m, 2, del));
@@ -376,6 +384,8 @@ static void test_update_mode_0(void) {
   OK(m, KVRupdatemodel(m));
   CHECK(int_attr(m, "NumVars") == 5);
   OK(m, KVRaddvar(m, 0, NULL, NULL, 0, 0, 1, 'C', "w"));
+  CHECK(int_attr(m, "NumVars") == 5);
+  OK(m, KVRupdatemodel(m));
   CHECK(int_attr(m, "NumVars") == 6);
   KVRfreemodel(m);
 }
@@ -389,6 +399,8 @@ static void test_range_constraints(void) {
   char sense;
 
   OK(m, KVRaddrangeconstr(m, 2, ind, val, 1, 4, "r"));
+  CHECK(int_attr(m, "NumVars") == 2 && int_attr(m, "NumConstrs") == 0);
+  OK(m, KVRupdatemodel(m));
   CHECK(int_attr(m, "NumVars") == 3 && int_attr(m, "NumConstrs") == 1);
   CHECK(same_str(str_elem(m, "VarName", 2), "Rgr"));
   CHECK(dbl_elem(m, "LB", 2) == 1 && dbl_elem(m, "UB", 2) == 4);
@@ -399,6 +411,7 @@ static void test_range_constraints(void) {
 
   /* One infinite side (beyond 1e25): a plain inequality; both infinite: a range variable. */
   OK(m, KVRaddrangeconstrs(m, 3, 3, beg, ind3, val3, lo, up, names));
+  OK(m, KVRupdatemodel(m));
   CHECK(int_attr(m, "NumVars") == 4 && int_attr(m, "NumConstrs") == 4);
   OK(m, KVRgetcharattrelement(m, "Sense", 1, &sense));
   CHECK(sense == '<' && dbl_elem(m, "RHS", 1) == 4);

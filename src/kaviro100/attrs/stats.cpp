@@ -205,12 +205,17 @@ bool is_statistic(AttrId id) {
 }
 
 double statistic(kvr_model *m, AttrId id) {
-  const ModelData &d = m->data;
   switch (id) {
     case A::NumConstrs:
-      return d.num_constrs();
+      return shown_constrs(m);
     case A::NumVars:
-      return d.num_vars();
+      return shown_vars(m);
+    default:
+      break;
+  }
+  ModelData scratch;
+  const ModelData &d = shown_data(m, scratch);
+  switch (id) {
     case A::NumSOS:
       return d.sos.size();
     case A::NumQConstrs:

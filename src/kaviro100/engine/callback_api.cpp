@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "engine/engine.h"
+#include "model/integral.h"
 #include "model/model.h"
 #include "util/error.h"
 
@@ -232,7 +233,12 @@ int KVRcbget(void *cbdata, int where, int what, void *resultP) {
            kvr::where_name(cb.where));
     if (w.array) {
       if (!cb.sol) fail(KVR_ERROR_DATA_NOT_AVAILABLE, "%s is not available here", w.name);
-      std::memcpy(resultP, cb.sol, sizeof(double) * static_cast<size_t>(cb.ctx->user_vars));
+      const size_t n = static_cast<size_t>(cb.ctx->user_vars);
+      std::memcpy(resultP, cb.sol, sizeof(double) * n);
+      if (cb.where == KVR_CB_MIPSOL && cb.ctx->engine_model)
+        kvr::round_integral(*cb.ctx->engine_model,
+                            cb.ctx->params->get_dbl(kvr::ParamId::IntFeasTol),
+                            static_cast<double *>(resultP), n);
       return;
     }
     if (w.type == kvr::WhatType::Str) {

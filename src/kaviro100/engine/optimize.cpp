@@ -15,10 +15,12 @@
 #include <mutex>
 #include <thread>
 
+#include "analysis/pool.h"
 #include "attrs/attrs.h"
 #include "engine/engine.h"
 #include "engine/outer_approx.h"
 #include "engine/solve.h"
+#include "model/integral.h"
 #include "model/model.h"
 #include "reform/reform.h"
 #include "util/error.h"
@@ -305,15 +307,27 @@ void fill_solution(const kvr_model *model, const Reformulated &rf, const SolveCo
 
   // Pool: engine incumbents and accepted user solutions, best first, without duplicates.
   if (mip) {
+    // Integer variables come back as integers; objectives are those of the values returned.
+    const double inttol = ctx.params->get_dbl(ParamId::IntFeasTol);
+    auto rounded = [&](std::vector<double> x) {
+      round_integral(rf.model(), inttol, x.data(), static_cast<size_t>(nu));
+      return x;
+    };
     std::vector<std::pair<double, std::vector<double>>> pool;
-    for (auto &x : r.found_x) pool.emplace_back(true_objective(rf, rf.model(), x), std::move(x));
+    for (auto &x : r.found_x) {
+      x = rounded(std::move(x));
+      pool.emplace_back(true_objective(rf, rf.model(), x), std::move(x));
+    }
     // User solutions were checked when given; lazy constraints added later may cut them off.
     const double ftol = ctx.params->get_dbl(ParamId::FeasibilityTol);
     for (const auto &x : ctx.accepted_user_solutions) {
       if (static_cast<int>(x.size()) != rf.model().num_vars()) continue;
       bool ok = true;
       for (const LinRow &row : ctx.lazy) ok = ok && row.violation(x.data()) <= ftol;
-      if (ok) pool.emplace_back(true_objective(rf, rf.model(), x), x);
+      if (!ok) continue;
+      std::vector<double> xr = rounded(x);
+      const double obj = true_objective(rf, rf.model(), xr);
+      pool.emplace_back(obj, std::move(xr));
     }
     std::stable_sort(pool.begin(), pool.end(), [&](const auto &a, const auto &b) {
       return rf.model().sense == KVR_MAXIMIZE ? a.first > b.first : a.first < b.first;
@@ -321,6 +335,7 @@ void fill_solution(const kvr_model *model, const Reformulated &rf, const SolveCo
     if (polish && !pool.empty()) {
       std::vector<double> original = pool.front().second;
       if (polish(pool.front().second)) {
+        pool.front().second = rounded(std::move(pool.front().second));
         pool.front().first = true_objective(rf, rf.model(), pool.front().second);
         // Copies of the solution as found (the engine reports it more than once) go with it.
         pool.erase(std::remove_if(pool.begin() + 1, pool.end(),
@@ -644,6 +659,7 @@ void optimize(kvr_model *model) {
   ctx.engine_model = &rf.model();
   ctx.rewritten = rf.changed;
   if (ctx.is_mip) check_nodefile_settings(model->env);
+  if (ctx.is_mip) check_pool_search(model->data, rf, params);
 
   if (!model->env.concurrent_envs.empty())
     model->env.log(
@@ -671,6 +687,7 @@ void optimize(kvr_model *model) {
         return polish_mip_solution(rf.model(), *engine, ctx, x);
       };
     fill_solution(model, rf, ctx, std::move(r), sol, polish);
+    if (ctx.is_mip) fill_pool(model, rf, *engine, ctx, sol);
     solve_scenarios(model, rf, *engine, ctx, sol);
   }
   fail_if_memory_exceeded(ctx, "optimization");

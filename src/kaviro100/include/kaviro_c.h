@@ -262,7 +262,8 @@ KVR_API int KVRgetparamtype(KVRenv *env, const char *paramname); /* KVR_PARAM_* 
 KVR_API int KVRgetparamflags(KVRenv *env, const char *paramname, int *flagsP);
 KVR_API int KVRgetintparam(KVRenv *env, const char *paramname, int *valueP);
 KVR_API int KVRgetdblparam(KVRenv *env, const char *paramname, double *valueP);
-/* value must hold KVR_MAX_STRLEN bytes. */
+/* value must hold KVR_MAX_STRLEN bytes; a longer value (string parameters have no length limit)
+   is cut to KVR_MAX_STRLEN - 1 bytes: KVRgetlongstrparam reads it whole. */
 KVR_API int KVRgetstrparam(KVRenv *env, const char *paramname, char *value);
 /* Copies up to size-1 bytes and the terminator; *lengthP receives the full length. */
 KVR_API int KVRgetlongstrparam(KVRenv *env, const char *paramname, char *value, int size,
@@ -296,6 +297,10 @@ KVR_API int KVRfreemodel(KVRmodel *model);
 KVR_API KVRmodel *KVRcopymodel(KVRmodel *model);
 KVR_API KVRenv *KVRgetenv(KVRmodel *model);
 KVR_API const char *KVRgetmerrormsg(KVRmodel *model);
+/* Applies the queued additions, deletions and changes. Counts (NumVars, NumNZs, ...), name
+   lookups and model-wide reads show the model as of the last update. With UpdateMode 1 new
+   variables and linear constraints are usable by index at once (element attributes,
+   coefficients, later rows and columns); with UpdateMode 0 only by queued additions. */
 KVR_API int KVRupdatemodel(KVRmodel *model);
 KVR_API int KVRsetlogcallbackfunc(KVRmodel *model, KVRlogcallback cb, void *logdata);
 KVR_API int KVRreset(KVRmodel *model, int clearall);

@@ -49,8 +49,9 @@ inline int all_constrs(const kvr_model *m) {
 bool start_adding(kvr_model *m);
 // Where new variables and linear constraints go: the model itself or the queue.
 ModelData &linear_target(kvr_model *m, bool at_once);
-// Marks an addition made directly to the model data.
-void added_at_once(kvr_model *m);
+// Marks an addition of vars variables and constrs linear constraints made directly to the model
+// data: they stay out of counts and model-wide queries until the update.
+void added_at_once(kvr_model *m, int vars, int constrs);
 bool ignore_names(const kvr_model *m);
 
 }  // namespace kvr

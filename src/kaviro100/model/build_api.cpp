@@ -122,7 +122,9 @@ ModelData &linear_target(kvr_model *m, bool at_once) {
   return m->pending.added;
 }
 
-void added_at_once(kvr_model *m) {
+void added_at_once(kvr_model *m, int vars, int constrs) {
+  m->unshown_vars += vars;
+  m->unshown_constrs += constrs;
   data_changed(m);
   m->changed_since_update = true;
 }
@@ -245,7 +247,7 @@ void add_rows(kvr_model *m, int count, int nnz, const int *beg, const int *ind, 
         static_cast<int>(rv_lb.size()), nullptr, rv_lb.data(), rv_ub.data(), nullptr, ptrs.data()};
     append_new_vars(t.vars, vars, false);
   }
-  if (at_once) added_at_once(m);
+  if (at_once) added_at_once(m, static_cast<int>(rv_lb.size()), count);
 }
 
 // Checks the indices of a deletion of `kind` elements (`count` of them now) and queues it.
@@ -306,7 +308,7 @@ int KVRaddvars(KVRmodel *model, int numvars, int numnz, const int *vbeg, const i
     append_new_vars(t.vars, nv, ignore_names(model));
     if (at_once) {
       t.constrs.rows.append_entries(cols);
-      added_at_once(model);
+      added_at_once(model, numvars, 0);
     } else {
       model->pending.added_cols.insert(model->pending.added_cols.end(), cols.begin(), cols.end());
     }

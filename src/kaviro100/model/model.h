@@ -53,6 +53,10 @@ struct kvr_model {
   // Set when `data` changed outside an update (additions in update mode 1): the next update then
   // discards the solution even when nothing is queued.
   bool changed_since_update = false;
+  // Variables and linear constraints added to `data` since the last update (update mode 1): they
+  // sit at the end of their arrays, usable by index, but counts and model-wide queries leave them
+  // out until the update.
+  int unshown_vars = 0, unshown_constrs = 0;
 
   // Column view of the constraint matrix, built on demand.
   kvr::SparseMatrix colview;
@@ -100,6 +104,13 @@ void data_changed(kvr_model *model);
 void check_modifiable(const kvr_model *model);
 void check_queryable(const kvr_model *model);
 int update_mode(const kvr_model *model);
+
+// Numbers of variables and linear constraints as of the last update.
+inline int shown_vars(const kvr_model *m) { return m->data.num_vars() - m->unshown_vars; }
+inline int shown_constrs(const kvr_model *m) { return m->data.num_constrs() - m->unshown_constrs; }
+// The model data as of the last update: `data` itself, or, while elements added in update mode 1
+// wait for the update, a copy without them (kept in `scratch`).
+const ModelData &shown_data(const kvr_model *m, ModelData &scratch);
 
 // Column view of data.constrs.rows: row j holds the entries of variable j (constraint index,
 // value), in constraint order.

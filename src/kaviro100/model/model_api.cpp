@@ -14,7 +14,9 @@ kvr_model::kvr_model(const kvr_model &other)
       pending(other.pending),
       sol(other.sol),
       tune(other.tune),
-      changed_since_update(other.changed_since_update) {}
+      changed_since_update(other.changed_since_update),
+      unshown_vars(other.unshown_vars),
+      unshown_constrs(other.unshown_constrs) {}
 
 extern "C" {
 

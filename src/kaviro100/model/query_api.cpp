@@ -58,9 +58,11 @@ int generated_index(std::string_view name, const char *prefix, const NamePool &n
   return i;
 }
 
-int find_name(const NamePool &names, const char *name, const char *prefix) {
+// Elements at or after `shown` were added since the last update and are not found yet.
+int find_name(const NamePool &names, const char *name, const char *prefix, int shown) {
   int i = names.find(name);
-  return i >= 0 ? i : generated_index(name, prefix, names);
+  if (i < 0) i = generated_index(name, prefix, names);
+  return i < shown ? i : -1;
 }
 
 }  // namespace
@@ -147,7 +149,7 @@ int KVRgetvarbyname(KVRmodel *model, const char *name, int *indexP) {
   return with_model(model, [&] {
     need(name, "name");
     need(indexP, "place for the index");
-    *indexP = find_name(model->data.vars.names, name, "C");
+    *indexP = find_name(model->data.vars.names, name, "C", shown_vars(model));
   });
 }
 
@@ -155,7 +157,7 @@ int KVRgetconstrbyname(KVRmodel *model, const char *name, int *indexP) {
   return with_model(model, [&] {
     need(name, "name");
     need(indexP, "place for the index");
-    *indexP = find_name(model->data.constrs.names, name, "R");
+    *indexP = find_name(model->data.constrs.names, name, "R", shown_constrs(model));
   });
 }
 

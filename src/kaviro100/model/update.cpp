@@ -52,10 +52,25 @@ void update_model(kvr_model *model) {
     p.clear();
   }
   model->changed_since_update = false;
+  model->unshown_vars = model->unshown_constrs = 0;
   if (changed) {
     data_changed(model);
     discard_solution(model);
   }
+}
+
+const ModelData &shown_data(const kvr_model *m, ModelData &scratch) {
+  if (m->unshown_vars == 0 && m->unshown_constrs == 0) return m->data;
+  scratch = m->data;
+  auto keep_first = [](int n, int keep) {
+    Renumbering r(static_cast<size_t>(n), -1);
+    for (int i = 0; i < keep; ++i) r[i] = i;
+    return r;
+  };
+  if (m->unshown_constrs > 0)
+    scratch.delete_constrs(keep_first(scratch.num_constrs(), shown_constrs(m)));
+  if (m->unshown_vars > 0) scratch.delete_vars(keep_first(scratch.num_vars(), shown_vars(m)));
+  return scratch;
 }
 
 void discard_solution(kvr_model *model) { model->sol.clear(); }

@@ -108,10 +108,6 @@ void ParamValues::set_dbl(ParamId id, double value) {
 void ParamValues::set_str(ParamId id, std::string_view value) {
   const ParamDef &d = param_def(id);
   if (d.type != ParamType::Str) return set_text(id, value);
-  if (value.size() >= KVR_MAX_STRLEN)
-    fail(KVR_ERROR_VALUE_OUT_OF_RANGE,
-         "Unable to set parameter %s: value of %zu characters exceeds the limit of %d", d.name,
-         value.size(), KVR_MAX_STRLEN - 1);
   str_[static_cast<size_t>(id)] = std::string(value);
 }
 

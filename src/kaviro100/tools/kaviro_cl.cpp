@@ -42,6 +42,21 @@ void usage(std::FILE *out) {
                "printed, and ResultFile=name.prm writes it as a parameter file.\n");
 }
 
+// A string parameter of any length ("" when it cannot be read).
+std::string str_param(KVRenv *env, const char *name) {
+  std::string value(KVR_MAX_STRLEN, '\0');
+  int length = 0;
+  if (KVRgetlongstrparam(env, name, value.data(), static_cast<int>(value.size()), &length))
+    return "";
+  if (length >= static_cast<int>(value.size())) {
+    value.assign(static_cast<size_t>(length) + 1, '\0');
+    if (KVRgetlongstrparam(env, name, value.data(), static_cast<int>(value.size()), &length))
+      return "";
+  }
+  value.resize(static_cast<size_t>(length));
+  return value;
+}
+
 // Name and value of every parameter whose value differs between the two environments.
 std::vector<std::string> differences(KVRenv *from, KVRenv *to) {
   std::vector<std::string> lines;
@@ -50,7 +65,6 @@ std::vector<std::string> differences(KVRenv *from, KVRenv *to) {
     if (KVRgetparamname(to, i, &name)) continue;
     int ia = 0, ib = 0;
     double da = 0, db = 0;
-    char sa[KVR_MAX_STRLEN], sb[KVR_MAX_STRLEN];
     std::string value;
     switch (KVRgetparamtype(to, name)) {
       case 1:
@@ -65,9 +79,7 @@ std::vector<std::string> differences(KVRenv *from, KVRenv *to) {
         }
         break;
       case 3:
-        if (!KVRgetstrparam(from, name, sa) && !KVRgetstrparam(to, name, sb) &&
-            std::strcmp(sa, sb) != 0)
-          value = sb;
+        if (std::string sa = str_param(from, name), sb = str_param(to, name); sa != sb) value = sb;
         break;
       default:
         break;
@@ -166,8 +178,7 @@ int main(int argc, char **argv) {
       return rc;
     }
   }
-  char buf[KVR_MAX_STRLEN];
-  if (KVRgetstrparam(env, "ResultFile", buf) == 0) resultfile = buf;
+  resultfile = str_param(env, "ResultFile");
   if (tuning && !resultfile.empty() && !ends_with(resultfile, ".prm")) {
     std::fprintf(stderr, "kaviro_cl: with --tune, ResultFile must name a parameter file (.prm)\n");
     KVRfreeenv(env);
