@@ -36,6 +36,22 @@ struct LinRow {
   double violation(const double *x) const;
 };
 
+// What an engine takes as it is; the reformulation rewrites the rest into what it does take.
+struct EngineCapabilities {
+  bool sos = false;              // SOS1 and SOS2 constraints
+  bool indicator = false;        // indicator constraints without big-M
+  bool semicontinuous = false;   // semi-continuous and semi-integer variables
+  bool logical = false;          // and, or, max, min, abs constraints
+  bool convex_qcons = false;     // convex quadratic constraints (else outer approximation)
+  bool nonconvex = false;        // nonconvex quadratic objectives and constraints (NonConvex 2)
+  bool quadratic_mip = false;    // quadratic objective together with integers or quadratic rows
+  bool lazy_in_search = false;   // lazy rows join the running search (no restart)
+  bool user_cuts = false;        // cuts from MIPNODE callbacks
+  bool node_relaxation = false;  // MIPNODE callbacks with the node relaxation
+  bool duals = false;            // duals, basis, sensitivity ranges, certificates
+  bool solution_pool = true;     // several solutions kept from one search
+};
+
 // What an engine is asked to solve, with the optional warm-start information. Vectors are empty
 // when the information is absent; starts use KVR_UNDEFINED for "no value".
 struct EngineProblem {
@@ -121,7 +137,11 @@ struct SolveContext {
   std::vector<int> pass_objectives;
   int stop_objective = -1;
 
+  // What the engine of this solve takes natively (callbacks check cuts and node queries here).
+  EngineCapabilities caps;
+
   // Requests from the callback.
+  std::vector<LinRow> cuts;    // user cuts waiting to be handed to the engine
   std::vector<LinRow> lazy;    // every lazy constraint added so far (user indices)
   size_t lazy_in_engine = 0;   // lazy[0 .. lazy_in_engine) are rows of the engine model
   bool lazy_violated = false;  // the current incumbent violates a new lazy constraint
@@ -180,6 +200,11 @@ class Engine {
  public:
   virtual ~Engine() = default;
   virtual const char *name() const = 0;
+  virtual EngineCapabilities capabilities() const {
+    EngineCapabilities c;
+    c.duals = true;
+    return c;
+  }
   // Solves the problem. Throws kvr::Error for models it cannot take (NOT_SUPPORTED, Q_NOT_PSD).
   virtual EngineResult solve(const EngineProblem &problem, const ParamValues &params,
                              SolveContext &ctx) = 0;

@@ -18,6 +18,7 @@
 #include "attrs/attrs.h"
 #include "engine/engine.h"
 #include "engine/outer_approx.h"
+#include "engine/registry.h"
 #include "engine/solve.h"
 #include "model/model.h"
 #include "reform/reform.h"
@@ -450,7 +451,7 @@ SignalScope::SignalScope(kvr_model *model) {
   }
   if (slot_ < 0) return;
   if (g_signal_users++ == 0) {
-    struct sigaction action{};
+    struct sigaction action {};
     action.sa_handler = on_interrupt_signal;
     sigemptyset(&action.sa_mask);
     sigaction(SIGINT, &action, &g_previous_action);
@@ -506,7 +507,7 @@ void check_nodefile_settings(kvr_env &env) {
   double start = env.params.get_dbl(ParamId::NodefileStart);
   if (start >= KVR_INFINITY) return;
   const std::string &dir = env.params.get_str(ParamId::NodefileDir);
-  struct stat st{};
+  struct stat st {};
   if (dir.empty())
     fail(KVR_ERROR_NODEFILE, "NodefileDir is empty; with NodefileStart %g it must name a directory",
          start);
@@ -547,14 +548,17 @@ std::string range_text(double lo, double hi) {
   return format("[%.0e, %.0e]", lo, hi);
 }
 
-void log_header(const kvr_model *model, const ModelData &m, int threads) {
+void log_header(const kvr_model *model, const ModelData &m, int threads,
+                const EngineChoice &choice) {
   const kvr_env &env = model->env;
   kvr_env &out = const_cast<kvr_env &>(env);
   unsigned hw = std::thread::hardware_concurrency();
   std::string thread_text = threads > 0 ? format("%d threads", threads)
                                         : format("threads chosen by the engine (%u available)", hw);
-  out.logf("Kaviro %d.%d.%d, engine HiGHS %s, %s\n", KVR_VERSION_MAJOR, KVR_VERSION_MINOR,
-           KVR_VERSION_TECHNICAL, highs_version().c_str(), thread_text.c_str());
+  out.logf("Kaviro %d.%d.%d, engine %s %s, %s\n", KVR_VERSION_MAJOR, KVR_VERSION_MINOR,
+           KVR_VERSION_TECHNICAL, choice.entry->name, choice.entry->version().c_str(),
+           thread_text.c_str());
+  out.logf("Engine %s: %s\n", choice.entry->name, choice.reason.c_str());
   std::string name = m.name.empty() ? std::string("(unnamed)") : "'" + m.name + "'";
   out.logf("Model %s: %d rows, %d columns, %lld nonzeros, %s\n", name.c_str(), m.num_constrs(),
            m.num_vars(), static_cast<long long>(m.constrs.rows.nnz()),
@@ -621,13 +625,19 @@ void optimize(kvr_model *model) {
 
   // With output off the header and summary would be formatted only to be dropped.
   const bool output = model->env.output_on();
-  if (output) log_header(model, model->data, params.get_int(ParamId::Threads));
-  Reformulated rf = reformulate(model->data, params);
+  const EngineChoice choice = choose_engine(model->data, params, ctx.has_callback());
+  const EngineCapabilities &caps = choice.entry->caps;
+  ctx.caps = caps;
+  if (output) log_header(model, model->data, params.get_int(ParamId::Threads), choice);
+  Reformulated rf = reformulate(model->data, params, caps);
   if (rf.changed)
     model->env.logf("Rewritten for the engine: %d rows, %d columns\n", rf.model().num_constrs(),
                     rf.model().num_vars());
-  check_convex_objective(rf.model(), params);
-  if (rf.model().qconstrs.size() > 0) {
+  const bool global = caps.nonconvex && params.get_int(ParamId::NonConvex) == 2;
+  if (!global) check_convex_objective(rf.model(), params);
+  if (rf.model().qconstrs.size() > 0 && !global && caps.convex_qcons) {
+    OuterApprox check(rf.model(), params);  // fails here for a nonconvex one
+  } else if (rf.model().qconstrs.size() > 0 && !global) {
     OuterApprox oa(rf.model(), params);  // fails here, before any solve, for a nonconvex one
     int cones, balls, general;
     oa.counts(cones, balls, general);
@@ -649,7 +659,7 @@ void optimize(kvr_model *model) {
     model->env.log(
         "Concurrent environments are not used: the engine runs one method at a time with the "
         "model's own parameters\n");
-  std::unique_ptr<Engine> engine = make_highs_engine();
+  std::unique_ptr<Engine> engine = choice.entry->make();
   Solution sol;
   if (ctx.memory_stop == StopReason::SoftMemory) {
     sol.status = KVR_MEM_LIMIT;

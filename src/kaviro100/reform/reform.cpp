@@ -17,8 +17,15 @@ bool is_function_type(int type) {
   return type >= KVR_GENCONSTR_POLY && type <= KVR_GENCONSTR_LOGISTIC;
 }
 
-bool needs_rewriting(const ModelData &m) {
-  if (m.sos.size() > 0 || m.gens.size() > 0 || !m.pwlobj.empty()) return true;
+// Whether the engine takes general constraint i as it is.
+bool native_gen(const GenConstr &g, const EngineCapabilities &caps) {
+  return g.type == KVR_GENCONSTR_INDICATOR && caps.indicator;
+}
+
+bool needs_rewriting(const ModelData &m, const EngineCapabilities &caps) {
+  if ((m.sos.size() > 0 && !caps.sos) || !m.pwlobj.empty()) return true;
+  for (const GenConstr &g : m.gens.items)
+    if (!native_gen(g, caps)) return true;
   for (char t : m.vars.vtype)
     if (t == KVR_SEMICONT || t == KVR_SEMIINT) return true;
   return false;
@@ -77,7 +84,9 @@ void check_references(const ModelData &m) {
 // The engine's QP method takes neither integers nor quadratic rows: a quadratic objective then
 // becomes min c'x + t with the convex constraint t >= x'Qx (maximization: max c'x - t with
 // t >= -x'Qx).
-void move_objective_to_epigraph(Reformulated &r, const ParamValues &params) {
+void move_objective_to_epigraph(Reformulated &r, const ParamValues &params,
+                                const EngineCapabilities &caps) {
+  if (caps.quadratic_mip) return;
   const ModelData &given = r.model();
   if (given.q.size() == 0 || (!given.is_mip() && given.qconstrs.size() == 0)) return;
   check_convex_objective(given, params);
@@ -106,15 +115,18 @@ void move_objective_to_epigraph(Reformulated &r, const ParamValues &params) {
 
 }  // namespace
 
-Reformulated reformulate(const ModelData &user, const ParamValues &params) {
+Reformulated reformulate(const ModelData &user, const ParamValues &params,
+                         const EngineCapabilities &caps) {
   Reformulated r(&user);
   r.user_vars = user.num_vars();
   r.user_constrs = user.num_constrs();
-  if (!needs_rewriting(user)) {
-    move_objective_to_epigraph(r, params);
+  if (user.sos.size() > 0 || user.gens.size() > 0) check_references(user);
+  for (int i = 0; i < user.gens.size(); ++i)
+    if (native_gen(user.gens.items[i], caps)) reform::check_indicator(user, i);
+  if (!needs_rewriting(user, caps)) {
+    move_objective_to_epigraph(r, params, caps);
     return r;
   }
-  check_references(user);
 
   r.changed = true;
   reform::Builder b(r.own(), user);
@@ -135,18 +147,26 @@ Reformulated reformulate(const ModelData &user, const ParamValues &params) {
   if (functions) reform::propagate_bounds(b, 4);
   reform::rewrite_semicontinuous(b);
   reform::rewrite_pwl_objectives(b, params);
-  reform::rewrite_sos(b, params);
+  if (!caps.sos) reform::rewrite_sos(b, params);
   for (int i = 0; i < user.gens.size(); ++i) {
     int type = user.gens.items[i].type;
-    if (type != KVR_GENCONSTR_PWL && !is_function_type(type)) reform::rewrite_logical(b, i, params);
+    if (type != KVR_GENCONSTR_PWL && !is_function_type(type) &&
+        !native_gen(user.gens.items[i], caps))
+      reform::rewrite_logical(b, i, params);
   }
 
-  // What is left is a plain model.
+  // What is left is what the engine takes: a plain model plus its native constructs.
   ModelData &m = r.own();
-  m.sos = SosData{};
-  m.gens = GenConstrData{};
+  if (!caps.sos) m.sos = SosData{};
+  GenConstrData kept;
+  for (int i = 0; i < user.gens.size(); ++i)
+    if (native_gen(user.gens.items[i], caps)) {
+      kept.items.push_back(user.gens.items[i]);
+      kept.names.push_back(std::string(user.gens.names.get(static_cast<size_t>(i))));
+    }
+  m.gens = std::move(kept);
   m.pwlobj.clear();
-  move_objective_to_epigraph(r, params);
+  move_objective_to_epigraph(r, params, caps);
   return r;
 }
 
