@@ -280,13 +280,13 @@ Retcode on_sepalp(Scip *s, Conshdlr *hdlr, Cons **, int, int, int *result) {
       Row *row = nullptr;
       double lhs, rhs;
       run->bounds_of(cut, lhs, rhs);
-      Retcode rc = a.SCIPcreateEmptyRowConshdlr(s, &row, hdlr, "usercut", lhs, rhs, 0, 0, 1);
+      Retcode rc = a.SCIPcreateEmptyRowConshdlr(s, &row, hdlr, "usercut", lhs, rhs, 0, 0, 0);
       if (rc != kOkay) return rc;
       std::vector<Var *> v = run->row_vars(cut);
       std::vector<double> val = cut.val;
       rc = a.SCIPaddVarsToRow(s, row, static_cast<int>(v.size()), v.data(), val.data());
       Bool infeasible = 0;
-      if (rc == kOkay) rc = a.SCIPaddRow(s, row, 0, &infeasible);
+      if (rc == kOkay) rc = a.SCIPaddRow(s, row, 1, &infeasible);
       a.SCIPreleaseRow(s, &row);
       if (rc != kOkay) return rc;
       *result = infeasible ? kCutoff : kSeparated;
@@ -550,6 +550,8 @@ void ScipEngine::set_params(ScipRun &run, const ParamValues &p) {
     check(a.SCIPsetPresolving(s, kSettingOff, 1), "presolving");
   if (p.get_dbl(ParamId::Heuristics) == 0.0)
     check(a.SCIPsetHeuristics(s, kSettingOff, 1), "heuristics");
+  if (p.get_int(ParamId::Symmetry) == 0)
+    check(a.SCIPsetIntParam(s, "misc/usesymmetry", 0), "misc/usesymmetry");
   double cutoff = p.get_dbl(ParamId::Cutoff);
   if (std::fabs(cutoff) < KVR_INFINITY) check(a.SCIPsetObjlimit(s, cutoff), "the cutoff");
   for (const auto &[name, value] : engine_options()) {
