@@ -676,7 +676,8 @@ void optimize(kvr_model *model) {
     if (ctx.is_mip) queue_extra_starts(model, rf, ctx);
     EngineResult r = engine->solve(problem, params, ctx);
     PolishFunction polish;
-    if (rf.changed && ctx.is_mip)
+    // Polishing re-solves the linear part only: not for models that keep SOS or indicators.
+    if (rf.changed && ctx.is_mip && rf.model().sos.size() == 0 && rf.model().gens.size() == 0)
       polish = [&](std::vector<double> &x) {
         return polish_mip_solution(rf.model(), *engine, ctx, x);
       };
