@@ -555,6 +555,7 @@ void log_header(const kvr_model *model, const ModelData &m, int threads,
   unsigned hw = std::thread::hardware_concurrency();
   std::string thread_text = threads > 0 ? format("%d threads", threads)
                                         : format("threads chosen by the engine (%u available)", hw);
+  if (std::strcmp(choice.entry->name, "SCIP") == 0) thread_text = "one thread";
   out.logf("Kaviro %d.%d.%d, engine %s %s, %s\n", KVR_VERSION_MAJOR, KVR_VERSION_MINOR,
            KVR_VERSION_TECHNICAL, choice.entry->name, choice.entry->version().c_str(),
            thread_text.c_str());
