@@ -610,12 +610,16 @@ void optimize(kvr_model *model) {
     fail(KVR_ERROR_OPTIMIZATION_IN_PROGRESS, "The model is being optimized already");
   update_model(model);
   check_remote_settings(&model->env);
-  check_solvable(model->data);
+  const ParamValues &params = model->env.params;
+  const EngineChoice choice = choose_engine(model->data, params, model->callback != nullptr);
+  const EngineCapabilities &caps = choice.entry->caps;
+  // Spatial branch and bound takes quadratic equalities too.
+  const bool global = caps.nonconvex && params.get_int(ParamId::NonConvex) == 2;
+  if (!global) check_solvable(model->data);
   OptimizingFlag flag(model);
   SignalScope signals(model);
   model->env.sync_logfile();
 
-  const ParamValues &params = model->env.params;
   SolveContext ctx;
   ctx.model = model;
   ctx.env = &model->env;
@@ -626,15 +630,12 @@ void optimize(kvr_model *model) {
 
   // With output off the header and summary would be formatted only to be dropped.
   const bool output = model->env.output_on();
-  const EngineChoice choice = choose_engine(model->data, params, ctx.has_callback());
-  const EngineCapabilities &caps = choice.entry->caps;
   ctx.caps = caps;
   if (output) log_header(model, model->data, params.get_int(ParamId::Threads), choice);
   Reformulated rf = reformulate(model->data, params, caps);
   if (rf.changed)
     model->env.logf("Rewritten for the engine: %d rows, %d columns\n", rf.model().num_constrs(),
                     rf.model().num_vars());
-  const bool global = caps.nonconvex && params.get_int(ParamId::NonConvex) == 2;
   if (!global) check_convex_objective(rf.model(), params);
   if (rf.model().qconstrs.size() > 0 && !global && caps.convex_qcons) {
     OuterApprox check(rf.model(), params);  // fails here for a nonconvex one
