@@ -102,3 +102,37 @@ def test_shared_instances(env, engine, name):
     m.optimize()
     assert m.Status == KVR.OPTIMAL and m.ObjVal == pytest.approx(expected, rel=1e-6)
     m.dispose()
+
+
+def test_terminate_and_interrupt_signal_stop_the_search(env, engine):
+    import os
+    import signal
+    import threading
+    for stop in ("terminate", "signal"):
+        m = kp.read(str(INSTANCES / "dcmulti.mps"), env=env)
+        act = m.terminate if stop == "terminate" else (
+            lambda: os.kill(os.getpid(), signal.SIGINT))
+        timer = threading.Timer(0.3, act)
+        timer.start()
+        m.optimize()  # the library handles the signal: no KeyboardInterrupt here
+        timer.join()
+        assert m.Status == KVR.INTERRUPTED and m.Runtime < 5, stop
+        assert signal.getsignal(signal.SIGINT) is signal.default_int_handler
+        m.dispose()
+
+
+def test_a_raising_callback_does_not_stop_the_solve(m, engine, monkeypatch):
+    x = [m.addVar(vtype=KVR.BINARY) for _ in range(10)]
+    m.addConstr(kp.quicksum((j % 4 + 2) * x[j] for j in range(10)) <= 13)
+    m.setObjective(kp.quicksum((j % 6 + 1) * x[j] for j in range(10)), KVR.MAXIMIZE)
+    m.Params.LazyConstraints = 1
+    reports = []
+    monkeypatch.setattr("sys.unraisablehook", lambda info: reports.append(
+        (type(info.exc_value), str(info.exc_value))))
+
+    def cb(model, where):
+        if where == KVR.Callback.MIPSOL:
+            raise ValueError("boom")
+
+    m.optimize(cb)
+    assert m.Status == KVR.OPTIMAL and reports and reports[0] == (ValueError, "boom")

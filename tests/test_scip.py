@@ -203,6 +203,9 @@ def test_user_cuts_enter_the_node_relaxation(m, monkeypatch):
             return
         assert model.cbGet(CB.MIPNODE_STATUS) == KVR.OPTIMAL
         assert model.cbGet(CB.MIPNODE_NODCNT) >= 0
+        with pytest.raises(kp.KaviroError) as err:
+            model.cbGet(CB.MIPNODE_BRVAR)  # SCIP does not tell the branching variable here
+        assert err.value.errno == KVR.ERROR_DATA_NOT_AVAILABLE
         rel = model.cbGetNodeRel(x)
         if not cut_given:
             with pytest.raises(kp.KaviroError) as err:
