@@ -78,6 +78,13 @@ def test_limits_and_pool(m, engine):
     assert m.Status == KVR.OPTIMAL and m.SolCount >= 1
     objs = [m.getAttr("PoolObjVal") for _ in range(1)]
     assert objs[0] == pytest.approx(m.ObjVal)
+    best = m.ObjVal
+    m.Params.Cutoff = best + 1
+    m.optimize()
+    assert m.Status == KVR.CUTOFF and m.SolCount == 0
+    m.Params.Cutoff = best - 1
+    m.optimize()
+    assert m.Status == KVR.OPTIMAL and m.ObjVal == pytest.approx(best)
     m.Params.TimeLimit = 0
     m.optimize()
     assert m.Status == KVR.TIME_LIMIT

@@ -94,6 +94,10 @@ Loaded load() {
   if (!a.name) missing += (missing.empty() ? "" : ", ") + std::string(#name);
   KVR_SCIP_FUNCTIONS(KVR_SCIP_RESOLVE)
 #undef KVR_SCIP_RESOLVE
+#define KVR_SCIP_RESOLVE_OPTIONAL(name, type) \
+  a.name = reinterpret_cast<type>(::dlsym(handle, #name));
+  KVR_SCIP_OPTIONAL_FUNCTIONS(KVR_SCIP_RESOLVE_OPTIONAL)
+#undef KVR_SCIP_RESOLVE_OPTIONAL
   if (!missing.empty()) {
     out.error = "the SCIP library " + path + " lacks " + missing;
     ::dlclose(handle);

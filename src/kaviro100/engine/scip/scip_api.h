@@ -171,10 +171,19 @@ using MessageFree = Retcode (*)(Messagehdlr *);
   X(SCIPsetSolVal, Retcode (*)(Scip *, Sol *, Var *, double))                                      \
   X(SCIPtrySolFree, Retcode (*)(Scip *, Sol **, Bool, Bool, Bool, Bool, Bool, Bool *))
 
+using ErrorPrinting = void (*)(void *, FILE *, const char *);
+
+// Functions used when present (nullptr otherwise).
+#define KVR_SCIP_OPTIONAL_FUNCTIONS(X)                            \
+  X(SCIPmessageSetErrorPrinting, void (*)(ErrorPrinting, void *)) \
+  X(SCIPvarGetLbGlobal, double (*)(Var *))                        \
+  X(SCIPvarGetUbGlobal, double (*)(Var *))
+
 // The resolved functions.
 struct Api {
 #define KVR_SCIP_MEMBER(name, type) std::type_identity_t<type> name = nullptr;
   KVR_SCIP_FUNCTIONS(KVR_SCIP_MEMBER)
+  KVR_SCIP_OPTIONAL_FUNCTIONS(KVR_SCIP_MEMBER)
 #undef KVR_SCIP_MEMBER
   std::string version;  // "10.0.2"
   std::string path;     // the library loaded

@@ -109,6 +109,10 @@ void on_message(Messagehdlr *, FILE *, const char *msg) {
   }
 }
 
+// SCIP's error messages (printed apart from its message handler) go to the log of the solve
+// running on this thread, and nowhere outside one.
+void on_error(void *, FILE *, const char *msg) { on_message(nullptr, nullptr, msg); }
+
 // ---------------------------------------------------------------- callbacks
 
 void note_progress(ScipRun &run) {
@@ -130,9 +134,15 @@ void offer_user_solutions(ScipRun &run) {
     Sol *sol = nullptr;
     if (a.SCIPcreateSol(run.scip, &sol, nullptr) != kOkay) continue;
     x.resize(run.vars.size(), KVR_UNDEFINED);
-    for (size_t j = 0; j < run.vars.size(); ++j)
-      if (x[j] != KVR_UNDEFINED)
-        a.SCIPsetSolVal(run.scip, sol, run.active(static_cast<int>(j)), x[j]);
+    for (size_t j = 0; j < run.vars.size(); ++j) {
+      if (x[j] == KVR_UNDEFINED) continue;
+      Var *v = run.active(static_cast<int>(j));
+      // Presolve may have fixed v; SCIP refuses another value for it (the check decides then).
+      if (a.SCIPvarGetLbGlobal && a.SCIPvarGetUbGlobal &&
+          a.SCIPvarGetLbGlobal(v) == a.SCIPvarGetUbGlobal(v))
+        continue;
+      a.SCIPsetSolVal(run.scip, sol, v, x[j]);
+    }
     const QuadTerms &q = run.m.q;
     bool q_defined = true;
     for (size_t k = 0; k < q.size(); ++k)
@@ -552,8 +562,6 @@ void ScipEngine::set_params(ScipRun &run, const ParamValues &p) {
     check(a.SCIPsetHeuristics(s, kSettingOff, 1), "heuristics");
   if (p.get_int(ParamId::Symmetry) == 0)
     check(a.SCIPsetIntParam(s, "misc/usesymmetry", 0), "misc/usesymmetry");
-  double cutoff = p.get_dbl(ParamId::Cutoff);
-  if (std::fabs(cutoff) < KVR_INFINITY) check(a.SCIPsetObjlimit(s, cutoff), "the cutoff");
   for (const auto &[name, value] : engine_options()) {
     if (name.find('/') == std::string::npos) continue;  // another engine's option
     if (!set_any_param(a, s, name, value))
@@ -586,6 +594,7 @@ struct Instance {
 EngineResult ScipEngine::solve(const EngineProblem &problem, const ParamValues &params,
                                SolveContext &ctx) {
   const Api &a = api();
+  if (a.SCIPmessageSetErrorPrinting) a.SCIPmessageSetErrorPrinting(on_error, nullptr);
   const ModelData &m = *problem.model;
   const bool mip = m.is_mip() || m.sos.size() > 0 || m.gens.size() > 0;
   ScipRun run(a, ctx, m);
@@ -617,6 +626,8 @@ EngineResult ScipEngine::solve(const EngineProblem &problem, const ParamValues &
   }
   set_params(run, params);
   pass_model(run);
+  const double cutoff = params.get_dbl(ParamId::Cutoff);
+  if (std::fabs(cutoff) < KVR_INFINITY) check(a.SCIPsetObjlimit(run.scip, cutoff), "the cutoff");
 
   if (mip && !problem.mip_start.empty())
     ctx.user_solutions.insert(ctx.user_solutions.begin(), problem.mip_start);
@@ -657,7 +668,11 @@ EngineResult ScipEngine::solve(const EngineProblem &problem, const ParamValues &
       nsols > 0 || r.status == KVR_OPTIMAL ? run.from_scip(a.SCIPgetDualbound(run.scip)) : kNaN;
   if (r.status == KVR_INFEASIBLE || r.status == KVR_UNBOUNDED || r.status == KVR_INF_OR_UNBD)
     r.objbound = kNaN;
-  if (nsols > 0) {
+  // With a cutoff SCIP reports "infeasible" when nothing beats it, as the library's CUTOFF.
+  if (std::fabs(cutoff) < KVR_INFINITY && r.status == KVR_INFEASIBLE) r.status = KVR_CUTOFF;
+  const bool decided_without_x = r.status == KVR_CUTOFF || r.status == KVR_INFEASIBLE ||
+                                 r.status == KVR_UNBOUNDED || r.status == KVR_INF_OR_UNBD;
+  if (nsols > 0 && !decided_without_x) {
     Sol **sols = a.SCIPgetSols(run.scip);
     for (int k = 0; k < nsols; ++k) r.found_x.push_back(run.values(sols[k]));
     r.x = r.found_x.front();
