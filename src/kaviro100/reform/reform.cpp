@@ -1,6 +1,7 @@
 #include "reform/reform.h"
 
 #include <cmath>
+#include <iterator>
 
 #include "engine/engine.h"
 #include "reform/internal.h"
@@ -17,19 +18,82 @@ bool is_function_type(int type) {
   return type >= KVR_GENCONSTR_POLY && type <= KVR_GENCONSTR_LOGISTIC;
 }
 
-// Whether the engine takes general constraint i as it is.
+// Whether the engine takes general constraint g as it is.
 bool native_gen(const GenConstr &g, const EngineCapabilities &caps) {
   return g.type == KVR_GENCONSTR_INDICATOR && caps.indicator;
 }
 
-bool needs_rewriting(const ModelData &m, const EngineCapabilities &caps) {
-  if ((m.sos.size() > 0 && !caps.sos) || !m.pwlobj.empty()) return true;
-  for (const GenConstr &g : m.gens.items)
-    if (!native_gen(g, caps)) return true;
-  for (char t : m.vars.vtype)
+bool is_approximated(int type) { return type == KVR_GENCONSTR_PWL || is_function_type(type); }
+
+// One rewrite of the model: when the engine needs it (from the user's model and the engine's
+// capabilities) and what it adds. Every step appends variables and rows after the user's, so
+// results map back by truncation.
+struct RewriteStep {
+  bool (*needed)(const ModelData &user, const EngineCapabilities &caps);
+  void (*apply)(reform::Builder &b, const ParamValues &params, const EngineCapabilities &caps);
+};
+
+bool has_approximated(const ModelData &u, const EngineCapabilities &) {
+  for (const GenConstr &g : u.gens.items)
+    if (is_approximated(g.type)) return true;
+  return false;
+}
+
+// Function and PWL constraints come first: their approximations bound y, which later big-M
+// values may need.
+void approximate(reform::Builder &b, const ParamValues &params, const EngineCapabilities &) {
+  const ModelData &u = b.user();
+  for (int i = 0; i < u.gens.size(); ++i) {
+    int type = u.gens.items[i].type;
+    if (type == KVR_GENCONSTR_PWL)
+      reform::rewrite_pwl_constraint(b, i, params);
+    else if (is_function_type(type))
+      reform::rewrite_function(b, i, params);
+  }
+  reform::propagate_bounds(b, 4);
+}
+
+bool has_semicontinuous(const ModelData &u, const EngineCapabilities &caps) {
+  if (caps.semicontinuous) return false;
+  for (char t : u.vars.vtype)
     if (t == KVR_SEMICONT || t == KVR_SEMIINT) return true;
   return false;
 }
+
+bool has_pwl_objectives(const ModelData &u, const EngineCapabilities &) {
+  return !u.pwlobj.empty();
+}
+
+bool has_foreign_sos(const ModelData &u, const EngineCapabilities &caps) {
+  return u.sos.size() > 0 && !caps.sos;
+}
+
+bool has_foreign_logical(const ModelData &u, const EngineCapabilities &caps) {
+  for (const GenConstr &g : u.gens.items)
+    if (!is_approximated(g.type) && !native_gen(g, caps)) return true;
+  return false;
+}
+
+void rewrite_logical(reform::Builder &b, const ParamValues &params,
+                     const EngineCapabilities &caps) {
+  const ModelData &u = b.user();
+  for (int i = 0; i < u.gens.size(); ++i)
+    if (!is_approximated(u.gens.items[i].type) && !native_gen(u.gens.items[i], caps))
+      reform::rewrite_logical(b, i, params);
+}
+
+const RewriteStep kSteps[] = {
+    {has_approximated, approximate},
+    {has_semicontinuous, [](reform::Builder &b, const ParamValues &,
+                            const EngineCapabilities &) { reform::rewrite_semicontinuous(b); }},
+    {has_pwl_objectives,
+     [](reform::Builder &b, const ParamValues &params, const EngineCapabilities &) {
+       reform::rewrite_pwl_objectives(b, params);
+     }},
+    {has_foreign_sos, [](reform::Builder &b, const ParamValues &params,
+                         const EngineCapabilities &) { reform::rewrite_sos(b, params); }},
+    {has_foreign_logical, rewrite_logical},
+};
 
 // Every reference must name an existing variable before anything is built.
 void check_references(const ModelData &m) {
@@ -123,7 +187,10 @@ Reformulated reformulate(const ModelData &user, const ParamValues &params,
   if (user.sos.size() > 0 || user.gens.size() > 0) check_references(user);
   for (int i = 0; i < user.gens.size(); ++i)
     if (native_gen(user.gens.items[i], caps)) reform::check_indicator(user, i);
-  if (!needs_rewriting(user, caps)) {
+  bool needed[std::size(kSteps)];
+  bool any = false;
+  for (size_t k = 0; k < std::size(kSteps); ++k) any |= needed[k] = kSteps[k].needed(user, caps);
+  if (!any) {
     move_objective_to_epigraph(r, params, caps);
     return r;
   }
@@ -131,29 +198,8 @@ Reformulated reformulate(const ModelData &user, const ParamValues &params,
   r.changed = true;
   reform::Builder b(r.own(), user);
   reform::propagate_bounds(b, 8);
-  // Function and PWL constraints first: their approximations bound y, which later big-M values
-  // may need.
-  bool functions = false;
-  for (int i = 0; i < user.gens.size(); ++i) {
-    int type = user.gens.items[i].type;
-    if (type == KVR_GENCONSTR_PWL)
-      reform::rewrite_pwl_constraint(b, i, params);
-    else if (is_function_type(type))
-      reform::rewrite_function(b, i, params);
-    else
-      continue;
-    functions = true;
-  }
-  if (functions) reform::propagate_bounds(b, 4);
-  reform::rewrite_semicontinuous(b);
-  reform::rewrite_pwl_objectives(b, params);
-  if (!caps.sos) reform::rewrite_sos(b, params);
-  for (int i = 0; i < user.gens.size(); ++i) {
-    int type = user.gens.items[i].type;
-    if (type != KVR_GENCONSTR_PWL && !is_function_type(type) &&
-        !native_gen(user.gens.items[i], caps))
-      reform::rewrite_logical(b, i, params);
-  }
+  for (size_t k = 0; k < std::size(kSteps); ++k)
+    if (needed[k]) kSteps[k].apply(b, params, caps);
 
   // What is left is what the engine takes: a plain model plus its native constructs.
   ModelData &m = r.own();
