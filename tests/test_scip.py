@@ -256,8 +256,11 @@ def test_sos2_and_indicator_constraints_stay_native(m, monkeypatch, tmp_path):
     z = m.addVar(vtype=KVR.BINARY)
     m.addGenConstrIndicator(z, True, xv <= 1)
     m.setObjective(yv - 0.5 * xv + 1.5 * z, KVR.MAXIMIZE)
+    m.Params.Method = 1
+    m.Params.Threads = 2
     log = logged(m, tmp_path)
     m.optimize()
+    assert "Not applied by engine SCIP: Method, Threads" in log()
     assert m.Status == KVR.OPTIMAL
     # z = 1: x = 1, y = 3 -> 3 - 0.5 + 1.5 = 4; z = 0: x = 2, y = 4 -> 3.
     assert m.ObjVal == pytest.approx(4.0, abs=1e-5) and z.X == pytest.approx(1)

@@ -560,6 +560,7 @@ void log_header(const kvr_model *model, const ModelData &m, int threads,
            KVR_VERSION_TECHNICAL, choice.entry->name, choice.entry->version().c_str(),
            thread_text.c_str());
   out.logf("Engine %s: %s\n", choice.entry->name, choice.reason.c_str());
+  out.log(unapplied_settings(*choice.entry, model->env.params));
   std::string name = m.name.empty() ? std::string("(unnamed)") : "'" + m.name + "'";
   out.logf("Model %s: %d rows, %d columns, %lld nonzeros, %s\n", name.c_str(), m.num_constrs(),
            m.num_vars(), static_cast<long long>(m.constrs.rows.nnz()),

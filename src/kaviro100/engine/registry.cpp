@@ -63,8 +63,14 @@ const std::vector<EngineEntry> &engines() {
   static const std::vector<EngineEntry> list = {
       {"HiGHS", highs_caps(), [] { return highs_version(); }, [] { return std::string(); },
        [] { return make_highs_engine(); }},
-      {"SCIP", scip_caps(), scip_version, scip::unavailable_reason,
-       [] { return make_scip_engine(); }},
+      {"SCIP",
+       scip_caps(),
+       scip_version,
+       scip::unavailable_reason,
+       [] { return make_scip_engine(); },
+       {ParamId::Method, ParamId::IntFeasTol, ParamId::BarConvTol, ParamId::BarIterLimit,
+        ParamId::Crossover, ParamId::ScaleFlag, ParamId::Threads, ParamId::DisplayInterval,
+        ParamId::QCPDual}},
   };
   return list;
 }
@@ -80,6 +86,15 @@ std::vector<std::pair<std::string, std::string>> engine_options() {
   auto out = all_options();
   std::erase_if(out, [](const auto &item) { return item.first == "engine"; });
   return out;
+}
+
+std::string unapplied_settings(const EngineEntry &engine, const ParamValues &params) {
+  std::string names;
+  for (ParamId id : engine.not_applied)
+    if (!params.is_default(id))
+      names += std::string(names.empty() ? "" : ", ") + param_def(id).name;
+  if (names.empty()) return "";
+  return std::string("Not applied by engine ") + engine.name + ": " + names + "\n";
 }
 
 bool quadratics_convex(const ModelData &m, const ParamValues &params) {

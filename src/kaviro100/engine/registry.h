@@ -15,6 +15,8 @@ struct EngineEntry {
   std::string (*version)();      // "" when not loaded
   std::string (*unavailable)();  // "" when the engine can be used, else why not
   std::unique_ptr<Engine> (*make)();
+  // Parameters this engine leaves alone although the library has a meaning for them.
+  std::vector<ParamId> not_applied;
 };
 
 // Every engine the library knows, HiGHS first.
@@ -35,6 +37,10 @@ struct EngineChoice {
 // search). Fails with INVALID_ARGUMENT for an unknown name and NOT_SUPPORTED when the named
 // engine cannot be loaded.
 EngineChoice choose_engine(const ModelData &m, const ParamValues &params, bool has_callback);
+
+// The log line naming the parameters set away from their defaults that the chosen engine does not
+// apply ("" when there are none).
+std::string unapplied_settings(const EngineEntry &engine, const ParamValues &params);
 
 // Whether the quadratic parts of m (objective and constraints) are convex within PSDTol.
 bool quadratics_convex(const ModelData &m, const ParamValues &params);
