@@ -85,6 +85,11 @@ def test_limits_and_pool(m, engine):
     m.Params.Cutoff = best - 1
     m.optimize()
     assert m.Status == KVR.OPTIMAL and m.ObjVal == pytest.approx(best)
+    m.Params.Cutoff = KVR.INFINITY * -1
+    m.Params.BestObjStop = 1  # the first solution that is not empty stops the search
+    m.optimize()
+    assert m.Status == KVR.USER_OBJ_LIMIT and m.ObjVal >= 1
+    m.Params.BestObjStop = KVR.INFINITY
     m.Params.TimeLimit = 0
     m.optimize()
     assert m.Status == KVR.TIME_LIMIT

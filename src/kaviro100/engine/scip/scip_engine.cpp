@@ -66,8 +66,11 @@ struct ScipRun {
   double row_tolerance(const LinRow &row) const {
     return ctx.params->get_dbl(ParamId::FeasibilityTol) * std::max(1.0, std::fabs(row.rhs));
   }
+  // Objective of the incumbent (NaN without one). The primal bound lags behind inside the event
+  // of a new incumbent; the best solution does not.
   double best_objective() const {
-    return a.SCIPgetNSols(scip) > 0 ? from_scip(a.SCIPgetPrimalbound(scip)) : kNaN;
+    Sol *best = a.SCIPgetNSols(scip) > 0 ? a.SCIPgetBestSol(scip) : nullptr;
+    return best ? a.SCIPgetSolOrigObj(scip, best) : kNaN;
   }
   void bounds_of(const LinRow &row, double &lhs, double &rhs) const {
     lhs = row.sense == KVR_LESS_EQUAL ? -infinity : row.rhs;
