@@ -175,6 +175,29 @@ def test_tsp_lazy_subtours_join_the_search_without_restarts(monkeypatch, tmp_pat
     assert length == pytest.approx(length_h, rel=1e-6)
 
 
+def test_lazy_constraints_hold_against_presolve_reductions(m, monkeypatch):
+    # Without rows every variable would be fixed at its better bound by presolve; the lazy
+    # constraint given at the first candidate must still be able to cut that point off.
+    use(monkeypatch, "scip")
+    x = [m.addVar(vtype=KVR.BINARY) for _ in range(3)]
+    m.setObjective(-x[0] - 2 * x[1] - 3 * x[2])
+    m.Params.LazyConstraints = 1
+    m.Params.OutputFlag = 0
+    shown = []
+
+    def cb(model, where):
+        if where == CB.MIPSOL:
+            v = model.cbGetSolution(x)
+            shown.append(v)
+            if sum(v) > 1.5:
+                model.cbLazy(x[0] + x[1] + x[2] <= 1)
+
+    m.optimize(cb)
+    assert m.Status == KVR.OPTIMAL and m.ObjVal == pytest.approx(-3)
+    assert [v.X for v in x] == pytest.approx([0, 0, 1])
+    assert len(shown) >= 1
+
+
 def test_user_cuts_enter_the_node_relaxation(m, monkeypatch):
     # A cut is trusted as valid and joins the relaxation. To see that it did, the callback adds one
     # that is not valid, x4 + x5 <= 0, at the first node whose relaxation violates it: with
