@@ -216,6 +216,9 @@ def test_user_cuts_enter_the_node_relaxation(m, monkeypatch):
 
     def cb(model, where):
         seen.add(where)
+        if where == CB.MIP:
+            assert min(model.cbGet(CB.MIP_NODCNT), model.cbGet(CB.MIP_NODLFT),
+                       model.cbGet(CB.MIP_CUTCNT), model.cbGet(CB.MIP_ITRCNT)) >= 0
         if where == CB.MIPSOL:
             vals = model.cbGetSolution(x)
             assert model.cbGet(CB.MIPSOL_OBJ) == pytest.approx(
@@ -241,7 +244,7 @@ def test_user_cuts_enter_the_node_relaxation(m, monkeypatch):
             cut_given.append(rel)
 
     m.optimize(cb)
-    assert cut_given and {CB.MIPSOL, CB.MIPNODE} <= seen
+    assert cut_given and {CB.MIP, CB.MIPSOL, CB.MIPNODE} <= seen
     assert m.Status == KVR.OPTIMAL and m.ObjVal == pytest.approx(10.5)
     m.Params.PreCrush = 0
     m.optimize()  # without the callback: the true optimum

@@ -177,7 +177,9 @@ using ErrorPrinting = void (*)(void *, FILE *, const char *);
 #define KVR_SCIP_OPTIONAL_FUNCTIONS(X)                            \
   X(SCIPmessageSetErrorPrinting, void (*)(ErrorPrinting, void *)) \
   X(SCIPvarGetLbGlobal, double (*)(Var *))                        \
-  X(SCIPvarGetUbGlobal, double (*)(Var *))
+  X(SCIPvarGetUbGlobal, double (*)(Var *))                        \
+  X(SCIPgetNNodesLeft, int (*)(Scip *))                           \
+  X(SCIPgetNCutsApplied, int (*)(Scip *))
 
 // The resolved functions.
 struct Api {

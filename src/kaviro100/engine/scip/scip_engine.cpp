@@ -336,6 +336,11 @@ Retcode on_event(Scip *s, Eventhdlr *, Event *event, EventData *) {
                    {KVR_CB_MIP_OPENSCENARIOS, 0},
                    {KVR_CB_RUNTIME, ctx.elapsed()},
                    {KVR_CB_WORK, ctx.work_now}};
+      const Api &a = run->a;
+      if (a.SCIPgetNNodesLeft)
+        cb.values.push_back({KVR_CB_MIP_NODLFT, double(a.SCIPgetNNodesLeft(s))});
+      if (a.SCIPgetNCutsApplied)
+        cb.values.push_back({KVR_CB_MIP_CUTCNT, double(a.SCIPgetNCutsApplied(s))});
       ctx.invoke(cb);
       offer_user_solutions(*run);
     }
