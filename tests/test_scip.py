@@ -293,6 +293,28 @@ def test_sos2_and_indicator_constraints_stay_native(m, monkeypatch, tmp_path):
     assert "Rewritten for the engine" not in log()
 
 
+def test_semicontinuous_variables_need_no_bound_on_scip(m, monkeypatch):
+    # Semi-continuous x (0 or >= 2) and semi-integer y (0 or an integer >= 2.5, so >= 3), neither
+    # bounded above: the rewriting for HiGHS needs a bound, SCIP takes them as they are.
+    x = m.addVar(lb=2, ub=KVR.INFINITY, vtype=KVR.SEMICONT, name="x")
+    y = m.addVar(lb=2.5, ub=KVR.INFINITY, vtype=KVR.SEMIINT, name="y")
+    z = m.addVar(lb=-4, ub=-1, vtype=KVR.SEMICONT, name="z")  # 0 or in [-4, -1]
+    m.addConstr(x >= 0.5)
+    m.addConstr(y + z >= 0.2)
+    m.setObjective(x + y + 0.5 * z)
+    m.Params.OutputFlag = 0
+    use(monkeypatch, "highs")
+    with pytest.raises(kp.KaviroError) as err:
+        m.optimize()
+    assert err.value.errno == KVR.ERROR_NOT_SUPPORTED and "no finite upper bound" in \
+        err.value.message
+    use(monkeypatch, "scip")
+    m.optimize()
+    # x = 2; y = 3 with z = -2.8 (y + z >= 0.2): 2 + 3 - 1.4
+    assert m.Status == KVR.OPTIMAL and m.ObjVal == pytest.approx(3.6, abs=1e-6)
+    assert (x.X, y.X, z.X) == (pytest.approx(2), pytest.approx(3), pytest.approx(-2.8))
+
+
 def test_quadratic_equalities_and_integer_qcp_go_to_scip(m, tmp_path):
     x, y = m.addVar(ub=2, name="x"), m.addVar(ub=2, name="y")
     m.addConstr(x * x + y * y == 2, name="circle")

@@ -72,6 +72,7 @@ enum Status : int {
 enum VarType : int { kBinary = 0, kInteger = 1, kImplInt = 2, kContinuous = 3 };
 enum LpSolStat : int { kLpOptimal = 1 };
 enum ObjSense : int { kMaximize = -1, kMinimize = 1 };
+enum BoundType : int { kLowerBound = 0, kUpperBound = 1 };
 enum ParamSetting : int { kSettingDefault = 0, kSettingOff = 3 };
 using LockType = int;
 
@@ -132,6 +133,8 @@ using MessageFree = Retcode (*)(Messagehdlr *);
     Retcode (*)(Scip *, Cons **, const char *, Var *, int, Var **, double *, double))              \
   X(SCIPcreateConsBasicSOS1, Retcode (*)(Scip *, Cons **, const char *, int, Var **, double *))    \
   X(SCIPcreateConsBasicSOS2, Retcode (*)(Scip *, Cons **, const char *, int, Var **, double *))    \
+  X(SCIPcreateConsBasicBounddisjunction,                                                           \
+    Retcode (*)(Scip *, Cons **, const char *, int, Var **, int *, double *))                      \
   X(SCIPaddCons, Retcode (*)(Scip *, Cons *))                                                      \
   X(SCIPreleaseCons, Retcode (*)(Scip *, Cons **))                                                 \
   X(SCIPincludeConshdlrBasic,                                                                      \

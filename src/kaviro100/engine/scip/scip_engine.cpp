@@ -415,6 +415,7 @@ void ScipEngine::pass_model(ScipRun &run) {
   if (m.objcon != 0.0) check(a.SCIPaddOrigObjoffset(s, m.objcon), "the objective constant");
   const int n = m.num_vars();
   run.vars.resize(n);
+  std::vector<int> semi;  // semi-continuous and semi-integer variables whose range excludes 0
   for (int j = 0; j < n; ++j) {
     char t = m.vars.vtype[j];
     double lb = m.vars.lb[j], ub = m.vars.ub[j];
@@ -422,8 +423,12 @@ void ScipEngine::pass_model(ScipRun &run) {
     if (t == KVR_BINARY) {
       type = kBinary;
       lb = std::max(lb, 0.0), ub = std::min(ub, 1.0);
-    } else if (t == KVR_INTEGER) {
+    } else if (t == KVR_INTEGER || t == KVR_SEMIINT) {
       type = kInteger;
+    }
+    if ((t == KVR_SEMICONT || t == KVR_SEMIINT) && (lb > 0 || ub < 0)) {
+      semi.push_back(j);
+      lb = std::min(lb, 0.0), ub = std::max(ub, 0.0);
     }
     std::string name = "x" + std::to_string(j);
     check(a.SCIPcreateVarBasic(s, &run.vars[j], name.c_str(), run.to_scip(lb), run.to_scip(ub),
@@ -436,6 +441,17 @@ void ScipEngine::pass_model(ScipRun &run) {
     a.SCIPreleaseCons(s, &cons);
     check(rc, what);
   };
+  // x = 0 or x in [lb, ub]: x <= 0 or x >= lb (x >= 0 or x <= ub for a negative range).
+  for (int j : semi) {
+    const bool positive = m.vars.lb[j] > 0;
+    Var *both[2] = {run.vars[j], run.vars[j]};
+    int types[2] = {positive ? kUpperBound : kLowerBound, positive ? kLowerBound : kUpperBound};
+    double bounds[2] = {0.0, positive ? m.vars.lb[j] : m.vars.ub[j]};
+    Cons *cons = nullptr;
+    check(a.SCIPcreateConsBasicBounddisjunction(s, &cons, "semi", 2, both, types, bounds),
+          "creating a semi-continuous variable");
+    add(cons, "adding a semi-continuous variable");
+  }
   const SparseMatrix &A = m.constrs.rows;
   std::vector<Var *> v;
   std::vector<double> val;
