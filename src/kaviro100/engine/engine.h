@@ -200,11 +200,8 @@ class Engine {
  public:
   virtual ~Engine() = default;
   virtual const char *name() const = 0;
-  virtual EngineCapabilities capabilities() const {
-    EngineCapabilities c;
-    c.duals = true;
-    return c;
-  }
+  // What the engine takes as it is (its entry in the registry of engines).
+  EngineCapabilities capabilities() const;
   // Solves the problem. Throws kvr::Error for models it cannot take (NOT_SUPPORTED, Q_NOT_PSD).
   virtual EngineResult solve(const EngineProblem &problem, const ParamValues &params,
                              SolveContext &ctx) = 0;

@@ -82,6 +82,11 @@ const EngineEntry *find_engine(std::string_view name) {
   return nullptr;
 }
 
+EngineCapabilities Engine::capabilities() const {
+  const EngineEntry *e = find_engine(name());
+  return e ? e->caps : EngineCapabilities();
+}
+
 std::vector<std::pair<std::string, std::string>> engine_options() {
   auto out = all_options();
   std::erase_if(out, [](const auto &item) { return item.first == "engine"; });

@@ -396,7 +396,6 @@ int map_status(int status, bool has_x) {
 class ScipEngine final : public Engine {
  public:
   const char *name() const override { return "SCIP"; }
-  EngineCapabilities capabilities() const override { return find_engine("SCIP")->caps; }
   EngineResult solve(const EngineProblem &problem, const ParamValues &params,
                      SolveContext &ctx) override;
 
