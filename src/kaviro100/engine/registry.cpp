@@ -61,8 +61,12 @@ std::string forced_engine() {
 
 const std::vector<EngineEntry> &engines() {
   static const std::vector<EngineEntry> list = {
-      {"HiGHS", highs_caps(), [] { return highs_version(); }, [] { return std::string(); },
-       [] { return make_highs_engine(); }},
+      {"HiGHS",
+       highs_caps(),
+       [] { return highs_version(); },
+       [] { return std::string(); },
+       [] { return make_highs_engine(); },
+       {}},
       {"SCIP",
        scip_caps(),
        scip_version,

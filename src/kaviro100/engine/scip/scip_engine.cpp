@@ -197,7 +197,7 @@ Retcode add_lazy_constraints(ScipRun &run, const std::vector<const LinRow *> &ro
     double lhs, rhs;
     run.bounds_of(*row, lhs, rhs);
     Cons *cons = nullptr;
-    std::string name = "lazy" + std::to_string(run.lazy_rows_added++);
+    std::string name = format("lazy%zu", run.lazy_rows_added++);
     Retcode rc = run.a.SCIPcreateConsBasicLinear(
         run.scip, &cons, name.c_str(), static_cast<int>(v.size()), v.data(), val.data(), lhs, rhs);
     if (rc != kOkay) return rc;
@@ -429,7 +429,7 @@ void ScipEngine::pass_model(ScipRun &run) {
       semi.push_back(j);
       lb = std::min(lb, 0.0), ub = std::max(ub, 0.0);
     }
-    std::string name = "x" + std::to_string(j);
+    std::string name = format("x%d", j);
     check(a.SCIPcreateVarBasic(s, &run.vars[j], name.c_str(), run.to_scip(lb), run.to_scip(ub),
                                m.vars.obj[j], type),
           "creating a variable");
@@ -465,7 +465,7 @@ void ScipEngine::pass_model(ScipRun &run) {
     double lo = sense == KVR_LESS_EQUAL ? -run.infinity : run.to_scip(rhs);
     double hi = sense == KVR_GREATER_EQUAL ? run.infinity : run.to_scip(rhs);
     Cons *cons = nullptr;
-    std::string name = "r" + std::to_string(i);
+    std::string name = format("r%d", i);
     check(a.SCIPcreateConsBasicLinear(s, &cons, name.c_str(), static_cast<int>(v.size()), v.data(),
                                       val.data(), lo, hi),
           "creating a linear constraint");
