@@ -1,8 +1,8 @@
 // The boundary between the library and the solver engines. An engine solves a plain model
-// (continuous, integer and binary variables, linear rows, a convex quadratic objective) under the
-// library's parameters and reports back through a SolveContext: log lines, progress events for
-// the user's callback, solutions found, and the requests that come back from the callback
-// (terminate, user solutions, lazy constraints).
+// (continuous, integer and binary variables, linear rows, a convex quadratic objective) plus what
+// its capabilities say it takes as it is, under the library's parameters and reports back through a
+// SolveContext: log lines, progress events for the user's callback, solutions found, and the
+// requests that come back from the callback (terminate, user solutions, lazy constraints).
 #pragma once
 
 #include <atomic>

@@ -1,7 +1,8 @@
 // The SCIP engine: passes the model (linear and quadratic rows, nonconvex ones included, SOS1/2
-// and indicator constraints as they are, a quadratic objective through an epigraph variable of
-// its own), maps the library's parameters onto SCIP parameters, and reports back through the
-// SolveContext. The user's callback is served by one constraint handler and one event handler:
+// and indicator constraints and semi-continuous variables as they are, a quadratic objective
+// through an epigraph variable of its own), maps the library's parameters onto SCIP parameters, and
+// reports back through the SolveContext. The user's callback is served by one constraint handler
+// and one event handler:
 //   - the handler's check and enforcement see every candidate solution: MIPSOL callbacks, and
 //     lazy constraints, which join the running search as linear constraints (no restart);
 //   - its separation sees every node relaxation: MIPNODE callbacks, user cuts as rows;
