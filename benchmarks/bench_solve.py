@@ -17,6 +17,12 @@ solve are counted (KVRreadmodel and KVRoptimize; Highs::readModel and Highs::run
 call; the Python calls around them are a few thousand instructions on either side.
 
     python benchmarks/bench_solve.py [--runs N] [--callgrind] [--peer-python PY] [name.mps ...]
+    python benchmarks/bench_solve.py --engines [--runs N]
+
+With --engines kaviropy alone runs each shared MIP and a set of nonconvex models (built in the
+measuring process; `NonConvex` 2) three ways: HiGHS forced, SCIP forced and the automatic choice
+(KAVIRO_ENGINE_OPTIONS), same parameters otherwise; the table shows median seconds and the
+automatic choice's time over the better of the two engines.
 
 highspy comes from benchmarks/requirements.txt, usually in an environment of its own: give its
 interpreter with --peer-python (kaviropy runs under --python, default the current interpreter).
@@ -74,6 +80,68 @@ def measure(python, script, path):
     out = subprocess.run([python, "-c", script, str(path)], capture_output=True, text=True,
                          check=True, env=ENV).stdout
     return json.loads(out.strip().splitlines()[-1])
+
+
+ENGINE_MIPS = ["p0548.mps", "lseu.mps", "egout.mps", "flugpl.mps", "bell5.mps", "dcmulti.mps"]
+
+# Nonconvex models: max sum x_i x_{i+1} - ... over a ball cut by a hyperplane, seeded, with
+# half of the variables integer for the mixed-integer ones.
+NONCONVEX = """
+import json, random, sys, time
+import kaviropy as kp
+from kaviropy import KVR
+n, seed, mixed = (int(v) for v in sys.argv[1].split(":"))
+rng = random.Random(seed)
+env = kp.Env(empty=True); env.setParam("OutputFlag", 0); env.start()
+t, c = time.perf_counter(), time.process_time()
+m = kp.Model(env=env)
+x = [m.addVar(lb=-3, ub=3, vtype=KVR.INTEGER if mixed and i % 2 else KVR.CONTINUOUS)
+     for i in range(n)]
+m.addConstr(kp.quicksum(v * v for v in x) <= n)
+m.addConstr(kp.quicksum(rng.uniform(-1, 1) * v for v in x) <= 1)
+m.setObjective(kp.quicksum(rng.uniform(-1, 1) * x[i] * x[(i + 1) % n] for i in range(n)))
+m.Params.NonConvex = 2
+try:
+    m.optimize()
+    status, obj = m.Status, (m.ObjVal if m.SolCount else None)
+except kp.KaviroError as e:
+    status, obj = "error %d" % e.errno, None
+t, c = time.perf_counter() - t, time.process_time() - c
+print(json.dumps({"time": t, "cpu": c, "status": status, "obj": obj}))
+"""
+
+
+def run_engines(args):
+    rows = [(name, KAVIRO, str(INSTANCES / name)) for name in ENGINE_MIPS]
+    rows += [(f"nonconvex n={n} seed={s}{' mixed' if mixed else ''}", NONCONVEX, f"{n}:{s}:{mixed}")
+             for n in (6, 10) for s in (1, 2) for mixed in (0, 1)]
+    print(f"{'model':32s} {'HiGHS s':>9s} {'SCIP s':>9s} {'auto s':>9s} {'auto/best':>9s}  notes")
+    ratios = []
+    for name, script, arg in rows:
+        times, notes = {}, []
+        for engine in ("highs", "scip", "auto"):
+            env = dict(ENV, KAVIRO_ENGINE_OPTIONS=f"engine={engine}")
+            runs = []
+            for _ in range(args.runs):
+                out = subprocess.run([args.python, "-c", script, arg], capture_output=True,
+                                     text=True, env=env)
+                r = json.loads(out.stdout.strip().splitlines()[-1]) if out.returncode == 0 else None
+                runs.append(r)
+            ok = [r for r in runs if r and r["obj"] is not None]
+            if ok:
+                times[engine] = statistics.median(r["time"] for r in ok)
+            else:
+                notes.append(f"{engine}: {runs[0]['status'] if runs[0] else 'failed'}")
+        best = min((times[e] for e in ("highs", "scip") if e in times), default=None)
+        ratio = times["auto"] / best if best and "auto" in times else None
+        if ratio:
+            ratios.append(ratio)
+        cell = lambda e: f"{times[e]:9.3f}" if e in times else f"{'-':>9s}"
+        print(f"{name:32s} {cell('highs')} {cell('scip')} {cell('auto')} "
+              f"{(f'{ratio:9.2f}' if ratio else '        -')}  {'; '.join(notes)}")
+    if ratios:
+        print(f"automatic choice over the better engine: geometric mean {geomean(ratios):.2f}, "
+              f"worst {max(ratios):.2f}")
 
 
 # The library calls that read and solve, for callgrind's --toggle-collect.
@@ -164,8 +232,13 @@ def main():
                     help="count instructions under valgrind instead of timing")
     ap.add_argument("--python", default=sys.executable, help="interpreter with kaviropy")
     ap.add_argument("--peer-python", default=sys.executable, help="interpreter with highspy")
+    ap.add_argument("--engines", action="store_true",
+                    help="HiGHS, SCIP and the automatic choice on MIPs and nonconvex models")
     ap.add_argument("names", nargs="*")
     args = ap.parse_args()
+    if args.engines:
+        run_engines(args)
+        return
     chosen = instances(args.names)
     if args.callgrind:
         run_callgrind(args, chosen)

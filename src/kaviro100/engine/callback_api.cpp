@@ -223,7 +223,7 @@ int KVRcbget(void *cbdata, int where, int what, void *resultP) {
            where, kvr::where_name(where), kvr::where_name(cb.where));
     const kvr::WhatInfo &w = kvr::what_info(what);
     int group = kvr::what_where(what);
-    if (group == KVR_CB_MIPNODE)
+    if (group == KVR_CB_MIPNODE && !cb.ctx->caps.node_relaxation)
       fail(KVR_ERROR_NOT_SUPPORTED,
            "%s is not available: the engine does not report node relaxations to callbacks, so "
            "MIPNODE callbacks never occur",
@@ -259,8 +259,9 @@ int KVRcbget(void *cbdata, int where, int what, void *resultP) {
 
 int KVRcbsolution(void *cbdata, const double *solution, double *objvalP) {
   return kvr::with_callback(cbdata, [&](CallbackData &cb) {
-    if (cb.where != KVR_CB_MIP && cb.where != KVR_CB_MIPSOL)
-      fail(KVR_ERROR_CALLBACK, "Solutions can be handed over only in MIP and MIPSOL callbacks");
+    if (cb.where != KVR_CB_MIP && cb.where != KVR_CB_MIPSOL && cb.where != KVR_CB_MIPNODE)
+      fail(KVR_ERROR_CALLBACK,
+           "Solutions can be handed over only in MIP, MIPSOL and MIPNODE callbacks");
     if (!solution) fail(KVR_ERROR_NULL_ARGUMENT, "No solution array given");
     kvr::SolveContext &ctx = *cb.ctx;
     std::vector<double> x(solution, solution + ctx.user_vars);
@@ -276,18 +277,24 @@ int KVRcbsolution(void *cbdata, const double *solution, double *objvalP) {
 
 int KVRcbcut(void *cbdata, int cutlen, const int *cutind, const double *cutval, char cutsense,
              double cutrhs) {
-  return kvr::with_callback(cbdata, [&](CallbackData &) {
-    fail(KVR_ERROR_NOT_SUPPORTED,
-         "User cuts are not supported: the engine offers no way for callbacks to add cutting "
-         "planes to node relaxations");
+  return kvr::with_callback(cbdata, [&](CallbackData &cb) {
+    if (!cb.ctx->caps.user_cuts)
+      fail(KVR_ERROR_NOT_SUPPORTED,
+           "User cuts are not supported: the engine offers no way for callbacks to add cutting "
+           "planes to node relaxations");
+    if (cb.where != KVR_CB_MIPNODE)
+      fail(KVR_ERROR_CALLBACK, "User cuts can be added only in MIPNODE callbacks");
+    cb.ctx->cuts.push_back(kvr::make_row(cb, cutlen, cutind, cutval, cutsense, cutrhs, "User cut"));
   });
 }
 
 int KVRcblazy(void *cbdata, int lazylen, const int *lazyind, const double *lazyval, char lazysense,
               double lazyrhs) {
   return kvr::with_callback(cbdata, [&](CallbackData &cb) {
-    if (cb.where != KVR_CB_MIPSOL)
-      fail(KVR_ERROR_CALLBACK, "Lazy constraints can be added only in MIPSOL callbacks");
+    const bool at_node = cb.where == KVR_CB_MIPNODE && cb.ctx->caps.lazy_in_search;
+    if (cb.where != KVR_CB_MIPSOL && !at_node)
+      fail(KVR_ERROR_CALLBACK,
+           "Lazy constraints can be added only in MIPSOL and MIPNODE callbacks");
     kvr::LinRow row =
         kvr::make_row(cb, lazylen, lazyind, lazyval, lazysense, lazyrhs, "Lazy constraint");
     kvr::SolveContext &ctx = *cb.ctx;

@@ -1,8 +1,8 @@
 // The boundary between the library and the solver engines. An engine solves a plain model
-// (continuous, integer and binary variables, linear rows, a convex quadratic objective) under the
-// library's parameters and reports back through a SolveContext: log lines, progress events for
-// the user's callback, solutions found, and the requests that come back from the callback
-// (terminate, user solutions, lazy constraints).
+// (continuous, integer and binary variables, linear rows, a convex quadratic objective) plus what
+// its capabilities say it takes as it is, under the library's parameters and reports back through a
+// SolveContext: log lines, progress events for the user's callback, solutions found, and the
+// requests that come back from the callback (terminate, user solutions, lazy constraints).
 #pragma once
 
 #include <atomic>
@@ -34,6 +34,22 @@ struct LinRow {
   double dual_weight = 0.0;
   // Amount by which x violates the row (0 when satisfied).
   double violation(const double *x) const;
+};
+
+// What an engine takes as it is; the reformulation rewrites the rest into what it does take.
+struct EngineCapabilities {
+  bool sos = false;              // SOS1 and SOS2 constraints
+  bool indicator = false;        // indicator constraints without big-M
+  bool semicontinuous = false;   // semi-continuous and semi-integer variables
+  bool logical = false;          // and, or, max, min, abs constraints
+  bool convex_qcons = false;     // convex quadratic constraints (else outer approximation)
+  bool nonconvex = false;        // nonconvex quadratic objectives and constraints (NonConvex 2)
+  bool quadratic_mip = false;    // quadratic objective together with integers or quadratic rows
+  bool lazy_in_search = false;   // lazy rows join the running search (no restart)
+  bool user_cuts = false;        // cuts from MIPNODE callbacks
+  bool node_relaxation = false;  // MIPNODE callbacks with the node relaxation
+  bool duals = false;            // duals, basis, sensitivity ranges, certificates
+  bool solution_pool = true;     // several solutions kept from one search
 };
 
 // What an engine is asked to solve, with the optional warm-start information. Vectors are empty
@@ -121,7 +137,11 @@ struct SolveContext {
   std::vector<int> pass_objectives;
   int stop_objective = -1;
 
+  // What the engine of this solve takes natively (callbacks check cuts and node queries here).
+  EngineCapabilities caps;
+
   // Requests from the callback.
+  std::vector<LinRow> cuts;    // user cuts waiting to be handed to the engine
   std::vector<LinRow> lazy;    // every lazy constraint added so far (user indices)
   size_t lazy_in_engine = 0;   // lazy[0 .. lazy_in_engine) are rows of the engine model
   bool lazy_violated = false;  // the current incumbent violates a new lazy constraint
@@ -180,6 +200,8 @@ class Engine {
  public:
   virtual ~Engine() = default;
   virtual const char *name() const = 0;
+  // What the engine takes as it is (its entry in the registry of engines).
+  EngineCapabilities capabilities() const;
   // Solves the problem. Throws kvr::Error for models it cannot take (NOT_SUPPORTED, Q_NOT_PSD).
   virtual EngineResult solve(const EngineProblem &problem, const ParamValues &params,
                              SolveContext &ctx) = 0;

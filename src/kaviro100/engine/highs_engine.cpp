@@ -21,6 +21,7 @@
 
 #include "engine/engine.h"
 #include "engine/outer_approx.h"
+#include "engine/registry.h"
 #include "engine/solve.h"
 #include "interfaces/highs_c_api.h"
 #include "util/error.h"
@@ -430,19 +431,8 @@ HighsInt basis_to_engine_row(int s, char sense) {
 // Applies the environment variable KAVIRO_ENGINE_OPTIONS ("name=value;name=value"): engine
 // options the parameter table has no name for (for example solver=pdlp).
 void apply_passthrough_options(HighsInstance &hi, SolveContext &ctx) {
-  const char *given = std::getenv("KAVIRO_ENGINE_OPTIONS");
-  if (!given || !*given) return;
-  std::string_view rest(given);
-  while (!rest.empty()) {
-    size_t semi = rest.find(';');
-    std::string_view item = trim(rest.substr(0, semi));
-    rest = semi == std::string_view::npos ? std::string_view() : rest.substr(semi + 1);
-    if (item.empty()) continue;
-    size_t eq = item.find('=');
-    if (eq == std::string_view::npos)
-      fail(KVR_ERROR_INVALID_ARGUMENT, "KAVIRO_ENGINE_OPTIONS: '%.*s' is not name=value",
-           static_cast<int>(item.size()), item.data());
-    std::string name(trim(item.substr(0, eq))), value(trim(item.substr(eq + 1)));
+  for (const auto &[name, value] : engine_options()) {
+    if (name.find('/') != std::string::npos) continue;  // another engine's option
     if (Highs_setOptionValue(hi.get(), name.c_str(), value.c_str()) == kHighsStatusError)
       fail(KVR_ERROR_INVALID_ARGUMENT, "KAVIRO_ENGINE_OPTIONS: the engine rejects %s=%s",
            name.c_str(), value.c_str());

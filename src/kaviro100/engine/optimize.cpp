@@ -19,6 +19,7 @@
 #include "attrs/attrs.h"
 #include "engine/engine.h"
 #include "engine/outer_approx.h"
+#include "engine/registry.h"
 #include "engine/solve.h"
 #include "model/integral.h"
 #include "model/model.h"
@@ -465,7 +466,7 @@ SignalScope::SignalScope(kvr_model *model) {
   }
   if (slot_ < 0) return;
   if (g_signal_users++ == 0) {
-    struct sigaction action{};
+    struct sigaction action {};
     action.sa_handler = on_interrupt_signal;
     sigemptyset(&action.sa_mask);
     sigaction(SIGINT, &action, &g_previous_action);
@@ -521,7 +522,7 @@ void check_nodefile_settings(kvr_env &env) {
   double start = env.params.get_dbl(ParamId::NodefileStart);
   if (start >= KVR_INFINITY) return;
   const std::string &dir = env.params.get_str(ParamId::NodefileDir);
-  struct stat st{};
+  struct stat st {};
   if (dir.empty())
     fail(KVR_ERROR_NODEFILE, "NodefileDir is empty; with NodefileStart %g it must name a directory",
          start);
@@ -562,14 +563,19 @@ std::string range_text(double lo, double hi) {
   return format("[%.0e, %.0e]", lo, hi);
 }
 
-void log_header(const kvr_model *model, const ModelData &m, int threads) {
+void log_header(const kvr_model *model, const ModelData &m, int threads,
+                const EngineChoice &choice) {
   const kvr_env &env = model->env;
   kvr_env &out = const_cast<kvr_env &>(env);
   unsigned hw = std::thread::hardware_concurrency();
   std::string thread_text = threads > 0 ? format("%d threads", threads)
                                         : format("threads chosen by the engine (%u available)", hw);
-  out.logf("Kaviro %d.%d.%d, engine HiGHS %s, %s\n", KVR_VERSION_MAJOR, KVR_VERSION_MINOR,
-           KVR_VERSION_TECHNICAL, highs_version().c_str(), thread_text.c_str());
+  if (std::strcmp(choice.entry->name, "SCIP") == 0) thread_text = "one thread";
+  out.logf("Kaviro %d.%d.%d, engine %s %s, %s\n", KVR_VERSION_MAJOR, KVR_VERSION_MINOR,
+           KVR_VERSION_TECHNICAL, choice.entry->name, choice.entry->version().c_str(),
+           thread_text.c_str());
+  out.logf("Engine %s: %s\n", choice.entry->name, choice.reason.c_str());
+  out.log(unapplied_settings(*choice.entry, model->env.params));
   std::string name = m.name.empty() ? std::string("(unnamed)") : "'" + m.name + "'";
   out.logf("Model %s: %d rows, %d columns, %lld nonzeros, %s\n", name.c_str(), m.num_constrs(),
            m.num_vars(), static_cast<long long>(m.constrs.rows.nnz()),
@@ -620,12 +626,16 @@ void optimize(kvr_model *model) {
     fail(KVR_ERROR_OPTIMIZATION_IN_PROGRESS, "The model is being optimized already");
   update_model(model);
   check_remote_settings(&model->env);
-  check_solvable(model->data);
+  const ParamValues &params = model->env.params;
+  const EngineChoice choice = choose_engine(model->data, params, model->callback != nullptr);
+  const EngineCapabilities &caps = choice.entry->caps;
+  // Spatial branch and bound takes quadratic equalities too.
+  const bool global = caps.nonconvex && params.get_int(ParamId::NonConvex) == 2;
+  if (!global) check_solvable(model->data);
   OptimizingFlag flag(model);
   SignalScope signals(model);
   model->env.sync_logfile();
 
-  const ParamValues &params = model->env.params;
   SolveContext ctx;
   ctx.model = model;
   ctx.env = &model->env;
@@ -636,13 +646,16 @@ void optimize(kvr_model *model) {
 
   // With output off the header and summary would be formatted only to be dropped.
   const bool output = model->env.output_on();
-  if (output) log_header(model, model->data, params.get_int(ParamId::Threads));
-  Reformulated rf = reformulate(model->data, params);
+  ctx.caps = caps;
+  if (output) log_header(model, model->data, params.get_int(ParamId::Threads), choice);
+  Reformulated rf = reformulate(model->data, params, caps);
   if (rf.changed)
     model->env.logf("Rewritten for the engine: %d rows, %d columns\n", rf.model().num_constrs(),
                     rf.model().num_vars());
-  check_convex_objective(rf.model(), params);
-  if (rf.model().qconstrs.size() > 0) {
+  if (!global) check_convex_objective(rf.model(), params);
+  if (rf.model().qconstrs.size() > 0 && !global && caps.convex_qcons) {
+    OuterApprox check(rf.model(), params);  // fails here for a nonconvex one
+  } else if (rf.model().qconstrs.size() > 0 && !global) {
     OuterApprox oa(rf.model(), params);  // fails here, before any solve, for a nonconvex one
     int cones, balls, general;
     oa.counts(cones, balls, general);
@@ -665,7 +678,7 @@ void optimize(kvr_model *model) {
     model->env.log(
         "Concurrent environments are not used: the engine runs one method at a time with the "
         "model's own parameters\n");
-  std::unique_ptr<Engine> engine = make_highs_engine();
+  std::unique_ptr<Engine> engine = choice.entry->make();
   Solution sol;
   if (ctx.memory_stop == StopReason::SoftMemory) {
     sol.status = KVR_MEM_LIMIT;
@@ -682,7 +695,8 @@ void optimize(kvr_model *model) {
     if (ctx.is_mip) queue_extra_starts(model, rf, ctx);
     EngineResult r = engine->solve(problem, params, ctx);
     PolishFunction polish;
-    if (rf.changed && ctx.is_mip)
+    // Polishing re-solves the linear part only: not for models that keep SOS or indicators.
+    if (rf.changed && ctx.is_mip && rf.model().sos.size() == 0 && rf.model().gens.size() == 0)
       polish = [&](std::vector<double> &x) {
         return polish_mip_solution(rf.model(), *engine, ctx, x);
       };

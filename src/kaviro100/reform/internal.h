@@ -118,5 +118,8 @@ void rewrite_pwl_constraint(Builder &b, int gen, const ParamValues &params);
 void rewrite_function(Builder &b, int gen, const ParamValues &params);
 void rewrite_pwl_objectives(Builder &b, const ParamValues &params);
 void rewrite_logical(Builder &b, int gen, const ParamValues &params);
+// Fails with INVALID_ARGUMENT on an indicator constraint that has no meaning (also when the engine
+// takes indicators as they are).
+void check_indicator(const ModelData &u, int gen);
 
 }  // namespace kvr::reform

@@ -221,24 +221,10 @@ void rewrite_indicator(Builder &b, int gen) {
   const ModelData &u = b.user();
   const GenConstr &g = u.gens.items[gen];
   std::string owner = gen_name(u, gen), what = what_gen(u, gen);
+  check_indicator(u, gen);
   int bin = g.binvar;
-  if (!is_binary_var(u, bin))
-    fail(KVR_ERROR_INVALID_ARGUMENT, "%s: indicator variable %s is not binary", what.c_str(),
-         var_name(u, bin).c_str());
-  if (g.binval != 0 && g.binval != 1)
-    fail(KVR_ERROR_INVALID_ARGUMENT, "%s: indicator value %d is neither 0 nor 1", what.c_str(),
-         g.binval);
-  if (g.sense != KVR_LESS_EQUAL && g.sense != KVR_GREATER_EQUAL && g.sense != KVR_EQUAL)
-    fail(KVR_ERROR_INVALID_ARGUMENT, "%s: invalid sense '%c'", what.c_str(), g.sense);
-  if (std::isnan(g.rhs))
-    fail(KVR_ERROR_INVALID_ARGUMENT, "%s: the right-hand side is NaN", what.c_str());
   std::vector<Term> terms;
-  for (size_t k = 0; k < g.ind.size(); ++k) {
-    if (!std::isfinite(g.val[k]) || std::fabs(g.val[k]) >= kInf)
-      fail(KVR_ERROR_INVALID_ARGUMENT, "%s: coefficient of %s is not finite", what.c_str(),
-           var_name(u, g.ind[k]).c_str());
-    terms.push_back({g.ind[k], g.val[k]});
-  }
+  for (size_t k = 0; k < g.ind.size(); ++k) terms.push_back({g.ind[k], g.val[k]});
   // With the indicator fixed, the row either holds outright or not at all.
   if (b.lb(bin) == b.ub(bin)) {
     if (b.lb(bin) == g.binval) b.add_row(terms, g.sense, g.rhs, owner + "_fixed");
@@ -512,6 +498,26 @@ void rewrite_logical(Builder &b, int gen, const ParamValues &params) {
     default:
       break;
   }
+}
+
+void check_indicator(const ModelData &u, int gen) {
+  const GenConstr &g = u.gens.items[gen];
+  std::string what = what_gen(u, gen);
+  int bin = g.binvar;
+  if (!is_binary_var(u, bin))
+    fail(KVR_ERROR_INVALID_ARGUMENT, "%s: indicator variable %s is not binary", what.c_str(),
+         var_name(u, bin).c_str());
+  if (g.binval != 0 && g.binval != 1)
+    fail(KVR_ERROR_INVALID_ARGUMENT, "%s: indicator value %d is neither 0 nor 1", what.c_str(),
+         g.binval);
+  if (g.sense != KVR_LESS_EQUAL && g.sense != KVR_GREATER_EQUAL && g.sense != KVR_EQUAL)
+    fail(KVR_ERROR_INVALID_ARGUMENT, "%s: invalid sense '%c'", what.c_str(), g.sense);
+  if (std::isnan(g.rhs))
+    fail(KVR_ERROR_INVALID_ARGUMENT, "%s: the right-hand side is NaN", what.c_str());
+  for (size_t k = 0; k < g.ind.size(); ++k)
+    if (!std::isfinite(g.val[k]) || std::fabs(g.val[k]) >= kInf)
+      fail(KVR_ERROR_INVALID_ARGUMENT, "%s: coefficient of %s is not finite", what.c_str(),
+           var_name(u, g.ind[k]).c_str());
 }
 
 }  // namespace kvr::reform

@@ -1,6 +1,7 @@
 #include "reform/reform.h"
 
 #include <cmath>
+#include <iterator>
 
 #include "engine/engine.h"
 #include "reform/internal.h"
@@ -17,12 +18,82 @@ bool is_function_type(int type) {
   return type >= KVR_GENCONSTR_POLY && type <= KVR_GENCONSTR_LOGISTIC;
 }
 
-bool needs_rewriting(const ModelData &m) {
-  if (m.sos.size() > 0 || m.gens.size() > 0 || !m.pwlobj.empty()) return true;
-  for (char t : m.vars.vtype)
+// Whether the engine takes general constraint g as it is.
+bool native_gen(const GenConstr &g, const EngineCapabilities &caps) {
+  return g.type == KVR_GENCONSTR_INDICATOR && caps.indicator;
+}
+
+bool is_approximated(int type) { return type == KVR_GENCONSTR_PWL || is_function_type(type); }
+
+// One rewrite of the model: when the engine needs it (from the user's model and the engine's
+// capabilities) and what it adds. Every step appends variables and rows after the user's, so
+// results map back by truncation.
+struct RewriteStep {
+  bool (*needed)(const ModelData &user, const EngineCapabilities &caps);
+  void (*apply)(reform::Builder &b, const ParamValues &params, const EngineCapabilities &caps);
+};
+
+bool has_approximated(const ModelData &u, const EngineCapabilities &) {
+  for (const GenConstr &g : u.gens.items)
+    if (is_approximated(g.type)) return true;
+  return false;
+}
+
+// Function and PWL constraints come first: their approximations bound y, which later big-M
+// values may need.
+void approximate(reform::Builder &b, const ParamValues &params, const EngineCapabilities &) {
+  const ModelData &u = b.user();
+  for (int i = 0; i < u.gens.size(); ++i) {
+    int type = u.gens.items[i].type;
+    if (type == KVR_GENCONSTR_PWL)
+      reform::rewrite_pwl_constraint(b, i, params);
+    else if (is_function_type(type))
+      reform::rewrite_function(b, i, params);
+  }
+  reform::propagate_bounds(b, 4);
+}
+
+bool has_semicontinuous(const ModelData &u, const EngineCapabilities &caps) {
+  if (caps.semicontinuous) return false;
+  for (char t : u.vars.vtype)
     if (t == KVR_SEMICONT || t == KVR_SEMIINT) return true;
   return false;
 }
+
+bool has_pwl_objectives(const ModelData &u, const EngineCapabilities &) {
+  return !u.pwlobj.empty();
+}
+
+bool has_foreign_sos(const ModelData &u, const EngineCapabilities &caps) {
+  return u.sos.size() > 0 && !caps.sos;
+}
+
+bool has_foreign_logical(const ModelData &u, const EngineCapabilities &caps) {
+  for (const GenConstr &g : u.gens.items)
+    if (!is_approximated(g.type) && !native_gen(g, caps)) return true;
+  return false;
+}
+
+void rewrite_logical(reform::Builder &b, const ParamValues &params,
+                     const EngineCapabilities &caps) {
+  const ModelData &u = b.user();
+  for (int i = 0; i < u.gens.size(); ++i)
+    if (!is_approximated(u.gens.items[i].type) && !native_gen(u.gens.items[i], caps))
+      reform::rewrite_logical(b, i, params);
+}
+
+const RewriteStep kSteps[] = {
+    {has_approximated, approximate},
+    {has_semicontinuous, [](reform::Builder &b, const ParamValues &,
+                            const EngineCapabilities &) { reform::rewrite_semicontinuous(b); }},
+    {has_pwl_objectives,
+     [](reform::Builder &b, const ParamValues &params, const EngineCapabilities &) {
+       reform::rewrite_pwl_objectives(b, params);
+     }},
+    {has_foreign_sos, [](reform::Builder &b, const ParamValues &params,
+                         const EngineCapabilities &) { reform::rewrite_sos(b, params); }},
+    {has_foreign_logical, rewrite_logical},
+};
 
 // Every reference must name an existing variable before anything is built.
 void check_references(const ModelData &m) {
@@ -77,7 +148,9 @@ void check_references(const ModelData &m) {
 // The engine's QP method takes neither integers nor quadratic rows: a quadratic objective then
 // becomes min c'x + t with the convex constraint t >= x'Qx (maximization: max c'x - t with
 // t >= -x'Qx).
-void move_objective_to_epigraph(Reformulated &r, const ParamValues &params) {
+void move_objective_to_epigraph(Reformulated &r, const ParamValues &params,
+                                const EngineCapabilities &caps) {
+  if (caps.quadratic_mip) return;
   const ModelData &given = r.model();
   if (given.q.size() == 0 || (!given.is_mip() && given.qconstrs.size() == 0)) return;
   check_convex_objective(given, params);
@@ -106,47 +179,40 @@ void move_objective_to_epigraph(Reformulated &r, const ParamValues &params) {
 
 }  // namespace
 
-Reformulated reformulate(const ModelData &user, const ParamValues &params) {
+Reformulated reformulate(const ModelData &user, const ParamValues &params,
+                         const EngineCapabilities &caps) {
   Reformulated r(&user);
   r.user_vars = user.num_vars();
   r.user_constrs = user.num_constrs();
-  if (!needs_rewriting(user)) {
-    move_objective_to_epigraph(r, params);
+  if (user.sos.size() > 0 || user.gens.size() > 0) check_references(user);
+  for (int i = 0; i < user.gens.size(); ++i)
+    if (native_gen(user.gens.items[i], caps)) reform::check_indicator(user, i);
+  bool needed[std::size(kSteps)];
+  bool any = false;
+  for (size_t k = 0; k < std::size(kSteps); ++k) any |= needed[k] = kSteps[k].needed(user, caps);
+  if (!any) {
+    move_objective_to_epigraph(r, params, caps);
     return r;
   }
-  check_references(user);
 
   r.changed = true;
   reform::Builder b(r.own(), user);
   reform::propagate_bounds(b, 8);
-  // Function and PWL constraints first: their approximations bound y, which later big-M values
-  // may need.
-  bool functions = false;
-  for (int i = 0; i < user.gens.size(); ++i) {
-    int type = user.gens.items[i].type;
-    if (type == KVR_GENCONSTR_PWL)
-      reform::rewrite_pwl_constraint(b, i, params);
-    else if (is_function_type(type))
-      reform::rewrite_function(b, i, params);
-    else
-      continue;
-    functions = true;
-  }
-  if (functions) reform::propagate_bounds(b, 4);
-  reform::rewrite_semicontinuous(b);
-  reform::rewrite_pwl_objectives(b, params);
-  reform::rewrite_sos(b, params);
-  for (int i = 0; i < user.gens.size(); ++i) {
-    int type = user.gens.items[i].type;
-    if (type != KVR_GENCONSTR_PWL && !is_function_type(type)) reform::rewrite_logical(b, i, params);
-  }
+  for (size_t k = 0; k < std::size(kSteps); ++k)
+    if (needed[k]) kSteps[k].apply(b, params, caps);
 
-  // What is left is a plain model.
+  // What is left is what the engine takes: a plain model plus its native constructs.
   ModelData &m = r.own();
-  m.sos = SosData{};
-  m.gens = GenConstrData{};
+  if (!caps.sos) m.sos = SosData{};
+  GenConstrData kept;
+  for (int i = 0; i < user.gens.size(); ++i)
+    if (native_gen(user.gens.items[i], caps)) {
+      kept.items.push_back(user.gens.items[i]);
+      kept.names.push_back(std::string(user.gens.names.get(static_cast<size_t>(i))));
+    }
+  m.gens = std::move(kept);
   m.pwlobj.clear();
-  move_objective_to_epigraph(r, params);
+  move_objective_to_epigraph(r, params, caps);
   return r;
 }
 

@@ -5,6 +5,7 @@
 // approximations under the FuncPiece* parameters and attributes.
 #pragma once
 
+#include "engine/engine.h"
 #include "model/modeldata.h"
 #include "params/params.h"
 
@@ -48,6 +49,10 @@ struct Reformulated {
 // nonpositive range), KVR_ERROR_INVALID_PIECEWISE_OBJ for a malformed piecewise-linear objective
 // KVR_ERROR_INDEX_OUT_OF_RANGE for references to missing variables, and KVR_ERROR_Q_NOT_PSD for
 // a nonconvex objective that would move into an epigraph. The user's model is only read.
-Reformulated reformulate(const ModelData &user, const ParamValues &params);
+// Only what `caps` says the engine lacks is rewritten: SOS constraints and indicator constraints
+// the engine takes stay as they are (after the same checks), and a quadratic objective stays in
+// place when the engine takes it with integers and quadratic rows.
+Reformulated reformulate(const ModelData &user, const ParamValues &params,
+                         const EngineCapabilities &caps = EngineCapabilities());
 
 }  // namespace kvr

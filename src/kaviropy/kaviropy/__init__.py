@@ -1,6 +1,27 @@
 """Kaviro: build and solve mathematical optimization models with Python operators."""
 
-from . import _core
+import importlib.util as _importlib_util
+import os as _os
+
+
+def _point_at_scip_library():
+    """Tells the library where pyscipopt's bundled SCIP library is (its extension is not imported)."""
+    if _os.environ.get("KAVIRO_SCIP_LIBRARY"):
+        return
+    try:
+        spec = _importlib_util.find_spec("pyscipopt")
+    except (ImportError, ValueError):
+        return
+    if spec is None or not spec.origin:
+        return
+    libs = _os.path.join(_os.path.dirname(_os.path.dirname(spec.origin)), "pyscipopt.libs")
+    if _os.path.isdir(libs):
+        _os.environ["KAVIRO_SCIP_LIBRARY"] = libs
+
+
+_point_at_scip_library()
+
+from . import _core  # noqa: E402
 from ._core import *  # noqa: F401,F403
 
 # The private helpers of the extension are part of the module's namespace too.

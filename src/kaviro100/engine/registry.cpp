@@ -1,0 +1,152 @@
+#include "engine/registry.h"
+
+#include <strings.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "engine/scip/scip_api.h"
+#include "util/error.h"
+#include "util/strings.h"
+
+namespace kvr {
+
+namespace {
+
+EngineCapabilities highs_caps() {
+  EngineCapabilities c;
+  c.duals = true;
+  return c;
+}
+
+EngineCapabilities scip_caps() {
+  EngineCapabilities c;
+  c.sos = c.indicator = c.semicontinuous = true;
+  c.convex_qcons = c.nonconvex = c.quadratic_mip = true;
+  c.lazy_in_search = c.user_cuts = c.node_relaxation = true;
+  return c;
+}
+
+std::string scip_version() {
+  return scip::unavailable_reason().empty() ? scip::api().version : std::string();
+}
+
+// Every name=value item of KAVIRO_ENGINE_OPTIONS, in order.
+std::vector<std::pair<std::string, std::string>> all_options() {
+  std::vector<std::pair<std::string, std::string>> out;
+  const char *given = std::getenv("KAVIRO_ENGINE_OPTIONS");
+  if (!given) return out;
+  std::string_view rest(given);
+  while (!rest.empty()) {
+    size_t semi = rest.find(';');
+    std::string_view item = trim(rest.substr(0, semi));
+    rest = semi == std::string_view::npos ? std::string_view() : rest.substr(semi + 1);
+    if (item.empty()) continue;
+    size_t eq = item.find('=');
+    if (eq == std::string_view::npos)
+      fail(KVR_ERROR_INVALID_ARGUMENT, "KAVIRO_ENGINE_OPTIONS: '%.*s' is not name=value",
+           static_cast<int>(item.size()), item.data());
+    out.emplace_back(std::string(trim(item.substr(0, eq))), std::string(trim(item.substr(eq + 1))));
+  }
+  return out;
+}
+
+std::string forced_engine() {
+  for (auto &[name, value] : all_options())
+    if (name == "engine") return value;
+  return "";
+}
+
+}  // namespace
+
+const std::vector<EngineEntry> &engines() {
+  static const std::vector<EngineEntry> list = {
+      {"HiGHS",
+       highs_caps(),
+       [] { return highs_version(); },
+       [] { return std::string(); },
+       [] { return make_highs_engine(); },
+       {}},
+      {"SCIP",
+       scip_caps(),
+       scip_version,
+       scip::unavailable_reason,
+       [] { return make_scip_engine(); },
+       {ParamId::Method, ParamId::IntFeasTol, ParamId::BarConvTol, ParamId::BarIterLimit,
+        ParamId::Crossover, ParamId::ScaleFlag, ParamId::Threads, ParamId::DisplayInterval,
+        ParamId::QCPDual}},
+  };
+  return list;
+}
+
+const EngineEntry *find_engine(std::string_view name) {
+  for (const EngineEntry &e : engines())
+    if (name.size() == std::strlen(e.name) && ::strncasecmp(name.data(), e.name, name.size()) == 0)
+      return &e;
+  return nullptr;
+}
+
+EngineCapabilities Engine::capabilities() const {
+  const EngineEntry *e = find_engine(name());
+  return e ? e->caps : EngineCapabilities();
+}
+
+std::vector<std::pair<std::string, std::string>> engine_options() {
+  auto out = all_options();
+  std::erase_if(out, [](const auto &item) { return item.first == "engine"; });
+  return out;
+}
+
+std::string unapplied_settings(const EngineEntry &engine, const ParamValues &params) {
+  std::string names;
+  for (ParamId id : engine.not_applied)
+    if (!params.is_default(id))
+      names += std::string(names.empty() ? "" : ", ") + param_def(id).name;
+  if (names.empty()) return "";
+  return std::string("Not applied by engine ") + engine.name + ": " + names + "\n";
+}
+
+bool quadratics_convex(const ModelData &m, const ParamValues &params) {
+  const double tol = params.get_dbl(ParamId::PSDTol);
+  const int n = m.num_vars();
+  if (find_negative_curvature(m.q, n, m.sense == KVR_MAXIMIZE ? -1.0 : 1.0, tol)) return false;
+  for (const QConstr &c : m.qconstrs.items) {
+    if (c.q.size() == 0) continue;
+    if (c.sense == KVR_EQUAL) return false;
+    if (find_negative_curvature(c.q, n, c.sense == KVR_GREATER_EQUAL ? -1.0 : 1.0, tol))
+      return false;
+  }
+  return true;
+}
+
+EngineChoice choose_engine(const ModelData &m, const ParamValues &params, bool has_callback) {
+  const EngineEntry *highs = &engines()[0], *scip = find_engine("SCIP");
+  std::string forced = forced_engine();
+  if (!forced.empty() && forced != "auto") {
+    const EngineEntry *e = find_engine(forced);
+    if (!e)
+      fail(KVR_ERROR_INVALID_ARGUMENT,
+           "KAVIRO_ENGINE_OPTIONS: unknown engine '%s' (HiGHS, SCIP or auto)", forced.c_str());
+    std::string why = e->unavailable();
+    if (!why.empty())
+      fail(KVR_ERROR_NOT_SUPPORTED, "Engine %s is not available: %s", e->name, why.c_str());
+    return {e, "chosen with KAVIRO_ENGINE_OPTIONS"};
+  }
+  std::string need;
+  const bool mip = m.is_mip();
+  if (params.get_int(ParamId::NonConvex) == 2 && (m.q.size() > 0 || m.qconstrs.size() > 0) &&
+      !quadratics_convex(m, params))
+    need = "nonconvex quadratic terms with NonConvex 2 need spatial branch and bound";
+  else if (mip && m.qconstrs.size() > 0)
+    need = "quadratic constraints with integer variables";
+  else if (mip && has_callback && params.get_int(ParamId::LazyConstraints) == 1)
+    need = "lazy constraints from the callback join the running search";
+  else if (mip && has_callback && params.get_int(ParamId::PreCrush) == 1)
+    need = "user cuts and node relaxations in callbacks (PreCrush 1)";
+  if (need.empty()) return {highs, "the model needs nothing beyond it"};
+  std::string why = scip->unavailable();
+  if (!why.empty()) return {highs, need + " would call for SCIP, which is not available: " + why};
+  return {scip, need};
+}
+
+}  // namespace kvr

@@ -1,0 +1,135 @@
+// Finding and loading the SCIP library at run time. The library sits in the pyscipopt.libs
+// directory beside the installed pyscipopt package (its Python extension is never imported).
+// Where to look, in order: KAVIRO_SCIP_LIBRARY (the library file or its directory; the Python
+// package sets it at import from the location of pyscipopt), then the site-packages directory
+// this library was installed into.
+#include "engine/scip/scip_api.h"
+
+#include <dlfcn.h>
+#include <glob.h>
+
+#include <cstdlib>
+#include <mutex>
+#include <vector>
+
+#include "util/error.h"
+
+namespace kvr::scip {
+namespace {
+
+std::vector<std::string> glob_files(const std::string &pattern) {
+  std::vector<std::string> out;
+  glob_t g{};
+  if (::glob(pattern.c_str(), 0, nullptr, &g) == 0)
+    for (size_t i = 0; i < g.gl_pathc; ++i) out.emplace_back(g.gl_pathv[i]);
+  ::globfree(&g);
+  return out;
+}
+
+std::string dirname_of(const std::string &path) {
+  size_t slash = path.rfind('/');
+  return slash == std::string::npos ? std::string(".") : path.substr(0, slash);
+}
+
+// Directories that may hold the library, most specific first.
+std::vector<std::string> candidate_dirs() {
+  std::vector<std::string> dirs;
+  if (const char *given = std::getenv("KAVIRO_SCIP_LIBRARY"); given && *given) {
+    std::string g(given);
+    dirs.push_back(g);
+    dirs.push_back(g + "/pyscipopt.libs");
+  }
+  Dl_info info{};
+  if (::dladdr(reinterpret_cast<void *>(&candidate_dirs), &info) && info.dli_fname) {
+    std::string here = dirname_of(info.dli_fname);  // <site-packages>/kaviropy (or lib/ below it)
+    for (int up = 0; up < 3; ++up) {
+      dirs.push_back(here + "/pyscipopt.libs");
+      here = dirname_of(here);
+    }
+  }
+  return dirs;
+}
+
+std::string find_library(std::string &searched) {
+  for (const std::string &dir : candidate_dirs()) {
+    // The variable may name the file itself.
+    if (dir.find("libscip") != std::string::npos && glob_files(dir).size() == 1) return dir;
+    for (const std::string &f : glob_files(dir + "/libscip-*.so*")) return f;
+    for (const std::string &f : glob_files(dir + "/libscip.so*")) return f;
+    searched += (searched.empty() ? "" : ", ") + dir;
+  }
+  return "";
+}
+
+struct Loaded {
+  Api api;
+  std::string error;  // why the library cannot be used ("" when it can)
+};
+
+Loaded load() {
+  Loaded out;
+  std::string searched;
+  std::string path = find_library(searched);
+  if (path.empty()) {
+    out.error =
+        "the SCIP library was not found (install pyscipopt==6.3.0; searched " + searched + ")";
+    return out;
+  }
+  // Older wheels lack a run path to their sibling libraries: load those by path first.
+  const std::string dir = dirname_of(path);
+  for (const char *sibling : {"/libquadmath-*.so*", "/libgfortran-*.so*"})
+    for (const std::string &f : glob_files(dir + sibling))
+      ::dlopen(f.c_str(), RTLD_NOW | RTLD_LOCAL);
+  void *handle = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+  if (!handle) {
+    const char *why = ::dlerror();
+    out.error = "the SCIP library " + path + " could not be loaded: " + (why ? why : "unknown");
+    return out;
+  }
+  Api &a = out.api;
+  a.path = path;
+  std::string missing;
+#define KVR_SCIP_RESOLVE(name, type)                       \
+  a.name = reinterpret_cast<type>(::dlsym(handle, #name)); \
+  if (!a.name) missing += (missing.empty() ? "" : ", ") + std::string(#name);
+  KVR_SCIP_FUNCTIONS(KVR_SCIP_RESOLVE)
+#undef KVR_SCIP_RESOLVE
+#define KVR_SCIP_RESOLVE_OPTIONAL(name, type) \
+  a.name = reinterpret_cast<type>(::dlsym(handle, #name));
+  KVR_SCIP_OPTIONAL_FUNCTIONS(KVR_SCIP_RESOLVE_OPTIONAL)
+#undef KVR_SCIP_RESOLVE_OPTIONAL
+  if (!missing.empty()) {
+    out.error = "the SCIP library " + path + " lacks " + missing;
+    ::dlclose(handle);
+    return out;
+  }
+  const int major = a.SCIPmajorVersion();
+  a.version = std::to_string(major) + "." + std::to_string(a.SCIPminorVersion()) + "." +
+              std::to_string(a.SCIPtechVersion());
+  if (major != 10) {
+    out.error = "the SCIP library " + path + " is version " + a.version +
+                "; the engine needs SCIP 10 (pyscipopt==6.3.0)";
+    ::dlclose(handle);
+  }
+  return out;
+}
+
+const Loaded &loaded() {
+  static std::once_flag once;
+  static Loaded result;
+  std::call_once(once, [] { result = load(); });
+  return result;
+}
+
+}  // namespace
+
+const Api &api() {
+  const Loaded &l = loaded();
+  if (!l.error.empty())
+    fail(KVR_ERROR_NOT_SUPPORTED, "Engine SCIP is not available: %s", l.error.c_str());
+  return l.api;
+}
+
+std::string unavailable_reason() { return loaded().error; }
+
+}  // namespace kvr::scip

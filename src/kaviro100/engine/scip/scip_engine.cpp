@@ -1,0 +1,713 @@
+// The SCIP engine: passes the model (linear and quadratic rows, nonconvex ones included, SOS1/2
+// and indicator constraints and semi-continuous variables as they are, a quadratic objective
+// through an epigraph variable of its own), maps the library's parameters onto SCIP parameters, and
+// reports back through the SolveContext. The user's callback is served by one constraint handler
+// and one event handler:
+//   - the handler's check and enforcement see every candidate solution: MIPSOL callbacks, and
+//     lazy constraints, which join the running search as linear constraints (no restart);
+//   - its separation sees every node relaxation: MIPNODE callbacks, user cuts as rows;
+//   - the event handler reports MIP progress and stops the solve when asked to.
+// The handler rejects solutions, so it locks every variable both ways: presolve then draws no
+// dual conclusions that a lazy constraint could invalidate.
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "engine/engine.h"
+#include "engine/registry.h"
+#include "engine/scip/scip_api.h"
+#include "util/error.h"
+
+namespace kvr {
+namespace {
+
+using namespace scip;
+
+void check(Retcode rc, const char *what) {
+  if (rc != kOkay) fail(KVR_ERROR_INTERNAL, "SCIP failed in %s (return code %d)", what, rc);
+}
+
+// The state of one solve, reached from SCIP's callbacks (which run on the solving thread).
+struct ScipRun {
+  const Api &a;
+  Scip *scip = nullptr;
+  SolveContext &ctx;
+  const ModelData &m;
+  std::vector<Var *> vars;  // SCIP variables of the model's columns
+  Var *epigraph = nullptr;  // objective variable of a quadratic objective
+  std::vector<Var *> locked;
+  Conshdlr *hdlr = nullptr;
+  std::vector<double> last_shown;  // last candidate shown to a MIPSOL callback
+  double infinity = 1e20;
+  size_t lazy_rows_added = 0;
+
+  ScipRun(const Api &api, SolveContext &c, const ModelData &model) : a(api), ctx(c), m(model) {}
+
+  double to_scip(double v) const {
+    return v >= KVR_INFINITY ? infinity : v <= -KVR_INFINITY ? -infinity : v;
+  }
+  double from_scip(double v) const {
+    return v >= infinity ? KVR_INFINITY : v <= -infinity ? -KVR_INFINITY : v;
+  }
+  // The variable SCIP solves with (the transformed one once solving started).
+  Var *active(int j) const {
+    Var *t = nullptr;
+    if (a.SCIPgetTransformedVar(scip, vars[j], &t) != kOkay || !t) return vars[j];
+    return t;
+  }
+  // Values of the model's columns in a solution (nullptr: the current LP solution).
+  std::vector<double> values(Sol *sol) const {
+    std::vector<double> x(vars.size());
+    for (size_t j = 0; j < vars.size(); ++j)
+      x[j] = a.SCIPgetSolVal(scip, sol, sol ? vars[j] : active(static_cast<int>(j)));
+    return x;
+  }
+  double row_tolerance(const LinRow &row) const {
+    return ctx.params->get_dbl(ParamId::FeasibilityTol) * std::max(1.0, std::fabs(row.rhs));
+  }
+  // Objective of the incumbent (NaN without one). The primal bound lags behind inside the event
+  // of a new incumbent; the best solution does not.
+  double best_objective() const {
+    Sol *best = a.SCIPgetNSols(scip) > 0 ? a.SCIPgetBestSol(scip) : nullptr;
+    return best ? a.SCIPgetSolOrigObj(scip, best) : kNaN;
+  }
+  void bounds_of(const LinRow &row, double &lhs, double &rhs) const {
+    lhs = row.sense == KVR_LESS_EQUAL ? -infinity : row.rhs;
+    rhs = row.sense == KVR_GREATER_EQUAL ? infinity : row.rhs;
+  }
+  std::vector<Var *> row_vars(const LinRow &row) const {
+    std::vector<Var *> v;
+    for (int j : row.ind) v.push_back(active(j));
+    return v;
+  }
+  void stop_if_asked() {
+    if (ctx.must_stop()) a.SCIPinterruptSolve(scip);
+  }
+};
+
+thread_local ScipRun *t_run = nullptr;
+
+struct RunScope {
+  explicit RunScope(ScipRun *run) : previous(t_run) { t_run = run; }
+  ~RunScope() { t_run = previous; }
+  ScipRun *previous;
+};
+
+// ---------------------------------------------------------------- log
+
+void on_message(Messagehdlr *, FILE *, const char *msg) {
+  ScipRun *run = t_run;
+  if (!run || !msg) return;
+  try {
+    SolveContext &ctx = run->ctx;
+    ctx.log(msg);
+    if (ctx.has_callback()) {
+      CallbackData cb{&ctx, KVR_CB_MESSAGE, {}};
+      cb.msg = msg;
+      cb.values = {{KVR_CB_RUNTIME, ctx.elapsed()}, {KVR_CB_WORK, ctx.work_now}};
+      ctx.invoke(cb);
+    }
+  } catch (...) {
+  }
+}
+
+// SCIP's error messages (printed apart from its message handler) go to the log of the solve
+// running on this thread, and nowhere outside one.
+void on_error(void *, FILE *, const char *msg) { on_message(nullptr, nullptr, msg); }
+
+// ---------------------------------------------------------------- callbacks
+
+void note_progress(ScipRun &run) {
+  SolveContext &ctx = run.ctx;
+  double nodes = static_cast<double>(run.a.SCIPgetNNodes(run.scip));
+  double iters = static_cast<double>(run.a.SCIPgetNLPIterations(run.scip));
+  ctx.iters_now = iters;
+  ctx.work_now = SolveContext::work_units(iters, nodes);
+}
+
+// Offers the solutions the callback handed over (cbSetSolution) to SCIP. Values left undefined
+// are not set (SCIP reads them as 0); the epigraph variable gets the objective's value.
+void offer_user_solutions(ScipRun &run) {
+  SolveContext &ctx = run.ctx;
+  const Api &a = run.a;
+  while (!ctx.user_solutions.empty()) {
+    std::vector<double> x = std::move(ctx.user_solutions.front());
+    ctx.user_solutions.erase(ctx.user_solutions.begin());
+    Sol *sol = nullptr;
+    if (a.SCIPcreateSol(run.scip, &sol, nullptr) != kOkay) continue;
+    x.resize(run.vars.size(), KVR_UNDEFINED);
+    for (size_t j = 0; j < run.vars.size(); ++j) {
+      if (x[j] == KVR_UNDEFINED) continue;
+      Var *v = run.active(static_cast<int>(j));
+      // Presolve may have fixed v; SCIP refuses another value for it (the check decides then).
+      if (a.SCIPvarGetLbGlobal && a.SCIPvarGetUbGlobal &&
+          a.SCIPvarGetLbGlobal(v) == a.SCIPvarGetUbGlobal(v))
+        continue;
+      a.SCIPsetSolVal(run.scip, sol, v, x[j]);
+    }
+    const QuadTerms &q = run.m.q;
+    bool q_defined = true;
+    for (size_t k = 0; k < q.size(); ++k)
+      q_defined = q_defined && x[q.row[k]] != KVR_UNDEFINED && x[q.col[k]] != KVR_UNDEFINED;
+    if (run.epigraph && q_defined) {
+      Var *t = nullptr;
+      if (a.SCIPgetTransformedVar(run.scip, run.epigraph, &t) != kOkay || !t) t = run.epigraph;
+      a.SCIPsetSolVal(run.scip, sol, t, run.m.q.value(x.data()));
+    }
+    Bool stored = 0;
+    a.SCIPtrySolFree(run.scip, &sol, 0, 0, 1, 1, 1, &stored);
+  }
+}
+
+// Shows a candidate solution to the MIPSOL callback (once per distinct candidate) and returns
+// the stored lazy constraints it violates.
+std::vector<const LinRow *> examine_candidate(ScipRun &run, const std::vector<double> &x) {
+  SolveContext &ctx = run.ctx;
+  if (ctx.has_callback() && x != run.last_shown) {
+    run.last_shown = x;
+    note_progress(run);
+    const double obj = run.m.objective_value(x.data());
+    double best = run.best_objective();
+    if (std::isnan(best)) best = ctx.sense == KVR_MINIMIZE ? KVR_INFINITY : -KVR_INFINITY;
+    CallbackData cb{&ctx, KVR_CB_MIPSOL, {}};
+    cb.sol = x.data();
+    cb.values = {{KVR_CB_MIPSOL_OBJ, obj},
+                 {KVR_CB_MIPSOL_OBJBST, best},
+                 {KVR_CB_MIPSOL_OBJBND, run.from_scip(run.a.SCIPgetDualbound(run.scip))},
+                 {KVR_CB_MIPSOL_NODCNT, static_cast<double>(run.a.SCIPgetNNodes(run.scip))},
+                 {KVR_CB_MIPSOL_SOLCNT, static_cast<double>(run.a.SCIPgetNSols(run.scip))},
+                 {KVR_CB_MIPSOL_PHASE, 1},
+                 {KVR_CB_MIPSOL_OPENSCENARIOS, 0},
+                 {KVR_CB_RUNTIME, ctx.elapsed()},
+                 {KVR_CB_WORK, ctx.work_now}};
+    ctx.invoke(cb);
+    run.stop_if_asked();
+  }
+  std::vector<const LinRow *> violated;
+  for (const LinRow &row : ctx.lazy)
+    if (row.violation(x.data()) > run.row_tolerance(row)) violated.push_back(&row);
+  return violated;
+}
+
+Retcode add_lazy_constraints(ScipRun &run, const std::vector<const LinRow *> &rows) {
+  for (const LinRow *row : rows) {
+    std::vector<Var *> v = run.row_vars(*row);
+    std::vector<double> val = row->val;
+    double lhs, rhs;
+    run.bounds_of(*row, lhs, rhs);
+    Cons *cons = nullptr;
+    std::string name = format("lazy%zu", run.lazy_rows_added++);
+    Retcode rc = run.a.SCIPcreateConsBasicLinear(
+        run.scip, &cons, name.c_str(), static_cast<int>(v.size()), v.data(), val.data(), lhs, rhs);
+    if (rc != kOkay) return rc;
+    rc = run.a.SCIPaddCons(run.scip, cons);
+    run.a.SCIPreleaseCons(run.scip, &cons);
+    if (rc != kOkay) return rc;
+  }
+  return kOkay;
+}
+
+Retcode enforce(Scip *, int *result) {
+  *result = kFeasible;
+  ScipRun *run = t_run;
+  if (!run) return kOkay;
+  try {
+    auto violated = examine_candidate(*run, run->values(nullptr));
+    offer_user_solutions(*run);
+    if (violated.empty()) return kOkay;
+    *result = kConsAdded;
+    return add_lazy_constraints(*run, violated);
+  } catch (...) {
+    return kError;
+  }
+}
+
+Retcode on_enfolp(Scip *s, Conshdlr *, Cons **, int, int, Bool, int *result) {
+  return enforce(s, result);
+}
+
+Retcode on_enfops(Scip *s, Conshdlr *, Cons **, int, int, Bool, Bool, int *result) {
+  return enforce(s, result);
+}
+
+Retcode on_check(Scip *, Conshdlr *, Cons **, int, Sol *sol, Bool, Bool, Bool, Bool, int *result) {
+  *result = kFeasible;
+  ScipRun *run = t_run;
+  if (!run) return kOkay;
+  try {
+    if (!examine_candidate(*run, run->values(sol)).empty()) *result = kInfeasible;
+    return kOkay;
+  } catch (...) {
+    return kError;
+  }
+}
+
+// Called with no constraint when the handler itself (it has no constraints) locks variables.
+Retcode on_lock(Scip *s, Conshdlr *, Cons *cons, LockType type, int up, int down) {
+  ScipRun *run = t_run;
+  if (cons || !run) return kOkay;
+  // The same transformed variables must be unlocked when SCIP frees its problem.
+  if (run->locked.empty())
+    for (size_t j = 0; j < run->vars.size(); ++j) run->locked.push_back(run->active(int(j)));
+  for (Var *v : run->locked) {
+    Retcode rc = run->a.SCIPaddVarLocksType(s, v, type, up + down, up + down);
+    if (rc != kOkay) return rc;
+  }
+  return kOkay;
+}
+
+// A node relaxation: the MIPNODE callback, then its cuts as rows.
+Retcode on_sepalp(Scip *s, Conshdlr *hdlr, Cons **, int, int, int *result) {
+  *result = kDidNotFind;
+  ScipRun *run = t_run;
+  if (!run) return kOkay;
+  const Api &a = run->a;
+  SolveContext &ctx = run->ctx;
+  try {
+    if (a.SCIPgetLPSolstat(s) != kLpOptimal) return kOkay;
+    note_progress(*run);
+    std::vector<double> rel = run->values(nullptr);
+    double best = run->best_objective();
+    if (std::isnan(best)) best = ctx.sense == KVR_MINIMIZE ? KVR_INFINITY : -KVR_INFINITY;
+    CallbackData cb{&ctx, KVR_CB_MIPNODE, {}};
+    cb.sol = rel.data();
+    cb.values = {{KVR_CB_MIPNODE_STATUS, KVR_OPTIMAL},
+                 {KVR_CB_MIPNODE_OBJBST, best},
+                 {KVR_CB_MIPNODE_OBJBND, run->from_scip(a.SCIPgetDualbound(s))},
+                 {KVR_CB_MIPNODE_NODCNT, static_cast<double>(a.SCIPgetNNodes(s))},
+                 {KVR_CB_MIPNODE_SOLCNT, static_cast<double>(a.SCIPgetNSols(s))},
+                 {KVR_CB_MIPNODE_PHASE, 1},
+                 {KVR_CB_MIPNODE_OPENSCENARIOS, 0},
+                 {KVR_CB_RUNTIME, ctx.elapsed()},
+                 {KVR_CB_WORK, ctx.work_now}};
+    const size_t lazy_before = ctx.lazy.size();
+    ctx.invoke(cb);
+    run->stop_if_asked();
+    offer_user_solutions(*run);
+    std::vector<LinRow> rows = std::move(ctx.cuts);
+    ctx.cuts.clear();
+    // Lazy constraints given at a node are cuts as well, and stay for every later candidate.
+    for (size_t k = lazy_before; k < ctx.lazy.size(); ++k) rows.push_back(ctx.lazy[k]);
+    for (const LinRow &cut : rows) {
+      Row *row = nullptr;
+      double lhs, rhs;
+      run->bounds_of(cut, lhs, rhs);
+      Retcode rc = a.SCIPcreateEmptyRowConshdlr(s, &row, hdlr, "usercut", lhs, rhs, 0, 0, 0);
+      if (rc != kOkay) return rc;
+      std::vector<Var *> v = run->row_vars(cut);
+      std::vector<double> val = cut.val;
+      rc = a.SCIPaddVarsToRow(s, row, static_cast<int>(v.size()), v.data(), val.data());
+      Bool infeasible = 0;
+      if (rc == kOkay) rc = a.SCIPaddRow(s, row, 1, &infeasible);
+      a.SCIPreleaseRow(s, &row);
+      if (rc != kOkay) return rc;
+      *result = infeasible ? kCutoff : kSeparated;
+      if (infeasible) break;
+    }
+    return kOkay;
+  } catch (...) {
+    return kError;
+  }
+}
+
+// MIP progress, objective limits and every request to stop.
+Retcode on_event(Scip *s, Eventhdlr *, Event *event, EventData *) {
+  ScipRun *run = t_run;
+  if (!run) return kOkay;
+  SolveContext &ctx = run->ctx;
+  try {
+    note_progress(*run);
+    offer_user_solutions(*run);
+    double best = run->best_objective();
+    double bound = run->from_scip(run->a.SCIPgetDualbound(s));
+    ctx.solcount = run->a.SCIPgetNSols(s);
+    ctx.check_objective_limits(best,
+                               run->a.SCIPeventGetType(event) == kEventBestSolFound ? kNaN : bound);
+    if (ctx.is_mip && ctx.has_callback() && ctx.progress_due()) {
+      CallbackData cb{&ctx, KVR_CB_MIP, {}};
+      if (std::isnan(best)) best = ctx.sense == KVR_MINIMIZE ? KVR_INFINITY : -KVR_INFINITY;
+      cb.values = {{KVR_CB_MIP_OBJBST, best},
+                   {KVR_CB_MIP_OBJBND, bound},
+                   {KVR_CB_MIP_NODCNT, static_cast<double>(run->a.SCIPgetNNodes(s))},
+                   {KVR_CB_MIP_SOLCNT, ctx.solcount},
+                   {KVR_CB_MIP_ITRCNT, ctx.iters_now},
+                   {KVR_CB_MIP_PHASE, 1},
+                   {KVR_CB_MIP_OPENSCENARIOS, 0},
+                   {KVR_CB_RUNTIME, ctx.elapsed()},
+                   {KVR_CB_WORK, ctx.work_now}};
+      const Api &a = run->a;
+      if (a.SCIPgetNNodesLeft)
+        cb.values.push_back({KVR_CB_MIP_NODLFT, double(a.SCIPgetNNodesLeft(s))});
+      if (a.SCIPgetNCutsApplied)
+        cb.values.push_back({KVR_CB_MIP_CUTCNT, double(a.SCIPgetNCutsApplied(s))});
+      ctx.invoke(cb);
+      offer_user_solutions(*run);
+    }
+    run->stop_if_asked();
+    return kOkay;
+  } catch (...) {
+    return kError;
+  }
+}
+
+Retcode on_event_init(Scip *s, Eventhdlr *hdlr) {
+  ScipRun *run = t_run;
+  if (!run) return kOkay;
+  return run->a.SCIPcatchEvent(s, kEventNodeFocused | kEventLpSolved | kEventBestSolFound, hdlr,
+                               nullptr, nullptr);
+}
+
+// ---------------------------------------------------------------- the engine
+
+int map_status(int status, bool has_x) {
+  switch (status) {
+    case kStatusOptimal:
+    case kStatusGapLimit:
+      return KVR_OPTIMAL;
+    case kStatusInfeasible:
+      return KVR_INFEASIBLE;
+    case kStatusUnbounded:
+      return KVR_UNBOUNDED;
+    case kStatusInfOrUnbd:
+      return KVR_INF_OR_UNBD;
+    case kStatusUserInterrupt:
+    case kStatusTerminate:
+      return KVR_INTERRUPTED;
+    case kStatusNodeLimit:
+    case kStatusTotalNodeLimit:
+    case kStatusStallNodeLimit:
+      return KVR_NODE_LIMIT;
+    case kStatusTimeLimit:
+      return KVR_TIME_LIMIT;
+    case kStatusMemLimit:
+      return KVR_MEM_LIMIT;
+    case kStatusSolLimit:
+    case kStatusBestSolLimit:
+      return KVR_SOLUTION_LIMIT;
+    case kStatusPrimalLimit:
+    case kStatusDualLimit:
+      return KVR_USER_OBJ_LIMIT;
+    default:
+      return has_x ? KVR_SUBOPTIMAL : KVR_NUMERIC;
+  }
+}
+
+class ScipEngine final : public Engine {
+ public:
+  const char *name() const override { return "SCIP"; }
+  EngineResult solve(const EngineProblem &problem, const ParamValues &params,
+                     SolveContext &ctx) override;
+
+ private:
+  static void pass_model(ScipRun &run);
+  static void set_params(ScipRun &run, const ParamValues &p);
+};
+
+void ScipEngine::pass_model(ScipRun &run) {
+  const Api &a = run.a;
+  Scip *s = run.scip;
+  const ModelData &m = run.m;
+  check(a.SCIPcreateProbBasic(s, m.name.empty() ? "model" : m.name.c_str()),
+        "creating the problem");
+  check(a.SCIPsetObjsense(s, m.sense == KVR_MAXIMIZE ? kMaximize : kMinimize), "the sense");
+  if (m.objcon != 0.0) check(a.SCIPaddOrigObjoffset(s, m.objcon), "the objective constant");
+  const int n = m.num_vars();
+  run.vars.resize(n);
+  std::vector<int> semi;  // semi-continuous and semi-integer variables whose range excludes 0
+  for (int j = 0; j < n; ++j) {
+    char t = m.vars.vtype[j];
+    double lb = m.vars.lb[j], ub = m.vars.ub[j];
+    int type = kContinuous;
+    if (t == KVR_BINARY) {
+      type = kBinary;
+      lb = std::max(lb, 0.0), ub = std::min(ub, 1.0);
+    } else if (t == KVR_INTEGER || t == KVR_SEMIINT) {
+      type = kInteger;
+    }
+    if ((t == KVR_SEMICONT || t == KVR_SEMIINT) && (lb > 0 || ub < 0)) {
+      semi.push_back(j);
+      lb = std::min(lb, 0.0), ub = std::max(ub, 0.0);
+    }
+    std::string name = format("x%d", j);
+    check(a.SCIPcreateVarBasic(s, &run.vars[j], name.c_str(), run.to_scip(lb), run.to_scip(ub),
+                               m.vars.obj[j], type),
+          "creating a variable");
+    check(a.SCIPaddVar(s, run.vars[j]), "adding a variable");
+  }
+  auto add = [&](Cons *cons, const char *what) {
+    Retcode rc = a.SCIPaddCons(s, cons);
+    a.SCIPreleaseCons(s, &cons);
+    check(rc, what);
+  };
+  // x = 0 or x in [lb, ub]: x <= 0 or x >= lb (x >= 0 or x <= ub for a negative range).
+  for (int j : semi) {
+    const bool positive = m.vars.lb[j] > 0;
+    Var *both[2] = {run.vars[j], run.vars[j]};
+    int types[2] = {positive ? kUpperBound : kLowerBound, positive ? kLowerBound : kUpperBound};
+    double bounds[2] = {0.0, positive ? m.vars.lb[j] : m.vars.ub[j]};
+    Cons *cons = nullptr;
+    check(a.SCIPcreateConsBasicBounddisjunction(s, &cons, "semi", 2, both, types, bounds),
+          "creating a semi-continuous variable");
+    add(cons, "adding a semi-continuous variable");
+  }
+  const SparseMatrix &A = m.constrs.rows;
+  std::vector<Var *> v;
+  std::vector<double> val;
+  for (int i = 0; i < m.num_constrs(); ++i) {
+    v.clear(), val.clear();
+    for (int64_t k = A.beg[i]; k < A.beg[i + 1]; ++k) {
+      v.push_back(run.vars[A.ind[k]]);
+      val.push_back(A.val[k]);
+    }
+    char sense = m.constrs.sense[i];
+    double rhs = m.constrs.rhs[i];
+    double lo = sense == KVR_LESS_EQUAL ? -run.infinity : run.to_scip(rhs);
+    double hi = sense == KVR_GREATER_EQUAL ? run.infinity : run.to_scip(rhs);
+    Cons *cons = nullptr;
+    std::string name = format("r%d", i);
+    check(a.SCIPcreateConsBasicLinear(s, &cons, name.c_str(), static_cast<int>(v.size()), v.data(),
+                                      val.data(), lo, hi),
+          "creating a linear constraint");
+    add(cons, "adding a linear constraint");
+  }
+  auto add_quadratic = [&](const std::vector<int> &lind, const std::vector<double> &lval,
+                           const QuadTerms &q, double lo, double hi, Var *extra) {
+    std::vector<Var *> lv, q1, q2;
+    std::vector<double> lc = lval, qc = q.val;
+    for (int j : lind) lv.push_back(run.vars[j]);
+    if (extra) lv.push_back(extra), lc.push_back(-1.0);
+    for (size_t k = 0; k < q.size(); ++k) {
+      q1.push_back(run.vars[q.row[k]]);
+      q2.push_back(run.vars[q.col[k]]);
+    }
+    Cons *cons = nullptr;
+    check(a.SCIPcreateConsBasicQuadraticNonlinear(s, &cons, "q", static_cast<int>(lv.size()),
+                                                  lv.data(), lc.data(), static_cast<int>(q1.size()),
+                                                  q1.data(), q2.data(), qc.data(), lo, hi),
+          "creating a quadratic constraint");
+    add(cons, "adding a quadratic constraint");
+  };
+  for (const QConstr &c : m.qconstrs.items) {
+    double lo = c.sense == KVR_LESS_EQUAL ? -run.infinity : run.to_scip(c.rhs);
+    double hi = c.sense == KVR_GREATER_EQUAL ? run.infinity : run.to_scip(c.rhs);
+    add_quadratic(c.lind, c.lval, c.q, lo, hi, nullptr);
+  }
+  // SCIP has no quadratic objective: min t with x'Qx - t <= 0 (maximizing: x'Qx - t >= 0).
+  if (m.q.size() > 0) {
+    check(a.SCIPcreateVarBasic(s, &run.epigraph, "objective", -run.infinity, run.infinity, 1.0,
+                               kContinuous),
+          "creating a variable");
+    check(a.SCIPaddVar(s, run.epigraph), "adding a variable");
+    const bool max = m.sense == KVR_MAXIMIZE;
+    add_quadratic({}, {}, m.q, max ? 0.0 : -run.infinity, max ? run.infinity : 0.0, run.epigraph);
+  }
+  for (int k = 0; k < m.sos.size(); ++k) {
+    v.clear(), val.clear();
+    for (int64_t e = m.sos.beg[k]; e < m.sos.beg[k + 1]; ++e) {
+      v.push_back(run.vars[m.sos.ind[e]]);
+      val.push_back(m.sos.weight[e]);
+    }
+    Cons *cons = nullptr;
+    auto create =
+        m.sos.type[k] == KVR_SOS_TYPE1 ? a.SCIPcreateConsBasicSOS1 : a.SCIPcreateConsBasicSOS2;
+    check(create(s, &cons, "sos", static_cast<int>(v.size()), v.data(), val.data()),
+          "creating an SOS constraint");
+    add(cons, "adding an SOS constraint");
+  }
+  for (const GenConstr &g : m.gens.items) {
+    if (g.type != KVR_GENCONSTR_INDICATOR)
+      fail(KVR_ERROR_INTERNAL, "General constraint of type %d reached the SCIP engine", g.type);
+    Var *bin = run.vars[g.binvar];
+    if (g.binval == 0) check(a.SCIPgetNegatedVar(s, bin, &bin), "negating a variable");
+    // binvar = binval implies sum val x <= rhs; >= flips the signs, = takes both.
+    for (double sign : {1.0, -1.0}) {
+      if ((sign > 0 && g.sense == KVR_GREATER_EQUAL) || (sign < 0 && g.sense == KVR_LESS_EQUAL))
+        continue;
+      v.clear(), val.clear();
+      for (size_t k = 0; k < g.ind.size(); ++k) {
+        v.push_back(run.vars[g.ind[k]]);
+        val.push_back(sign * g.val[k]);
+      }
+      Cons *cons = nullptr;
+      check(a.SCIPcreateConsBasicIndicator(s, &cons, "indicator", bin, static_cast<int>(v.size()),
+                                           v.data(), val.data(), sign * g.rhs),
+            "creating an indicator constraint");
+      add(cons, "adding an indicator constraint");
+    }
+  }
+}
+
+// Sets one option given in KAVIRO_ENGINE_OPTIONS; SCIP's parameters have types, so each type is
+// tried in turn.
+bool set_any_param(const Api &a, Scip *s, const std::string &name, const std::string &value) {
+  char *end = nullptr;
+  long long iv = std::strtoll(value.c_str(), &end, 10);
+  const bool is_int = !value.empty() && *end == '\0';
+  double dv = std::strtod(value.c_str(), &end);
+  const bool is_num = !value.empty() && *end == '\0';
+  if (value == "true" || value == "false")
+    return a.SCIPsetBoolParam(s, name.c_str(), value == "true") == kOkay;
+  if (is_int && a.SCIPsetIntParam(s, name.c_str(), static_cast<int>(iv)) == kOkay) return true;
+  if (is_int && a.SCIPsetLongintParam(s, name.c_str(), iv) == kOkay) return true;
+  if (is_int && (iv == 0 || iv == 1) && a.SCIPsetBoolParam(s, name.c_str(), iv == 1) == kOkay)
+    return true;
+  if (is_num && a.SCIPsetRealParam(s, name.c_str(), dv) == kOkay) return true;
+  if (value.size() == 1 && a.SCIPsetCharParam(s, name.c_str(), value[0]) == kOkay) return true;
+  return a.SCIPsetStringParam(s, name.c_str(), value.c_str()) == kOkay;
+}
+
+void ScipEngine::set_params(ScipRun &run, const ParamValues &p) {
+  const Api &a = run.a;
+  Scip *s = run.scip;
+  SolveContext &ctx = run.ctx;
+  auto real = [&](const char *name, double v) { check(a.SCIPsetRealParam(s, name, v), name); };
+  check(a.SCIPsetBoolParam(s, "misc/catchctrlc", 0), "misc/catchctrlc");
+  double tl = p.get_dbl(ParamId::TimeLimit);
+  if (tl < KVR_INFINITY) real("limits/time", std::max(0.0, tl - ctx.elapsed()));
+  real("limits/gap", p.get_dbl(ParamId::MIPGap));
+  real("limits/absgap", p.get_dbl(ParamId::MIPGapAbs));
+  real("numerics/feastol", p.get_dbl(ParamId::FeasibilityTol));
+  real("numerics/dualfeastol", p.get_dbl(ParamId::OptimalityTol));
+  double nl = p.get_dbl(ParamId::NodeLimit);
+  if (nl < KVR_INFINITY)
+    check(a.SCIPsetLongintParam(s, "limits/nodes", static_cast<Longint>(nl)), "limits/nodes");
+  int sl = p.get_int(ParamId::SolutionLimit);
+  if (sl < 2000000000) check(a.SCIPsetIntParam(s, "limits/solutions", sl), "limits/solutions");
+  check(a.SCIPsetIntParam(s, "limits/maxsol",
+                          std::max(100, std::min(p.get_int(ParamId::PoolSolutions), 100000))),
+        "limits/maxsol");
+  check(a.SCIPsetIntParam(s, "randomization/randomseedshift", p.get_int(ParamId::Seed)),
+        "randomization/randomseedshift");
+  if (p.get_int(ParamId::Presolve) == 0)
+    check(a.SCIPsetPresolving(s, kSettingOff, 1), "presolving");
+  if (p.get_dbl(ParamId::Heuristics) == 0.0)
+    check(a.SCIPsetHeuristics(s, kSettingOff, 1), "heuristics");
+  if (p.get_int(ParamId::Symmetry) == 0)
+    check(a.SCIPsetIntParam(s, "misc/usesymmetry", 0), "misc/usesymmetry");
+  for (const auto &[name, value] : engine_options()) {
+    if (name.find('/') == std::string::npos) continue;  // another engine's option
+    if (!set_any_param(a, s, name, value))
+      fail(KVR_ERROR_INVALID_ARGUMENT, "KAVIRO_ENGINE_OPTIONS: the engine rejects %s=%s",
+           name.c_str(), value.c_str());
+    ctx.logf("Engine option %s=%s\n", name.c_str(), value.c_str());
+  }
+}
+
+// Owns the SCIP instance and its message handler.
+struct Instance {
+  const Api &a;
+  Scip *scip = nullptr;
+  Messagehdlr *msg = nullptr;
+  ScipRun *run = nullptr;  // for the unlock calls while freeing
+  explicit Instance(const Api &api) : a(api) { check(a.SCIPcreate(&scip), "SCIPcreate"); }
+  ~Instance() {
+    RunScope scope(run);
+    if (run)
+      for (Var *&v : run->vars)
+        if (v) a.SCIPreleaseVar(scip, &v);
+    if (run && run->epigraph) a.SCIPreleaseVar(scip, &run->epigraph);
+    a.SCIPfree(&scip);
+    if (msg) a.SCIPmessagehdlrRelease(&msg);
+  }
+  Instance(const Instance &) = delete;
+  Instance &operator=(const Instance &) = delete;
+};
+
+EngineResult ScipEngine::solve(const EngineProblem &problem, const ParamValues &params,
+                               SolveContext &ctx) {
+  const Api &a = api();
+  if (a.SCIPmessageSetErrorPrinting) a.SCIPmessageSetErrorPrinting(on_error, nullptr);
+  const ModelData &m = *problem.model;
+  const bool mip = m.is_mip() || m.sos.size() > 0 || m.gens.size() > 0;
+  ScipRun run(a, ctx, m);
+  Instance inst(a);
+  inst.run = &run;
+  run.scip = inst.scip;
+  RunScope scope(&run);
+  check(a.SCIPincludeDefaultPlugins(run.scip), "SCIPincludeDefaultPlugins");
+  check(a.SCIPmessagehdlrCreate(&inst.msg, 1, nullptr, 0, on_message, on_message, on_message,
+                                nullptr, nullptr),
+        "creating the message handler");
+  check(a.SCIPsetMessagehdlr(run.scip, inst.msg), "setting the message handler");
+  a.SCIPsetMessagehdlrQuiet(run.scip, ctx.quiet || !ctx.env->output_on());
+  run.infinity = a.SCIPinfinity(run.scip);
+
+  Eventhdlr *events = nullptr;
+  check(a.SCIPincludeEventhdlrBasic(run.scip, &events, "kaviro_events", "progress and stops",
+                                    on_event, nullptr),
+        "adding the event handler");
+  check(a.SCIPsetEventhdlrInit(run.scip, events, on_event_init), "adding the event handler");
+  if (ctx.has_callback() && mip) {
+    // Enforced and checked after every other constraint: it sees only integral candidates.
+    check(a.SCIPincludeConshdlrBasic(run.scip, &run.hdlr, "kaviro_callback",
+                                     "lazy constraints and callbacks", -9999999, -9999999, -1, 0,
+                                     on_enfolp, on_enfops, on_check, on_lock, nullptr),
+          "adding the constraint handler");
+    check(a.SCIPsetConshdlrSepa(run.scip, run.hdlr, on_sepalp, nullptr, 1, 0, 0),
+          "adding the constraint handler");
+  }
+  set_params(run, params);
+  pass_model(run);
+  const double cutoff = params.get_dbl(ParamId::Cutoff);
+  if (std::fabs(cutoff) < KVR_INFINITY) check(a.SCIPsetObjlimit(run.scip, cutoff), "the cutoff");
+
+  if (mip && !problem.mip_start.empty())
+    ctx.user_solutions.insert(ctx.user_solutions.begin(), problem.mip_start);
+  Retcode rc = a.SCIPsolve(run.scip);
+  if (rc != kOkay && ctx.callback_error == 0)
+    fail(KVR_ERROR_INTERNAL, "SCIP failed to solve the model (return code %d); see the log", rc);
+
+  EngineResult r;
+  const int nsols = a.SCIPgetNSols(run.scip);
+  r.status = map_status(a.SCIPgetStatus(run.scip), nsols > 0);
+  switch (ctx.stop) {
+    case StopReason::ObjStop:
+    case StopReason::BdStop:
+      r.status = KVR_USER_OBJ_LIMIT;
+      break;
+    case StopReason::Work:
+      r.status = KVR_WORK_LIMIT;
+      break;
+    case StopReason::IterLimit:
+      r.status = KVR_ITERATION_LIMIT;
+      break;
+    case StopReason::User:
+    case StopReason::CallbackError:
+    case StopReason::Pass:
+      r.status = KVR_INTERRUPTED;
+      break;
+    case StopReason::SoftMemory:
+    case StopReason::HardMemory:
+      r.status = KVR_MEM_LIMIT;
+      break;
+    default:
+      break;
+  }
+  r.nodecount = static_cast<double>(a.SCIPgetNNodes(run.scip));
+  r.itercount = static_cast<double>(a.SCIPgetNLPIterations(run.scip));
+  r.work = SolveContext::work_units(r.itercount, r.nodecount);
+  r.objbound =
+      nsols > 0 || r.status == KVR_OPTIMAL ? run.from_scip(a.SCIPgetDualbound(run.scip)) : kNaN;
+  if (r.status == KVR_INFEASIBLE || r.status == KVR_UNBOUNDED || r.status == KVR_INF_OR_UNBD)
+    r.objbound = kNaN;
+  // With a cutoff SCIP reports "infeasible" when nothing beats it, as the library's CUTOFF.
+  if (std::fabs(cutoff) < KVR_INFINITY && r.status == KVR_INFEASIBLE) r.status = KVR_CUTOFF;
+  const bool decided_without_x = r.status == KVR_CUTOFF || r.status == KVR_INFEASIBLE ||
+                                 r.status == KVR_UNBOUNDED || r.status == KVR_INF_OR_UNBD;
+  if (nsols > 0 && !decided_without_x) {
+    Sol **sols = a.SCIPgetSols(run.scip);
+    for (int k = 0; k < nsols; ++k) r.found_x.push_back(run.values(sols[k]));
+    r.x = r.found_x.front();
+    r.objval = a.SCIPgetSolOrigObj(run.scip, sols[0]);
+  }
+  ctx.solcount = nsols;
+  return r;
+}
+
+}  // namespace
+
+std::unique_ptr<Engine> make_scip_engine() { return std::make_unique<ScipEngine>(); }
+
+}  // namespace kvr
