@@ -17,12 +17,24 @@ namespace kvrpy {
 // ---------------------------------------------------------------- NumPy and SciPy
 nb::module_ &numpy();
 nb::module_ &scipy_sparse();
+// Python and NumPy integers and numbers as C values (TypeError for anything else).
+inline Py_ssize_t py_index(nb::handle o) {
+  Py_ssize_t v = PyNumber_AsSsize_t(o.ptr(), PyExc_OverflowError);
+  if (v == -1 && PyErr_Occurred()) throw nb::python_error();
+  return v;
+}
+inline double py_double(nb::handle o) {
+  double v = PyFloat_AsDouble(o.ptr());
+  if (v == -1.0 && PyErr_Occurred()) throw nb::python_error();
+  return v;
+}
 // A contiguous array of `dtype` ("int64", "float64") holding `values` (converted as NumPy does).
 nb::object contiguous(nb::handle values, const char *dtype);
 // The data pointer of a contiguous array made by contiguous() or new_array().
+// Read-only arrays (broadcast views) are accepted; only arrays from new_array() are written.
 template <class T>
 T *array_data(nb::handle arr) {
-  return static_cast<T *>(nb::cast<nb::ndarray<>>(arr).data());
+  return static_cast<T *>(const_cast<void *>(nb::cast<nb::ndarray<nb::ro>>(arr).data()));
 }
 nb::object new_array(size_t n, const char *dtype);
 // A 1-D object array of the items of a list (the items are never looked into).
@@ -50,6 +62,8 @@ nb::list flat_handles(nb::handle arr);
 // New objects of the three classes around an object ndarray of handles.
 nb::object make_mvar(nb::object handles);
 nb::object make_mconstr(nb::object handles);
+// An MVar of every variable of a Model object, in model order (pending ones included).
+nb::object all_vars(nb::handle model);
 nb::object make_mqconstr(nb::object handles);
 
 // The methods every handle array has (shape, indexing views, item, tolist, reshape, T,

@@ -170,7 +170,7 @@ namespace {
 nb::object add_mconstr(nb::handle self, nb::handle A, nb::handle x, nb::handle sense, nb::handle b,
                        nb::handle name) {
   KVRmodel *model = prepared_model(self);
-  nb::object xv = x.is_none() ? make_mvar(object_array(self.attr("getVars")())) : nb::borrow(x);
+  nb::object xv = x.is_none() ? all_vars(self) : nb::borrow(x);
   if (!is_mvar(xv)) xv = module_attr("MVar").attr("fromlist")(xv);
   nb::tuple xs = shape_of(nb::inst_ptr<MVar>(xv)->handles);
   if (xs.size() != 1)

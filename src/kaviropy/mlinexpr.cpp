@@ -115,7 +115,7 @@ MExpr add_exprs(MExpr a, MExpr b, double sign) {
 
 MExpr scale_by_array(const MExpr &e, nb::handle w) {
   nb::object arr = np_attr("asarray")(w, nb::arg("dtype") = "float64");
-  if (nb::len(shape_of(arr)) == 0) return scaled(e, nb::cast<double>(arr.attr("item")()));
+  if (nb::len(shape_of(arr)) == 0) return scaled(e, py_double(arr.attr("item")()));
   nb::tuple shape = broadcast_shapes(shape_of(e.constant), shape_of(arr));
   MExpr b = broadcast_to(e, shape);
   nb::object diag = sp_attr("diags")(np_attr("broadcast_to")(arr, shape).attr("ravel")(),
@@ -154,12 +154,12 @@ MExpr matmul_left(nb::handle m, const MExpr &e) {
   nb::object M = numeric_matrix(m, ms);
   nb::tuple es = shape_of(e.constant);
   if (ms.size() < 1 || ms.size() > 2 || es.size() < 1 || es.size() > 2) raise_matmul(ms, es);
-  Py_ssize_t inner = nb::cast<Py_ssize_t>(ms[ms.size() - 1]);
-  if (inner != nb::cast<Py_ssize_t>(es[0])) raise_matmul(ms, es);
+  Py_ssize_t inner = py_index(ms[ms.size() - 1]);
+  if (inner != py_index(es[0])) raise_matmul(ms, es);
   nb::list shape;
   if (ms.size() == 2) shape.append(ms[0]);
   if (es.size() == 2) shape.append(es[1]);
-  nb::object S = es.size() == 2 ? kron_identity(M, nb::cast<Py_ssize_t>(es[1]), false) : M;
+  nb::object S = es.size() == 2 ? kron_identity(M, py_index(es[1]), false) : M;
   return apply_rows(e, S, nb::tuple(shape));
 }
 
@@ -169,14 +169,14 @@ MExpr matmul_right(const MExpr &e, nb::handle m) {
   nb::object M = numeric_matrix(m, ms);
   nb::tuple es = shape_of(e.constant);
   if (ms.size() < 1 || ms.size() > 2 || es.size() < 1 || es.size() > 2) raise_matmul(es, ms);
-  Py_ssize_t inner = nb::cast<Py_ssize_t>(es[es.size() - 1]);
+  Py_ssize_t inner = py_index(es[es.size() - 1]);
   // For a 1-D M, M was made a row (1, n); as the right factor it acts as a column.
-  if (inner != nb::cast<Py_ssize_t>(ms[0])) raise_matmul(es, ms);
+  if (inner != py_index(ms[0])) raise_matmul(es, ms);
   nb::object Mt = ms.size() == 2 ? csr(M.attr("T")) : M;  // rows of the result per column of M
   nb::list shape;
   if (es.size() == 2) shape.append(es[0]);
   if (ms.size() == 2) shape.append(ms[1]);
-  nb::object S = es.size() == 2 ? kron_identity(Mt, nb::cast<Py_ssize_t>(es[0]), true) : Mt;
+  nb::object S = es.size() == 2 ? kron_identity(Mt, py_index(es[0]), true) : Mt;
   return apply_rows(e, S, nb::tuple(shape));
 }
 
@@ -184,7 +184,7 @@ MExpr matmul_right(const MExpr &e, nb::handle m) {
 MExpr matmul_exprs(const MExpr &a, const MExpr &b) {
   nb::tuple as = shape_of(a.constant), bs = shape_of(b.constant);
   if (as.size() < 1 || as.size() > 2 || bs.size() < 1 || bs.size() > 2) raise_matmul(as, bs);
-  if (nb::cast<Py_ssize_t>(as[as.size() - 1]) != nb::cast<Py_ssize_t>(bs[0])) raise_matmul(as, bs);
+  if (py_index(as[as.size() - 1]) != py_index(bs[0])) raise_matmul(as, bs);
   nb::object none = nb::none(), all = nb::slice(nb::none(), nb::none(), nb::none());
   MExpr l = a, r = b;
   int axis = static_cast<int>(as.size()) - 1;
@@ -237,24 +237,24 @@ bool to_mexpr(nb::handle obj, MExpr &out) {
     return true;
   }
   if (is_linexpr(obj)) {
-    size_t n = nb::cast<size_t>(obj.attr("size")());
+    size_t n = py_index(obj.attr("size")());
     std::vector<double> coeffs(n);
     nb::list vars;
     for (size_t i = 0; i < n; ++i) {
-      coeffs[i] = nb::cast<double>(obj.attr("getCoeff")(i));
+      coeffs[i] = py_double(obj.attr("getCoeff")(i));
       vars.append(obj.attr("getVar")(i));
     }
-    out = row_expr(std::move(coeffs), vars, nb::cast<double>(obj.attr("getConstant")()));
+    out = row_expr(std::move(coeffs), vars, py_double(obj.attr("getConstant")()));
     return true;
   }
   if (is_quadexpr(obj)) {
     if (!to_mexpr(obj.attr("getLinExpr")(), out)) return false;
-    size_t n = nb::cast<size_t>(obj.attr("size")());
+    size_t n = py_index(obj.attr("size")());
     nb::list v1, v2;
     nb::object data = new_array(n, "float64");
     double *d = array_data<double>(data);
     for (size_t i = 0; i < n; ++i) {
-      d[i] = nb::cast<double>(obj.attr("getCoeff")(i));
+      d[i] = py_double(obj.attr("getCoeff")(i));
       v1.append(obj.attr("getVar1")(i));
       v2.append(obj.attr("getVar2")(i));
     }
@@ -322,7 +322,7 @@ MExpr sum_expr(const MExpr &e, nb::handle axis) {
     return apply_rows(e, S, nb::tuple());
   }
   Py_ssize_t nd = static_cast<Py_ssize_t>(shape.size());
-  Py_ssize_t k = nb::cast<Py_ssize_t>(axis);
+  Py_ssize_t k = py_index(axis);
   if (k < -nd || k >= nd)
     raise_python(PyExc_ValueError, "axis " + std::to_string(k) +
                                        " is out of bounds for an array of shape " +
@@ -336,7 +336,7 @@ MExpr sum_expr(const MExpr &e, nb::handle axis) {
     } else {
       kept.append(shape[i]);
       ones_at.append(shape[i]);
-      groups *= nb::cast<Py_ssize_t>(shape[i]);
+      groups *= py_index(shape[i]);
     }
   }
   nb::object G =
@@ -443,7 +443,7 @@ nb::object element(const MExpr &e, Py_ssize_t r) {
   std::vector<double> coeffs;
   std::vector<nb::object> vars;
   row_terms(e.A, e.vars, r, coeffs, vars);
-  double c = nb::cast<double>(e.constant.attr("ravel")()[nb::int_(r)]);
+  double c = py_double(e.constant.attr("ravel")()[nb::int_(r)]);
   nb::object lin = make_linexpr(std::move(coeffs), std::move(vars), c);
   if (!e.quadratic()) return lin;
   std::vector<double> qc, unused;
@@ -483,7 +483,7 @@ void def_mexpr_methods(nb::handle cls, const char *what) {
       [](H s) -> Py_ssize_t {
         nb::tuple shape = shape_of(expr_of(s).constant);
         if (shape.size() == 0) raise_python(PyExc_TypeError, "len() of unsized object");
-        return nb::cast<Py_ssize_t>(shape[0]);
+        return py_index(shape[0]);
       },
       "Length of the first axis.");
   method(

@@ -175,8 +175,14 @@ void remove_items(nb::handle self, nb::handle items) {
       raise_error(-1, "Item to be removed not a Var, Constr, SOS, QConstr, or GenConstr");
     }
     nb::object fast = nb::steal(PySequence_Fast(seq.ptr(), ""));
-    for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(fast.ptr()); ++i)
-      handles.push_back(nb::borrow(PySequence_Fast_GET_ITEM(fast.ptr(), i)));
+    for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(fast.ptr()); ++i) {
+      nb::handle item = PySequence_Fast_GET_ITEM(fast.ptr(), i);
+      if (is_handle_array(item)) {
+        for (nb::handle h : flat_handles(item)) handles.push_back(nb::borrow(h));
+      } else {
+        handles.push_back(nb::borrow(item));
+      }
+    }
   }
   // Everything is checked before anything is marked, so a bad item changes nothing.
   for (auto &obj : handles) {

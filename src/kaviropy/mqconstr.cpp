@@ -31,7 +31,7 @@ namespace {
 nb::object matrix_form(nb::handle self, nb::handle Q, nb::handle c, nb::handle constant,
                        nb::handle xQ_L, nb::handle xQ_R, nb::handle xc) {
   auto vars_or_all = [&](nb::handle x) -> nb::object {
-    if (x.is_none()) return make_mvar(object_array(self.attr("getVars")()));
+    if (x.is_none()) return all_vars(self);
     if (is_mvar(x)) return nb::borrow(x);
     return module_attr("MVar").attr("fromlist")(x);
   };

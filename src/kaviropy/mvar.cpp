@@ -35,7 +35,7 @@ nb::object object_array(nb::handle items) {
 
 nb::tuple shape_of(nb::handle arr) { return nb::tuple(numpy().attr("shape")(arr)); }
 
-Py_ssize_t size_of(nb::handle arr) { return nb::cast<Py_ssize_t>(numpy().attr("size")(arr)); }
+Py_ssize_t size_of(nb::handle arr) { return py_index(numpy().attr("size")(arr)); }
 
 nb::tuple broadcast_shapes(nb::handle a, nb::handle b) {
   try {
@@ -134,6 +134,13 @@ nb::list flat_handles(nb::handle arr) {
   return nb::list(array_of(arr).handles.attr("ravel")().attr("tolist")());
 }
 
+nb::object all_vars(nb::handle model) {
+  prepared_model(model);
+  nb::list items;
+  for (const nb::object &v : model_ref(model).lists[kVar]) items.append(v);
+  return make_mvar(object_array(items));
+}
+
 nb::object make_mvar(nb::object handles) { return nb::cast(MVar{{std::move(handles)}}); }
 nb::object make_mconstr(nb::object handles) { return nb::cast(MConstr{{std::move(handles)}}); }
 nb::object make_mqconstr(nb::object handles) { return nb::cast(MQConstr{{std::move(handles)}}); }
@@ -167,7 +174,7 @@ void def_handle_array_methods(nb::handle cls, const char *what) {
       [](H s) -> Py_ssize_t {
         nb::tuple shape = shape_of(array_of(s).handles);
         if (shape.size() == 0) raise_python(PyExc_TypeError, "len() of unsized object");
-        return nb::cast<Py_ssize_t>(shape[0]);
+        return py_index(shape[0]);
       },
       "Length of the first axis.");
   def_method(
@@ -176,7 +183,7 @@ void def_handle_array_methods(nb::handle cls, const char *what) {
         nb::tuple shape = shape_of(array_of(s).handles);
         if (shape.size() == 0) raise_python(PyExc_TypeError, "iteration over a 0-d array");
         nb::list items;
-        Py_ssize_t n = nb::cast<Py_ssize_t>(shape[0]);
+        Py_ssize_t n = py_index(shape[0]);
         for (Py_ssize_t i = 0; i < n; ++i) items.append(like(s, array_of(s).handles[nb::int_(i)]));
         return nb::iter(items);
       },
@@ -318,8 +325,7 @@ nb::object normalized_shape(nb::handle shape) {
   else
     s = nb::tuple(shape);
   for (nb::handle d : s)
-    if (nb::cast<long long>(d) < 0)
-      raise_python(PyExc_ValueError, "negative dimensions are not allowed");
+    if (py_index(d) < 0) raise_python(PyExc_ValueError, "negative dimensions are not allowed");
   return s;
 }
 
@@ -327,8 +333,7 @@ nb::object add_mvar(nb::handle self, nb::handle shape_arg, nb::handle lb, nb::ha
                     nb::handle obj, nb::handle vtype, nb::handle name) {
   KVRmodel *model = prepared_model(self);
   nb::object shape = normalized_shape(shape_arg);
-  size_t n = static_cast<size_t>(
-      nb::cast<Py_ssize_t>(numpy().attr("prod")(shape, nb::arg("dtype") = "int64")));
+  size_t n = static_cast<size_t>(py_index(numpy().attr("prod")(shape, nb::arg("dtype") = "int64")));
   if (n > static_cast<size_t>(std::numeric_limits<int>::max()))
     raise_error(KVR_ERROR_INVALID_ARGUMENT, "Too many variables for one call of addMVar");
   std::vector<double> l =
@@ -370,7 +375,7 @@ std::vector<std::string> element_names(nb::handle name, nb::handle shape) {
     std::vector<long long> ext(nd), idx(nd, 0);
     size_t n = 1;
     for (size_t k = 0; k < nd; ++k) {
-      ext[k] = nb::cast<long long>(dims[k]);
+      ext[k] = py_index(dims[k]);
       n *= static_cast<size_t>(ext[k]);
     }
     out.reserve(n);
