@@ -78,6 +78,8 @@ struct MExpr {
   nb::object constant;
   nb::object A, vars;
   nb::object Q, qvars1, qvars2;
+  // A is the identity and the constant zero (an MVar as expression): products skip them.
+  bool plain_vars = false;
   bool quadratic() const { return Q.is_valid() && !Q.is_none(); }
 };
 struct MLinExpr : MExpr {};

@@ -161,7 +161,14 @@ nb::object add_matrix_tempconstr(nb::handle self, nb::handle tc, nb::handle name
   for (size_t i = 0; i < b.size(); ++i) b[i] = to_library(-rows.constant[i]);
   std::vector<char> s(b.size(), sense);
   std::vector<std::string> names = element_names(name, shape);
-  if (e.quadratic()) return add_quadratic_rows(self, model, rows, s, b, names, shape);
+  if (e.quadratic()) {
+    for (size_t r = 0; r + 1 < rows.qbeg.size(); ++r)
+      if (rows.qbeg[r] == rows.qbeg[r + 1])
+        raise_error(KVR_ERROR_INVALID_ARGUMENT,
+                    "Matrix constraint has linear and quadratic elements (element " +
+                        std::to_string(r) + " is linear); add them separately");
+    return add_quadratic_rows(self, model, rows, s, b, names, shape);
+  }
   return add_linear_rows(self, model, rows, s, b, names, shape);
 }
 

@@ -52,19 +52,21 @@ MExpr row_expr(std::vector<double> coeffs, nb::list vars, double constant) {
 // S @ rows for every block, reshaped to `shape`.
 MExpr apply_rows(const MExpr &e, nb::handle S, nb::handle shape) {
   MExpr r;
-  r.A = csr(S.attr("__matmul__")(e.A));
+  r.A = e.plain_vars ? csr(S) : csr(S.attr("__matmul__")(e.A));
   r.vars = e.vars;
   r.Q = e.quadratic() ? csr(S.attr("__matmul__")(e.Q)) : nb::none();
   r.qvars1 = e.qvars1;
   r.qvars2 = e.qvars2;
-  r.constant = np_attr("asarray")(S.attr("__matmul__")(e.constant.attr("ravel")()),
-                                  nb::arg("dtype") = "float64")
-                   .attr("reshape")(shape);
+  r.constant = e.plain_vars ? np_attr("zeros")(shape)
+                            : np_attr("asarray")(S.attr("__matmul__")(e.constant.attr("ravel")()),
+                                                 nb::arg("dtype") = "float64")
+                                  .attr("reshape")(shape);
   return r;
 }
 
 MExpr scaled(const MExpr &e, double c) {
   MExpr r = e;
+  r.plain_vars = false;
   r.A = e.A.attr("__mul__")(c);
   if (e.quadratic()) r.Q = e.Q.attr("__mul__")(c);
   r.constant = e.constant.attr("__mul__")(c);
@@ -227,6 +229,7 @@ bool to_mexpr(nb::handle obj, MExpr &out) {
     out.A = sp_attr("identity")(n, nb::arg("format") = "csr");
     out.constant = np_attr("zeros")(shape_of(handles));
     out.Q = nb::none();
+    out.plain_vars = true;
     return true;
   }
   double v = 0;
@@ -349,25 +352,38 @@ MExpr sum_expr(const MExpr &e, nb::handle axis) {
 }
 
 // ---------------------------------------------------------------- operators
+namespace {
+
+// Operands with variables: the matrix classes and the scalar expression classes.
+bool has_variables(nb::handle obj) {
+  return is_matrix_expression(obj) || as_var(obj) || is_linexpr(obj) || is_quadexpr(obj);
+}
+
+bool is_sparse(nb::handle obj) { return nb::cast<bool>(sp_attr("issparse")(obj)); }
+
+}  // namespace
+
 nb::object matrix_binary(MatOp op, nb::handle a, nb::handle b) {
+  bool a_const = !has_variables(a), b_const = !has_variables(b);
   MExpr x, y;
-  bool xs = is_matrix_expression(a), ys = is_matrix_expression(b);
+  // A constant matrix factor of @ stays as given (a scipy.sparse matrix is never densified).
+  if (op == MatOp::MatMul && (a_const || b_const)) {
+    nb::handle constant = a_const ? a : b;
+    if (!is_sparse(constant) && !to_mexpr(constant, x)) return nb::borrow(Py_NotImplemented);
+    if (!to_mexpr(a_const ? b : a, y)) return nb::borrow(Py_NotImplemented);
+    return wrap_mexpr(a_const ? matmul_left(a, y) : matmul_right(y, b));
+  }
   if (!to_mexpr(a, x) || !to_mexpr(b, y)) return nb::borrow(Py_NotImplemented);
-  // Numeric operands (constants) are recognised by having no variables at all.
-  bool x_const = !xs && !as_var(a) && !is_linexpr(a) && !is_quadexpr(a);
-  bool y_const = !ys && !as_var(b) && !is_linexpr(b) && !is_quadexpr(b);
   switch (op) {
     case MatOp::Add:
       return wrap_mexpr(add_exprs(x, y, 1.0));
     case MatOp::Sub:
       return wrap_mexpr(add_exprs(x, y, -1.0));
     case MatOp::Mul:
-      if (y_const) return wrap_mexpr(scale_by_array(x, y.constant));
-      if (x_const) return wrap_mexpr(scale_by_array(y, x.constant));
+      if (b_const) return wrap_mexpr(scale_by_array(x, y.constant));
+      if (a_const) return wrap_mexpr(scale_by_array(y, x.constant));
       return wrap_mexpr(quad_product_expr(x, y));
     case MatOp::MatMul:
-      if (y_const) return wrap_mexpr(matmul_right(x, b));
-      if (x_const) return wrap_mexpr(matmul_left(a, y));
       return wrap_mexpr(matmul_exprs(x, y));
   }
   return nb::borrow(Py_NotImplemented);
