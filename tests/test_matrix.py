@@ -366,3 +366,22 @@ def test_errors_name_shapes_and_leave_the_model_unchanged(m, env):
         z.X
     with pytest.raises(TypeError):
         x + "text"
+
+
+def test_mixed_rows_disposed_models_and_error_owners(m, env):
+    x = m.addMVar(3, ub=1, name="x")
+    m.update()
+    with pytest.raises(kp.KaviroError, match="element 1 is linear"):
+        m.addConstr(x * np.array([1.0, 0.0, 2.0]) * x + x <= 1)
+    m.update()
+    assert m.NumQConstrs == 0
+    assert "x[0]" in repr(x + 1) and "<kaviro.MLinExpr (3,)>" in repr(x + 1)
+    err = kp.KaviroError(0, x)  # the message of the owning model
+    assert isinstance(err.message, str)
+    other = kp.Model("other", env=env)
+    y = other.addMVar(2)
+    other.dispose()
+    with pytest.raises(kp.KaviroError, match="freed"):
+        other.addConstr(y <= 1)
+    with pytest.raises(kp.KaviroError, match="freed"):
+        other.addMVar(2)

@@ -469,6 +469,13 @@ nb::object element(const MExpr &e, Py_ssize_t r) {
   return make_quadexpr(lin, std::move(qc), std::move(v1), std::move(v2));
 }
 
+// The elements as an object array of LinExpr or QuadExpr objects in the expression's shape.
+nb::object elements(const MExpr &e) {
+  nb::list flat;
+  for (Py_ssize_t r = 0; r < rows_of(e); ++r) flat.append(element(e, r));
+  return object_array(flat).attr("reshape")(shape_of(e.constant));
+}
+
 }  // namespace
 
 void def_mexpr_methods(nb::handle cls, const char *what) {
@@ -529,22 +536,18 @@ void def_mexpr_methods(nb::handle cls, const char *what) {
       },
       ("The " + w + " of a one-element expression.").c_str());
   method(
-      "tolist",
-      [](H s) {
-        MExpr &e = expr_of(s);
-        nb::list flat;
-        for (Py_ssize_t r = 0; r < rows_of(e); ++r) flat.append(element(e, r));
-        nb::object arr = object_array(flat).attr("reshape")(shape_of(e.constant));
-        return arr.attr("tolist")();
-      },
+      "tolist", [](H s) { return elements(expr_of(s)).attr("tolist")(); },
       ("The elements as nested lists of " + w + " objects.").c_str());
   method(
       "__repr__",
       [](H s) {
         std::string name = utf8(s.type().attr("__name__"));
-        return "<kaviro." + name + " " + shape_text(shape_of(expr_of(s).constant)) + ">";
+        MExpr &e = expr_of(s);
+        std::string out = "<kaviro." + name + " " + shape_text(shape_of(e.constant)) + ">";
+        if (rows_of(e) <= 20) out += "\n" + utf8(nb::repr(elements(e)));
+        return out;
       },
-      "The class and the shape.");
+      "The class, the shape and (for small arrays) the elements.");
 }
 
 void init_mlinexpr(nb::module_ &m) {
