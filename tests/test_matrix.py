@@ -214,7 +214,7 @@ def test_linear_arithmetic_broadcasts_like_numpy(valued):
     w = np.array([1.0, -2.0, 0.5, 3.0])
     cases = [
         (x + 1, v + 1), (2 - x, 2 - v), (-x, -v), (x * w, v * w), (w[None, :] * x, w * v),
-        (x / 4, v / 4), (x[:, 1:] - x[:, :-1], v[:, 1:] - v[:, :-1]),
+        (x / 4, v / 4), (x / w, v / w), (x[:, 1:] - x[:, :-1], v[:, 1:] - v[:, :-1]),
         (x.sum(axis=0) + x[0], v.sum(axis=0) + v[0]), (x.sum(axis=1), v.sum(axis=1)),
         (x.sum(), v.sum()), (x + x[:, :1], v + v[:, :1]), (x[:, None, :] + x[None, :, 0:1], v[:, None, :] + v[None, :, 0:1]),
         (x.sum(axis=-1)[:, None] * w, v.sum(axis=-1)[:, None] * w),
@@ -385,3 +385,15 @@ def test_mixed_rows_disposed_models_and_error_owners(m, env):
         other.addConstr(y <= 1)
     with pytest.raises(kp.KaviroError, match="freed"):
         other.addMVar(2)
+
+
+def test_scalar_expressions_take_arrays_of_variables(valued):
+    m, x, v = valued
+    e = kp.LinExpr(np.arange(4.0), x[1])
+    assert e.getValue() == pytest.approx(np.arange(4.0) @ v[1])
+    e.addTerms([1.0, 1.0], x[2, :2])
+    assert e.getValue() == pytest.approx(np.arange(4.0) @ v[1] + v[2, 0] + v[2, 1])
+    q = kp.QuadExpr()
+    q.addTerms([2.0] * 3, x[:, 0], x[:, 1])
+    assert q.getValue() == pytest.approx(2 * (v[:, 0] * v[:, 1]).sum())
+    assert "x[1,3]" in str(e)

@@ -105,6 +105,7 @@ bool is_iterable(PyObject *o) {
 }
 
 nb::object as_sequence(PyObject *o) {
+  if (is_handle_array(o)) return flat_handles(o);  // the elements, row-major
   PyObject *s = PySequence_Fast(o, "expected an iterable");
   if (!s) throw nb::python_error();
   return nb::steal(s);

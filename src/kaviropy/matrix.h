@@ -133,6 +133,8 @@ nb::object add_linear_rows(nb::handle self, KVRmodel *model, const LibraryRows &
 enum class MatOp { Add, Sub, Mul, MatMul };
 // a op b for matrix operands (either side); NotImplemented for operands it does not know.
 nb::object matrix_binary(MatOp op, nb::handle a, nb::handle b);
+// e / b for a number or a numeric array b.
+nb::object matrix_divide(nb::handle e, nb::handle b);
 // e ** 2 (other powers raise).
 nb::object matrix_power(nb::handle e, nb::handle exponent);
 // <=, >=, == of a matrix object: a TempConstr with everything on the left.
@@ -153,12 +155,7 @@ void def_matrix_operators(nb::class_<T> &cls) {
   cls.def("__rmul__", [](H a, H b) { return matrix_binary(MatOp::Mul, b, a); });
   cls.def("__matmul__", [](H a, H b) { return matrix_binary(MatOp::MatMul, a, b); });
   cls.def("__rmatmul__", [](H a, H b) { return matrix_binary(MatOp::MatMul, b, a); });
-  cls.def("__truediv__", [](H a, H b) -> nb::object {
-    double v = 0;
-    if (!isscalar(b, &v)) return nb::borrow(Py_NotImplemented);
-    if (v == 0.0) raise_python(PyExc_ZeroDivisionError, "float division by zero");
-    return matrix_binary(MatOp::Mul, a, nb::float_(1.0 / v));
-  });
+  cls.def("__truediv__", [](H a, H b) { return matrix_divide(a, b); });
   cls.def("__neg__", [](H a) { return matrix_binary(MatOp::Mul, a, nb::float_(-1.0)); });
   cls.def("__pos__", [](H a) { return matrix_binary(MatOp::Add, a, nb::float_(0.0)); });
   cls.def(

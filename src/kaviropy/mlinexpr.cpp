@@ -389,6 +389,19 @@ nb::object matrix_binary(MatOp op, nb::handle a, nb::handle b) {
   return nb::borrow(Py_NotImplemented);
 }
 
+nb::object matrix_divide(nb::handle e, nb::handle b) {
+  double v = 0;
+  if (isscalar(b, &v)) {
+    if (v == 0.0) raise_python(PyExc_ZeroDivisionError, "float division by zero");
+    return matrix_binary(MatOp::Mul, e, nb::float_(1.0 / v));
+  }
+  MExpr divisor;
+  if (has_variables(b) || !to_mexpr(b, divisor)) return nb::borrow(Py_NotImplemented);
+  if (PyObject_IsTrue(np_attr("any")(divisor.constant.attr("__eq__")(0.0)).ptr()) == 1)
+    raise_python(PyExc_ZeroDivisionError, "float division by zero");
+  return matrix_binary(MatOp::Mul, e, np_attr("reciprocal")(divisor.constant));
+}
+
 nb::object matrix_power(nb::handle e, nb::handle exponent) {
   double v = 0;
   if (!isscalar(exponent, &v) || v != 2.0)
