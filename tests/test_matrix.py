@@ -397,3 +397,40 @@ def test_scalar_expressions_take_arrays_of_variables(valued):
     q.addTerms([2.0] * 3, x[:, 0], x[:, 1])
     assert q.getValue() == pytest.approx(2 * (v[:, 0] * v[:, 1]).sum())
     assert "x[1,3]" in str(e)
+
+
+def test_issue_style_program_runs_as_written(m, capsys):
+    rng = np.random.default_rng(3)
+    cap = np.array([50.0, 40.0, 30.0])
+    pmin = np.array([5.0, 4.0, 3.0])
+    T = 6
+    demand = rng.uniform(40, 90, T)
+    ramp = 20.0
+    A = sp.random(6, 8, density=0.5, random_state=4, format="csr")
+    b = np.full(6, 4.0)
+    c = rng.uniform(-1, 1, 8)
+    Q = np.diag(rng.uniform(0.5, 1.5, 8))
+
+    x = m.addMVar((3, T), lb=0, ub=cap[:, None], vtype=KVR.CONTINUOUS, name="p")
+    u = m.addMVar((3, T), vtype=KVR.BINARY, name="u")
+    y = m.addMVar(8, lb=-5, ub=5, name="y")
+    r = m.addMVar(T, name="r")
+    con = m.addConstr(A @ y <= b)
+    m.addConstr(x.sum(axis=0) + r == demand)
+    m.addConstr(x[:, 1:] - x[:, :-1] <= ramp)
+    m.addConstr(x <= cap[:, None] * u)
+    cost = np.array([1.0, 2.0, 3.0])
+    m.setObjective(c @ y + y @ Q @ y + (cost[:, None] * x).sum() + (0.01 * cost[:, None] * x * x).sum()
+                   + 100 * r.sum() + 10 * u.sum(), KVR.MINIMIZE)
+    for g in range(3):
+        for t in range(T):
+            m.addGenConstrIndicator(u[g, t], True, x[g, t] >= pmin[g])
+    m.optimize()
+    print(y.X, m.getAttr("X", y), con.Slack)
+    assert m.Status == KVR.OPTIMAL
+    assert y.X.shape == (8,) and con.Slack.shape == (6,)
+    np.testing.assert_allclose(x.X.sum(axis=0) + r.X, demand, atol=1e-6)
+    on = u.X > 0.5
+    assert (x.X[on] >= np.broadcast_to(pmin[:, None], (3, T))[on] - 1e-6).all()
+    assert (x.X[~on] <= 1e-6).all()
+    assert "[" in capsys.readouterr().out
