@@ -13,7 +13,8 @@ Phases (each measurement is a fresh process; the median of --runs is shown):
           (+ passHessian) of prepared arrays; pyoptinterface build (its models live in HiGHS);
           cvxpy Problem + get_problem_data(HIGHS or CLARABEL for the QP); linopy build + to_highspy
   engine  build, then the engine starts: optimize with TimeLimit 0 and Presolve 0 on every side
-          (highspy: run with time_limit 0, presolve off)
+          (highspy: run with time_limit 0, presolve off); the LP runs dual simplex everywhere
+          (Method 1; HiGHS solver=simplex, simplex_strategy=1)
 
 Memory: peak resident memory of the process during the measured phase minus its resident memory
 before it (data and imports loaded), in bytes per nonzero of the constraint matrix.
@@ -128,6 +129,8 @@ def kaviropy_run(model, size, data, phase):
     if phase == "engine":
         m.Params.TimeLimit = 0
         m.Params.Presolve = 0
+        if model == "sparse":
+            m.Params.Method = 1  # dual simplex on every side
         m.optimize()
     return time.perf_counter() - t0
 
@@ -189,6 +192,9 @@ def highspy_run(model, size, d, phase):
     if phase == "engine":
         h.setOptionValue("time_limit", 0.0)
         h.setOptionValue("presolve", "off")
+        if model == "sparse":
+            h.setOptionValue("solver", "simplex")
+            h.setOptionValue("simplex_strategy", 1)
         h.run()
     return time.perf_counter() - t0
 
@@ -234,6 +240,9 @@ def pyoptinterface_run(model, size, data, phase):
     if phase == "engine":
         m.set_raw_parameter("time_limit", 0.0)
         m.set_raw_parameter("presolve", "off")
+        if model == "sparse":
+            m.set_raw_parameter("solver", "simplex")
+            m.set_raw_parameter("simplex_strategy", 1)
         m.optimize()
     return time.perf_counter() - t0
 
@@ -265,7 +274,8 @@ def cvxpy_run(model, size, data, phase):
         prob.get_problem_data(solver)
     else:
         try:
-            prob.solve(solver=solver, time_limit=0.0, presolve="off")
+            extra = {"solver": "simplex", "simplex_strategy": 1} if model == "sparse" else {}
+            prob.solve(solver=solver, time_limit=0.0, presolve="off", highs_options=extra)
         except cp.error.SolverError:
             pass  # a time limit of 0 is reported as a solver failure
     return time.perf_counter() - t0
@@ -326,7 +336,8 @@ def linopy_run(model, size, data, phase):
     if phase == "build":
         m.to_highspy()
     else:
-        m.solve("highs", io_api="direct", time_limit=0.0, presolve="off", output_flag=False)
+        extra = {"solver": "simplex", "simplex_strategy": 1} if model == "sparse" else {}
+        m.solve("highs", io_api="direct", time_limit=0.0, presolve="off", output_flag=False, **extra)
     return time.perf_counter() - t0
 
 
@@ -386,7 +397,8 @@ def main():
     peers = [p for p in args.packages.split(",") if p]
     tmp = tempfile.mkdtemp(prefix="bench_matrix_")
     print(f"kaviropy: {sys.executable}\npeers: {args.peer_python}\n"
-          "engine settings on every side: output off; phase engine: time limit 0, presolve off\n")
+          "engine settings on every side: output off; phase engine: time limit 0, presolve off, "
+          "dual simplex for the LP\n")
     header = "%-12s %-7s %-15s %10s %8s %10s" % ("model", "phase", "package", "median s", "ratio", "B/nnz")
     for model in args.models.split(","):
         size = args.nnz if model == "sparse" else args.lqcp_n
