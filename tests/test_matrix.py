@@ -218,7 +218,10 @@ def test_linear_arithmetic_broadcasts_like_numpy(valued):
         (x.sum(axis=0) + x[0], v.sum(axis=0) + v[0]), (x.sum(axis=1), v.sum(axis=1)),
         (x.sum(), v.sum()), (x + x[:, :1], v + v[:, :1]), (x[:, None, :] + x[None, :, 0:1], v[:, None, :] + v[None, :, 0:1]),
         (x.sum(axis=-1)[:, None] * w, v.sum(axis=-1)[:, None] * w),
-        ((x + 1).T[1:3], (v + 1).T[1:3]), ((x * 2).reshape(12)[::5], (v * 2).reshape(12)[::5]),
+        ((x + 1).T[1:3], (v + 1).T[1:3]), (x[::-1, ::2] - x[:, 1::2], v[::-1, ::2] - v[:, 1::2]),
+        (x[[2, 0]][:, [True, False, True, True]] + x.T[1:, 0], v[[2, 0]][:, [True, False, True, True]] + v.T[1:, 0]),
+        (x.T.reshape(12)[3:7] * x.reshape(12)[:4], v.T.reshape(12)[3:7] * v.reshape(12)[:4]),
+        (x.diagonal() + x[0, :3], v.diagonal() + v[0, :3]), ((x * 2).reshape(12)[::5], (v * 2).reshape(12)[::5]),
     ]
     for expr, expected in cases:
         assert expr.shape == np.shape(expected)
@@ -305,6 +308,9 @@ def test_handle_arrays_in_scalar_model_methods(m):
     r = m.addMVar((), name="r")
     sos = m.addSOS(KVR.SOS_TYPE1, x)
     gc = m.addGenConstrMax(r, x)
+    s = m.addMVar(2, name="s")
+    general = m.addConstr(s[0] == kp.max_(x[0], x[1]))
+    assert isinstance(general, kp.GenConstr)
     m.setObjective(x @ np.array([1.0, 2.0, 3.0, 4.0]), KVR.MAXIMIZE)
     m.optimize()
     assert m.ObjVal == pytest.approx(4.0)
@@ -325,6 +331,12 @@ def test_removal_of_arrays(m):
     assert [v.VarName for v in m.getVars()] == ["x[1,0]", "x[1,1]", "y[0]", "y[1]", "y[2]"]
     with pytest.raises(kp.KaviroError):
         x.X
+    # the remaining elements of a partly removed array still make expressions and constraints
+    m.addConstr(x[1] + y[:2] >= 1)
+    m.setObjective(x[1].sum() + y.sum(), KVR.MINIMIZE)
+    m.optimize()
+    assert m.ObjVal == pytest.approx(2.0)
+    np.testing.assert_allclose((x[1] + y[:2]).getValue(), [1.0, 1.0])
 
 
 # ---------------------------------------------------------------- errors

@@ -57,6 +57,12 @@ struct MQConstr : HandleArray {};
 bool is_mvar(nb::handle obj);
 // MVar, MConstr or MQConstr.
 bool is_handle_array(nb::handle obj);
+// The column list of an MVar's handles for an expression: the 1-D array of which the handles
+// are a strided view (so all slices of one addMVar share it), or a flat copy; `positions` gets
+// each element's position in it (row-major).
+nb::object column_list(nb::handle handles, nb::object &positions);
+// The element pointers of a contiguous 1-D object array (valid while the array lives).
+PyObject *const *object_items(nb::handle arr);
 // The handles of an MVar, MConstr or MQConstr as a flat list (row-major).
 nb::list flat_handles(nb::handle arr);
 // New objects of the three classes around an object ndarray of handles.

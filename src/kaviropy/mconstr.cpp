@@ -2,6 +2,7 @@
 // Model.getA move whole sparse matrices between the expression rows and the library in one call.
 #include <cmath>
 #include <limits>
+#include <unordered_map>
 
 #include "expr.h"
 #include "exprtypes.h"
@@ -12,14 +13,37 @@ namespace kvrpy {
 
 namespace {
 
-// Library columns of a 1-D object array of variables; every variable must be in `model`.
-std::vector<int> columns_of(nb::handle vars, KVRmodel *model) {
-  nb::list items(vars.attr("tolist")());
-  std::vector<int> cols;
-  cols.reserve(items.size());
-  for (nb::handle v : items) cols.push_back(var_column(v, model));
-  return cols;
-}
+// Library columns of the entries of a column list, looked up when first used: a column list
+// may be a whole MVar of which a constraint uses a few elements.
+class ColumnMap {
+ public:
+  ColumnMap(nb::handle vars, KVRmodel *model, size_t uses)
+      : vars_(contiguous_objects(vars)), items_(object_items(vars_)), model_(model) {
+    size_t n = static_cast<size_t>(size_of(vars_));
+    if (uses * 4 >= n) dense_.assign(n, kUnknown);
+  }
+  int operator()(int64_t k) {
+    if (!dense_.empty()) {
+      int &c = dense_[static_cast<size_t>(k)];
+      if (c == kUnknown) c = var_column(items_[k], model_);
+      return c;
+    }
+    auto [it, fresh] = sparse_.try_emplace(k, kUnknown);
+    if (fresh) it->second = var_column(items_[k], model_);
+    return it->second;
+  }
+
+ private:
+  static constexpr int kUnknown = -2;
+  static nb::object contiguous_objects(nb::handle vars) {
+    return numpy().attr("ascontiguousarray")(vars, nb::arg("dtype") = "O");
+  }
+  nb::object vars_;
+  PyObject *const *items_;
+  KVRmodel *model_;
+  std::vector<int> dense_;
+  std::unordered_map<int64_t, int> sparse_;
+};
 
 struct CsrView {
   nb::object ptr, idx, dat;  // keep the arrays alive
@@ -78,8 +102,8 @@ LibraryRows library_rows(const MExpr &e, KVRmodel *model) {
   for (double v : rows.constant)
     if (std::isnan(v)) raise_error(KVR_ERROR_INVALID_ARGUMENT, "Constant is Nan");
 
-  std::vector<int> cols = columns_of(e.vars, model);
   CsrView a(e.A);
+  ColumnMap cols(e.vars, model, static_cast<size_t>(a.p[n]));
   check_size(static_cast<size_t>(a.p[n]));
   rows.beg.reserve(n + 1);
   rows.ind.reserve(static_cast<size_t>(a.p[n]));
@@ -89,7 +113,7 @@ LibraryRows library_rows(const MExpr &e, KVRmodel *model) {
     rows.beg.push_back(static_cast<int>(start));
     for (int64_t k = a.p[r]; k < a.p[r + 1]; ++k) {
       if (!std::isfinite(a.d[k])) bad_coefficient();
-      rows.ind.push_back(cols[static_cast<size_t>(a.i[k])]);
+      rows.ind.push_back(cols(a.i[k]));
       rows.val.push_back(a.d[k]);
     }
     // Duplicate columns merged and zeros dropped (the library's cleaning function).
@@ -101,17 +125,17 @@ LibraryRows library_rows(const MExpr &e, KVRmodel *model) {
   rows.beg.push_back(static_cast<int>(rows.ind.size()));
 
   if (e.quadratic()) {
-    std::vector<int> c1 = columns_of(e.qvars1, model), c2 = columns_of(e.qvars2, model);
     CsrView q(e.Q);
+    size_t pairs = static_cast<size_t>(q.p[n]);
+    ColumnMap c1(e.qvars1, model, pairs), c2(e.qvars2, model, pairs);
     check_size(static_cast<size_t>(q.p[n]));
     for (size_t r = 0; r < n; ++r) {
       size_t start = rows.qval.size();
       rows.qbeg.push_back(static_cast<int>(start));
       for (int64_t k = q.p[r]; k < q.p[r + 1]; ++k) {
         if (!std::isfinite(q.d[k])) bad_coefficient();
-        size_t pair = static_cast<size_t>(q.i[k]);
-        rows.qrow.push_back(c1[pair]);
-        rows.qcol.push_back(c2[pair]);
+        rows.qrow.push_back(c1(q.i[k]));
+        rows.qcol.push_back(c2(q.i[k]));
         rows.qval.push_back(q.d[k]);
       }
       int len = static_cast<int>(rows.qval.size() - start);

@@ -94,6 +94,10 @@ MExpr add_exprs(MExpr a, MExpr b, double sign) {
   } else if (nb::len(a.vars) == 0) {
     r.A = b.A;
     r.vars = b.vars;
+  } else if (a.vars.is(b.vars)) {
+    // Slices of one MVar share its column list: the rows add up, no columns are appended.
+    r.A = csr(a.A.attr("__add__")(b.A));
+    r.vars = a.vars;
   } else {
     r.A = sp_attr("hstack")(nb::make_tuple(a.A, b.A), nb::arg("format") = "csr");
     r.vars = np_attr("concatenate")(nb::make_tuple(a.vars, b.vars));
@@ -225,11 +229,16 @@ bool to_mexpr(nb::handle obj, MExpr &out) {
   if (nb::isinstance<MVar>(obj)) {
     nb::object handles = nb::inst_ptr<MVar>(obj)->handles;
     Py_ssize_t n = size_of(handles);
-    out.vars = handles.attr("ravel")();
-    out.A = sp_attr("identity")(n, nb::arg("format") = "csr");
+    nb::object pos;
+    out.vars = column_list(handles, pos);
+    out.plain_vars = n == size_of(out.vars) &&
+                     PyObject_IsTrue(np_attr("array_equal")(pos, np_attr("arange")(n)).ptr()) == 1;
+    out.A = out.plain_vars ? sp_attr("identity")(n, nb::arg("format") = "csr")
+                           : sp_attr("csr_matrix")(
+                                 nb::make_tuple(np_attr("ones")(n), pos, np_attr("arange")(n + 1)),
+                                 nb::arg("shape") = nb::make_tuple(n, size_of(out.vars)));
     out.constant = np_attr("zeros")(shape_of(handles));
     out.Q = nb::none();
-    out.plain_vars = true;
     return true;
   }
   double v = 0;
@@ -413,7 +422,8 @@ nb::object matrix_power(nb::handle e, nb::handle exponent) {
 
 nb::object matrix_compare(nb::handle self, const char *sense, nb::handle other) {
   MExpr probe;
-  if (!to_mexpr(other, probe)) return nb::borrow(Py_NotImplemented);
+  // A general expression on the right makes a general constraint of a one-element MVar.
+  if (!is_genexpr(other) && !to_mexpr(other, probe)) return nb::borrow(Py_NotImplemented);
   return make_tempconstr(self, sense, other);
 }
 
@@ -445,7 +455,13 @@ nb::object values_of(nb::handle vars) {
 
 nb::object get_value(const MExpr &e) {
   nb::object v = e.constant.attr("ravel")().attr("copy")();
-  if (nb::len(e.vars)) v = v.attr("__add__")(e.A.attr("__matmul__")(values_of(e.vars)));
+  if (nb::len(e.vars)) {
+    // Only the columns in use are read (a column list may hold variables of no term).
+    nb::object used = np_attr("unique")(e.A.attr("indices"));
+    nb::object x = np_attr("zeros")(nb::len(e.vars));
+    x[used] = values_of(e.vars[used]);
+    v = v.attr("__add__")(e.A.attr("__matmul__")(x));
+  }
   if (e.quadratic() && nb::len(e.qvars1)) {
     nb::object prod = values_of(e.qvars1).attr("__mul__")(values_of(e.qvars2));
     v = v.attr("__add__")(e.Q.attr("__matmul__")(prod));

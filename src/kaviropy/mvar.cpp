@@ -130,6 +130,43 @@ void def_property(nb::handle cls, const char *name, nb::object getter) {
 
 }  // namespace
 
+nb::object column_list(nb::handle handles, nb::object &positions) {
+  nb::object ndarray = numpy().attr("ndarray");
+  nb::object root = nb::borrow(handles);
+  while (nb::isinstance(root.attr("base"), ndarray)) root = root.attr("base");
+  bool shared = nb::len(shape_of(root)) == 1 && py_index(root.attr("itemsize")) == 8 &&
+                py_index(handles.attr("itemsize")) == 8 &&
+                nb::cast<bool>(root.attr("flags").attr("c_contiguous")) &&
+                root.attr("dtype").equal(handles.attr("dtype"));
+  if (!shared) {
+    positions = numpy().attr("arange")(size_of(handles));
+    return handles.attr("ravel")();
+  }
+  // The view's elements sit at fixed strides from its first element inside the root list.
+  auto address = [](nb::handle a) {
+    return py_index(a.attr("__array_interface__")["data"][nb::int_(0)]);
+  };
+  Py_ssize_t offset = (address(handles) - address(root)) / 8;
+  nb::object all = numpy().attr("arange")(size_of(root), nb::arg("dtype") = "int64");
+  positions =
+      numpy()
+          .attr("lib")
+          .attr("stride_tricks")
+          .attr("as_strided")(
+              all[nb::slice(nb::int_(offset), nb::int_(size_of(root)), nb::int_(1))],
+              nb::arg("shape") = shape_of(handles), nb::arg("strides") = handles.attr("strides"))
+          .attr("ravel")();
+  return root;
+}
+
+PyObject *const *object_items(nb::handle arr) {
+  if (!nb::cast<bool>(arr.attr("flags").attr("c_contiguous")) ||
+      !arr.attr("dtype").equal(numpy().attr("dtype")("O")))
+    raise_python(PyExc_TypeError, "expected a contiguous object array");
+  return reinterpret_cast<PyObject *const *>(
+      py_index(arr.attr("__array_interface__")["data"][nb::int_(0)]));
+}
+
 nb::list flat_handles(nb::handle arr) {
   return nb::list(array_of(arr).handles.attr("ravel")().attr("tolist")());
 }
