@@ -153,25 +153,52 @@ nb::object matrix_sum(nb::handle e, nb::handle axis);
 template <class T>
 void def_matrix_operators(nb::class_<T> &cls) {
   using H = nb::handle;
-  cls.def("__add__", [](H a, H b) { return matrix_binary(MatOp::Add, a, b); });
-  cls.def("__radd__", [](H a, H b) { return matrix_binary(MatOp::Add, b, a); });
-  cls.def("__sub__", [](H a, H b) { return matrix_binary(MatOp::Sub, a, b); });
-  cls.def("__rsub__", [](H a, H b) { return matrix_binary(MatOp::Sub, b, a); });
-  cls.def("__mul__", [](H a, H b) { return matrix_binary(MatOp::Mul, a, b); });
-  cls.def("__rmul__", [](H a, H b) { return matrix_binary(MatOp::Mul, b, a); });
-  cls.def("__matmul__", [](H a, H b) { return matrix_binary(MatOp::MatMul, a, b); });
-  cls.def("__rmatmul__", [](H a, H b) { return matrix_binary(MatOp::MatMul, b, a); });
-  cls.def("__truediv__", [](H a, H b) { return matrix_divide(a, b); });
-  cls.def("__neg__", [](H a) { return matrix_binary(MatOp::Mul, a, nb::float_(-1.0)); });
-  cls.def("__pos__", [](H a) { return matrix_binary(MatOp::Add, a, nb::float_(0.0)); });
+  cls.def(
+      "__add__", [](H a, H b) { return matrix_binary(MatOp::Add, a, b); },
+      "self + other, broadcast.");
+  cls.def(
+      "__radd__", [](H a, H b) { return matrix_binary(MatOp::Add, b, a); },
+      "other + self, broadcast.");
+  cls.def(
+      "__sub__", [](H a, H b) { return matrix_binary(MatOp::Sub, a, b); },
+      "self - other, broadcast.");
+  cls.def(
+      "__rsub__", [](H a, H b) { return matrix_binary(MatOp::Sub, b, a); },
+      "other - self, broadcast.");
+  cls.def(
+      "__mul__", [](H a, H b) { return matrix_binary(MatOp::Mul, a, b); },
+      "Elementwise product (quadratic for two expressions).");
+  cls.def(
+      "__rmul__", [](H a, H b) { return matrix_binary(MatOp::Mul, b, a); },
+      "Elementwise product (quadratic for two expressions).");
+  cls.def(
+      "__matmul__", [](H a, H b) { return matrix_binary(MatOp::MatMul, a, b); },
+      "Matrix product with an array, scipy.sparse matrix or expression.");
+  cls.def(
+      "__rmatmul__", [](H a, H b) { return matrix_binary(MatOp::MatMul, b, a); },
+      "Matrix product with an array, scipy.sparse matrix or expression.");
+  cls.def(
+      "__truediv__", [](H a, H b) { return matrix_divide(a, b); },
+      "Division by a number or numeric array.");
+  cls.def(
+      "__neg__", [](H a) { return matrix_binary(MatOp::Mul, a, nb::float_(-1.0)); }, "-self.");
+  cls.def(
+      "__pos__", [](H a) { return matrix_binary(MatOp::Add, a, nb::float_(0.0)); }, "+self.");
   cls.def(
       "__pow__", [](H a, H b, H) { return matrix_power(a, b); }, nb::arg("exponent"),
-      nb::arg("modulo").none() = nb::none());
-  cls.def("__le__", [](H a, H b) { return matrix_compare(a, "<", b); });
-  cls.def("__ge__", [](H a, H b) { return matrix_compare(a, ">", b); });
-  cls.def("__eq__", [](H a, H b) { return matrix_compare(a, "=", b); });
-  cls.def("__ne__",
-          [](H, H) -> nb::object { raise_error(0, "Inequality constraints not supported"); });
+      nb::arg("modulo").none() = nb::none(), "self ** 2 (the only power there is).");
+  cls.def(
+      "__le__", [](H a, H b) { return matrix_compare(a, "<", b); },
+      "self <= other: a matrix TempConstr.");
+  cls.def(
+      "__ge__", [](H a, H b) { return matrix_compare(a, ">", b); },
+      "self >= other: a matrix TempConstr.");
+  cls.def(
+      "__eq__", [](H a, H b) { return matrix_compare(a, "=", b); },
+      "self == other: a matrix TempConstr.");
+  cls.def(
+      "__ne__", [](H, H) -> nb::object { raise_error(0, "Inequality constraints not supported"); },
+      "Raises: != makes no constraint.");
   cls.def(
       "sum", [](H a, H axis) { return matrix_sum(a, axis); }, nb::arg("axis").none() = nb::none(),
       "The sum of the elements (over one axis when axis is given) as a matrix expression.");
