@@ -2,6 +2,7 @@
 // rows, one per element: every shape operation (indexing, broadcasting, sums, products with
 // constant matrices) is a row selection or a sparse matrix applied to those rows, so it costs
 // one scipy.sparse call whatever the number of elements.
+#include <algorithm>
 #include <cmath>
 
 #include "expr.h"
@@ -334,6 +335,22 @@ MExpr sum_expr(const MExpr &e, nb::handle axis) {
     return apply_rows(e, S, nb::tuple());
   }
   Py_ssize_t nd = static_cast<Py_ssize_t>(shape.size());
+  if (PyTuple_Check(axis.ptr())) {
+    // Several axes: summed one at a time, the highest first so the others keep their numbers.
+    std::vector<Py_ssize_t> axes;
+    for (nb::handle a : nb::borrow<nb::tuple>(axis)) {
+      Py_ssize_t k = py_index(a);
+      if (k < -nd || k >= nd)
+        raise_python(PyExc_ValueError, "axis " + std::to_string(k) +
+                                           " is out of bounds for an array of shape " +
+                                           shape_text(shape));
+      axes.push_back(k < 0 ? k + nd : k);
+    }
+    std::sort(axes.rbegin(), axes.rend());
+    MExpr r = e;
+    for (Py_ssize_t a : axes) r = sum_expr(r, nb::int_(a));
+    return r;
+  }
   Py_ssize_t k = py_index(axis);
   if (k < -nd || k >= nd)
     raise_python(PyExc_ValueError, "axis " + std::to_string(k) +
@@ -538,9 +555,10 @@ void def_mexpr_methods(nb::handle cls, const char *what) {
         return py_index(shape[0]);
       },
       "Length of the first axis.");
-  method(
-      "__getitem__", [](H s, H key) { return wrap_mexpr(index_expr(expr_of(s), key)); },
-      "The elements selected with NumPy's indexing rules.");
+  cls.attr("__getitem__") =
+      nb::cpp_function([](H s, H key) { return wrap_mexpr(index_expr(expr_of(s), key)); },
+                       nb::scope(cls), nb::name("__getitem__"), nb::is_method(),
+                       nb::arg("key").none(), "The elements selected with NumPy's indexing rules.");
   method(
       "reshape",
       [](H s, nb::args shape) {

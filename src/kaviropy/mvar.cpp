@@ -225,10 +225,11 @@ void def_handle_array_methods(nb::handle cls, const char *what) {
         return nb::iter(items);
       },
       "Iterates over the first axis.");
-  def_method(
+  def_method_args(
       cls, "__getitem__", [](H s, H key) { return like(s, array_of(s).handles[key]); },
       "A view selected with NumPy's indexing rules (ints, slices, None, ..., int and bool "
-      "arrays).");
+      "arrays).",
+      nb::arg("key").none());
   def_method(
       cls, "item", [](H s) { return array_of(s).handles.attr("item")(); },
       ("The " + w + " of a one-element array.").c_str());
