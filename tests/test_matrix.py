@@ -183,7 +183,7 @@ def test_views_follow_numpy_indexing(m):
         assert isinstance(view, kp.MVar)
         assert view.shape == idx[key].shape
         np.testing.assert_array_equal(view.VarName, names[key])
-    assert x[1, 2].item() is x.tolist()[1][2]
+    assert x[1, 2].item() is x.tolist()[1][2] is x.item(1, 2) is x.item(6)
     assert x.T.shape == (4, 3) and x.transpose().VarName[3, 2] == "x[2,3]"
     assert x.reshape(2, 6).VarName[1, 0] == "x[1,2]" and x.reshape((12,)).shape == (12,)
     assert list(x.diagonal().VarName) == ["x[0,0]", "x[1,1]", "x[2,2]"]

@@ -231,8 +231,8 @@ void def_handle_array_methods(nb::handle cls, const char *what) {
       "arrays).",
       nb::arg("key").none());
   def_method(
-      cls, "item", [](H s) { return array_of(s).handles.attr("item")(); },
-      ("The " + w + " of a one-element array.").c_str());
+      cls, "item", [](H s, nb::args at) { return array_of(s).handles.attr("item")(*at); },
+      ("The " + w + " of a one-element array, or the one at a position (NumPy's item).").c_str());
   def_method(
       cls, "tolist", [](H s) { return array_of(s).handles.attr("tolist")(); },
       ("The elements as nested lists of " + w + " handles.").c_str());
