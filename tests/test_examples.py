@@ -5,6 +5,7 @@ import pathlib
 import subprocess
 import sys
 
+import numpy as np
 import pytest
 
 EXAMPLES = pathlib.Path(__file__).resolve().parent.parent / "examples"
@@ -44,3 +45,15 @@ def test_quickstart_runs_as_a_program():
                          text=True, check=True).stdout
     assert "Result: optimal" in out
     assert out.strip().endswith("objective 4.0 values [1.0, 1.5, 0.0]")
+
+
+def test_dispatch_in_matrix_form():
+    example = load("dispatch")
+    total, output, price = example.solve(verbose=False)
+    assert total == pytest.approx(346.0)
+    assert output.shape == (3, 4) and price.shape == (4,)
+    assert output.sum(axis=0) == pytest.approx(example.demand)
+    assert (output <= example.cap[:, None] + 1e-9).all()
+    assert abs(np.diff(output, axis=1)).max() <= example.ramp + 1e-9
+    # The cheapest generator's marginal cost sets the price of the first period.
+    assert price[0] == pytest.approx(example.cost[0] + 0.02 * output[0, 0], rel=1e-4)

@@ -3,6 +3,7 @@
 #include "containers.h"
 #include "exprtypes.h"
 #include "handles.h"
+#include "matrix.h"
 #include "model.h"
 #include "model_files.h"
 #include "model_optimize.h"
@@ -46,4 +47,9 @@ NB_MODULE(_core, m) {
   init_model_print(m);
   init_model_files(m);
   init_model_transform(m);
+  init_mvar(m);
+  init_mlinexpr(m);
+  init_mquadexpr(m);
+  init_mconstr(m);
+  init_mqconstr(m);
 }

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "exprtypes.h"
+#include "matrix.h"
 
 namespace kvrpy {
 
@@ -104,6 +105,7 @@ bool is_iterable(PyObject *o) {
 }
 
 nb::object as_sequence(PyObject *o) {
+  if (is_handle_array(o)) return flat_handles(o);  // the elements, row-major
   PyObject *s = PySequence_Fast(o, "expected an iterable");
   if (!s) throw nb::python_error();
   return nb::steal(s);
@@ -833,7 +835,8 @@ void install_var_operators() {
   def(
       "__rtruediv__", [](H s, H o) { return slot_result(var_nb_true_divide(o.ptr(), s.ptr())); },
       "other / self: not supported");
-  method("__neg__", [](H s) { return slot_result(var_nb_negative(s.ptr())); }, "-self");
+  method(
+      "__neg__", [](H s) { return slot_result(var_nb_negative(s.ptr())); }, "-self");
   method(
       "__pow__", [](H s, H e, H m) { return slot_result(var_nb_power(s.ptr(), e.ptr(), m.ptr())); },
       nb::arg("exponent").none(), nb::arg("modulo").none() = nb::none(), "self ** 2");
@@ -857,7 +860,11 @@ bool is_linexpr(nb::handle obj) { return is_lin(obj.ptr()); }
 
 bool collect_linear(nb::handle obj, double mult, KVRmodel *model, LinearData &out) {
   Operand o = classify(obj.ptr());
-  if (!is_linear_kind(o.kind)) return false;
+  if (!is_linear_kind(o.kind)) {
+    // A one-element matrix expression stands for its element.
+    if (is_one_element(obj)) return collect_linear(obj.attr("item")(), mult, model, out);
+    return false;
+  }
   if (o.kind == Kind::Num) {
     out.constant += mult * o.value;
     return true;

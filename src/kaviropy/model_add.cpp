@@ -8,6 +8,7 @@
 
 #include "containers.h"
 #include "expr.h"
+#include "matrix.h"
 #include "model.h"
 
 namespace kvrpy {
@@ -520,7 +521,9 @@ std::vector<int> var_list(nb::handle vars, KVRmodel *model, double *constant = n
     out.push_back(var_column(vars, model));
     return out;
   }
-  nb::object items = is_tupledict(vars) ? vars.attr("values")() : nb::borrow(vars);
+  nb::object items = is_tupledict(vars)      ? vars.attr("values")()
+                     : is_handle_array(vars) ? nb::object(flat_handles(vars))
+                                             : nb::borrow(vars);
   nb::object seq = nb::steal(PySequence_Fast(items.ptr(), ""));
   if (!seq.is_valid()) {
     PyErr_Clear();
@@ -608,6 +611,7 @@ void def_function_a(nb::class_<Model> &cls, const char *method, FunctionAFn fn, 
 
 // ---------------------------------------------------------------- objectives
 void set_objective(nb::handle self, nb::handle expr, nb::handle sense) {
+  if (is_matrix_expression(expr)) return set_matrix_objective(self, expr, sense);
   KVRmodel *model = prepared_model(self);
   QuadData q;
   if (!collect_quadratic(expr, 1.0, model, q))
@@ -810,6 +814,8 @@ void init_model_add(nb::class_<Model> &cls) {
         }
         if (args.size() == 2) name = nb::borrow(args[1]);
         if (args.size() > 2) invalid_addconstr();
+        if (is_tempconstr(tc) && is_matrix_expression(tc_part(tc, "_lhs")))
+          return add_matrix_tempconstr(self, tc, name);
         Prepared p;
         prepare_tempconstr(self, tc, model, p);
         return add_prepared(self, p, name_arg(name));

@@ -5,6 +5,7 @@
 #include "attrutil.h"
 #include "containers.h"
 #include "expr.h"
+#include "matrix.h"
 #include "model.h"
 
 namespace kvrpy {
@@ -104,6 +105,7 @@ Objects objects_of(nb::handle objs, const char *unrecognized) {
 nb::object get_attr_many(nb::handle self, nb::handle name, nb::handle objs) {
   std::string n = utf8(name);
   if (objs.is_none()) return get_attr(self, n);
+  if (is_handle_array(objs)) return objs.attr("getAttr")(name);
   static const char *kUnrecognized = "Unrecognized argument to getAttr";
   KVRmodel *model = prepared_model(self);
   AttrInfo info = attr_info("Model", n);
@@ -121,6 +123,10 @@ nb::object get_attr_many(nb::handle self, nb::handle name, nb::handle objs) {
 void set_attr_many(nb::handle self, nb::handle name, nb::handle objs, nb::handle values) {
   std::string n = utf8(name);
   static const char *kUnrecognized = "Unrecognized argument to setAttr";
+  if (is_handle_array(objs)) {
+    objs.attr("setAttr")(name, values);
+    return;
+  }
   KVRmodel *model = prepared_model(self);
   AttrInfo info = attr_info("Model", n);
   int kind = attr_kind(info, kUnrecognized);
@@ -156,6 +162,8 @@ void remove_items(nb::handle self, nb::handle items) {
   std::vector<nb::object> handles;
   if (as_handle(items)) {
     handles.push_back(nb::borrow(items));
+  } else if (is_handle_array(items)) {
+    for (nb::handle h : flat_handles(items)) handles.push_back(nb::borrow(h));
   } else {
     nb::object seq;
     if (PyDict_Check(items.ptr()))
@@ -167,8 +175,14 @@ void remove_items(nb::handle self, nb::handle items) {
       raise_error(-1, "Item to be removed not a Var, Constr, SOS, QConstr, or GenConstr");
     }
     nb::object fast = nb::steal(PySequence_Fast(seq.ptr(), ""));
-    for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(fast.ptr()); ++i)
-      handles.push_back(nb::borrow(PySequence_Fast_GET_ITEM(fast.ptr(), i)));
+    for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(fast.ptr()); ++i) {
+      nb::handle item = PySequence_Fast_GET_ITEM(fast.ptr(), i);
+      if (is_handle_array(item)) {
+        for (nb::handle h : flat_handles(item)) handles.push_back(nb::borrow(h));
+      } else {
+        handles.push_back(nb::borrow(item));
+      }
+    }
   }
   // Everything is checked before anything is marked, so a bad item changes nothing.
   for (auto &obj : handles) {

@@ -2,6 +2,7 @@
 #include <unordered_map>
 
 #include "exprtypes.h"
+#include "matrix.h"
 
 namespace kvrpy {
 
@@ -472,6 +473,7 @@ void register_quadexpr_methods(PyTypeObject *type) {
 bool is_quadexpr(nb::handle obj) { return is_quad(obj.ptr()); }
 
 bool collect_quadratic(nb::handle obj, double mult, KVRmodel *model, QuadData &out) {
+  if (is_one_element(obj)) return collect_quadratic(obj.attr("item")(), mult, model, out);
   if (!is_quad(obj.ptr())) return collect_linear(obj, mult, model, out.lin);
   QuadExprObject *q = Q(obj);
   quad_flatten(q);

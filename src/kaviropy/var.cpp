@@ -1,6 +1,7 @@
 // Var: the handle of one variable. Arithmetic and comparison operators are added by the
 // expression family (linexpr.cpp, tempconstr.cpp).
 #include "handles.h"
+#include "matrix.h"
 
 namespace kvrpy {
 
@@ -30,6 +31,7 @@ std::string var_safename(const Var &v) {
 
 int var_column(nb::handle obj, KVRmodel *model) {
   Var *v = as_var(obj);
+  if (!v && is_one_element(obj)) return var_column(obj.attr("item")(), model);
   if (!v) raise_error(KVR_ERROR_INVALID_ARGUMENT, "Invalid data in vars array");
   if (v->index == -1) raise_error(0, "Variable has not yet been added to the model");
   if (v->index == -2) raise_error(0, "Variable was removed from the model");
