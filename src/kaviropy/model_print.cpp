@@ -44,12 +44,12 @@ double dbl_attr(nb::handle self, const char *name) {
 std::string str_attr(nb::handle self, const char *name) {
   char *v = nullptr;
   check(KVRgetstrattr(library_model(self), name, &v), self);
-  return v ? v : "";
+  return v ? display(v) : "";
 }
 
 std::string element_name(nb::handle self, const char *attr, int index, const char *prefix) {
   char *v = nullptr;
-  if (KVRgetstrattrelement(library_model(self), attr, index, &v) == 0 && v && *v) return v;
+  if (KVRgetstrattrelement(library_model(self), attr, index, &v) == 0 && v && *v) return display(v);
   return prefix + std::to_string(index);
 }
 

@@ -357,7 +357,8 @@ void fill_solution(const kvr_model *model, const Reformulated &rf, const SolveCo
     sol.objboundc = sol.objbound;
     sol.pool_objbound = sol.objbound;
   } else {
-    if (!r.x.empty()) {
+    // A model without variables has an empty solution whose objective is the constant.
+    if (!r.x.empty() || (rf.model().num_vars() == 0 && r.status == KVR_OPTIMAL)) {
       sol.objval = true_objective(rf, rf.model(), r.x);
       sol.x = r.x;
       truncate(sol.x, nu);
@@ -450,7 +451,7 @@ SignalScope::SignalScope(kvr_model *model) {
   }
   if (slot_ < 0) return;
   if (g_signal_users++ == 0) {
-    struct sigaction action{};
+    struct sigaction action {};
     action.sa_handler = on_interrupt_signal;
     sigemptyset(&action.sa_mask);
     sigaction(SIGINT, &action, &g_previous_action);
@@ -474,6 +475,7 @@ OptimizingFlag::OptimizingFlag(kvr_model *m) : model(m) {
 OptimizingFlag::~OptimizingFlag() { model->optimizing.store(false); }
 
 void check_solvable(const ModelData &m) {
+  check_possible_values(m);
   for (int i = 0; i < m.qconstrs.size(); ++i)
     if (m.qconstrs.items[i].sense == KVR_EQUAL) {
       std::string_view name = m.qconstrs.names.get(static_cast<size_t>(i));
@@ -506,7 +508,7 @@ void check_nodefile_settings(kvr_env &env) {
   double start = env.params.get_dbl(ParamId::NodefileStart);
   if (start >= KVR_INFINITY) return;
   const std::string &dir = env.params.get_str(ParamId::NodefileDir);
-  struct stat st{};
+  struct stat st {};
   if (dir.empty())
     fail(KVR_ERROR_NODEFILE, "NodefileDir is empty; with NodefileStart %g it must name a directory",
          start);
