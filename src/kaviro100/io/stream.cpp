@@ -100,9 +100,10 @@ class GzipSource : public ByteSource {
   ~GzipSource() override { gzclose(f_); }
   size_t read(char *buf, size_t n) override {
     int got = gzread(f_, buf, static_cast<unsigned>(std::min<size_t>(n, 1u << 30)));
-    if (got < 0) {
-      int code = 0;
-      gzerror(f_, &code);
+    int code = Z_OK;
+    // A stream cut short ends like a whole one; only the error state tells them apart.
+    if (got <= 0) gzerror(f_, &code);
+    if (got < 0 || code != Z_OK) {
       if (code == Z_MEM_ERROR) throw std::bad_alloc();
       fail(KVR_ERROR_FILE_READ, "Error while decompressing '%s': %s", name_.c_str(),
            code == Z_ERRNO       ? std::strerror(errno)
