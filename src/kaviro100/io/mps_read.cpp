@@ -117,6 +117,8 @@ class MpsReader {
 
   void header(std::string_view line) {
     int n = split(line, f_);
+    if (n > kMaxFields)
+      in_.fail("%d fields on one line (at most %d are meaningful)", n, kMaxFields);
     std::string_view key = f_[0];
     static const struct {
       const char *name;
@@ -240,6 +242,9 @@ class MpsReader {
 
   void data_line(std::string_view line) {
     int n = split(line, f_);
+    // No data line has this many fields; the line handlers index f_ by n.
+    if (n > kMaxFields)
+      in_.fail("%d fields on one line (at most %d are meaningful)", n, kMaxFields);
     switch (section_) {
       case Section::None:
         in_.fail("data line before the first section");
