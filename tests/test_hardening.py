@@ -374,3 +374,13 @@ def test_c_interface_names_the_wrong_begin(m):
         beg = (C.c_int * 3)(*begins)
         assert add(m._cmodel, 3, 4, beg, ind, val, b"<<<", rhs, None) == KVR.ERROR_INVALID_ARGUMENT
         assert clib.lib.KVRgetmerrormsg(m._cmodel).decode() == message
+
+
+def test_mps_column_listed_again_sums_its_entries_for_a_row(env, tmp_path):
+    path = tmp_path / "again.mps"
+    path.write_text("NAME t\nROWS\n N obj\n L c1\nCOLUMNS\n x obj 1 c1 2\n y c1 1\n x c1 3\n"
+                    "RHS\n rhs c1 10\nENDATA\n")
+    m = kp.read(str(path), env=env)
+    assert m.NumNZs == 2 and m.getCoeff(m.getConstrs()[0], m.getVars()[0]) == 5
+    m.write(str(tmp_path / "again.lp"))
+    assert kp.read(str(tmp_path / "again.lp"), env=env).NumNZs == 2
