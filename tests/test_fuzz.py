@@ -88,6 +88,10 @@ def make_cases(env, out, count, seed):
     sources = []
     for name in SMALL_INSTANCES:
         sources.append(("model", ".mps", (INSTANCES / (name + ".mps")).read_bytes()))
+        instance = kp.read(str(INSTANCES / (name + ".mps")), env=env)
+        instance.write(str(out / (name + ".lp")))
+        instance.dispose()
+        sources.append(("model", ".lp", (out / (name + ".lp")).read_bytes()))
     written_lp = out / "written.lp"
     for suffix in ["lp", "mps"] + DATA_SUFFIXES:
         if suffix == "bas":
