@@ -396,3 +396,14 @@ def test_mps_column_listed_again_sums_its_entries_for_a_row(env, tmp_path):
     assert m.NumNZs == 2 and m.getCoeff(m.getConstrs()[0], m.getVars()[0]) == 5
     m.write(str(tmp_path / "again.lp"))
     assert kp.read(str(tmp_path / "again.lp"), env=env).NumNZs == 2
+
+
+def test_mps_data_lines_with_too_many_fields_fail_but_long_names_read(env, tmp_path):
+    path = tmp_path / "wide.mps"
+    path.write_text("NAME t\nROWS\n N obj\nCOLUMNS\n x obj 1\nRHS\nBOUNDS\n UP B x" + " 1" * 30
+                    + "\nENDATA\n")
+    assert read_error(path, env) == "%s, line 8: 33 fields on one line (at most 16 are meaningful)" % path
+    m = kp.Model("a b " * 20, env=env)
+    m.addVar(name="x")
+    m.write(str(tmp_path / "named.mps"))
+    assert kp.read(str(tmp_path / "named.mps"), env=env).NumVars == 1
