@@ -544,7 +544,8 @@ void write_attrs(kvr_model *m, TextWriter &out) {
   put(out, s);
 }
 
-// Parameter files go through the parameter module; compressed ones through a plain copy.
+// Parameter files go through the parameter module; compressed ones are written through a plain
+// copy.
 std::string temp_copy_name(const std::string &filename) {
   char tmpl[] = "/tmp/kaviro_prm_XXXXXX";
   int fd = mkstemp(tmpl);
@@ -554,7 +555,15 @@ std::string temp_copy_name(const std::string &filename) {
   return tmpl;
 }
 
-void read_params_unguarded(kvr_model *m, const std::string &filename);
+void read_params_unguarded(kvr_model *m, const std::string &filename) {
+  std::vector<std::string> applied;
+  read_param_file(m->env.params, filename, &applied);
+  try {
+    for (const std::string &name : applied) after_param_change(&m->env, find_param(name));
+  } catch (const Error &e) {
+    throw Error(KVR_ERROR_FILE_READ, format("%s: %s", filename.c_str(), e.what()));
+  }
+}
 
 void read_params(kvr_model *m, const std::string &filename) {
   // All or nothing: a setting that fails as it takes effect (a log file that cannot be opened)
@@ -570,16 +579,6 @@ void read_params(kvr_model *m, const std::string &filename) {
       // The earlier log file is gone as well; logging goes on without it.
     }
     throw;
-  }
-}
-
-void read_params_unguarded(kvr_model *m, const std::string &filename) {
-  std::vector<std::string> applied;
-  read_param_file(m->env.params, filename, &applied);
-  try {
-    for (const std::string &name : applied) after_param_change(&m->env, find_param(name));
-  } catch (const Error &e) {
-    throw Error(KVR_ERROR_FILE_READ, format("%s: %s", filename.c_str(), e.what()));
   }
 }
 

@@ -12,10 +12,6 @@ namespace kvr {
 
 // ---------------------------------------------------------------- shared helpers
 
-namespace {
-void append_vars_unguarded(VarData &vars, const NewVars &nv, bool ignore_names);
-}
-
 void check_new_vars(const NewVars &nv, int first) {
   check_count(nv.n, "number of variables");
   for (int k = 0; k < nv.n; ++k) {
@@ -28,20 +24,6 @@ void check_new_vars(const NewVars &nv, int first) {
     if (why) fail(KVR_ERROR_INVALID_ARGUMENT, "Variable %d cannot take any value: %s", j, why);
     if (nv.vtype) check_vtype(nv.vtype[k], j);
     if (nv.names) checked_name(nv.names[k], "variable", j);
-  }
-}
-
-void append_new_vars(VarData &vars, const NewVars &nv, bool ignore_names) {
-  const size_t before = vars.lb.size();
-  try {
-    append_vars_unguarded(vars, nv, ignore_names);
-  } catch (...) {
-    // Out of memory part way: cut every array back so that no variable is half added.
-    vars.lb.resize(before), vars.ub.resize(before), vars.obj.resize(before);
-    vars.vtype.resize(before);
-    vars.names.resize(before);
-    vars.extra.resize(before);
-    throw;
   }
 }
 
@@ -68,6 +50,20 @@ void append_vars_unguarded(VarData &vars, const NewVars &nv, bool ignore_names) 
   vars.extra.resize(n);
 }
 }  // namespace
+
+void append_new_vars(VarData &vars, const NewVars &nv, bool ignore_names) {
+  const size_t before = vars.lb.size();
+  try {
+    append_vars_unguarded(vars, nv, ignore_names);
+  } catch (...) {
+    // Out of memory part way: cut every array back so that no variable is half added.
+    vars.lb.resize(before), vars.ub.resize(before), vars.obj.resize(before);
+    vars.vtype.resize(before);
+    vars.names.resize(before);
+    vars.extra.resize(before);
+    throw;
+  }
+}
 
 void check_terms(int n, const int *ind, const double *val, int count, const char *kind,
                  const std::string &what) {
