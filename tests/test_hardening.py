@@ -327,7 +327,6 @@ def test_decompression_errors_are_our_own_words(env, tmp_path):
         assert read_error(path, env) == "Error while decompressing '%s': %s" % (path, words)
 
 
-@pytest.mark.slow
 @needs_address_limit
 def test_a_line_longer_than_the_cap_fails_with_bounded_memory(tmp_path):
     path = tmp_path / "long.lp.gz"
