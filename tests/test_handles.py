@@ -152,7 +152,8 @@ def test_detached_and_removed_handles_never_reach_a_freed_model(env):
         x.Bogus
     with pytest.raises(kp.KaviroError) as err:
         y.LB
-    assert err.value.message == "Var has not yet been added to the model"
+    assert err.value.message == (
+        "Var belongs to no live model (its model was disposed, or it was unpickled without it)")
 
 
 def test_handles_join_the_collector_when_they_get_attributes(m):

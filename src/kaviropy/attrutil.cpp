@@ -51,6 +51,7 @@ Target resolve(nb::handle obj) {
 // The checks that come before any element access: the element exists, and the attribute is one
 // of its kind.
 void check_element(const Target &t, const AttrInfo &info, const std::string &name) {
+  if (!t.is_model && !t.model) raise_error(0, t.type_name + kNoLiveModel);
   if (t.index == -1) raise_error(0, t.type_name + " has not yet been added to the model");
   if (t.index < -1) raise_error(0, t.type_name + " was removed from the model");
   if (info.cls != t.cls) raise_no_attribute(t.type_name, name);

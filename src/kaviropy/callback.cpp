@@ -8,7 +8,7 @@ namespace kvrpy {
 int log_callback_stub(char *msg, void *) {
   PyGILState_STATE gil = PyGILState_Ensure();
   try {
-    nb::str line = text(msg);
+    nb::str line = display_text(msg ? msg : "");
     nb::module_ sys = nb::module_::import_("sys");
     nb::object out = sys.attr("stdout");
     if (!out.is_none()) {
@@ -20,7 +20,7 @@ int log_callback_stub(char *msg, void *) {
       logger = new nb::object(nb::module_::import_("logging").attr("getLogger")("kaviropy"));
     std::string s = msg ? msg : "";
     if (!s.empty() && s.back() == '\n') s.pop_back();
-    logger->attr("info")(text(s.c_str()));
+    logger->attr("info")(display_text(s));
   } catch (nb::python_error &e) {
     e.discard_as_unraisable("kaviropy.logcallbackstub");
   } catch (...) {

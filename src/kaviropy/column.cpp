@@ -115,7 +115,7 @@ std::string constr_text(PyObject *o) {
   char *name = nullptr;
   if (KVRgetstrattrelement(c->model, "ConstrName", public_index(c->index), &name) || !name)
     raise_error(0, KVRgetmerrormsg(c->model));
-  return name;
+  return display(name);
 }
 
 PyObject *column_tp_repr(PyObject *self) {
@@ -180,7 +180,8 @@ void register_column_methods(PyTypeObject *type) {
       },
       nb::arg("coeffs").none(), nb::arg("constrs").none(),
       "Adds terms: a number and a Constr, or a list of numbers and a list of Constr.");
-  def("size", [](nb::handle self) { return column_self(self)->coeffs.size(); }, "Number of terms.");
+  def(
+      "size", [](nb::handle self) { return column_self(self)->coeffs.size(); }, "Number of terms.");
   def(
       "getCoeff",
       [](nb::handle self, nb::handle i) {

@@ -39,7 +39,7 @@ void error_init(nb::handle self, nb::handle errno_, nb::handle argument) {
     return;
   }
   std::string message;
-  if (owner_message(argument, message)) nb::setattr(self, "message", text(message.c_str()));
+  if (owner_message(argument, message)) nb::setattr(self, "message", display_text(message));
 }
 
 }  // namespace
@@ -47,7 +47,7 @@ void error_init(nb::handle self, nb::handle errno_, nb::handle argument) {
 nb::handle kaviro_error_type() { return g_error_type; }
 
 void raise_error(int code, const std::string &message) {
-  nb::object err = nb::handle(g_error_type)(code, nb::str(message.c_str(), message.size()));
+  nb::object err = nb::handle(g_error_type)(code, display_text(message));
   PyErr_SetObject(g_error_type, err.ptr());
   throw nb::python_error();
 }
@@ -101,7 +101,7 @@ void init_exception(nb::module_ &m) {
   cls.attr("__module__") = "kaviropy";
   m.attr("KaviroError") = cls;
   m.attr("__geterrormsg") = nb::cpp_function(
-      [](nb::handle obj) { return text(latest_message(obj).c_str()); }, nb::arg("obj"),
+      [](nb::handle obj) { return display_text(latest_message(obj)); }, nb::arg("obj"),
       "Latest library message of a model or environment owner, else the empty string.");
 }
 

@@ -303,7 +303,7 @@ std::string element_name(KVRmodel *model, const char *attr, int index) {
   char *name = nullptr;
   if (KVRgetstrattrelement(model, attr, index, &name) || !name)
     raise_error(0, KVRgetmerrormsg(model));
-  return name;
+  return display(name);
 }
 
 int live_position(nb::handle obj, int kind, KVRmodel *model) {

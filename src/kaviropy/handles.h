@@ -7,6 +7,10 @@
 
 namespace kvrpy {
 
+// How a handle whose model is gone (disposed, or not restored with a pickle) says so.
+inline constexpr const char *kNoLiveModel =
+    " belongs to no live model (its model was disposed, or it was unpickled without it)";
+
 struct Handle {
   KVRmodel *model = nullptr;  // not owned; null once the model is disposed
   int index = -1;

@@ -77,7 +77,7 @@ void setup(Model &m, bool empty) {
     list.reserve(static_cast<size_t>(counts[k]));
     // Variables and linear constraints are numbered; the other kinds receive their positions
     // at the next update.
-    bool numbered = k == kVar || k == kConstr;
+    bool numbered = k == kVar || k == kConstr || m.updated_unbuilt;
     for (int i = 0; i < counts[k]; ++i) list.push_back(new_handle(k, m.cmodel, numbered ? i : -1));
   }
   m.livevars = counts[kVar];
@@ -141,6 +141,8 @@ void update(Model &m) {
     update_other(m, kSOS, KVRdelsos);
     update_other(m, kQConstr, KVRdelqconstrs);
     update_other(m, kGenConstr, KVRdelgenconstrs);
+  } else {
+    m.updated_unbuilt = true;
   }
   m.updatemode = -1;
   int code = KVRupdatemodel(m.cmodel);

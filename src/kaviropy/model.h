@@ -20,6 +20,8 @@ struct Model {
   nb::object env;              // _env: Env wrapping the model's own library environment
   int updatemode = -1;         // UpdateMode at the last addition; -1 when none since the update
   bool built = false;          // handle lists made (lazy set-up ran)
+  // An update ran before the set-up: the set-up numbers every kind, as that update would have.
+  bool updated_unbuilt = false;
   // Handle lists per kind (HandleKind order: vars, constrs, sos, qconstrs, genconstrs).
   std::vector<nb::object> lists[kNumKinds];
   // Leading entries of the variable / constraint list that existed at the last update.

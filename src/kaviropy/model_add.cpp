@@ -491,24 +491,26 @@ nb::object add_vars(nb::handle self, nb::args indexes, nb::kwargs kwargs) {
     for (size_t i = 0; i < n; ++i) names[i] = pool.data() + offsets[i];
   }
 
+  // Everything that can run out of memory (the handles, their tupledict, the model's handle
+  // list) is made before the variables are added, so that a failure adds nothing.
+  std::vector<nb::object> handles;
+  handles.reserve(n);
+  for (size_t i = 0; i < n; ++i) handles.push_back(new_handle(kVar, model, -1));
+  nb::object result = make_tupledict(keys, handles);
+  auto &list = model_ref(self).lists[kVar];
+  list.reserve(list.size() + n);
+
   auto ptr = [](const auto &v) { return v.empty() ? nullptr : v.data(); };
   check_model(KVRaddvars(model, static_cast<int>(n), 0, nullptr, nullptr, nullptr, ptr(objv),
                          ptr(lbv), ptr(ubv), ptr(vtv), named ? names.data() : nullptr),
               model);
 
-  bool numbered = model_updatemode(self) == 1;
-  std::vector<nb::object> handles;
-  handles.reserve(n);
-  {
-    auto &list = model_ref(self).lists[kVar];
-    list.reserve(list.size() + n);
-    for (size_t i = 0; i < n; ++i) {
-      nb::object h = new_handle(kVar, model, numbered ? static_cast<int>(list.size()) : -1);
-      list.push_back(h);
-      handles.push_back(std::move(h));
-    }
+  const bool numbered = model_updatemode(self) == 1;
+  for (nb::object &h : handles) {
+    if (numbered) handle_data(h.ptr())->index = static_cast<int>(list.size());
+    list.push_back(std::move(h));
   }
-  return make_tupledict(keys, handles);
+  return result;
 }
 
 // ---------------------------------------------------------------- general constraints

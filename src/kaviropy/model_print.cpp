@@ -44,12 +44,12 @@ double dbl_attr(nb::handle self, const char *name) {
 std::string str_attr(nb::handle self, const char *name) {
   char *v = nullptr;
   check(KVRgetstrattr(library_model(self), name, &v), self);
-  return v ? v : "";
+  return v ? display(v) : "";
 }
 
 std::string element_name(nb::handle self, const char *attr, int index, const char *prefix) {
   char *v = nullptr;
-  if (KVRgetstrattrelement(library_model(self), attr, index, &v) == 0 && v && *v) return v;
+  if (KVRgetstrattrelement(library_model(self), attr, index, &v) == 0 && v && *v) return display(v);
   return prefix + std::to_string(index);
 }
 
@@ -282,6 +282,9 @@ void print_attr(nb::handle self, nb::handle attrname, const std::string &filter)
   }
 }
 
+// A name attribute's value for a listing: escaped bytes shown as U+FFFD.
+std::string name_text_of(nb::handle name) { return kvrpy::display(std::string_view(utf8(name))); }
+
 void display(nb::handle self) {
   int sense = int_attr(self, "ModelSense");
   say(self, sense == KVR_MAXIMIZE ? "Maximize" : "Minimize");
@@ -293,23 +296,22 @@ void display(nb::handle self) {
   };
   for (nb::handle c : nb::iter(self.attr("getConstrs")())) {
     std::string row = nb::cast<std::string>(nb::str(self.attr("getRow")(c)));
-    std::string line = fmt("  %s: %s %s %g", nb::cast<std::string>(c.attr("ConstrName")).c_str(),
+    std::string line = fmt("  %s: %s %s %g", name_text_of(c.attr("ConstrName")).c_str(),
                            row.c_str(), sense_text(nb::cast<std::string>(c.attr("Sense"))).c_str(),
                            nb::cast<double>(c.attr("RHS")));
     split_long_message(self, line, " ", 90);
   }
   for (nb::handle q : nb::iter(self.attr("getQConstrs")())) {
     std::string row = nb::cast<std::string>(nb::str(self.attr("getQCRow")(q)));
-    std::string line =
-        fmt("  %s: %s %s %g", nb::cast<std::string>(q.attr("QCName")).c_str(), row.c_str(),
-            sense_text(nb::cast<std::string>(q.attr("QCSense"))).c_str(),
-            nb::cast<double>(q.attr("QCRHS")));
+    std::string line = fmt("  %s: %s %s %g", name_text_of(q.attr("QCName")).c_str(), row.c_str(),
+                           sense_text(nb::cast<std::string>(q.attr("QCSense"))).c_str(),
+                           nb::cast<double>(q.attr("QCRHS")));
     split_long_message(self, line, " ", 90);
   }
   say(self, "Bounds");
   std::vector<std::string> binaries, integers;
   for (nb::handle v : nb::iter(self.attr("getVars")())) {
-    std::string name = nb::cast<std::string>(v.attr("VarName"));
+    std::string name = name_text_of(v.attr("VarName"));
     std::string vtype = nb::cast<std::string>(v.attr("VType"));
     if (vtype == "B") {
       binaries.push_back(name);

@@ -54,6 +54,7 @@ std::vector<int> element_indices(nb::handle seq, int kind, KVRmodel *model,
     Handle *h = as_handle(item, &k);
     if (!h) raise_error(-1, unrecognized);
     const char *type_name = kind_info(k).type_name;
+    if (!h->model) raise_error(0, type_name + std::string(kNoLiveModel));
     if (h->index == -1)
       raise_error(0, std::string(type_name) + " has not yet been added to the model");
     if (h->index == -2) raise_error(0, std::string(type_name) + " was removed from the model");

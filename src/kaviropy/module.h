@@ -51,10 +51,18 @@ inline void check(int code, nb::handle owner) {
 std::string latest_message(nb::handle obj);
 
 // ---------------------------------------------------------------- strings
-// str -> UTF-8 bytes; bytes pass through. Anything else raises TypeError.
+// Names and other library text are bytes, UTF-8 when they come from Python. Bytes that are not
+// UTF-8 (read from a file) round-trip exactly through str by the "surrogateescape" error
+// handler, and show as U+FFFD where text is displayed (reprs, messages, the log).
+//
+// str -> UTF-8 bytes (escaped bytes restored); bytes pass through. Anything else raises
+// TypeError; text holding a NUL character raises KaviroError (the library takes C strings).
 std::string utf8(nb::handle text);
-// Library text -> str (strict UTF-8; invalid bytes raise UnicodeDecodeError). NULL -> "".
+// Library text -> str, invalid bytes escaped ("surrogateescape"). NULL -> "".
 nb::str text(const char *s);
+// Library bytes -> valid UTF-8 for display, invalid bytes replaced by U+FFFD.
+std::string display(std::string_view bytes);
+nb::str display_text(std::string_view bytes);
 
 // ---------------------------------------------------------------- numbers
 // True (and *out set) when x converts to a double: Python numbers and NumPy scalars.

@@ -7,22 +7,52 @@
 namespace kvrpy {
 
 std::string utf8(nb::handle s) {
+  std::string out;
   if (PyUnicode_Check(s.ptr())) {
     Py_ssize_t n = 0;
     const char *p = PyUnicode_AsUTF8AndSize(s.ptr(), &n);
-    if (!p) throw nb::python_error();
-    return std::string(p, static_cast<size_t>(n));
+    if (p) {
+      out.assign(p, static_cast<size_t>(n));
+    } else {
+      // Escaped bytes of a name read from a file: give the library its bytes back.
+      PyErr_Clear();
+      nb::object b = nb::steal(PyUnicode_AsEncodedString(s.ptr(), "utf-8", "surrogateescape"));
+      if (!b.is_valid()) throw nb::python_error();
+      out.assign(PyBytes_AS_STRING(b.ptr()), static_cast<size_t>(PyBytes_GET_SIZE(b.ptr())));
+    }
+  } else if (PyBytes_Check(s.ptr())) {
+    out.assign(PyBytes_AS_STRING(s.ptr()), static_cast<size_t>(PyBytes_GET_SIZE(s.ptr())));
+  } else {
+    raise_python(PyExc_TypeError, std::string("expected str, got ") + Py_TYPE(s.ptr())->tp_name);
   }
-  if (PyBytes_Check(s.ptr()))
-    return std::string(PyBytes_AS_STRING(s.ptr()), static_cast<size_t>(PyBytes_GET_SIZE(s.ptr())));
-  raise_python(PyExc_TypeError, std::string("expected str, got ") + Py_TYPE(s.ptr())->tp_name);
+  if (out.find('\0') != std::string::npos)
+    raise_error(KVR_ERROR_INVALID_ARGUMENT,
+                "Text " + utf8(nb::repr(s)) +
+                    " contains a NUL character, which names, file names "
+                    "and other text given to the library cannot hold");
+  return out;
 }
 
 nb::str text(const char *s) {
   if (!s) return nb::str("");
-  PyObject *o = PyUnicode_DecodeUTF8(s, static_cast<Py_ssize_t>(std::strlen(s)), "strict");
+  PyObject *o = PyUnicode_DecodeUTF8(s, static_cast<Py_ssize_t>(std::strlen(s)), "surrogateescape");
   if (!o) throw nb::python_error();
   return nb::steal<nb::str>(o);
+}
+
+nb::str display_text(std::string_view bytes) {
+  PyObject *o =
+      PyUnicode_DecodeUTF8(bytes.data(), static_cast<Py_ssize_t>(bytes.size()), "replace");
+  if (!o) throw nb::python_error();
+  return nb::steal<nb::str>(o);
+}
+
+std::string display(std::string_view bytes) {
+  nb::str s = display_text(bytes);
+  Py_ssize_t n = 0;
+  const char *p = PyUnicode_AsUTF8AndSize(s.ptr(), &n);
+  if (!p) throw nb::python_error();
+  return std::string(p, static_cast<size_t>(n));
 }
 
 bool isscalar(nb::handle x, double *out) {

@@ -26,7 +26,7 @@ std::string var_safename(const Var &v) {
   char *name = nullptr;
   if (KVRgetstrattrelement(v.model, "VarName", public_index(v.index), &name) || !name)
     raise_error(0, KVRgetmerrormsg(v.model));
-  return name;
+  return display(name);
 }
 
 int var_column(nb::handle obj, KVRmodel *model) {

@@ -373,7 +373,8 @@ void fill_solution(const kvr_model *model, const Reformulated &rf, const SolveCo
     sol.objboundc = sol.objbound;
     sol.pool_objbound = sol.objbound;
   } else {
-    if (!r.x.empty()) {
+    // A model without variables has an empty solution whose objective is the constant.
+    if (!r.x.empty() || (rf.model().num_vars() == 0 && r.status == KVR_OPTIMAL)) {
       sol.objval = true_objective(rf, rf.model(), r.x);
       sol.x = r.x;
       truncate(sol.x, nu);
@@ -490,6 +491,7 @@ OptimizingFlag::OptimizingFlag(kvr_model *m) : model(m) {
 OptimizingFlag::~OptimizingFlag() { model->optimizing.store(false); }
 
 void check_solvable(const ModelData &m) {
+  check_possible_values(m);
   for (int i = 0; i < m.qconstrs.size(); ++i)
     if (m.qconstrs.items[i].sense == KVR_EQUAL) {
       std::string_view name = m.qconstrs.names.get(static_cast<size_t>(i));

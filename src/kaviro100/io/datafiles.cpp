@@ -290,6 +290,12 @@ void read_attrs(kvr_model *m, LineReader &in) {
     if (def.type == AttrType::Str) {
       if (v.kind != JsonValue::String)
         bad(v.line, "attribute '" + std::string(def.name) + "' takes a string");
+      if (v.text.find('\0') != std::string::npos)
+        bad(v.line,
+            "the value of attribute '" + std::string(def.name) + "' contains a NUL character");
+      if (v.text.size() > KVR_MAX_NAMELEN)
+        bad(v.line, "the value of attribute '" + std::string(def.name) + "' is longer than " +
+                        std::to_string(KVR_MAX_NAMELEN) + " characters");
       return id;
     }
     if (def.type == AttrType::Char) {
@@ -538,7 +544,8 @@ void write_attrs(kvr_model *m, TextWriter &out) {
   put(out, s);
 }
 
-// Parameter files go through the parameter module; compressed ones through a plain copy.
+// Parameter files go through the parameter module; compressed ones are written through a plain
+// copy.
 std::string temp_copy_name(const std::string &filename) {
   char tmpl[] = "/tmp/kaviro_prm_XXXXXX";
   int fd = mkstemp(tmpl);
@@ -548,29 +555,31 @@ std::string temp_copy_name(const std::string &filename) {
   return tmpl;
 }
 
-void read_params(kvr_model *m, const std::string &filename) {
+void read_params_unguarded(kvr_model *m, const std::string &filename) {
   std::vector<std::string> applied;
-  if (compression_of(filename) == Compression::None) {
-    read_param_file(m->env.params, filename, &applied);
-  } else {
-    std::string tmp = temp_copy_name(filename);
-    try {
-      LineReader in(filename);
-      TextWriter out(tmp);
-      std::string_view line;
-      while (in.next(line)) out.put(line).put('\n');
-      out.finish();
-      read_param_file(m->env.params, tmp, &applied);
-    } catch (const Error &e) {
-      std::remove(tmp.c_str());
-      // Name the file the caller gave, not the temporary copy.
-      std::string msg = e.what();
-      if (size_t p = msg.find(tmp); p != std::string::npos) msg.replace(p, tmp.size(), filename);
-      throw Error(e.code(), msg);
-    }
-    std::remove(tmp.c_str());
+  read_param_file(m->env.params, filename, &applied);
+  try {
+    for (const std::string &name : applied) after_param_change(&m->env, find_param(name));
+  } catch (const Error &e) {
+    throw Error(KVR_ERROR_FILE_READ, format("%s: %s", filename.c_str(), e.what()));
   }
-  for (const std::string &name : applied) after_param_change(&m->env, find_param(name));
+}
+
+void read_params(kvr_model *m, const std::string &filename) {
+  // All or nothing: a setting that fails as it takes effect (a log file that cannot be opened)
+  // puts every parameter back as it was.
+  const ParamValues before = m->env.params;
+  try {
+    read_params_unguarded(m, filename);
+  } catch (...) {
+    m->env.params = before;
+    try {
+      m->env.sync_logfile();
+    } catch (const Error &) {
+      // The earlier log file is gone as well; logging goes on without it.
+    }
+    throw;
+  }
 }
 
 void write_params(kvr_model *m, const std::string &filename) {

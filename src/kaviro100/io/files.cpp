@@ -4,9 +4,11 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <unordered_set>
 
 #include "io/datafiles.h"
 #include "io/formats.h"
+#include "model/checks.h"
 #include "model/model.h"
 #include "util/error.h"
 #include "util/live.h"
@@ -76,6 +78,52 @@ double seconds_since(std::chrono::steady_clock::time_point t0) {
        filename, what);
 }
 
+// What the library's own calls refuse is refused in a file as well: names too long or holding a
+// NUL, SOS constraints with repeated members or weights or infinite weights, and bounds or
+// right-hand sides no value can meet. Fails with FILE_READ naming the file.
+void check_read_model(const ModelData &d, const std::string &filename) {
+  try {
+    if (d.name.find('\0') != std::string::npos)
+      fail(KVR_ERROR_INVALID_ARGUMENT, "The model name contains a NUL character");
+    struct Kind {
+      const NamePool *names;
+      const char *what;
+    };
+    for (Kind k : {Kind{&d.vars.names, "variable"}, Kind{&d.constrs.names, "constraint"},
+                   Kind{&d.qconstrs.names, "quadratic constraint"},
+                   Kind{&d.gens.names, "general constraint"}})
+      for (size_t i = 0; i < k.names->size(); ++i) {
+        std::string_view name = k.names->get(i);
+        check_no_nul(name, k.what, static_cast<int>(i));
+        if (name.size() > KVR_MAX_NAMELEN)
+          fail(KVR_ERROR_INVALID_ARGUMENT, "Name of %s %zu is longer than %d characters", k.what, i,
+               KVR_MAX_NAMELEN);
+      }
+    for (int s = 0; s < d.sos.size(); ++s) {
+      std::unordered_set<int> members;
+      std::unordered_set<double> weights;
+      for (int64_t k = d.sos.beg[s]; k < d.sos.beg[s + 1]; ++k) {
+        std::string_view var = d.vars.names.get(static_cast<size_t>(d.sos.ind[k]));
+        if (!members.insert(d.sos.ind[k]).second)
+          fail(KVR_ERROR_INVALID_ARGUMENT, "Variable '%.*s' appears twice in SOS constraint %d",
+               static_cast<int>(var.size()), var.data(), s);
+        if (is_infinite(d.sos.weight[k]))
+          fail(KVR_ERROR_INVALID_ARGUMENT,
+               "Weight of variable '%.*s' in SOS constraint %d is infinite",
+               static_cast<int>(var.size()), var.data(), s);
+        if (!weights.insert(d.sos.weight[k]).second)
+          fail(KVR_ERROR_INVALID_ARGUMENT,
+               "Weight %g appears twice in SOS constraint %d: the weights order the set and must "
+               "differ",
+               d.sos.weight[k], s);
+      }
+    }
+    check_possible_values(d);
+  } catch (const Error &e) {
+    throw Error(KVR_ERROR_FILE_READ, format("%s: %s", filename.c_str(), e.what()));
+  }
+}
+
 }  // namespace
 
 ModelData read_model_file(const std::string &filename, kvr_env &env) {
@@ -83,13 +131,15 @@ ModelData read_model_file(const std::string &filename, kvr_env &env) {
   if (t != FileType::Lp && t != FileType::Mps) {
     if (t == FileType::Unknown) unknown_type(filename.c_str(), "cannot read a model from it");
     fail(KVR_ERROR_INVALID_ARGUMENT,
-         "Unable to read a model from '%s': it is a %s file, not a model file (.lp or .mps)",
-         filename.c_str(), file_type_name(t));
+         "Unable to read a model from '%s': it is %s %s file, not a model file (.lp or .mps)",
+         filename.c_str(), std::strchr("aeiouAEIOU", file_type_name(t)[0]) ? "an" : "a",
+         file_type_name(t));
   }
   auto t0 = std::chrono::steady_clock::now();
   LineReader in(filename);
   env.logf("Read %s format model from file %s\n", file_type_name(t), filename.c_str());
   ModelData d = t == FileType::Lp ? read_lp(in) : read_mps(in);
+  check_read_model(d, filename);
   if (env.params.get_int(ParamId::IgnoreNames)) {
     for (NamePool *names : {&d.vars.names, &d.constrs.names, &d.qconstrs.names, &d.gens.names}) {
       size_t n = names->size();

@@ -50,8 +50,18 @@ class JsonParser {
     ++pos_;
   }
 
+  // Values nest by recursion; a limit keeps hostile files from exhausting the stack.
+  static constexpr int kMaxDepth = 200;
+
   JsonValue value() {
     char c = peek();
+    if ((c == '{' || c == '[') && depth_ == kMaxDepth)
+      in_.fail("the JSON document nests arrays and objects more than %d deep", kMaxDepth);
+    struct Nest {
+      int &depth;
+      explicit Nest(int &d) : depth(++d) {}
+      ~Nest() { --depth; }
+    } nest(depth_);
     JsonValue v;
     v.line = in_.line_number();
     if (c == '{') {
@@ -180,6 +190,7 @@ class JsonParser {
   LineReader &in_;
   std::string_view line_;
   size_t pos_ = 0;
+  int depth_ = 0;
 };
 
 }  // namespace

@@ -864,21 +864,30 @@ class LpReader {
     expect(Tk::Colon);
     d_.sos.type.push_back(type);
     d_.sos.beg.push_back(d_.sos.beg.back());
-    // Members "x:1" (a label when first on a line).
+    // Members "x:1" or "x:-1" (a label when first on a line).
+    auto signed_number_at = [&](size_t k) {
+      Tk t = peek(k);
+      return t == Tk::Num || ((t == Tk::Minus || t == Tk::Plus) && peek(k + 1) == Tk::Num);
+    };
     for (;;) {
       int j;
-      if (cur().type == Tk::Label && peek(1) == Tk::Num) {
+      if (cur().type == Tk::Label && signed_number_at(1)) {
         j = var(cur().text);
         advance();
-      } else if (cur().type == Tk::Name && peek(1) == Tk::Colon && peek(2) == Tk::Num) {
+      } else if (cur().type == Tk::Name && peek(1) == Tk::Colon && signed_number_at(2)) {
         j = var(cur().text);
         advance();
         advance();
       } else {
         break;
       }
+      double sign = 1;
+      if (cur().type == Tk::Minus || cur().type == Tk::Plus) {
+        sign = cur().type == Tk::Minus ? -1 : 1;
+        advance();
+      }
       d_.sos.ind.push_back(j);
-      d_.sos.weight.push_back(cur().num);
+      d_.sos.weight.push_back(sign * cur().num);
       ++d_.sos.beg.back();
       advance();
     }

@@ -116,7 +116,7 @@ class MpsReader {
   // ---------------------------------------------------------------- section headers
 
   void header(std::string_view line) {
-    int n = split(line, f_);
+    int n = split(line, f_);  // a NAME line may hold many: the name runs to its end
     std::string_view key = f_[0];
     static const struct {
       const char *name;
@@ -240,6 +240,9 @@ class MpsReader {
 
   void data_line(std::string_view line) {
     int n = split(line, f_);
+    // No data line has this many fields; the line handlers index f_ by n.
+    if (n > kMaxFields)
+      in_.fail("%d fields on one line (at most %d are meaningful)", n, kMaxFields);
     switch (section_) {
       case Section::None:
         in_.fail("data line before the first section");
@@ -798,6 +801,29 @@ class MpsReader {
     std::vector<int>().swap(trow_);
     std::vector<int>().swap(tcol_);
     std::vector<double>().swap(tval_);
+    // A column that appears again later may list a row again: its entries for that row are one
+    // coefficient, their sum, at the place of the first (explicit zeros are kept).
+    {
+      std::vector<int64_t> at(static_cast<size_t>(d.vars.size()), -1);
+      int64_t out = 0;
+      for (int r = 0; r < nrows; ++r) {
+        const int64_t b = beg[r], e = beg[r + 1], first = out;
+        for (int64_t k = b; k < e; ++k) {
+          int64_t &p = at[static_cast<size_t>(ind[k])];
+          if (p >= first) {
+            val[p] += val[k];
+          } else {
+            p = out;
+            ind[out] = ind[k], val[out] = val[k];
+            ++out;
+          }
+        }
+        beg[r] = first;
+      }
+      beg[nrows] = out;
+      ind.resize(static_cast<size_t>(out));
+      val.resize(static_cast<size_t>(out));
+    }
 
     // Linear rows, their ranges and lazy levels.
     std::vector<int> row_pos(static_cast<size_t>(nrows), -1);

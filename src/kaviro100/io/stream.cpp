@@ -1,10 +1,12 @@
 #include "io/stream.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <new>
 
 #include "kaviro_c.h"
 #include "util/error.h"
@@ -97,11 +99,16 @@ class GzipSource : public ByteSource {
   }
   ~GzipSource() override { gzclose(f_); }
   size_t read(char *buf, size_t n) override {
-    int got = gzread(f_, buf, static_cast<unsigned>(n));
-    if (got < 0) {
-      int code = 0;
-      const char *msg = gzerror(f_, &code);
-      fail(KVR_ERROR_FILE_READ, "Error while decompressing '%s': %s", name_.c_str(), msg);
+    int got = gzread(f_, buf, static_cast<unsigned>(std::min<size_t>(n, 1u << 30)));
+    int code = Z_OK;
+    // A stream cut short ends like a whole one; only the error state tells them apart.
+    if (got <= 0) gzerror(f_, &code);
+    if (got < 0 || code != Z_OK) {
+      if (code == Z_MEM_ERROR) throw std::bad_alloc();
+      fail(KVR_ERROR_FILE_READ, "Error while decompressing '%s': %s", name_.c_str(),
+           code == Z_ERRNO       ? std::strerror(errno)
+           : code == Z_BUF_ERROR ? "the file ends inside the compressed data"
+                                 : "the compressed data is corrupt");
     }
     return static_cast<size_t>(got);
   }
@@ -169,9 +176,7 @@ class Bzip2Source : public ByteSource {
       int err = BZ_OK;
       int want = static_cast<int>(std::min<size_t>(n - total, 1u << 30));
       int got = BZ2_bzRead(&err, bz_, buf + total, want);
-      if (err != BZ_OK && err != BZ_STREAM_END)
-        fail(KVR_ERROR_FILE_READ, "Error while decompressing '%s' (bzip2 error %d)", name_.c_str(),
-             err);
+      if (err != BZ_OK && err != BZ_STREAM_END) fail_decompress(err);
       total += static_cast<size_t>(got);
       if (err == BZ_STREAM_END) next_stream();
     }
@@ -182,8 +187,15 @@ class Bzip2Source : public ByteSource {
   void open_stream(void *unused, int nunused) {
     int err = BZ_OK;
     bz_ = BZ2_bzReadOpen(&err, f_, 0, 0, unused, nunused);
-    if (err != BZ_OK)
-      fail(KVR_ERROR_FILE_READ, "Unable to decompress '%s' (bzip2 error %d)", name_.c_str(), err);
+    if (err != BZ_OK) fail_decompress(err);
+  }
+  [[noreturn]] void fail_decompress(int err) const {
+    if (err == BZ_MEM_ERROR) throw std::bad_alloc();
+    fail(KVR_ERROR_FILE_READ, "Error while decompressing '%s': %s", name_.c_str(),
+         err == BZ_IO_ERROR           ? std::strerror(errno)
+         : err == BZ_UNEXPECTED_EOF   ? "the file ends inside the compressed data"
+         : err == BZ_DATA_ERROR_MAGIC ? "it is not bzip2 data"
+                                      : "the compressed data is corrupt");
   }
   // Files made by parallel compressors are several streams back to back.
   void next_stream() {
@@ -340,6 +352,9 @@ bool LineReader::refill() {
     end_ = keep;
   }
   if (end_ == cap_) {
+    if (cap_ >= kMaxLineBytes)
+      kvr::fail(KVR_ERROR_FILE_READ, "%s, line %ld: the line is longer than %zu MiB",
+                filename_.c_str(), lineno_ + 1, kMaxLineBytes >> 20);
     auto bigger = std::make_unique_for_overwrite<char[]>(cap_ * 2);
     std::memcpy(bigger.get(), buf_.get(), end_);
     buf_ = std::move(bigger);
@@ -381,6 +396,9 @@ bool LineReader::next(std::string_view &line) {
 
 void LineReader::vfail(const char *fmt, va_list ap) const {
   std::string what = vformat(fmt, ap);
+  if (lineno_ == 0 && eof_ && end_ == 0)
+    throw Error(KVR_ERROR_FILE_READ,
+                format("%s: the file is empty: %s", filename_.c_str(), what.c_str()));
   throw Error(KVR_ERROR_FILE_READ,
               format("%s, line %ld: %s", filename_.c_str(), lineno_, what.c_str()));
 }
@@ -449,6 +467,40 @@ TextWriter &TextWriter::num(long long v) {
 
 // ---------------------------------------------------------------- numbers
 
+namespace {
+
+// The decimal order of magnitude (floor of log10) of the nonzero number written in [b, e), from
+// the position of its first nonzero digit and its exponent; saturates far beyond any double.
+long long decimal_order(const char *b, const char *e) {
+  constexpr long long kFar = 1LL << 40;
+  long long order = 0;
+  bool seen_point = false, seen_digit = false;
+  long long int_digits = 0, zeros_after_point = 0;
+  const char *p = b;
+  for (; p < e && *p != 'e' && *p != 'E'; ++p) {
+    if (*p == '.') {
+      seen_point = true;
+    } else if (!seen_digit && *p == '0') {
+      if (seen_point) zeros_after_point = std::min(zeros_after_point + 1, kFar);
+    } else {
+      seen_digit = true;
+      if (!seen_point) int_digits = std::min(int_digits + 1, kFar);
+    }
+  }
+  order = int_digits > 0 ? int_digits - 1 : -zeros_after_point - 1;
+  if (p < e) {
+    ++p;
+    bool neg = p < e && *p == '-';
+    if (p < e && (*p == '-' || *p == '+')) ++p;
+    long long exp = 0;
+    for (; p < e; ++p) exp = std::min(exp * 10 + (*p - '0'), kFar);
+    order += neg ? -exp : exp;
+  }
+  return order;
+}
+
+}  // namespace
+
 bool to_double(std::string_view s, double &out) {
   if (s.empty()) return false;
   const char *b = s.data(), *e = s.data() + s.size();
@@ -473,10 +525,9 @@ bool to_double(std::string_view s, double &out) {
   auto r = std::from_chars(b, e, out);
   if (r.ptr != e) return false;
   if (r.ec == std::errc::result_out_of_range) {
-    // Too large is infinite; too small (a negative exponent) is zero.
-    out = KVR_INFINITY;
-    for (const char *p = b; p + 1 < e; ++p)
-      if ((*p == 'e' || *p == 'E') && p[1] == '-') out = 0.0;
+    // Too large is infinite, too small is zero: which one follows from the value's decimal order
+    // of magnitude, not from the text's shape ("0.000...1" underflows, "1000...0e-400" does not).
+    out = decimal_order(b, e) >= 0 ? KVR_INFINITY : 0.0;
   } else if (r.ec != std::errc()) {
     return false;
   }

@@ -40,6 +40,8 @@ std::unique_ptr<ByteSink> open_sink(const std::string &filename);
 // of next(); the newline (and a '\r' before it) is stripped.
 class LineReader {
  public:
+  // A longer line fails the read instead of taking ever more memory.
+  static constexpr size_t kMaxLineBytes = size_t{256} << 20;
   explicit LineReader(const std::string &filename);
   bool next(std::string_view &line);
   long line_number() const { return lineno_; }

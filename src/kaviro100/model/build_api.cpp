@@ -19,12 +19,16 @@ void check_new_vars(const NewVars &nv, int first) {
     if (nv.obj) checked_coeff(nv.obj[k], "Objective coefficient of variable", j);
     if (nv.lb) checked_bound(nv.lb[k], "Lower bound of variable", j);
     if (nv.ub) checked_bound(nv.ub[k], "Upper bound of variable", j);
+    const char *why = impossible_bounds(nv.lb ? clip_infinite(nv.lb[k]) : 0.0,
+                                        nv.ub ? clip_infinite(nv.ub[k]) : KVR_INFINITY);
+    if (why) fail(KVR_ERROR_INVALID_ARGUMENT, "Variable %d cannot take any value: %s", j, why);
     if (nv.vtype) check_vtype(nv.vtype[k], j);
     if (nv.names) checked_name(nv.names[k], "variable", j);
   }
 }
 
-void append_new_vars(VarData &vars, const NewVars &nv, bool ignore_names) {
+namespace {
+void append_vars_unguarded(VarData &vars, const NewVars &nv, bool ignore_names) {
   const size_t n = vars.lb.size() + static_cast<size_t>(nv.n);
   auto append = [&](std::vector<double> &v, const double *src, double def) {
     if (!src) return v.resize(n, def);
@@ -44,6 +48,21 @@ void append_new_vars(VarData &vars, const NewVars &nv, bool ignore_names) {
     vars.names.resize(n);
   }
   vars.extra.resize(n);
+}
+}  // namespace
+
+void append_new_vars(VarData &vars, const NewVars &nv, bool ignore_names) {
+  const size_t before = vars.lb.size();
+  try {
+    append_vars_unguarded(vars, nv, ignore_names);
+  } catch (...) {
+    // Out of memory part way: cut every array back so that no variable is half added.
+    vars.lb.resize(before), vars.ub.resize(before), vars.obj.resize(before);
+    vars.vtype.resize(before);
+    vars.names.resize(before);
+    vars.extra.resize(before);
+    throw;
+  }
 }
 
 void check_terms(int n, const int *ind, const double *val, int count, const char *kind,
@@ -143,11 +162,14 @@ std::string element_text(const char *kind, int i) { return format("%s %d", kind,
 void check_begins(int count, int nnz, const int *beg, const char *name) {
   if (count > 0 && nnz > 0 && !beg) fail(KVR_ERROR_NULL_ARGUMENT, "No %s array given", name);
   if (nnz == 0) return;
+  // Name the entry that is wrong: out of [0, nnz], or below the one before it.
   for (int k = 0; k < count; ++k) {
-    int b = beg[k], e = k + 1 < count ? beg[k + 1] : nnz;
-    if (b < 0 || b > e || e > nnz)
-      fail(KVR_ERROR_INVALID_ARGUMENT,
-           "%s[%d] = %d is out of order or out of range (%d entries in all)", name, k, b, nnz);
+    if (beg[k] < 0 || beg[k] > nnz)
+      fail(KVR_ERROR_INVALID_ARGUMENT, "%s[%d] = %d is out of range (%d entries in all)", name, k,
+           beg[k], nnz);
+    if (k > 0 && beg[k] < beg[k - 1])
+      fail(KVR_ERROR_INVALID_ARGUMENT, "%s[%d] = %d is below %s[%d] = %d: begins must not decrease",
+           name, k, beg[k], name, k - 1, beg[k - 1]);
   }
 }
 
@@ -186,13 +208,18 @@ void add_rows(kvr_model *m, int count, int nnz, const int *beg, const int *ind, 
   for (int i = 0; i < count; ++i) {
     const int b = span_begin(beg, nnz, i), e = span_end(beg, count, nnz, i);
     check_terms(e - b, ind + b, val + b, nv, "variable", element_text("constraint", first + i));
+    const char *why = nullptr;
     if (ranges) {
       checked_bound(lower[i], "Lower side of range constraint", first + i);
       checked_bound(upper[i], "Upper side of range constraint", first + i);
+      why = impossible_bounds(clip_infinite(lower[i]), clip_infinite(upper[i]));
     } else {
       check_sense(sense[i], "constraint", first + i);
       if (rhs) checked_bound(rhs[i], "Right-hand side of constraint", first + i);
+      if (rhs) why = impossible_rhs(sense[i], clip_infinite(rhs[i]));
     }
+    if (why)
+      fail(KVR_ERROR_INVALID_ARGUMENT, "Constraint %d cannot be satisfied: %s", first + i, why);
     if (names) checked_name(names[i], "constraint", first + i);
   }
 

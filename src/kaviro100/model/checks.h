@@ -31,6 +31,27 @@ inline double checked_coeff(double v, const char *what, int pos) {
   return v;
 }
 
+// Why no value can meet a bound pair or a right-hand side, or nullptr when one can. Values are
+// taken as the library stores them (clipped to +-KVR_INFINITY).
+inline const char *impossible_bounds(double lb, double ub) {
+  if (lb >= KVR_INFINITY) return "its lower bound is +infinity";
+  if (ub <= -KVR_INFINITY) return "its upper bound is -infinity";
+  return nullptr;
+}
+inline const char *impossible_rhs(char sense, double rhs) {
+  if (!is_infinite(rhs)) return nullptr;
+  if (sense == KVR_EQUAL) return "it equals an infinite right-hand side";
+  if (sense == KVR_LESS_EQUAL && rhs < 0) return "its left-hand side must be <= -infinity";
+  if (sense == KVR_GREATER_EQUAL && rhs > 0) return "its left-hand side must be >= +infinity";
+  return nullptr;
+}
+
+// Text that names elements is a C string: a NUL inside it would cut it.
+inline void check_no_nul(std::string_view s, const char *kind, int pos) {
+  if (s.find('\0') != std::string_view::npos)
+    fail(KVR_ERROR_INVALID_ARGUMENT, "Name of %s %d contains a NUL character", kind, pos);
+}
+
 inline void check_sense(char s, const char *what, int pos) {
   if (s != KVR_LESS_EQUAL && s != KVR_GREATER_EQUAL && s != KVR_EQUAL)
     fail(KVR_ERROR_INVALID_ARGUMENT, "Invalid sense '%c' (code %d) of %s %d: use '<', '>' or '='",

@@ -1,8 +1,11 @@
 #include "model/modeldata.h"
 
 #include <algorithm>
+#include <string>
 #include <unordered_map>
 #include <utility>
+
+#include "model/checks.h"
 
 namespace kvr {
 
@@ -399,7 +402,8 @@ void ModelData::delete_vars(const Renumbering &newpos) {
     qc.q.renumber(newpos);
   }
   // SOS members: entries of deleted variables go; the set itself stays.
-  compact_sos(sos, [](int) { return true; }, [&](int j) { return newpos[j]; });
+  compact_sos(
+      sos, [](int) { return true; }, [&](int j) { return newpos[j]; });
   for (ObjectiveN &o : objn) renumber_list(o.ind, &o.val, newpos);
   {
     size_t out = 0;
@@ -432,7 +436,8 @@ void ModelData::delete_constrs(const Renumbering &newpos) {
 }
 
 void ModelData::delete_sos(const Renumbering &newpos) {
-  compact_sos(sos, [&](int s) { return newpos[s] >= 0; }, [](int j) { return j; });
+  compact_sos(
+      sos, [&](int s) { return newpos[s] >= 0; }, [](int j) { return j; });
   keep_entries(sos.type, newpos);
   sos.extra.renumber(newpos);
 }
@@ -496,6 +501,25 @@ size_t ModelData::bytes() const {
     b += sizeof(QConstr) + qc.lind.size() * 12 + qc.q.size() * 16;
   b += sos.ind.size() * 12 + gens.items.size() * sizeof(GenConstr);
   return b;
+}
+
+void check_possible_values(const ModelData &d) {
+  auto shown = [](const NamePool &names, int i, const char *prefix) {
+    std::string_view n = names.get(static_cast<size_t>(i));
+    return n.empty() ? prefix + std::to_string(i) : std::string(n);
+  };
+  for (int j = 0; j < d.num_vars(); ++j)
+    if (const char *why = impossible_bounds(d.vars.lb[j], d.vars.ub[j]))
+      fail(KVR_ERROR_INVALID_ARGUMENT, "Variable '%s' cannot take any value: %s",
+           shown(d.vars.names, j, "C").c_str(), why);
+  for (int i = 0; i < d.num_constrs(); ++i)
+    if (const char *why = impossible_rhs(d.constrs.sense[i], d.constrs.rhs[i]))
+      fail(KVR_ERROR_INVALID_ARGUMENT, "Constraint '%s' cannot be satisfied: %s",
+           shown(d.constrs.names, i, "R").c_str(), why);
+  for (int i = 0; i < d.qconstrs.size(); ++i)
+    if (const char *why = impossible_rhs(d.qconstrs.items[i].sense, d.qconstrs.items[i].rhs))
+      fail(KVR_ERROR_INVALID_ARGUMENT, "Quadratic constraint '%s' cannot be satisfied: %s",
+           shown(d.qconstrs.names, i, "QC").c_str(), why);
 }
 
 }  // namespace kvr

@@ -301,4 +301,8 @@ struct ModelData {
   size_t bytes() const;
 };
 
+// Fails with INVALID_ARGUMENT naming the first variable or constraint no value can satisfy (a
+// lower bound of +infinity, an upper bound of -infinity, "<= -infinity", ">= +infinity").
+void check_possible_values(const ModelData &d);
+
 }  // namespace kvr

@@ -1,8 +1,8 @@
 // Parameter files: "Name value" lines, blank lines and '#' comments ignored.
 #include <cstdio>
-#include <fstream>
 #include <string>
 
+#include "io/stream.h"
 #include "kaviro_c.h"
 #include "params/params.h"
 #include "util/error.h"
@@ -12,16 +12,12 @@ namespace kvr {
 
 void read_param_file(ParamValues &values, const std::string &filename,
                      std::vector<std::string> *applied) {
-  std::ifstream in(filename);
-  if (!in) fail(KVR_ERROR_FILE_READ, "Unable to open parameter file '%s'", filename.c_str());
+  io::LineReader in(filename);
   // Apply to a copy so that a bad line leaves every parameter as it was.
   ParamValues result = values;
   std::vector<std::string> names;
-  std::string line;
-  int lineno = 0;
-  while (std::getline(in, line)) {
-    ++lineno;
-    std::string_view s(line);
+  std::string_view s;
+  while (in.next(s)) {
     if (size_t hash = s.find('#'); hash != std::string_view::npos) s = s.substr(0, hash);
     s = trim(s);
     if (s.empty()) continue;
@@ -32,15 +28,15 @@ void read_param_file(ParamValues &values, const std::string &filename,
     if (!value.empty() && value.front() == '=') value = trim(value.substr(1));
     ParamId id = find_param(name);
     if (id == ParamId::Count)
-      fail(KVR_ERROR_FILE_READ, "%s, line %d: unknown parameter '%.*s'", filename.c_str(), lineno,
-           static_cast<int>(name.size()), name.data());
+      in.fail("unknown parameter '%.*s'", static_cast<int>(name.size()), name.data());
     if (value.empty() && param_def(id).type != ParamType::Str)
-      fail(KVR_ERROR_FILE_READ, "%s, line %d: no value given for parameter %s", filename.c_str(),
-           lineno, param_def(id).name);
+      in.fail("no value given for parameter %s", param_def(id).name);
+    if (value.find('\0') != std::string_view::npos)
+      in.fail("the value of parameter %s contains a NUL character", param_def(id).name);
     try {
       result.set_text(id, value);
     } catch (const Error &e) {
-      fail(KVR_ERROR_FILE_READ, "%s, line %d: %s", filename.c_str(), lineno, e.what());
+      in.fail("%s", e.what());
     }
     names.emplace_back(param_def(id).name);
   }
