@@ -15,10 +15,10 @@
 #include <mutex>
 #include <thread>
 
-#include "attrs/attrs.h"
 #include "engine/engine.h"
 #include "engine/outer_approx.h"
 #include "engine/solve.h"
+#include "model/attrs.h"
 #include "model/model.h"
 #include "reform/reform.h"
 #include "util/error.h"
