@@ -9,7 +9,6 @@
 #include <chrono>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -198,24 +197,5 @@ class Engine {
 std::unique_ptr<Engine> make_highs_engine();
 // Version text of the engine library, for the log.
 std::string highs_version();
-
-// A direction of negative curvature of a quadratic form: the variable where the factorization
-// found it and the curvature there.
-struct Curvature {
-  int var = -1;
-  double value = 0.0;
-};
-// Looks for negative curvature of sign * x'Qx beyond psdtol over n variables; nothing when the
-// form is positive semi-definite. Large blocks that are not diagonally dominant are not
-// factorized: they count in *unchecked (when given) and pass.
-std::optional<Curvature> find_negative_curvature(const QuadTerms &q, int n, double sign,
-                                                 double psdtol, int *unchecked = nullptr);
-
-// Checks that the quadratic objective is convex for minimization (concave for maximization)
-// within PSDTol; throws KVR_ERROR_Q_NOT_PSD naming a variable involved otherwise.
-void check_convex_objective(const ModelData &model, const ParamValues &params);
-
-// What nonconvexity messages add when NonConvex asks for a global solve ("" otherwise).
-const char *nonconvex_note(const ParamValues &params);
 
 }  // namespace kvr

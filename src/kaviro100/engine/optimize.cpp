@@ -20,6 +20,7 @@
 #include "engine/solve.h"
 #include "model/attrs.h"
 #include "model/model.h"
+#include "reform/psd.h"
 #include "reform/reform.h"
 #include "util/error.h"
 

@@ -2,8 +2,8 @@
 
 #include <cmath>
 
-#include "engine/engine.h"
 #include "reform/internal.h"
+#include "reform/psd.h"
 #include "util/error.h"
 
 namespace kvr {
