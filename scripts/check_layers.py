@@ -10,7 +10,8 @@ Headers that do not resolve inside the library (the engine's, the standard libra
 checked. A folder missing from the list fails the check until it is given a layer.
 
     python3 scripts/check_layers.py [library-dir]     default: src/kaviro100
-Exit status 1 lists every offending include as file:line: #include "...".
+Exit status 1 lists every offending include as file:line: #include "..." (and files in
+folders without a layer).
 """
 import pathlib
 import re
@@ -86,7 +87,7 @@ def main(argv):
         return 2
     found = violations(root)
     for rel, number, name, reason in found:
-        print(f'{rel}:{number}: #include "{name}" ({reason})')
+        print(f'{rel}:{number}: #include "{name}" ({reason})' if number else f"{rel}: {reason}")
     if found:
         print(f"{len(found)} include(s) against the layering", file=sys.stderr)
         return 1
