@@ -51,8 +51,8 @@ Target resolve(nb::handle obj) {
 // The checks that come before any element access: the element exists, and the attribute is one
 // of its kind.
 void check_element(const Target &t, const AttrInfo &info, const std::string &name) {
-  if (t.index == -1) raise_error(0, t.type_name + " has not yet been added to the model");
-  if (t.index < -1) raise_error(0, t.type_name + " was removed from the model");
+  if (t.index == -1) raise_error(kUsageError, t.type_name + " has not yet been added to the model");
+  if (t.index < -1) raise_error(kUsageError, t.type_name + " was removed from the model");
   if (info.cls != t.cls) raise_no_attribute(t.type_name, name);
 }
 
@@ -248,7 +248,7 @@ void prefetch_attr(nb::handle obj, const std::string &name) {
 
 nb::list get_attr_list(KVRmodel *model, nb::handle owner, const std::string &name, int type,
                        const std::vector<int> &ind) {
-  if (!model) raise_error(0, "Model has already been freed");
+  if (!model) raise_error(kUsageError, "Model has already been freed");
   const int n = static_cast<int>(ind.size());
   const char *an = name.c_str();
   nb::list out = nb::steal<nb::list>(PyList_New(n));
@@ -284,7 +284,7 @@ nb::list get_attr_list(KVRmodel *model, nb::handle owner, const std::string &nam
 
 void set_attr_list(KVRmodel *model, nb::handle owner, const std::string &name, int type,
                    const std::vector<int> &ind, nb::handle values, bool single) {
-  if (!model) raise_error(0, "Model has already been freed");
+  if (!model) raise_error(kUsageError, "Model has already been freed");
   const size_t n = ind.size();
   nb::object seq;
   if (!single) {
