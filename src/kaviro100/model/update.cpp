@@ -1,16 +1,7 @@
-// The model update (queued changes, then queued additions, then deletions with renumbering) and
-// the model object's own helpers: its copy, change marks and entry checks.
+// The model update: queued changes, then queued additions, then deletions with renumbering.
 #include <algorithm>
 
 #include "model/model.h"
-
-kvr_model::kvr_model(const kvr_model &other)
-    : env(other.env),
-      data(other.data),
-      pending(other.pending),
-      sol(other.sol),
-      tune(other.tune),
-      changed_since_update(other.changed_since_update) {}
 
 namespace kvr {
 
