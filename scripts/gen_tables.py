@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Regenerates the parameter and attribute tables of the solver library from their TSV sources.
 
-Run after editing src/kaviro100/params/params.tsv or src/kaviro100/attrs/attrs.tsv:
+Run after editing src/kaviro100/params/params.tsv or src/kaviro100/model/attrs.tsv:
     python3 scripts/gen_tables.py
 """
 import csv
@@ -41,10 +41,10 @@ def main():
     types = {"char": "Char", "int": "Int", "double": "Dbl", "string": "Str"}
     classes = {"model": "Model", "var": "Var", "constr": "Constr", "sos": "Sos",
                "qconstr": "QConstr", "genconstr": "GenConstr", "batch": "Batch"}
-    for r in rows(ROOT / "attrs" / "attrs.tsv"):
+    for r in rows(ROOT / "model" / "attrs.tsv"):
         out.append(f"KVR_ATTR({r['name']}, {types[r['type']]}, {classes[r['class']]}, "
                    f"{r['settable']}, {cstr(r['meaning'])})")
-    (ROOT / "attrs" / "attr_table.inc").write_text("\n".join(out) + "\n")
+    (ROOT / "model" / "attr_table.inc").write_text("\n".join(out) + "\n")
 
 
 if __name__ == "__main__":

@@ -155,7 +155,7 @@ def test_module_level_attribute_functions(m):
 
 # ---------------------------------------------------------------- model-wide element reads
 
-ATTRS_TSV = pathlib.Path(__file__).resolve().parent.parent / "src" / "kaviro100" / "attrs" / "attrs.tsv"
+ATTRS_TSV = pathlib.Path(__file__).resolve().parent.parent / "src" / "kaviro100" / "model" / "attrs.tsv"
 HANDLE_GETTERS = {"var": "getVars", "constr": "getConstrs", "sos": "getSOSs",
                   "qconstr": "getQConstrs", "genconstr": "getGenConstrs"}
 

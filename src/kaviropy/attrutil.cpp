@@ -51,9 +51,9 @@ Target resolve(nb::handle obj) {
 // The checks that come before any element access: the element exists, and the attribute is one
 // of its kind.
 void check_element(const Target &t, const AttrInfo &info, const std::string &name) {
-  if (!t.is_model && !t.model) raise_error(0, t.type_name + kNoLiveModel);
-  if (t.index == -1) raise_error(0, t.type_name + " has not yet been added to the model");
-  if (t.index < -1) raise_error(0, t.type_name + " was removed from the model");
+  if (!t.is_model && !t.model) raise_error(kUsageError, t.type_name + kNoLiveModel);
+  if (t.index == -1) raise_error(kUsageError, t.type_name + " has not yet been added to the model");
+  if (t.index < -1) raise_error(kUsageError, t.type_name + " was removed from the model");
   if (info.cls != t.cls) raise_no_attribute(t.type_name, name);
 }
 
@@ -293,7 +293,7 @@ int read_values(KVRmodel *model, const std::string &name, int type, int n, const
 
 nb::list get_attr_list(KVRmodel *model, nb::handle owner, const std::string &name, int type,
                        const std::vector<int> &ind) {
-  if (!model) raise_error(0, "Model has already been freed");
+  if (!model) raise_error(kUsageError, "Model has already been freed");
   nb::list out;
   if (int code = read_values(model, name, type, static_cast<int>(ind.size()), ind.data(), out))
     raise_error(code, KVRgetmerrormsg(model));
@@ -312,7 +312,7 @@ nb::list get_attr_all(KVRmodel *model, const std::string &name, const AttrInfo &
 
 void set_attr_list(KVRmodel *model, nb::handle owner, const std::string &name, int type,
                    const std::vector<int> &ind, nb::handle values, bool single) {
-  if (!model) raise_error(0, "Model has already been freed");
+  if (!model) raise_error(kUsageError, "Model has already been freed");
   const size_t n = ind.size();
   nb::object seq;
   if (!single) {

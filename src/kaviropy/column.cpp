@@ -114,7 +114,7 @@ std::string constr_text(PyObject *o) {
   if (c->index == -2) return "*Removed*";
   char *name = nullptr;
   if (KVRgetstrattrelement(c->model, "ConstrName", public_index(c->index), &name) || !name)
-    raise_error(0, KVRgetmerrormsg(c->model));
+    raise_error(kUsageError, KVRgetmerrormsg(c->model));
   return display(name);
 }
 

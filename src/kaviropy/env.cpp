@@ -15,7 +15,7 @@ namespace {
 
 KVRenv *live_env(nb::handle self) {
   KVRenv *cenv = nb::cast<Env &>(self).cenv;
-  if (!cenv) raise_error(-1, "Invalid Environment");
+  if (!cenv) raise_error(kInputError, "Invalid Environment");
   return cenv;
 }
 

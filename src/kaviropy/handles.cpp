@@ -302,7 +302,7 @@ nb::object new_handle(int kind, KVRmodel *model, int index) {
 std::string element_name(KVRmodel *model, const char *attr, int index) {
   char *name = nullptr;
   if (KVRgetstrattrelement(model, attr, index, &name) || !name)
-    raise_error(0, KVRgetmerrormsg(model));
+    raise_error(kUsageError, KVRgetmerrormsg(model));
   return display(name);
 }
 

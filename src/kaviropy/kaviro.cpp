@@ -23,11 +23,11 @@ nb::object read_model(nb::handle filename, nb::handle env) {
   }
   nb::object e = env.is_none() ? default_env(true) : nb::borrow(env);
   KVRenv *cenv = nb::cast<Env &>(e).cenv;
-  if (!cenv) raise_error(-1, "Invalid Environment");
+  if (!cenv) raise_error(kInputError, "Invalid Environment");
   KVRmodel *model = nullptr;
   int code = KVRreadmodel(cenv, name.c_str(), &model);
   if (code) raise_error(code, latest_message(e));
-  if (!model) raise_error(0, "Unable to read model");
+  if (!model) raise_error(kUsageError, "Unable to read model");
   return module_attr("Model")(nb::arg("env") = e, nb::arg("cmodel") = handle_object(model));
 }
 

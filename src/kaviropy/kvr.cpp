@@ -14,8 +14,8 @@ nb::object make_constant_class(nb::module_ &m, const char *name, const char *doc
   if (*guard_message) {
     std::string message = guard_message;
     body["__setattr__"] = nb::cpp_function(
-        [message](nb::handle, nb::handle, nb::handle) { raise_error(0, message); }, nb::is_method(),
-        nb::arg("name"), nb::arg("value").none(), "Constants cannot be changed.");
+        [message](nb::handle, nb::handle, nb::handle) { raise_error(kUsageError, message); },
+        nb::is_method(), nb::arg("name"), nb::arg("value").none(), "Constants cannot be changed.");
   }
   nb::handle type_type(reinterpret_cast<PyObject *>(&PyType_Type));
   nb::object cls = type_type(

@@ -97,7 +97,9 @@ Operand classify(PyObject *o) {
 
 void raise_divisor() { invalid("Divisor must be a constant"); }
 
-void raise_unconvertible() { raise_error(-1, "Unable to convert argument to an expression"); }
+void raise_unconvertible() {
+  raise_error(kInputError, "Unable to convert argument to an expression");
+}
 
 bool is_iterable(PyObject *o) {
   if (PyUnicode_Check(o) || PyBytes_Check(o)) return false;

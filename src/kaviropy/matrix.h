@@ -197,7 +197,7 @@ void def_matrix_operators(nb::class_<T> &cls) {
       "__eq__", [](H a, H b) { return matrix_compare(a, "=", b); },
       "self == other: a matrix TempConstr.");
   cls.def(
-      "__ne__", [](H, H) -> nb::object { raise_error(0, "Inequality constraints not supported"); },
+      "__ne__", [](H, H) -> nb::object { raise_error(kUsageError, "Inequality constraints not supported"); },
       "Raises: != makes no constraint.");
   cls.def(
       "sum", [](H a, H axis) { return matrix_sum(a, axis); }, nb::arg("axis").none() = nb::none(),

@@ -178,7 +178,7 @@ nb::object add_matrix_tempconstr(nb::handle self, nb::handle tc, nb::handle name
   MExpr e;
   nb::object diff = matrix_binary(MatOp::Sub, lhs, rhs);
   if (!to_mexpr(diff, e) || !is_matrix_expression(diff))
-    raise_error(0, "Invalid argument to Model.addConstr");
+    raise_error(kUsageError, "Invalid argument to Model.addConstr");
   nb::tuple shape = shape_of(e.constant);
   LibraryRows rows = library_rows(e, model);
   std::vector<double> b(rows.constant.size());

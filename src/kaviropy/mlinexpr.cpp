@@ -431,7 +431,7 @@ nb::object matrix_divide(nb::handle e, nb::handle b) {
 nb::object matrix_power(nb::handle e, nb::handle exponent) {
   double v = 0;
   if (!isscalar(exponent, &v) || v != 2.0)
-    raise_error(0, nb::isinstance<MVar>(e)
+    raise_error(kUsageError, nb::isinstance<MVar>(e)
                        ? "MVar can only be raised to a power of two"
                        : "Matrix expression can only be raised to a power of two");
   return matrix_binary(MatOp::Mul, e, e);

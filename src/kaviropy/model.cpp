@@ -61,7 +61,7 @@ void dispose(Model &m) {
 
 void setup(Model &m, bool empty) {
   if (m.built) return;
-  if (!m.cmodel) raise_error(0, "Model has already been freed");
+  if (!m.cmodel) raise_error(kUsageError, "Model has already been freed");
   int counts[kNumKinds] = {};
   if (!empty)
     for (int k = 0; k < kNumKinds; ++k) {
@@ -134,7 +134,7 @@ void update_other(Model &m, int kind, DeleteFn del) {
 }
 
 void update(Model &m) {
-  if (!m.cmodel) raise_error(0, "Model has already been freed");
+  if (!m.cmodel) raise_error(kUsageError, "Model has already been freed");
   if (m.built) {
     update_linear(m, kVar, m.livevars, m.delvars, KVRdelvars);
     update_linear(m, kConstr, m.liveconstrs, m.delconstrs, KVRdelconstrs);
@@ -227,14 +227,14 @@ std::string model_repr(nb::handle self) {
 void model_init(Model *self, nb::handle name, nb::handle env, nb::handle cmodel) {
   nb::object uenv = env.is_none() ? default_env(true) : nb::borrow(env);
   Env *e = nullptr;
-  if (!nb::try_cast<Env *>(uenv, e) || !e) raise_error(-1, "Invalid Environment");
+  if (!nb::try_cast<Env *>(uenv, e) || !e) raise_error(kInputError, "Invalid Environment");
   KVRmodel *model = nullptr;
   bool adopted = !cmodel.is_none();
   if (adopted) {
     model = handle_pointer<KVRmodel>(cmodel);
-    if (!model) raise_error(-1, "Invalid model handle");
+    if (!model) raise_error(kInputError, "Invalid model handle");
   } else {
-    if (!e->cenv) raise_error(-1, "Invalid Environment");
+    if (!e->cenv) raise_error(kInputError, "Invalid Environment");
     std::string n = utf8(name);
     int code =
         KVRnewmodel(e->cenv, &model, n.c_str(), 0, nullptr, nullptr, nullptr, nullptr, nullptr);
@@ -289,7 +289,7 @@ nb::object model_object(KVRmodel *cmodel) {
 
 KVRmodel *live_model(nb::handle self) {
   KVRmodel *model = model_ref(self).cmodel;
-  if (!model) raise_error(0, "Model has already been freed");
+  if (!model) raise_error(kUsageError, "Model has already been freed");
   return model;
 }
 
@@ -462,7 +462,7 @@ void init_model(nb::module_ &m) {
           "copy",
           [](nb::handle self) {
             KVRmodel *copy = KVRcopymodel(live_model(self));
-            if (!copy) raise_error(-1, "Failed to create copy");
+            if (!copy) raise_error(kInputError, "Failed to create copy");
             return model_adopt(self, copy);
           },
           "A new model holding a copy of the library model (pending changes are not applied).")

@@ -101,7 +101,9 @@ struct Prepared {
   int resvar = -1;
 };
 
-[[noreturn]] void invalid_addconstr() { raise_error(0, "Invalid argument to Model.addConstr"); }
+[[noreturn]] void invalid_addconstr() {
+  raise_error(kUsageError, "Invalid argument to Model.addConstr");
+}
 
 void prepare_linear(nb::handle lhs, nb::handle rhs, char sense, KVRmodel *model, Prepared &p) {
   p.type = Prepared::kLinear;
@@ -119,7 +121,7 @@ void prepare_quadratic(nb::handle lhs, nb::handle rhs, char sense, KVRmodel *mod
                        const char *error) {
   p.type = Prepared::kQuadratic;
   if (!collect_quadratic(lhs, 1.0, model, p.data) || !collect_quadratic(rhs, -1.0, model, p.data))
-    raise_error(0, error);
+    raise_error(kUsageError, error);
   check_finite(p.data.lin.val);
   check_finite(p.data.qval);
   check_constant(p.data.lin.constant);
@@ -617,7 +619,7 @@ void set_objective(nb::handle self, nb::handle expr, nb::handle sense) {
   KVRmodel *model = prepared_model(self);
   QuadData q;
   if (!collect_quadratic(expr, 1.0, model, q))
-    raise_error(-1, "Unable to convert argument to an expression");
+    raise_error(kInputError, "Unable to convert argument to an expression");
   check_finite(q.lin.val);
   check_finite(q.qval);
   check_constant(q.lin.constant);
@@ -781,11 +783,11 @@ void init_model_add(nb::class_<Model> &cls) {
         Prepared p;
         LinearData &d = p.data.lin;
         if (!collect_linear(l, 1.0, model, d) || !collect_linear(r, -1.0, model, d))
-          raise_error(0, "Invalid argument to Model.addLConstr");
+          raise_error(kUsageError, "Invalid argument to Model.addLConstr");
         std::string n;
         p.sense = sense_char(s);
         if (!p.sense || !name_text(name, n))
-          raise_error(0, "Invalid sense or name to Model.addLConstr");
+          raise_error(kUsageError, "Invalid sense or name to Model.addLConstr");
         check_finite(d.val);
         check_constant(d.constant);
         clean(d);
@@ -830,7 +832,7 @@ void init_model_add(nb::class_<Model> &cls) {
         KVRmodel *model = prepared_model(self);
         LinearData d;
         if (!collect_linear(expr, 1.0, model, d))
-          raise_error(0, "Invalid argument to Model.addRange");
+          raise_error(kUsageError, "Invalid argument to Model.addRange");
         double lo = number_arg(lower, "lower"), up = number_arg(upper, "upper");
         if (std::isnan(lo) || std::isnan(up))
           raise_error(KVR_ERROR_INVALID_ARGUMENT, "Range bounds must not be Nan");
@@ -895,7 +897,7 @@ void init_model_add(nb::class_<Model> &cls) {
         } else {
           w = number_list(wts, "weights");
           if (w.size() != ind.size())
-            raise_error(0, "Length of weight list differs from length of variable list");
+            raise_error(kUsageError, "Length of weight list differs from length of variable list");
           check_finite(w);
         }
         int types[1] = {static_cast<int>(t)}, beg[1] = {0};
@@ -980,7 +982,7 @@ void init_model_add(nb::class_<Model> &cls) {
         int x = var_column(xvar, model), y = var_column(yvar, model);
         std::vector<double> xp = number_list(xpts, "xpts"), yp = number_list(ypts, "ypts");
         if (xp.size() != yp.size())
-          raise_error(-1, "Arguments xpts and ypts must have the same length");
+          raise_error(kInputError, "Arguments xpts and ypts must have the same length");
         std::string n = name_arg(name);
         return gen_added(self,
                          KVRaddgenconstrPWL(model, name_ptr(n), x, y, static_cast<int>(xp.size()),
@@ -997,7 +999,7 @@ void init_model_add(nb::class_<Model> &cls) {
         KVRmodel *model = prepared_model(self);
         int x = var_column(xvar, model), y = var_column(yvar, model);
         std::vector<double> coeffs = number_list(p, "p");
-        if (coeffs.empty()) raise_error(-1, "Error: empty polynomial function");
+        if (coeffs.empty()) raise_error(kInputError, "Error: empty polynomial function");
         std::string n = name_arg(name), o = name_arg(options);
         return gen_added(
             self,
@@ -1032,7 +1034,7 @@ void init_model_add(nb::class_<Model> &cls) {
         KVRmodel *model = prepared_model(self);
         LinearData d;
         if (!collect_linear(expr, 1.0, model, d))
-          raise_error(-1, "Objective must be linear for multi-objective model");
+          raise_error(kInputError, "Objective must be linear for multi-objective model");
         check_finite(d.val);
         check_constant(d.constant);
         clean(d);
@@ -1051,10 +1053,11 @@ void init_model_add(nb::class_<Model> &cls) {
       "setPWLObj",
       [](nb::handle self, nb::handle var, nb::handle x, nb::handle y) {
         KVRmodel *model = prepared_model(self);
-        if (!as_var(var)) raise_error(-1, "First argument must be a Var");
+        if (!as_var(var)) raise_error(kInputError, "First argument must be a Var");
         int col = var_column(var, model);
         std::vector<double> xs = number_list(x, "x"), ys = number_list(y, "y");
-        if (xs.size() != ys.size()) raise_error(-1, "Arguments x and y must have the same length");
+        if (xs.size() != ys.size())
+          raise_error(kInputError, "Arguments x and y must have the same length");
         check_finite(xs);
         check_finite(ys);
         check_model(KVRsetpwlobj(model, col, static_cast<int>(xs.size()), xs.data(), ys.data()),

@@ -12,7 +12,7 @@ namespace kvrpy {
 
 KVRmodel *library_model(nb::handle self) {
   nb::object cm = nb::getattr(self, "_cmodel", nb::none());
-  if (cm.is_none()) raise_error(0, "Model has already been freed");
+  if (cm.is_none()) raise_error(kUsageError, "Model has already been freed");
   return handle_pointer<KVRmodel>(cm);
 }
 
@@ -37,7 +37,8 @@ void run_solver(nb::handle self, nb::handle callback, int (*call)(KVRmodel *)) {
   KVRmodel *cm = library_model(self);
   self.attr("update")();
   if (!callback.is_none()) {
-    if (!PyFunction_Check(callback.ptr())) raise_error(-1, "Callback argument must be a function");
+    if (!PyFunction_Check(callback.ptr()))
+      raise_error(kInputError, "Callback argument must be a function");
     self.attr("_callback") = module_attr("CallbackClass")(self, callback);
   }
   bool with_callback = !self.attr("_callback").is_none();
@@ -88,7 +89,7 @@ nb::object cb_get(nb::handle self, int what) {
   int type = 0, size = 0;
   int code = KVRgetcbwhatinfo(s.cbdata, what, &type, &size);
   if (code) raise_error(code, "Callback error");
-  if (size != 1) raise_error(0, "Array data requested from cbGet()");
+  if (size != 1) raise_error(kUsageError, "Array data requested from cbGet()");
   if (type == 1) {
     int v = 0;
     if ((code = KVRcbget(s.cbdata, s.where, what, &v))) raise_error(code, "Callback error");
@@ -192,7 +193,7 @@ void cb_set_solution(nb::handle self, nb::handle vars, nb::handle solution) {
   } else {
     nb::list vl = nb::list(vars), sl = nb::list(solution);
     if (nb::len(vl) != nb::len(sl))
-      raise_error(0, "Length of solution list differs from length of variable list");
+      raise_error(kUsageError, "Length of solution list differs from length of variable list");
     for (size_t i = 0; i < nb::len(vl); ++i) add(vl[i], sl[i]);
   }
   if (s.setsol.is_none()) {
@@ -230,9 +231,9 @@ void cut_or_lazy(nb::handle self, nb::handle lhs, nb::handle sense, nb::handle r
   LinearData data;
   try {
     if (!collect_linear(l, 1.0, cm, data) || !collect_linear(r, -1.0, cm, data))
-      raise_error(-1, "Unable to convert argument to an expression");
+      raise_error(kInputError, "Unable to convert argument to an expression");
   } catch (nb::python_error &e) {
-    if (e.matches(kaviro_error_type())) raise_error(0, "Variable not in model");
+    if (e.matches(kaviro_error_type())) raise_error(kUsageError, "Variable not in model");
     throw;
   }
   std::string sstr = nb::isinstance<nb::str>(sn) ? nb::cast<std::string>(sn) : std::string();
@@ -246,7 +247,7 @@ void cut_or_lazy(nb::handle self, nb::handle lhs, nb::handle sense, nb::handle r
 
 nb::object sub_env(nb::handle self, int num, bool multiobj) {
   KVRmodel *cm = library_model(self);
-  if (num < 0) raise_error(-1, "Environment number must be non-negative");
+  if (num < 0) raise_error(kInputError, "Environment number must be non-negative");
   KVRenv *env = multiobj ? KVRgetmultiobjenv(cm, num) : KVRgetconcurrentenv(cm, num);
   if (!env) raise_error(KVR_ERROR_INVALID_ARGUMENT, KVRgetmerrormsg(cm));
   return wrap_env(env);

@@ -110,7 +110,7 @@ double quality(nb::handle self, const char *name, bool optional = false) {
   double v = 0;
   if (KVRgetdblattr(library_model(self), name, &v) != 0) {
     if (optional) return -1.0;
-    raise_error(0, "No solution information available");
+    raise_error(kUsageError, "No solution information available");
   }
   return v;
 }
@@ -118,7 +118,7 @@ double quality(nb::handle self, const char *name, bool optional = false) {
 int quality_index(nb::handle self, const char *name) {
   int v = 0;
   if (KVRgetintattr(library_model(self), name, &v) != 0)
-    raise_error(0, "No solution information available");
+    raise_error(kUsageError, "No solution information available");
   return v;
 }
 
@@ -127,7 +127,8 @@ void print_quality(nb::handle self) {
   say(self, "");
   say(self, "Solution quality statistics for model " + name + " :");
   if (int_attr(self, "IsMIP") == 1) {
-    if (int_attr(self, "SolCount") == 0) raise_error(0, "No solution information available");
+    if (int_attr(self, "SolCount") == 0)
+      raise_error(kUsageError, "No solution information available");
     double bv = quality(self, "BoundVio"), cv = quality(self, "ConstrVio");
     double iv = quality(self, "IntVio");
     say(self, "  Maximum violation:");
@@ -234,14 +235,14 @@ void print_attr(nb::handle self, nb::handle attrname, const std::string &filter)
   } else if (nb::isinstance(attrname, nb::module_::import_("collections.abc").attr("Iterable"))) {
     for (nb::handle a : nb::iter(attrname)) names.push_back(nb::cast<std::string>(nb::str(a)));
   } else {
-    raise_error(0, "Invalid argument");
+    raise_error(kUsageError, "Invalid argument");
   }
   std::vector<int> types;
   int cls = -1;
   for (const std::string &a : names) {
     int type = 0, c = 0;
     check(KVRgetattrinfo(cm, a.c_str(), &type, &c, nullptr), self);
-    if (cls >= 0 && c != cls) raise_error(0, "Attribute types are not compatible");
+    if (cls >= 0 && c != cls) raise_error(kUsageError, "Attribute types are not compatible");
     cls = c;
     types.push_back(type);
   }
@@ -256,7 +257,7 @@ void print_attr(nb::handle self, nb::handle attrname, const std::string &filter)
     }
     return;
   }
-  if (cls < 1 || cls > 5) raise_error(0, "Invalid argument");
+  if (cls < 1 || cls > 5) raise_error(kUsageError, "Invalid argument");
   std::string header = fmt("%12s ", kObjectTitle[cls]);
   for (const std::string &a : names) header += fmt("%12s ", a.c_str());
   say(self, header);

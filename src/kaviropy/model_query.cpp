@@ -52,12 +52,13 @@ std::vector<int> element_indices(nb::handle seq, int kind, KVRmodel *model,
     nb::handle item = PySequence_Fast_GET_ITEM(seq.ptr(), i);
     int k = -1;
     Handle *h = as_handle(item, &k);
-    if (!h) raise_error(-1, unrecognized);
+    if (!h) raise_error(kInputError, unrecognized);
     const char *type_name = kind_info(k).type_name;
-    if (!h->model) raise_error(0, type_name + std::string(kNoLiveModel));
+    if (!h->model) raise_error(kUsageError, type_name + std::string(kNoLiveModel));
     if (h->index == -1)
-      raise_error(0, std::string(type_name) + " has not yet been added to the model");
-    if (h->index == -2) raise_error(0, std::string(type_name) + " was removed from the model");
+      raise_error(kUsageError, std::string(type_name) + " has not yet been added to the model");
+    if (h->index == -2)
+      raise_error(kUsageError, std::string(type_name) + " was removed from the model");
     if (k != kind) raise_no_attribute(type_name, attrname);
     if (h->model != model) raise_error(KVR_ERROR_NOT_IN_MODEL, kind_info(k).not_in_model);
     ind[static_cast<size_t>(i)] = public_index(h->index);
@@ -68,7 +69,7 @@ std::vector<int> element_indices(nb::handle seq, int kind, KVRmodel *model,
 // The kind of the elements an attribute belongs to; raises for model and unknown attributes.
 int attr_kind(const AttrInfo &info, const char *unrecognized) {
   int kind = info.cls - 1;
-  if (kind < 0 || kind >= kNumKinds) raise_error(-1, unrecognized);
+  if (kind < 0 || kind >= kNumKinds) raise_error(kInputError, unrecognized);
   return kind;
 }
 
@@ -94,11 +95,11 @@ Objects objects_of(nb::handle objs, const char *unrecognized) {
     return o;
   }
   if (PyUnicode_Check(objs.ptr()) || PyBytes_Check(objs.ptr()) || as_handle(objs))
-    raise_error(-1, unrecognized);
+    raise_error(kInputError, unrecognized);
   o.seq = nb::steal(PySequence_Fast(objs.ptr(), ""));
   if (!o.seq.is_valid()) {
     PyErr_Clear();
-    raise_error(-1, unrecognized);
+    raise_error(kInputError, unrecognized);
   }
   return o;
 }
@@ -173,7 +174,7 @@ void remove_items(nb::handle self, nb::handle items) {
       seq = nb::steal(PySequence_Fast(items.ptr(), ""));
     if (!seq.is_valid()) {
       PyErr_Clear();
-      raise_error(-1, "Item to be removed not a Var, Constr, SOS, QConstr, or GenConstr");
+      raise_error(kInputError, "Item to be removed not a Var, Constr, SOS, QConstr, or GenConstr");
     }
     nb::object fast = nb::steal(PySequence_Fast(seq.ptr(), ""));
     for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(fast.ptr()); ++i) {
@@ -189,9 +190,11 @@ void remove_items(nb::handle self, nb::handle items) {
   for (auto &obj : handles) {
     int kind = -1;
     Handle *h = as_handle(obj, &kind);
-    if (!h) raise_error(-1, "Item to be removed not a Var, Constr, SOS, QConstr, or GenConstr");
-    if (!m.cmodel || h->model != m.cmodel) raise_error(-1, "Item to be removed is not in model");
-    if (h->index == -1 || h->index == -2) raise_error(-1, kind_info(kind).missing_remove);
+    if (!h)
+      raise_error(kInputError, "Item to be removed not a Var, Constr, SOS, QConstr, or GenConstr");
+    if (!m.cmodel || h->model != m.cmodel)
+      raise_error(kInputError, "Item to be removed is not in model");
+    if (h->index == -1 || h->index == -2) raise_error(kInputError, kind_info(kind).missing_remove);
   }
   for (auto &obj : handles) {
     int kind = -1;

@@ -17,7 +17,7 @@ nb::object derive(nb::handle self, DeriveCall call, bool update_first, const cha
   if (update_first) model_update(self);
   KVRmodel *result = nullptr;
   check(call(cm, &result), self);
-  if (!result) raise_error(-1, failure);
+  if (!result) raise_error(kInputError, failure);
   return model_adopt(self, result);
 }
 
@@ -43,7 +43,7 @@ void fill_penalties(std::vector<double> &out, nb::handle objects, nb::handle pen
                     const char *length_message, IndexOf &&index_of) {
   if (objects.is_none() || pen.is_none()) return;
   nb::list objs(objects), pens(pen);
-  if (objs.size() != pens.size()) raise_error(0, length_message);
+  if (objs.size() != pens.size()) raise_error(kUsageError, length_message);
   for (size_t k = 0; k < objs.size(); ++k) out[index_of(objs[k])] = penalty_value(pens[k]);
 }
 
@@ -58,7 +58,8 @@ double feas_relax(nb::handle self, int relaxobjtype, nb::handle minrelax, nb::ha
                   nb::handle lbpen, nb::handle ubpen, nb::handle constrs, nb::handle rhspen) {
   KVRmodel *cm = live_model(self);
   model_update(self);
-  if (relaxobjtype < 0 || relaxobjtype > 2) raise_error(0, "Invalid argument of relaxobjtype");
+  if (relaxobjtype < 0 || relaxobjtype > 2)
+    raise_error(kUsageError, "Invalid argument of relaxobjtype");
   int nvars = num_vars(cm), nconstrs = num_constrs(cm), nq = 0;
   check(KVRgetintattr(cm, "NumQConstrs", &nq), self);
   std::vector<double> lb(nvars, KVR_INFINITY), ub(nvars, KVR_INFINITY),

@@ -37,6 +37,12 @@ bool is_instance(nb::handle obj, const char *class_name);
 // ---------------------------------------------------------------- errors
 // The KaviroError class object.
 nb::handle kaviro_error_type();
+// Codes (errno) of the errors the module detects itself, before any library call. Both are in use
+// and fixed per message, since callers test errno: kUsageError mostly for calls the object's
+// state does not allow, kInputError mostly for arguments and handles the module cannot take and
+// for library calls that returned no object.
+constexpr int kUsageError = 0;
+constexpr int kInputError = -1;
 // Raises KaviroError(code, message).
 [[noreturn]] void raise_error(int code, const std::string &message);
 // Raises KaviroError(code, owner): the message is the owner's latest library message.

@@ -102,7 +102,7 @@ nb::object get_q(nb::handle self) {
 void set_matrix_objective(nb::handle self, nb::handle expr, nb::handle sense) {
   KVRmodel *model = prepared_model(self);
   MExpr e;
-  if (!to_mexpr(expr, e)) raise_error(-1, "Unable to convert argument to an expression");
+  if (!to_mexpr(expr, e)) raise_error(kInputError, "Unable to convert argument to an expression");
   if (size_of(e.constant) != 1)
     raise_error(KVR_ERROR_INVALID_ARGUMENT,
                 "Objective must be one expression, not an array of shape " +

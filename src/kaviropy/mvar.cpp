@@ -84,7 +84,7 @@ nb::object owner_model(const HandleArray &a) {
 
 nb::object owner_model_checked(const HandleArray &a) {
   nb::object m = owner_model(a);
-  if (m.is_none()) raise_error(0, "Model has already been freed");
+  if (m.is_none()) raise_error(kUsageError, "Model has already been freed");
   return m;
 }
 

@@ -143,7 +143,7 @@ PyObject *tc_nb_rshift(PyObject *a, PyObject *b) {
 
 int tc_nb_bool(PyObject *) {
   PyObject *r = guard([]() -> PyObject * {
-    raise_error(0, "Constraint has no bool value (are you trying \"lb <= expr <= ub\"?)");
+    raise_error(kUsageError, "Constraint has no bool value (are you trying \"lb <= expr <= ub\"?)");
   });
   (void)r;
   return -1;
@@ -151,7 +151,8 @@ int tc_nb_bool(PyObject *) {
 
 PyObject *tc_tp_richcompare(PyObject *, PyObject *, int op) {
   return guard([&]() -> PyObject * {
-    if (op == Py_LE || op == Py_GE) raise_error(0, "Constraint comparison not implemented");
+    if (op == Py_LE || op == Py_GE)
+      raise_error(kUsageError, "Constraint comparison not implemented");
     return not_implemented();
   });
 }
@@ -168,7 +169,7 @@ PyObject *compare(nb::handle lhs, PyObject *other, int op) {
     case Py_EQ:
       return tempconstr_new(lhs, sense_object("="), other).release().ptr();
     case Py_NE:
-      raise_error(0, "Inequality constraints not supported");
+      raise_error(kUsageError, "Inequality constraints not supported");
     default:
       return not_implemented();
   }

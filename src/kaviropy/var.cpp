@@ -25,7 +25,7 @@ std::string var_safename(const Var &v) {
   if (v.index >= num_vars(v.model)) return "*Awaiting Model Update*";
   char *name = nullptr;
   if (KVRgetstrattrelement(v.model, "VarName", public_index(v.index), &name) || !name)
-    raise_error(0, KVRgetmerrormsg(v.model));
+    raise_error(kUsageError, KVRgetmerrormsg(v.model));
   return display(name);
 }
 
@@ -33,8 +33,8 @@ int var_column(nb::handle obj, KVRmodel *model) {
   Var *v = as_var(obj);
   if (!v && is_one_element(obj)) return var_column(obj.attr("item")(), model);
   if (!v) raise_error(KVR_ERROR_INVALID_ARGUMENT, "Invalid data in vars array");
-  if (v->index == -1) raise_error(0, "Variable has not yet been added to the model");
-  if (v->index == -2) raise_error(0, "Variable was removed from the model");
+  if (v->index == -1) raise_error(kUsageError, "Variable has not yet been added to the model");
+  if (v->index == -2) raise_error(kUsageError, "Variable was removed from the model");
   if (v->model != model) raise_error(KVR_ERROR_NOT_IN_MODEL, "Variable not in model");
   return public_index(v->index);
 }
@@ -50,10 +50,10 @@ void init_var() {
       kVar, "__hash__",
       [](nb::handle self) -> Py_ssize_t {
         const Var &v = *handle_data(self.ptr());
-        if (v.index == -1) raise_error(0, "Variable has not yet been added to the model");
-        if (v.index < -1) raise_error(0, "Variable was removed from the model");
+        if (v.index == -1) raise_error(kUsageError, "Variable has not yet been added to the model");
+        if (v.index < -1) raise_error(kUsageError, "Variable was removed from the model");
         if (v.index >= num_vars(v.model))
-          raise_error(0, "Variable has not yet been added to the model");
+          raise_error(kUsageError, "Variable has not yet been added to the model");
         return v.index;
       },
       "Hash of the column index (the variable must be in the updated model).");

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "attrs/attrs.h"
+#include "model/attrs.h"
 #include "model/model.h"
 
 namespace kvr {
@@ -48,9 +48,6 @@ void write_model_num(kvr_model *model, AttrId id, double value);
 void write_model_str(kvr_model *model, AttrId id, const char *value);
 void write_elem_num(kvr_model *model, AttrId id, IndexSet ix, const double *values);
 void write_elem_str(kvr_model *model, AttrId id, IndexSet ix, const char *const *values);
-
-// Applies the queued change log to the data (used by update_model).
-void apply_change_log(ModelData &data, PendingChanges &pending);
 
 // Statistics and solution quality of the model (attrs/stats.cpp, attrs/quality.cpp).
 bool is_statistic(AttrId id);

@@ -9,7 +9,6 @@
 #include <chrono>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,6 +16,7 @@
 #include "model/modeldata.h"
 #include "model/solution.h"
 #include "params/params.h"
+#include "reform/capabilities.h"
 
 struct kvr_model;
 
@@ -34,22 +34,6 @@ struct LinRow {
   double dual_weight = 0.0;
   // Amount by which x violates the row (0 when satisfied).
   double violation(const double *x) const;
-};
-
-// What an engine takes as it is; the reformulation rewrites the rest into what it does take.
-struct EngineCapabilities {
-  bool sos = false;              // SOS1 and SOS2 constraints
-  bool indicator = false;        // indicator constraints without big-M
-  bool semicontinuous = false;   // semi-continuous and semi-integer variables
-  bool logical = false;          // and, or, max, min, abs constraints
-  bool convex_qcons = false;     // convex quadratic constraints (else outer approximation)
-  bool nonconvex = false;        // nonconvex quadratic objectives and constraints (NonConvex 2)
-  bool quadratic_mip = false;    // quadratic objective together with integers or quadratic rows
-  bool lazy_in_search = false;   // lazy rows join the running search (no restart)
-  bool user_cuts = false;        // cuts from MIPNODE callbacks
-  bool node_relaxation = false;  // MIPNODE callbacks with the node relaxation
-  bool duals = false;            // duals, basis, sensitivity ranges, certificates
-  bool solution_pool = true;     // several solutions kept from one search
 };
 
 // What an engine is asked to solve, with the optional warm-start information. Vectors are empty
@@ -220,24 +204,5 @@ class Engine {
 std::unique_ptr<Engine> make_highs_engine();
 // Version text of the engine library, for the log.
 std::string highs_version();
-
-// A direction of negative curvature of a quadratic form: the variable where the factorization
-// found it and the curvature there.
-struct Curvature {
-  int var = -1;
-  double value = 0.0;
-};
-// Looks for negative curvature of sign * x'Qx beyond psdtol over n variables; nothing when the
-// form is positive semi-definite. Large blocks that are not diagonally dominant are not
-// factorized: they count in *unchecked (when given) and pass.
-std::optional<Curvature> find_negative_curvature(const QuadTerms &q, int n, double sign,
-                                                 double psdtol, int *unchecked = nullptr);
-
-// Checks that the quadratic objective is convex for minimization (concave for maximization)
-// within PSDTol; throws KVR_ERROR_Q_NOT_PSD naming a variable involved otherwise.
-void check_convex_objective(const ModelData &model, const ParamValues &params);
-
-// What nonconvexity messages add when NonConvex asks for a global solve ("" otherwise).
-const char *nonconvex_note(const ParamValues &params);
 
 }  // namespace kvr

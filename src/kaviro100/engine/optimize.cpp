@@ -15,14 +15,15 @@
 #include <mutex>
 #include <thread>
 
-#include "analysis/pool.h"
-#include "attrs/attrs.h"
+#include "engine/pool.h"
 #include "engine/engine.h"
 #include "engine/outer_approx.h"
 #include "engine/registry.h"
 #include "engine/solve.h"
+#include "model/attrs.h"
 #include "model/integral.h"
 #include "model/model.h"
+#include "reform/psd.h"
 #include "reform/reform.h"
 #include "util/error.h"
 

@@ -6,6 +6,7 @@
 #include <numbers>
 
 #include "reform/internal.h"
+#include "reform/psd.h"
 #include "util/error.h"
 
 namespace kvr {

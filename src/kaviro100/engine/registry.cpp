@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "engine/scip/scip_api.h"
+#include "reform/psd.h"
 #include "util/error.h"
 #include "util/strings.h"
 

@@ -29,6 +29,7 @@
 #include "attrs/attr_access.h"
 #include "io/formats.h"
 #include "io/json.h"
+#include "io/paramfile.h"
 #include "model/model.h"
 #include "util/error.h"
 #include "util/strings.h"

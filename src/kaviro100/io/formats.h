@@ -6,9 +6,9 @@
 #include <utility>
 #include <vector>
 
-#include "attrs/attrs.h"
 #include "io/nameindex.h"
 #include "io/stream.h"
+#include "model/attrs.h"
 #include "model/modeldata.h"
 #include "util/error.h"
 

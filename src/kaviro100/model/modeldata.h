@@ -10,8 +10,8 @@
 #include <unordered_map>
 #include <vector>
 
-#include "attrs/attrs.h"
 #include "kaviro_c.h"
+#include "model/attrs.h"
 
 namespace kvr {
 
@@ -135,7 +135,7 @@ struct QuadTerms {
 
 // Settable per-element attributes that most models never touch (Start, hints, priorities, tags,
 // IIS forces, lazy flags, warm-start basis, ...): a column is allocated on its first write, filled
-// with the attribute's default (extra_default). Keys are attribute ids (see attrs/attrs.h), except
+// with the attribute's default (extra_default). Keys are attribute ids (see model/attrs.h), except
 // MIP starts beyond the first, which use start_key(k). A column may be shorter than the element
 // count only transiently; readers treat missing entries as the default.
 struct ExtraAttrs {

@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "attrs/attrs.h"
+#include "model/attrs.h"
 #include "model/modeldata.h"
 
 namespace kvr {
@@ -76,5 +76,8 @@ struct PendingChanges {
   bool has_additions() const;
   void clear();
 };
+
+// Applies the queued change log to the data (used by update_model; model/attr_apply.cpp).
+void apply_change_log(ModelData &data, PendingChanges &pending);
 
 }  // namespace kvr

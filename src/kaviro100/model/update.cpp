@@ -1,7 +1,6 @@
 // The model update: queued changes, then queued additions, then deletions with renumbering.
 #include <algorithm>
 
-#include "attrs/attr_access.h"
 #include "model/model.h"
 
 namespace kvr {

@@ -61,9 +61,4 @@ class ParamValues {
   std::vector<std::string> str_;
 };
 
-// Parameter files: one "Name value" per line; '#' starts a comment. Throws on error.
-void read_param_file(ParamValues &values, const std::string &filename,
-                     std::vector<std::string> *applied = nullptr);
-void write_param_file(const ParamValues &values, const std::string &filename);
-
 }  // namespace kvr

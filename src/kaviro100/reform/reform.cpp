@@ -3,8 +3,8 @@
 #include <cmath>
 #include <iterator>
 
-#include "engine/engine.h"
 #include "reform/internal.h"
+#include "reform/psd.h"
 #include "util/error.h"
 
 namespace kvr {

@@ -5,7 +5,7 @@
 // approximations under the FuncPiece* parameters and attributes.
 #pragma once
 
-#include "engine/engine.h"
+#include "reform/capabilities.h"
 #include "model/modeldata.h"
 #include "params/params.h"
 

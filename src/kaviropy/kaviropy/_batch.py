@@ -31,6 +31,8 @@ import uuid
 from . import _core
 from ._core import KVR, KaviroError
 
+# errno of the errors detected here rather than by the library (the extension's usage-error code).
+_USAGE_ERROR = 0
 _ROOT = "kaviro-batch"
 _FILES = ("model.lp", "params.prm", "start.mst", "hints.hnt", "order.ord")
 _ABORT_POLL = 0.1  # seconds between the worker's looks at the abort flag
@@ -460,7 +462,7 @@ class Batch:
 
     def _client(self):
         if self._cbatch is None:
-            raise KaviroError(0, "Batch has already been freed")
+            raise KaviroError(_USAGE_ERROR, "Batch has already been freed")
         return self._cbatch
 
     def __getattr__(self, name):

@@ -4,6 +4,7 @@
 
 #include "engine/applied_params.h"
 #include "env/env.h"
+#include "io/paramfile.h"
 #include "params/params.h"
 #include "util/error.h"
 #include "util/live.h"

@@ -6,7 +6,8 @@
 #include <map>
 #include <unordered_map>
 
-#include "attrs/attr_access.h"
+#include "model/pending.h"
+#include "util/error.h"
 
 namespace kvr {
 namespace {

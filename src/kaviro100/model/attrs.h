@@ -18,7 +18,7 @@ enum class AttrClass {
 
 enum class AttrId {
 #define KVR_ATTR(name, type, cls, settable, meaning) name,
-#include "attrs/attr_table.inc"
+#include "model/attr_table.inc"
 #undef KVR_ATTR
   Count
 };

@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "attrs/attrs.h"
 #include "env/env.h"
+#include "model/attrs.h"
 #include "model/model.h"
 #include "util/live.h"
 

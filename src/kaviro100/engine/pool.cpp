@@ -9,7 +9,7 @@
 // found yet, so mode 2 collects the PoolSolutions best ones in order. Mode 1 re-solves only to
 // within 1% of the optimum and also keeps the solutions the first solve met and the incumbents of
 // its re-solves; the best PoolSolutions of all of them form the pool.
-#include "analysis/pool.h"
+#include "engine/pool.h"
 
 #include <algorithm>
 #include <cmath>

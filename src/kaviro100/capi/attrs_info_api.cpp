@@ -1,7 +1,7 @@
 // C entry points describing attributes: the registry is global, the model only receives messages.
 #include <string>
 
-#include "attrs/attrs.h"
+#include "model/attrs.h"
 #include "model/model.h"
 #include "util/live.h"
 

@@ -4,7 +4,7 @@
 
 #include "io/stream.h"
 #include "kaviro_c.h"
-#include "params/params.h"
+#include "io/paramfile.h"
 #include "util/error.h"
 #include "util/strings.h"
 

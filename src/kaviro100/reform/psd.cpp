@@ -2,13 +2,14 @@
 // approximation): x'Qx must be positive semi-definite up to PSDTol. The terms split into
 // independent blocks of variables linked by cross terms; a block passes at once when it is
 // diagonally dominant, otherwise a pivoted Cholesky factorization decides.
+#include "reform/psd.h"
+
 #include <algorithm>
 #include <cmath>
 #include <numeric>
 #include <optional>
 #include <unordered_map>
 
-#include "engine/engine.h"
 #include "reform/internal.h"
 #include "util/error.h"
 

@@ -1,4 +1,4 @@
-#include "attrs/attrs.h"
+#include "model/attrs.h"
 
 #include <string>
 #include <unordered_map>
@@ -11,7 +11,7 @@ namespace {
 const AttrDef kDefs[] = {
 #define KVR_ATTR(name, type, cls, settable, meaning) \
   {#name, AttrType::type, AttrClass::cls, settable != 0, meaning},
-#include "attrs/attr_table.inc"
+#include "model/attr_table.inc"
 #undef KVR_ATTR
 };
 

@@ -1,0 +1,98 @@
+#!/usr/bin/env python3
+"""Checks that the solver library's folders include each other in one direction only.
+
+The folders are layered, lowest first:
+    util -> params -> env -> model -> attrs -> reform, io -> engine -> analysis
+A file may include headers of its own folder and of folders strictly below it (reform and io
+share a layer and stay independent of each other). capi/ (the C entry points) and tools/ sit on
+top and may include anything; include/ is the public header, usable by all and including none.
+Headers that do not resolve inside the library (the engine's, the standard library's) are not
+checked. A folder missing from the list fails the check until it is given a layer.
+
+    python3 scripts/check_layers.py [library-dir]     default: src/kaviro100
+Exit status 1 lists every offending include as file:line: #include "..." (and files in
+folders without a layer).
+"""
+import pathlib
+import re
+import sys
+
+LAYERS = [["include"], ["util"], ["params"], ["env"], ["model"], ["attrs"], ["reform", "io"],
+          ["engine"], ["analysis"], ["capi", "tools"]]
+TOP = {"capi", "tools"}
+RANK = {folder: rank for rank, group in enumerate(LAYERS) for folder in group}
+SOURCES = {".h", ".hpp", ".cpp", ".cc", ".inc"}
+INCLUDE = re.compile(r'^\s*#\s*include\s*"([^"]+)"')
+
+
+def folder_of(path, root):
+    """The top folder of the library that holds `path`, or None for a file outside it."""
+    try:
+        rel = path.resolve().relative_to(root)
+    except ValueError:
+        return None
+    return rel.parts[0] if len(rel.parts) > 1 else ""
+
+
+def resolve(name, source, root):
+    """The library file an include names (searched as the compiler does), or None."""
+    for base in (source.parent, root, root / "include"):
+        candidate = base / name
+        if candidate.is_file():
+            return candidate
+    return None
+
+
+def allowed(src_folder, dst_folder):
+    if src_folder == dst_folder or src_folder in TOP:
+        return True
+    if dst_folder == "include":
+        return True
+    return RANK[dst_folder] < RANK[src_folder]
+
+
+def violations(root):
+    """(file, line, include, reason) for every include that breaks the layering."""
+    root = root.resolve()
+    found = []
+    for source in sorted(root.rglob("*")):
+        if source.suffix not in SOURCES or not source.is_file():
+            continue
+        src_folder = folder_of(source, root)
+        rel = source.relative_to(root)
+        if src_folder not in RANK:
+            found.append((rel, 0, "", f"folder '{src_folder}' has no layer"))
+            continue
+        for number, text in enumerate(source.read_text(errors="replace").splitlines(), 1):
+            match = INCLUDE.match(text)
+            if not match:
+                continue
+            target = resolve(match.group(1), source, root)
+            if target is None:
+                continue
+            dst_folder = folder_of(target, root)
+            if dst_folder not in RANK:
+                found.append((rel, number, match.group(1), f"folder '{dst_folder}' has no layer"))
+            elif not allowed(src_folder, dst_folder):
+                found.append((rel, number, match.group(1),
+                              f"{src_folder}/ may not include {dst_folder}/"))
+    return found
+
+
+def main(argv):
+    default = pathlib.Path(__file__).resolve().parent.parent / "src" / "kaviro100"
+    root = pathlib.Path(argv[1]) if len(argv) > 1 else default
+    if not root.is_dir():
+        print(f"no such directory: {root}", file=sys.stderr)
+        return 2
+    found = violations(root)
+    for rel, number, name, reason in found:
+        print(f'{rel}:{number}: #include "{name}" ({reason})' if number else f"{rel}: {reason}")
+    if found:
+        print(f"{len(found)} include(s) against the layering", file=sys.stderr)
+        return 1
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv))

@@ -1,0 +1,56 @@
+"""The solver library's folders include each other in one direction only (scripts/check_layers.py)."""
+
+import pathlib
+import subprocess
+import sys
+
+import pytest
+
+REPO = pathlib.Path(__file__).resolve().parent.parent
+CHECK = REPO / "scripts" / "check_layers.py"
+
+
+def run_check(root=None):
+    args = [sys.executable, str(CHECK)] + ([str(root)] if root else [])
+    return subprocess.run(args, capture_output=True, text=True, timeout=60)
+
+
+def test_library_includes_only_downward():
+    result = run_check()
+    assert (result.returncode, result.stdout) == (0, ""), result.stdout + result.stderr
+
+
+def make_tree(tmp_path, files):
+    for rel, text in files.items():
+        path = tmp_path / rel
+        path.parent.mkdir(parents=True, exist_ok=True)
+        path.write_text(text)
+    return tmp_path
+
+
+BASE = {"include/pub.h": "", "util/u.h": "", "model/m.h": '#include "util/u.h"\n',
+        "engine/e.h": "", "reform/r.h": "", "io/i.h": ""}
+
+
+@pytest.mark.parametrize("files, offending", [
+    # Downward, own folder, the public header, external headers, the top layer: all fine.
+    ({"model/m.cpp": '#include "model/m.h"\n#include "pub.h"\n#include <vector>\n'
+                     '#include "interfaces/engine_api.h"\n',
+      "capi/c.cpp": '#include "engine/e.h"\n', "tools/t.cpp": '#include "capi/c.cpp"\n'}, []),
+    # Upward, from a header and a source, with the same-folder spelling resolved.
+    ({"util/x.h": '// x\n#include "model/m.h"\n', "model/y.cpp": '#include "m.h"\n'
+                                                                 '  #  include "engine/e.h"\n'},
+     ['model/y.cpp:2: #include "engine/e.h"', 'util/x.h:2: #include "model/m.h"']),
+    # reform/ and io/ share a layer and stay apart; nothing below the top includes capi/.
+    ({"reform/a.cpp": '#include "io/i.h"\n', "engine/b.cpp": '#include "capi/c.h"\n',
+      "capi/c.h": ""},
+     ['engine/b.cpp:1: #include "capi/c.h"', 'reform/a.cpp:1: #include "io/i.h"']),
+    # The public header includes nothing of the library; a folder without a layer fails.
+    ({"include/pub2.h": '#include "util/u.h"\n', "extra/z.cpp": ""},
+     ["extra/z.cpp: folder 'extra' has no layer", 'include/pub2.h:1: #include "util/u.h"']),
+])
+def test_check_reports_each_upward_include(tmp_path, files, offending):
+    result = run_check(make_tree(tmp_path, {**BASE, **files}))
+    listed = [line.split(" (")[0] for line in result.stdout.splitlines()]
+    assert listed == offending
+    assert result.returncode == (1 if offending else 0)
