@@ -15,11 +15,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
-#include <mutex>
 #include <set>
 #include <thread>
 
 #include "engine/engine.h"
+#include "engine/highs_instance.h"
 #include "engine/outer_approx.h"
 #include "engine/solve.h"
 #include "interfaces/highs_c_api.h"
@@ -43,84 +43,13 @@ double from_engine(double v) {
   return v;
 }
 
-// The engine's thread pool is global: its size can change only while no solve runs.
-std::mutex g_sched_mutex;
-int g_running = 0;
-int g_sched_threads = -1;
-
-struct SchedulerUse {
-  explicit SchedulerUse(int threads, SolveContext &ctx) {
-    std::lock_guard<std::mutex> lock(g_sched_mutex);
-    if (g_sched_threads != -1 && g_sched_threads != threads) {
-      if (g_running == 0) {
-        Highs_resetGlobalScheduler(1);
-      } else {
-        ctx.logf("Threads %d ignored: another solve is running with %d threads\n", threads,
-                 g_sched_threads);
-        threads_used = g_sched_threads;
-      }
-    }
-    if (threads_used < 0) threads_used = threads;
-    g_sched_threads = threads_used;
-    ++g_running;
-  }
-  ~SchedulerUse() {
-    std::lock_guard<std::mutex> lock(g_sched_mutex);
-    --g_running;
-  }
-  int threads_used = -1;
-};
-
-class HighsInstance {
- public:
-  HighsInstance() : h_(Highs_create()) {
-    if (!h_) fail(KVR_ERROR_OUT_OF_MEMORY, "Unable to create an engine instance");
-  }
-  ~HighsInstance() { Highs_destroy(h_); }
-  HighsInstance(const HighsInstance &) = delete;
-  HighsInstance &operator=(const HighsInstance &) = delete;
-  void *get() const { return h_; }
-
-  void set_bool(const char *name, bool v) { check(Highs_setBoolOptionValue(h_, name, v), name); }
-  void set_int(const char *name, long long v) {
-    HighsInt iv = static_cast<HighsInt>(std::clamp<long long>(v, 0, 2147483647LL));
-    check(Highs_setIntOptionValue(h_, name, iv), name);
-  }
-  void set_dbl(const char *name, double v) { check(Highs_setDoubleOptionValue(h_, name, v), name); }
-  void set_str(const char *name, const char *v) {
-    check(Highs_setStringOptionValue(h_, name, v), name);
-  }
-  double info_dbl(const char *name) const {
-    double v = kNaN;
-    if (Highs_getDoubleInfoValue(h_, name, &v) != kHighsStatusOk) return kNaN;
-    return v;
-  }
-  long long info_int(const char *name) const {
-    HighsInt type = 0;
-    if (Highs_getInfoType(h_, name, &type) != kHighsStatusOk) return 0;
-    if (type == kHighsInfoTypeInt64) {
-      int64_t v64 = 0;
-      return Highs_getInt64InfoValue(h_, name, &v64) == kHighsStatusOk ? std::max<int64_t>(v64, 0)
-                                                                       : 0;
-    }
-    HighsInt v = 0;  // counts the engine did not keep read -1
-    return Highs_getIntInfoValue(h_, name, &v) == kHighsStatusOk ? std::max<HighsInt>(v, 0) : 0;
-  }
-
- private:
-  static void check(HighsInt status, const char *name) {
-    if (status == kHighsStatusError)
-      fail(KVR_ERROR_INTERNAL, "The engine rejected its option '%s'", name);
-  }
-  void *h_;
-};
-
 // State handed to the engine's event function.
 struct RunState {
   SolveContext *ctx = nullptr;
   const ModelData *model = nullptr;
   bool mip = false;
   int ncols = 0;
+  int threads = 0;  // the threads option of the run
   // Totals over earlier runs of a restarted solve.
   double base_iters = 0, base_nodes = 0;
   double best_obj = kNaN;  // best incumbent objective seen (user sense)
@@ -181,6 +110,7 @@ void engine_event(int type, const char *msg, const HighsCallbackDataOut *out,
                   HighsCallbackDataIn *in, void *usrdata) {
   RunState &st = *static_cast<RunState *>(usrdata);
   SolveContext &ctx = *st.ctx;
+  EngineEventScope in_event(st.threads);
   const double runtime = ctx.elapsed();
   try {
     switch (type) {
@@ -772,6 +702,7 @@ EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues 
   st.model = &m;
   st.mip = mip;
   st.ncols = n;
+  st.threads = sched.threads_used;
   st.found = &found;
   Highs_setCallback(hi->get(), engine_event, &st);
   Highs_startCallback(hi->get(), kHighsCallbackLogging);
@@ -1290,6 +1221,7 @@ bool HighsEngine::infeasible_subsystem(const ModelData &lp, const ParamValues &p
   st.ctx = &ctx;
   st.model = &lp;
   st.ncols = lp.num_vars();
+  st.threads = sched.threads_used;
   std::vector<std::vector<double>> found;
   st.found = &found;
   Highs_setCallback(hi.get(), engine_event, &st);
