@@ -192,12 +192,14 @@ def test_concurrent_lp_takes_the_first_method_to_finish(env, tmp_path):
         m.Params.TimeLimit = 0
         m.optimize()
         assert m.Status == KVR.TIME_LIMIT
-        # Large enough for the automatic method to race, unless one thread is all it may use.
+        # Large enough for the automatic method to race when it solves cold (a basis at hand
+        # makes it a simplex re-solve), unless one thread is all it may use.
         m.Params.Method, m.Params.TimeLimit = -1, KVR.INFINITY
         m.Params.LogFile, m.Params.OutputFlag, m.Params.LogToConsole = str(log), 1, 0
         for threads in (0, 1):
             log.write_text("")
             m.Params.Threads = threads
+            m.reset()
             m.optimize()
             assert m.Status == KVR.OPTIMAL and m.ObjVal == pytest.approx(optimum)
             assert ("side by side" in log.read_text()) == (threads == 0)

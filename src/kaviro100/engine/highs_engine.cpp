@@ -31,12 +31,6 @@ namespace {
 
 constexpr double kInf = std::numeric_limits<double>::infinity();
 
-double to_engine(double v) {
-  if (v >= KVR_INFINITY) return kInf;
-  if (v <= -KVR_INFINITY) return -kInf;
-  return v;
-}
-
 double from_engine(double v) {
   if (v >= 1e30) return KVR_INFINITY;
   if (v <= -1e30) return -KVR_INFINITY;
@@ -264,6 +258,9 @@ void race_event(int, const char *, const HighsCallbackDataOut *, HighsCallbackDa
   if (in) in->user_interrupt = static_cast<std::atomic<bool> *>(usrdata)->load() ? 1 : 0;
 }
 
+// Events of a kept instance between solves: none is of interest.
+void idle_event(int, const char *, const HighsCallbackDataOut *, HighsCallbackDataIn *, void *) {}
+
 // Whether the engine's model status settles the LP (an interrupted or limited run does not).
 bool decided(HighsInt model_status) {
   switch (model_status) {
@@ -387,12 +384,18 @@ class HighsEngine final : public Engine {
                      SolveContext &ctx) override;
   bool infeasible_subsystem(const ModelData &lp, const ParamValues &params, SolveContext &ctx,
                             Subsystem &out) override;
+  EngineResult solve_kept(const EngineProblem &problem, const ParamValues &params,
+                          SolveContext &ctx, std::shared_ptr<EngineState> &state) override;
 
  private:
   static void pass_model(HighsInstance &hi, const ModelData &m, bool mip);
   static void set_options(HighsInstance &hi, const ParamValues &p, SolveContext &ctx, bool mip,
                           bool qp, int threads);
   static void read_certificates(HighsInstance &hi, const ModelData &m, EngineResult &r);
+  // Solves on the instance hi: a new one when hi is null; with loaded set, one that holds the
+  // model already (kept from an earlier solve). hi ends as the instance whose result counts.
+  EngineResult solve_on(const EngineProblem &problem, const ParamValues &params, SolveContext &ctx,
+                        std::shared_ptr<HighsInstance> &hi, bool loaded);
   EngineResult solve_continuous(const ModelData &m, const ParamValues &params, SolveContext &ctx,
                                 const double *fix_at);
 };
@@ -444,22 +447,11 @@ void HighsEngine::pass_model(HighsInstance &hi, const ModelData &m, bool mip) {
   std::vector<HighsInt> integrality;
   if (mip) integrality.assign(n, kHighsVarTypeContinuous);
   for (int j = 0; j < n; ++j) {
-    lb[j] = to_engine(m.vars.lb[j]);
-    ub[j] = to_engine(m.vars.ub[j]);
+    engine_col_bounds(m, j, lb[j], ub[j]);
     cost[j] = m.vars.obj[j];
-    char t = m.vars.vtype[j];
-    if (t == KVR_BINARY) {
-      lb[j] = std::max(lb[j], 0.0);
-      ub[j] = std::min(ub[j], 1.0);
-    }
-    if (mip && (t == KVR_BINARY || t == KVR_INTEGER)) integrality[j] = kHighsVarTypeInteger;
+    if (mip) integrality[j] = engine_integrality(m, j);
   }
-  for (int i = 0; i < rows; ++i) {
-    double rhs = to_engine(m.constrs.rhs[i]);
-    char s = m.constrs.sense[i];
-    rlo[i] = s == KVR_LESS_EQUAL ? -kInf : rhs;
-    rup[i] = s == KVR_GREATER_EQUAL ? kInf : rhs;
-  }
+  for (int i = 0; i < rows; ++i) engine_row_bounds(m, i, rlo[i], rup[i]);
   std::vector<HighsInt> start(m.constrs.rows.beg.begin(), m.constrs.rows.beg.end() - 1);
   if (start.empty()) start.push_back(0);
   const std::vector<int> &ind = m.constrs.rows.ind;
@@ -667,6 +659,13 @@ HighsInt run_race(std::shared_ptr<HighsInstance> &simplex, std::shared_ptr<Highs
 
 EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues &params,
                                 SolveContext &ctx) {
+  std::shared_ptr<HighsInstance> hi;
+  return solve_on(problem, params, ctx, hi, false);
+}
+
+EngineResult HighsEngine::solve_on(const EngineProblem &problem, const ParamValues &params,
+                                   SolveContext &ctx, std::shared_ptr<HighsInstance> &hi,
+                                   bool loaded) {
   const ModelData &m = *problem.model;
   const int n = m.num_vars(), rows = m.num_constrs();
   const bool mip = m.is_mip();
@@ -695,7 +694,7 @@ EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues 
   // Threads 0 leaves the count to the engine (it uses part of the machine's threads).
   SchedulerUse sched(params.get_int(ParamId::Threads), ctx);
 
-  auto hi = std::make_shared<HighsInstance>();
+  if (!loaded) hi = std::make_shared<HighsInstance>();
   std::vector<std::vector<double>> found;
   RunState st;
   st.ctx = &ctx;
@@ -715,8 +714,15 @@ EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues 
     if (ctx.has_callback() || !ctx.user_solutions.empty())
       Highs_startCallback(hi->get(), kHighsCallbackCallbackMipUserSolution);
   }
+  // A kept instance holds the model and its last basis; its options are set afresh.
+  const bool warm = params.get_int(ParamId::LPWarmStart) != 0;
+  if (loaded) Highs_resetOptions(hi->get());
   set_options(*hi, params, ctx, mip, qp, sched.threads_used);
-  pass_model(*hi, m, mip);
+  if (!loaded) pass_model(*hi, m, mip);
+  if (loaded && !warm) Highs_clearSolver(hi->get());
+  const bool basis_at_hand = loaded && warm && !mip && hi->has_basis();
+  // With a basis at hand the automatic choice is the simplex method, which starts from it.
+  if (basis_at_hand && params.get_int(ParamId::Method) == -1) hi->set_str("solver", "simplex");
   if (oa) {
     st.oa = oa.get();
     // Rounds of cuts re-solve from the last basis; an unbounded round needs the simplex ray.
@@ -753,7 +759,7 @@ EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues 
 
   std::shared_ptr<HighsInstance> race_with;
   std::atomic<bool> race_over{false};
-  if (!mip && !qp && !oa && use_race(params, m, problem, sched.threads_used)) {
+  if (!mip && !qp && !oa && !basis_at_hand && use_race(params, m, problem, sched.threads_used)) {
     race_with = std::make_shared<HighsInstance>();
     set_options(*race_with, params, ctx, mip, qp, sched.threads_used);
     race_with->set_bool("output_flag", false);
@@ -770,7 +776,6 @@ EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues 
   }
 
   // Warm starts.
-  const bool warm = params.get_int(ParamId::LPWarmStart) != 0;
   if (mip && !problem.mip_start.empty()) {
     std::vector<HighsInt> idx;
     std::vector<double> val;
@@ -1208,6 +1213,78 @@ EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues 
       }
     }
     if (params.get_int(ParamId::InfUnbdInfo)) read_certificates(*hi, m, r);
+  }
+  return r;
+}
+
+// Whether x satisfies the bounds, types and rows of m within the tolerances.
+bool satisfies(const ModelData &m, const std::vector<double> &x, const ParamValues &params) {
+  const double ftol = params.get_dbl(ParamId::FeasibilityTol);
+  const double itol = params.get_dbl(ParamId::IntFeasTol);
+  for (int j = 0; j < m.num_vars(); ++j) {
+    if (x[j] < m.vars.lb[j] - ftol || x[j] > m.vars.ub[j] + ftol) return false;
+    if (m.vars.vtype[j] != KVR_CONTINUOUS && std::fabs(x[j] - std::round(x[j])) > itol)
+      return false;
+  }
+  for (int i = 0; i < m.num_constrs(); ++i) {
+    const double act = m.constrs.rows.row_value(i, x.data()), rhs = m.constrs.rhs[i];
+    const char sense = m.constrs.sense[i];
+    if ((sense != KVR_GREATER_EQUAL && act > rhs + ftol) ||
+        (sense != KVR_LESS_EQUAL && act < rhs - ftol))
+      return false;
+  }
+  return true;
+}
+
+EngineResult HighsEngine::solve_kept(const EngineProblem &problem, const ParamValues &params,
+                                     SolveContext &ctx, std::shared_ptr<EngineState> &state) {
+  const ModelData &m = *problem.model;
+  // Kept are instances that hold exactly the user's model: no quadratic terms to re-pass, no
+  // rows of the library's own (cuts, lazy constraints).
+  if (m.q.size() > 0 || m.qconstrs.size() > 0 || !ctx.lazy.empty() ||
+      problem.user_vars != m.num_vars()) {
+    if (state) ctx.log("The engine's copy of the model is dropped: it is solved from scratch\n");
+    state.reset();
+    return solve(problem, params, ctx);
+  }
+  auto *kept = dynamic_cast<HighsState *>(state.get());
+  std::shared_ptr<HighsInstance> hi;
+  EngineProblem offered;
+  const EngineProblem *use = &problem;
+  if (kept && kept->instance) {
+    InstanceUpdate update;
+    bool updated = false;
+    try {
+      updated = update_instance(*kept, m, update);
+    } catch (const std::bad_alloc &) {
+      updated = false;
+    }
+    if (updated) {
+      hi = kept->instance;
+      ctx.logf("Re-solve: %zu deleted, %zu added and %zu changed elements handed to the engine\n",
+               update.deleted, update.added, update.changed);
+      // The last incumbent starts the search again when it is still feasible.
+      if (m.is_mip() && problem.mip_start.empty() && !update.incumbent.empty() &&
+          satisfies(m, update.incumbent, params)) {
+        offered = problem;
+        offered.mip_start = std::move(update.incumbent);
+        use = &offered;
+        ctx.log("The previous solution is still feasible and starts the search\n");
+      }
+    } else {
+      ctx.log("Re-solve: the model is handed to the engine in full (too many changes)\n");
+    }
+  }
+  state.reset();  // rebuilt below from the instance that ends the solve
+  EngineResult r = solve_on(*use, params, ctx, hi, static_cast<bool>(hi));
+  if (ctx.lazy_in_engine == 0 && hi) {
+    // The run's event state is gone; the engine logs while its model is changed later on.
+    Highs_setCallback(hi->get(), idle_event, nullptr);
+    hi->set_bool("output_flag", false);
+    auto next = std::make_shared<HighsState>();
+    next->instance = std::move(hi);
+    if (m.is_mip() && !r.x.empty()) next->incumbent = r.x;
+    state = std::move(next);
   }
   return r;
 }

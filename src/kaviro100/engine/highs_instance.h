@@ -10,6 +10,8 @@
 #pragma once
 
 #include <algorithm>
+#include <memory>
+#include <vector>
 
 #include "engine/engine.h"
 #include "interfaces/highs_c_api.h"
@@ -41,6 +43,8 @@ class HighsInstance {
   }
   double info_dbl(const char *name) const;
   long long info_int(const char *name) const;
+  // Whether the instance holds a basis for its model (kept through changes of the model).
+  bool has_basis() const;
 
  private:
   static void check(HighsInt status, const char *name) {
@@ -49,6 +53,31 @@ class HighsInstance {
   }
   void *h_;
 };
+
+// The engine's bounds of variable j of m (a binary within [0, 1]), its type, and the bounds of
+// row i: what the engine is given for them.
+void engine_col_bounds(const ModelData &m, int j, double &lb, double &ub);
+HighsInt engine_integrality(const ModelData &m, int j);
+void engine_row_bounds(const ModelData &m, int i, double &lo, double &up);
+
+// An engine instance kept by a model between its solves: the engine's copy of the model, its
+// last basis, and the last MIP solution (in the model's numbering of that solve).
+struct HighsState final : EngineState {
+  std::shared_ptr<HighsInstance> instance;
+  std::vector<double> incumbent;
+};
+
+// What bringing a kept instance up to date handed to the engine.
+struct InstanceUpdate {
+  size_t deleted = 0, added = 0, changed = 0;  // elements deleted and added, other changes
+  std::vector<double> incumbent;  // the last MIP solution mapped onto m (empty when none)
+};
+
+// Brings the kept instance's model up to date with m: the deletions recorded in the state, then
+// changed bounds, sides, objective, coefficients and types, then the added columns and rows.
+// Returns false when that is more work than handing the model over in full; the instance is
+// then to be dropped.
+bool update_instance(HighsState &state, const ModelData &m, InstanceUpdate &out);
 
 // Marks the calling thread as running a solve with the Threads value `threads` for the lifetime
 // of the object. threads_used is the threads option the solve must give the engine: the value

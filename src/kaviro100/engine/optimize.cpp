@@ -450,7 +450,7 @@ SignalScope::SignalScope(kvr_model *model) {
   }
   if (slot_ < 0) return;
   if (g_signal_users++ == 0) {
-    struct sigaction action{};
+    struct sigaction action {};
     action.sa_handler = on_interrupt_signal;
     sigemptyset(&action.sa_mask);
     sigaction(SIGINT, &action, &g_previous_action);
@@ -506,7 +506,7 @@ void check_nodefile_settings(kvr_env &env) {
   double start = env.params.get_dbl(ParamId::NodefileStart);
   if (start >= KVR_INFINITY) return;
   const std::string &dir = env.params.get_str(ParamId::NodefileDir);
-  struct stat st{};
+  struct stat st {};
   if (dir.empty())
     fail(KVR_ERROR_NODEFILE, "NodefileDir is empty; with NodefileStart %g it must name a directory",
          start);
@@ -651,6 +651,7 @@ void optimize(kvr_model *model) {
         "model's own parameters\n");
   std::unique_ptr<Engine> engine = make_highs_engine();
   Solution sol;
+  if (rf.changed || model->data.objn.size() > 1) model->engine_state.reset();
   if (ctx.memory_stop == StopReason::SoftMemory) {
     sol.status = KVR_MEM_LIMIT;
     sol.solved = true;
@@ -664,7 +665,9 @@ void optimize(kvr_model *model) {
     }
     EngineProblem problem = make_problem(model, rf);
     if (ctx.is_mip) queue_extra_starts(model, rf, ctx);
-    EngineResult r = engine->solve(problem, params, ctx);
+    // The engine keeps its copy of a model it solves as given, for the next solve.
+    EngineResult r = rf.changed ? engine->solve(problem, params, ctx)
+                                : engine->solve_kept(problem, params, ctx, model->engine_state);
     PolishFunction polish;
     if (rf.changed && ctx.is_mip)
       polish = [&](std::vector<double> &x) {
