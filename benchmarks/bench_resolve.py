@@ -11,8 +11,8 @@ one model, solves it, then runs ROUNDS rounds of one change and a re-solve:
 
 The LP has 1,500 rows and 1,500 columns (8 random coefficients a row, maximize, 0 <= x <= 10); the
 MIP is a multi-constraint knapsack of 40 binaries and 8 rows. Every package runs the dual simplex
-method (HiGHS options solver=simplex, simplex_strategy=1; kaviropy Method 1) with output off and
-the engine's other defaults; the data come from the same seeded generator in every process. Each
+method (kaviropy Method 1; the peers get the engine options it maps to, ENGINE_OPTIONS, with the
+tolerances of kaviropy's defaults) with output off and the engine's other defaults; the data come from the same seeded generator in every process. Each
 loop of each package runs in a fresh process; the time covers the rounds only (not the first
 build and solve), and the process's peak resident memory is reported beside it. The table gives
 the times, the ratio kaviropy/peer, and the final objectives, which must agree.
@@ -34,6 +34,10 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 DEFAULT_PEER_PYTHON = os.path.join(os.path.dirname(os.path.dirname(HERE)), "venvs", "bench-peers",
                                    "bin", "python")
 LOOPS = ["addcol", "addrow", "ub", "obj", "mip"]
+# The engine options kaviropy's default parameters map to, given to the peers as well.
+ENGINE_OPTIONS = {"solver": "simplex", "simplex_strategy": 1, "primal_feasibility_tolerance": 1e-6,
+                  "dual_feasibility_tolerance": 1e-6, "mip_feasibility_tolerance": 1e-5,
+                  "mip_abs_gap": 1e-10}
 PACKAGES = ["kaviropy", "pyoptinterface", "highspy"]
 
 
@@ -121,8 +125,10 @@ def run_pyoptinterface(loop, rounds):
     n, rows, obj, ub = mip_data() if loop == "mip" else lp_data()
     m = highs.Model()
     m.set_model_attribute(poi.ModelAttribute.Silent, True)
-    m.set_raw_option_string("solver", "simplex")
-    m.set_raw_option_int("simplex_strategy", 1)
+    for name, v in ENGINE_OPTIONS.items():
+        setter = {str: m.set_raw_option_string, int: m.set_raw_option_int,
+                  float: m.set_raw_option_double}[type(v)]
+        setter(name, v)
     dom = poi.VariableDomain.Binary if loop == "mip" else poi.VariableDomain.Continuous
     x = [m.add_variable(lb=0, ub=ub, domain=dom) for _ in range(n)]
     costs = list(obj)
@@ -164,8 +170,8 @@ def run_highspy(loop, rounds):
     n, rows, obj, ub = mip_data() if loop == "mip" else lp_data()
     h = highspy.Highs()
     h.setOptionValue("output_flag", False)
-    h.setOptionValue("solver", "simplex")
-    h.setOptionValue("simplex_strategy", 1)
+    for name, v in ENGINE_OPTIONS.items():
+        h.setOptionValue(name, v)
     inf = highspy.kHighsInf
     h.addCols(n, np.array(obj), np.zeros(n), np.full(n, ub), 0, np.array([], dtype=np.int32),
               np.array([], dtype=np.int32), np.array([]))
@@ -230,8 +236,8 @@ def main():
     ap.add_argument("--loops", default=",".join(LOOPS))
     ap.add_argument("--peer-python", default=DEFAULT_PEER_PYTHON)
     args = ap.parse_args()
-    print(f"{args.rounds} rounds a loop; every side: dual simplex, output off, engine defaults "
-          "otherwise; times of the rounds only (s), peak resident memory of the process (MB)")
+    print(f"{args.rounds} rounds a loop; every side: the engine options {ENGINE_OPTIONS}, "
+          "output off; times of the rounds only (s), peak resident memory of the process (MB)")
     header = (f"{'loop':8} {'kaviropy':>9} {'MB':>6} {'pyoptinterface':>15} {'MB':>6} {'ratio':>6} "
               f"{'highspy':>8} {'MB':>6} {'ratio':>6}  objectives")
     print(header)

@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 #include "attrs/attrs.h"
@@ -668,12 +669,30 @@ void optimize(kvr_model *model) {
     // The engine keeps its copy of a model it solves as given, for the next solve.
     EngineResult r = rf.changed ? engine->solve(problem, params, ctx)
                                 : engine->solve_kept(problem, params, ctx, model->engine_state);
+    // The engine's QP method can fail on a convex QP it should solve (badly scaled models);
+    // the objective's epigraph approximated by cuts then solves it with LPs.
+    std::optional<Reformulated> epigraph;
+    if (r.status == KVR_NUMERIC && r.x.empty() && ctx.stop == StopReason::None && !ctx.is_mip &&
+        rf.model().q.size() > 0 && rf.model().qconstrs.size() == 0) {
+      model->env.log(
+          "The engine's QP method failed; solving again with the objective approximated by "
+          "cuts\n");
+      epigraph.emplace(reformulate(model->data, params, true));
+      ctx.engine_model = &epigraph->model();
+      ctx.rewritten = true;
+      ctx.lazy.clear();
+      ctx.lazy_in_engine = 0;
+      const double iters = r.itercount;
+      r = engine->solve(make_problem(model, *epigraph), params, ctx);
+      r.itercount += iters;
+    }
+    const Reformulated &solved = epigraph ? *epigraph : rf;
     PolishFunction polish;
-    if (rf.changed && ctx.is_mip)
+    if (solved.changed && ctx.is_mip)
       polish = [&](std::vector<double> &x) {
-        return polish_mip_solution(rf.model(), *engine, ctx, x);
+        return polish_mip_solution(solved.model(), *engine, ctx, x);
       };
-    fill_solution(model, rf, ctx, std::move(r), sol, polish);
+    fill_solution(model, solved, ctx, std::move(r), sol, polish);
     solve_scenarios(model, rf, *engine, ctx, sol);
   }
   fail_if_memory_exceeded(ctx, "optimization");

@@ -77,9 +77,9 @@ void check_references(const ModelData &m) {
 // The engine's QP method takes neither integers nor quadratic rows: a quadratic objective then
 // becomes min c'x + t with the convex constraint t >= x'Qx (maximization: max c'x - t with
 // t >= -x'Qx).
-void move_objective_to_epigraph(Reformulated &r, const ParamValues &params) {
+void move_objective_to_epigraph(Reformulated &r, const ParamValues &params, bool always) {
   const ModelData &given = r.model();
-  if (given.q.size() == 0 || (!given.is_mip() && given.qconstrs.size() == 0)) return;
+  if (given.q.size() == 0 || (!always && !given.is_mip() && given.qconstrs.size() == 0)) return;
   check_convex_objective(given, params);
   ModelData &m = r.own();
   const double sign = m.sense == KVR_MAXIMIZE ? -1.0 : 1.0;
@@ -106,12 +106,12 @@ void move_objective_to_epigraph(Reformulated &r, const ParamValues &params) {
 
 }  // namespace
 
-Reformulated reformulate(const ModelData &user, const ParamValues &params) {
+Reformulated reformulate(const ModelData &user, const ParamValues &params, bool epigraph) {
   Reformulated r(&user);
   r.user_vars = user.num_vars();
   r.user_constrs = user.num_constrs();
   if (!needs_rewriting(user)) {
-    move_objective_to_epigraph(r, params);
+    move_objective_to_epigraph(r, params, epigraph);
     return r;
   }
   check_references(user);
@@ -146,7 +146,7 @@ Reformulated reformulate(const ModelData &user, const ParamValues &params) {
   m.sos = SosData{};
   m.gens = GenConstrData{};
   m.pwlobj.clear();
-  move_objective_to_epigraph(r, params);
+  move_objective_to_epigraph(r, params, epigraph);
   return r;
 }
 

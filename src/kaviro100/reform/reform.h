@@ -47,7 +47,8 @@ struct Reformulated {
 // that has no meaning (a non-binary operand of and/or, decreasing PWL points, a logarithm of a
 // nonpositive range), KVR_ERROR_INVALID_PIECEWISE_OBJ for a malformed piecewise-linear objective
 // KVR_ERROR_INDEX_OUT_OF_RANGE for references to missing variables, and KVR_ERROR_Q_NOT_PSD for
-// a nonconvex objective that would move into an epigraph. The user's model is only read.
-Reformulated reformulate(const ModelData &user, const ParamValues &params);
+// a nonconvex objective that would move into an epigraph. The user's model is only read. With
+// `epigraph` set, a quadratic objective moves into an epigraph in every model.
+Reformulated reformulate(const ModelData &user, const ParamValues &params, bool epigraph = false);
 
 }  // namespace kvr
