@@ -18,6 +18,16 @@ call; the Python calls around them are a few thousand instructions on either sid
 
     python benchmarks/bench_solve.py [--runs N] [--callgrind] [--peer-python PY] [name.mps ...]
 
+With --methods the LP instances and lp-N (N from --lp-sizes; see ../shared/benchmarks.md) are
+solved by kaviropy alone with each value of Method: -1 (automatic), 0 primal simplex, 1 dual
+simplex, 2 barrier, 3 concurrent. One process per model reads or builds it once and solves it
+cold (reset() between solves) with the methods in turn, RUNS rounds; the table gives median wall
+times and the ratio of the automatic choice to the best of the single methods 0, 1 and 2, marked
+when it exceeds 1.10 by more than 10 ms (below that the clock's noise dominates); the largest
+ratio is taken over models whose best single method needs 50 ms or more.
+
+    python benchmarks/bench_solve.py --methods [--runs N] [--lp-sizes 100,300,500] [name.mps ...]
+
 highspy comes from benchmarks/requirements.txt, usually in an environment of its own: give its
 interpreter with --peer-python (kaviropy runs under --python, default the current interpreter).
 """
@@ -65,6 +75,63 @@ ok = info.primal_solution_status == 2
 print(json.dumps({"time": t, "cpu": c, "status": str(h.getModelStatus()),
                   "obj": info.objective_function_value if ok else None}))
 """
+
+
+METHODS = """
+import json, sys, time
+import kaviropy as kp
+from kaviropy import KVR
+env = kp.Env(empty=True); env.setParam("OutputFlag", 0); env.start()
+name, runs = sys.argv[1], int(sys.argv[2])
+if name.startswith("lp-"):
+    n = int(name[3:])
+    m = kp.Model(env=env)
+    x = m.addVars(n, n, lb=-KVR.INFINITY)
+    y = m.addVars(n, n, lb=-KVR.INFINITY)
+    m.setObjective(2 * x.sum() + y.sum(), KVR.MINIMIZE)
+    m.addConstrs(x[i, j] - y[i, j] >= i for i in range(n) for j in range(n))
+    m.addConstrs(x[i, j] + y[i, j] >= 0 for i in range(n) for j in range(n))
+else:
+    m = kp.read(name, env=env)
+m.update()
+times, objs = {}, {}
+for _ in range(runs):
+    for method in (-1, 0, 1, 2, 3):
+        m.reset()
+        m.Params.Method = method
+        t = time.perf_counter()
+        m.optimize()
+        times.setdefault(method, []).append(time.perf_counter() - t)
+        objs[method] = m.ObjVal if m.SolCount else None
+print(json.dumps({"nnz": m.NumNZs, "times": times, "objs": objs}))
+"""
+
+METHOD_NAMES = {"-1": "auto", "0": "primal", "1": "dual", "2": "barrier", "3": "concurrent"}
+
+
+def run_methods(args, chosen):
+    models = [str(path) for path, kind in chosen if kind == "LP"]
+    models += [f"lp-{n}" for n in args.lp_sizes.split(",") if n]
+    print(f"{'model':14} {'nonzeros':>9} " + " ".join(f"{v:>10}" for v in METHOD_NAMES.values())
+          + f" {'auto/best':>9}")
+    worst = 0.0
+    for model in models:
+        out = subprocess.run([args.python, "-c", METHODS, model, str(args.runs)],
+                             capture_output=True, text=True, check=True, env=ENV).stdout
+        r = json.loads(out.strip().splitlines()[-1])
+        med = {k: statistics.median(v) for k, v in r["times"].items()}
+        best = min(med[k] for k in ("0", "1", "2"))
+        ratio = med["-1"] / best
+        flag = ratio > 1.10 and med["-1"] - best > 0.01
+        if best >= 0.05:
+            worst = max(worst, ratio)
+        objs = [o for o in r["objs"].values() if o is not None]
+        agree = objs and max(objs) - min(objs) <= 1e-6 * max(1.0, abs(objs[0]))
+        print(f"{pathlib.Path(model).stem:14} {r['nnz']:9} "
+              + " ".join(f"{med[k]:10.3f}" for k in METHOD_NAMES) + f" {ratio:9.2f}"
+              + (" > 1.10" if flag else "") + ("" if agree else "  objectives differ"))
+    print(f"largest ratio of the automatic choice to the best single method (50 ms or more): "
+          f"{worst:.2f}")
 
 
 ENV = dict(os.environ, OPENBLAS_NUM_THREADS="1", OMP_NUM_THREADS="1")
@@ -164,10 +231,15 @@ def main():
                     help="count instructions under valgrind instead of timing")
     ap.add_argument("--python", default=sys.executable, help="interpreter with kaviropy")
     ap.add_argument("--peer-python", default=sys.executable, help="interpreter with highspy")
+    ap.add_argument("--methods", action="store_true",
+                    help="compare the automatic LP method with each method (kaviropy only)")
+    ap.add_argument("--lp-sizes", default="100,300,500", help="lp-N sizes for --methods")
     ap.add_argument("names", nargs="*")
     args = ap.parse_args()
     chosen = instances(args.names)
-    if args.callgrind:
+    if args.methods:
+        run_methods(args, chosen)
+    elif args.callgrind:
         run_callgrind(args, chosen)
     else:
         run_clock(args, chosen)

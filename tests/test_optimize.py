@@ -192,17 +192,19 @@ def test_concurrent_lp_takes_the_first_method_to_finish(env, tmp_path):
         m.Params.TimeLimit = 0
         m.optimize()
         assert m.Status == KVR.TIME_LIMIT
-        # Large enough for the automatic method to race when it solves cold (a basis at hand
-        # makes it a simplex re-solve), unless one thread is all it may use.
+        # Large enough for the automatic method to take the barrier method when it solves cold;
+        # a basis at hand makes it a simplex re-solve; it never races.
         m.Params.Method, m.Params.TimeLimit = -1, KVR.INFINITY
         m.Params.LogFile, m.Params.OutputFlag, m.Params.LogToConsole = str(log), 1, 0
-        for threads in (0, 1):
+        for cold in (True, False):
             log.write_text("")
-            m.Params.Threads = threads
-            m.reset()
+            if cold:
+                m.reset()
             m.optimize()
             assert m.Status == KVR.OPTIMAL and m.ObjVal == pytest.approx(optimum)
-            assert ("side by side" in log.read_text()) == (threads == 0)
+            text = log.read_text()
+            assert ("Automatic method: barrier" in text) == cold and "side by side" not in text
+            assert (m.BarIterCount > 0) == cold
 
 
 @pytest.mark.parametrize(

@@ -532,7 +532,8 @@ void HighsEngine::set_options(HighsInstance &hi, const ParamValues &p, SolveCont
     hi.set_dbl("mip_min_logging_interval", p.get_int(ParamId::DisplayInterval));
     if (p.get_int(ParamId::Symmetry) == 0) hi.set_bool("mip_detect_symmetry", false);
   } else if (!qp) {
-    // Method: -1 automatic, 0 primal simplex, 1 dual simplex, 2 barrier (interior point);
+    // Method: -1 automatic (the engine's choice; the barrier method for large LPs solved cold,
+    // see prefer_barrier), 0 primal simplex, 1 dual simplex, 2 barrier (interior point);
     // 3 (concurrent) races the dual simplex against the barrier method where two threads are
     // free (see use_race); 4 (deterministic concurrent) leaves the choice to the engine, which
     // runs one method; 5 (deterministic concurrent simplex) runs the dual simplex.
@@ -608,22 +609,30 @@ void HighsEngine::read_certificates(HighsInstance &hi, const ModelData &m, Engin
   }
 }
 
-// An LP of at least this many nonzeros is solved concurrently under the automatic method.
-constexpr int64_t kRaceNonzeros = 10000;
+// Concurrent LP solve (Method 3): the barrier method runs beside the dual simplex method on a
+// second engine instance and the first to settle the model decides, unless an infeasibility
+// certificate (which only the simplex method gives) is asked for. It needs two threads.
+bool use_race(const ParamValues &p, int threads) {
+  if (p.get_int(ParamId::Method) != 3 || p.get_int(ParamId::InfUnbdInfo) != 0) return false;
+  return threads != 1 && std::thread::hardware_concurrency() >= 2;
+}
 
-// Concurrent LP solve: the barrier method runs beside the dual simplex method on a second engine
-// instance and the first to settle the model decides. Method 3 asks for it; the automatic choice
-// takes it for large LPs, where the two methods' times differ most, unless a warm start or an
-// infeasibility certificate (which only the simplex method gives) is asked for. Either way it
-// needs two threads.
-bool use_race(const ParamValues &p, const ModelData &m, const EngineProblem &problem, int threads) {
-  const int method = p.get_int(ParamId::Method);
-  if ((method != 3 && method != -1) || p.get_int(ParamId::InfUnbdInfo) != 0) return false;
-  if (threads == 1 || std::thread::hardware_concurrency() < 2) return false;
-  if (method == 3) return true;
+// The automatic method solves an LP of at least this many nonzeros with the barrier method.
+constexpr int64_t kBarrierNonzeros = 10000;
+
+// Whether the automatic method takes the barrier method (with crossover): for a large LP solved
+// cold, when neither an infeasibility certificate nor an iteration or work limit (counted in
+// simplex iterations) is asked for. Measured on the shared LPs and lp-N (the
+// methods table of bench_solve), the barrier method is the fastest or close to it there and the
+// engine's own choice below; racing both methods lost to either alone on two cores.
+bool prefer_barrier(const ParamValues &p, const ModelData &m, const EngineProblem &problem) {
+  if (p.get_int(ParamId::Method) != -1 || p.get_int(ParamId::InfUnbdInfo) != 0 ||
+      p.get_dbl(ParamId::IterationLimit) < KVR_INFINITY ||
+      p.get_dbl(ParamId::WorkLimit) < KVR_INFINITY)
+    return false;
   const bool warm = p.get_int(ParamId::LPWarmStart) != 0 &&
                     (!problem.vbasis.empty() || !problem.pstart.empty() || !problem.dstart.empty());
-  return !warm && m.constrs.rows.nnz() >= kRaceNonzeros;
+  return !warm && m.constrs.rows.nnz() >= kBarrierNonzeros;
 }
 
 // Runs `simplex` on this thread and `barrier` on another until one settles the model, then stops
@@ -759,7 +768,12 @@ EngineResult HighsEngine::solve_on(const EngineProblem &problem, const ParamValu
 
   std::shared_ptr<HighsInstance> race_with;
   std::atomic<bool> race_over{false};
-  if (!mip && !qp && !oa && !basis_at_hand && use_race(params, m, problem, sched.threads_used)) {
+  if (!mip && !qp && !oa && !basis_at_hand && prefer_barrier(params, m, problem)) {
+    hi->set_str("solver", "ipm");
+    ctx.logf("Automatic method: barrier for an LP of %lld nonzeros\n",
+             static_cast<long long>(m.constrs.rows.nnz()));
+  }
+  if (!mip && !qp && !oa && !basis_at_hand && use_race(params, sched.threads_used)) {
     race_with = std::make_shared<HighsInstance>();
     set_options(*race_with, params, ctx, mip, qp, sched.threads_used);
     race_with->set_bool("output_flag", false);
