@@ -21,7 +21,8 @@ call; the Python calls around them are a few thousand instructions on either sid
 With --methods the LP instances and lp-N (N from --lp-sizes; see ../shared/benchmarks.md) are
 solved by kaviropy alone with each value of Method: -1 (automatic), 0 primal simplex, 1 dual
 simplex, 2 barrier, 3 concurrent. One process per model reads or builds it once and solves it
-cold (reset() between solves) with the methods in turn, RUNS rounds; the table gives median wall
+cold (reset() between solves) with the methods in turn, each round starting with another one,
+RUNS rounds (at least 5 puts each method first once); the table gives median wall
 times and the ratio of the automatic choice to the best of the single methods 0, 1 and 2, marked
 when it exceeds 1.10 by more than 10 ms (below that the clock's noise dominates); the largest
 ratio is taken over models whose best single method needs 50 ms or more.
@@ -95,8 +96,9 @@ else:
     m = kp.read(name, env=env)
 m.update()
 times, objs = {}, {}
-for _ in range(runs):
-    for method in (-1, 0, 1, 2, 3):
+for r in range(runs):
+    # Each round starts with another method: the first solve in a process pays for warming up.
+    for method in [(-1, 0, 1, 2, 3)[(r + k) % 5] for k in range(5)]:
         m.reset()
         m.Params.Method = method
         t = time.perf_counter()
