@@ -230,3 +230,17 @@ def test_type_and_sense_changes(env):
     m.ModelSense = KVR.MAXIMIZE
     m.optimize()
     assert m.ObjVal == pytest.approx(lp_value)
+
+
+def test_rewritten_model_is_handed_over_in_full(env, tmp_path):
+    m, x, _ = build(env)
+    m.optimize()
+    log = tmp_path / "sos.log"
+    m.Params.LogFile, m.Params.OutputFlag, m.Params.LogToConsole = str(log), 1, 0
+    m.addSOS(KVR.SOS_TYPE1, [x[0], x[1], x[2]])   # the engine takes SOS only rewritten
+    m.optimize()
+    assert "handed to the engine in full" in log.read_text()
+    ref, rx, _ = build(env)
+    ref.addSOS(KVR.SOS_TYPE1, [rx[0], rx[1], rx[2]])
+    ref.optimize()
+    assert m.ObjVal == pytest.approx(ref.ObjVal) and sum(v.X > 1e-9 for v in x[:3]) <= 1

@@ -652,7 +652,13 @@ void optimize(kvr_model *model) {
         "model's own parameters\n");
   std::unique_ptr<Engine> engine = make_highs_engine();
   Solution sol;
-  if (rf.changed || model->data.objn.size() > 1) model->engine_state.reset();
+  // The engine keeps no copy of a rewritten model or of one with several objectives.
+  if ((rf.changed || model->data.objn.size() > 1) && model->engine_state) {
+    model->env.log(
+        "Re-solve: the model is handed to the engine in full (rewritten or with several "
+        "objectives)\n");
+    model->engine_state.reset();
+  }
   if (ctx.memory_stop == StopReason::SoftMemory) {
     sol.status = KVR_MEM_LIMIT;
     sol.solved = true;
