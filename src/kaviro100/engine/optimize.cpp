@@ -282,7 +282,7 @@ void queue_extra_starts(const kvr_model *model, const Reformulated &rf, SolveCon
 double true_objective(const Reformulated &rf, const ModelData &m, const std::vector<double> &x) {
   double v = m.objective_value(x.data());
   if (rf.epigraph < 0) return v;
-  v -= m.vars.obj[rf.epigraph] * x[rf.epigraph];
+  for (int j = rf.epigraph; j < m.num_vars(); ++j) v -= m.vars.obj[j] * x[j];
   const QuadTerms &q = rf.moved_q;
   for (size_t k = 0; k < q.size(); ++k) v += q.val[k] * x[q.row[k]] * x[q.col[k]];
   return v;

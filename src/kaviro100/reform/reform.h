@@ -28,9 +28,10 @@ struct Reformulated {
   int user_constrs = 0;
   bool changed = false;  // false when the model needed no rewriting
   // A quadratic objective of a model with integer variables or quadratic constraints moves into
-  // an epigraph: column `epigraph` (-1 when none) with objective coefficient 1 (-1 when
-  // maximizing) and the last quadratic constraint sign * x'Qx - t <= 0; `moved_q` keeps the
-  // objective's terms for evaluating it.
+  // an epigraph: columns `epigraph` (-1 when none) to the last, each with objective coefficient
+  // 1 (-1 when maximizing), and the last quadratic constraints sign * x'Qx - t <= 0 (one per
+  // column; a diagonal Q may get one per term); `moved_q` keeps the objective's terms for
+  // evaluating it.
   int epigraph = -1;
   QuadTerms moved_q;
 
