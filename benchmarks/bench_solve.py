@@ -24,6 +24,19 @@ measuring process; `NonConvex` 2) three ways: HiGHS forced, SCIP forced and the 
 (KAVIRO_ENGINE_OPTIONS), same parameters otherwise; the table shows median seconds and the
 automatic choice's time over the better of the two engines.
 
+With --methods the LP instances and lp-N (N from --lp-sizes; see ../shared/benchmarks.md) are
+solved by kaviropy alone with each value of Method: -1 (automatic), 0 primal simplex, 1 dual
+simplex, 2 barrier, 3 concurrent. One process per model reads or builds it once and solves it
+cold (reset() between solves) with the methods in turn, each round starting with another one,
+RUNS rounds (at least 5 puts each method first once); the table gives median wall
+times and the ratio of the automatic choice to the best of the single methods 0, 1 and 2, marked
+when it exceeds 1.10 by more than 10 ms (below that the clock's noise dominates), and the same
+ratio of process CPU times (less sensitive to the load of a shared machine; the concurrent
+method's two threads make its CPU time larger than its wall time); the largest ratio is taken
+over models whose best single method needs 50 ms or more.
+
+    python benchmarks/bench_solve.py --methods [--runs N] [--lp-sizes 100,300,500] [name.mps ...]
+
 highspy comes from benchmarks/requirements.txt, usually in an environment of its own: give its
 interpreter with --peer-python (kaviropy runs under --python, default the current interpreter).
 """
@@ -71,6 +84,67 @@ ok = info.primal_solution_status == 2
 print(json.dumps({"time": t, "cpu": c, "status": str(h.getModelStatus()),
                   "obj": info.objective_function_value if ok else None}))
 """
+
+
+METHODS = """
+import json, sys, time
+import kaviropy as kp
+from kaviropy import KVR
+env = kp.Env(empty=True); env.setParam("OutputFlag", 0); env.start()
+name, runs = sys.argv[1], int(sys.argv[2])
+if name.startswith("lp-"):
+    n = int(name[3:])
+    m = kp.Model(env=env)
+    x = m.addVars(n, n, lb=-KVR.INFINITY)
+    y = m.addVars(n, n, lb=-KVR.INFINITY)
+    m.setObjective(2 * x.sum() + y.sum(), KVR.MINIMIZE)
+    m.addConstrs(x[i, j] - y[i, j] >= i for i in range(n) for j in range(n))
+    m.addConstrs(x[i, j] + y[i, j] >= 0 for i in range(n) for j in range(n))
+else:
+    m = kp.read(name, env=env)
+m.update()
+times, cpus, objs = {}, {}, {}
+for r in range(runs):
+    # Each round starts with another method: the first solve in a process pays for warming up.
+    for method in [(-1, 0, 1, 2, 3)[(r + k) % 5] for k in range(5)]:
+        m.reset()
+        m.Params.Method = method
+        t, c = time.perf_counter(), time.process_time()
+        m.optimize()
+        times.setdefault(method, []).append(time.perf_counter() - t)
+        cpus.setdefault(method, []).append(time.process_time() - c)
+        objs[method] = m.ObjVal if m.SolCount else None
+print(json.dumps({"nnz": m.NumNZs, "times": times, "cpus": cpus, "objs": objs}))
+"""
+
+METHOD_NAMES = {"-1": "auto", "0": "primal", "1": "dual", "2": "barrier", "3": "concurrent"}
+
+
+def run_methods(args, chosen):
+    models = [str(path) for path, kind in chosen if kind == "LP"]
+    models += [f"lp-{n}" for n in args.lp_sizes.split(",") if n]
+    print(f"{'model':14} {'nonzeros':>9} " + " ".join(f"{v:>10}" for v in METHOD_NAMES.values())
+          + f" {'auto/best':>9} {'cpu':>5}")
+    worst = 0.0
+    for model in models:
+        out = subprocess.run([args.python, "-c", METHODS, model, str(args.runs)],
+                             capture_output=True, text=True, check=True, env=ENV).stdout
+        r = json.loads(out.strip().splitlines()[-1])
+        med = {k: statistics.median(v) for k, v in r["times"].items()}
+        best = min(med[k] for k in ("0", "1", "2"))
+        ratio = med["-1"] / best
+        cpu = {k: statistics.median(v) for k, v in r["cpus"].items()}
+        cpu_ratio = cpu["-1"] / max(min(cpu[k] for k in ("0", "1", "2")), 1e-9)
+        flag = ratio > 1.10 and med["-1"] - best > 0.01
+        if best >= 0.05:
+            worst = max(worst, ratio)
+        objs = [o for o in r["objs"].values() if o is not None]
+        agree = objs and max(objs) - min(objs) <= 1e-6 * max(1.0, abs(objs[0]))
+        print(f"{pathlib.Path(model).stem:14} {r['nnz']:9} "
+              + " ".join(f"{med[k]:10.3f}" for k in METHOD_NAMES) + f" {ratio:9.2f} {cpu_ratio:5.2f}"
+              + (" > 1.10" if flag else "") + ("" if agree else "  objectives differ"))
+    print(f"largest ratio of the automatic choice to the best single method (50 ms or more): "
+          f"{worst:.2f}")
 
 
 ENV = dict(os.environ, OPENBLAS_NUM_THREADS="1", OMP_NUM_THREADS="1")
@@ -234,13 +308,18 @@ def main():
     ap.add_argument("--peer-python", default=sys.executable, help="interpreter with highspy")
     ap.add_argument("--engines", action="store_true",
                     help="HiGHS, SCIP and the automatic choice on MIPs and nonconvex models")
+    ap.add_argument("--methods", action="store_true",
+                    help="compare the automatic LP method with each method (kaviropy only)")
+    ap.add_argument("--lp-sizes", default="100,300,500", help="lp-N sizes for --methods")
     ap.add_argument("names", nargs="*")
     args = ap.parse_args()
     if args.engines:
         run_engines(args)
         return
     chosen = instances(args.names)
-    if args.callgrind:
+    if args.methods:
+        run_methods(args, chosen)
+    elif args.callgrind:
         run_callgrind(args, chosen)
     else:
         run_clock(args, chosen)

@@ -191,15 +191,19 @@ def test_concurrent_lp_takes_the_first_method_to_finish(env, tmp_path):
         m.Params.TimeLimit = 0
         m.optimize()
         assert m.Status == KVR.TIME_LIMIT
-        # Large enough for the automatic method to race, unless one thread is all it may use.
+        # Large enough for the automatic method to take the barrier method when it solves cold;
+        # a basis at hand makes it a simplex re-solve; it never races.
         m.Params.Method, m.Params.TimeLimit = -1, KVR.INFINITY
         m.Params.LogFile, m.Params.OutputFlag, m.Params.LogToConsole = str(log), 1, 0
-        for threads in (0, 1):
+        for cold in (True, False):
             log.write_text("")
-            m.Params.Threads = threads
+            if cold:
+                m.reset()
             m.optimize()
             assert m.Status == KVR.OPTIMAL and m.ObjVal == pytest.approx(optimum)
-            assert ("side by side" in log.read_text()) == (threads == 0)
+            text = log.read_text()
+            assert ("Automatic method: barrier" in text) == cold and "side by side" not in text
+            assert (m.BarIterCount > 0) == cold
 
 
 @pytest.mark.parametrize(
@@ -337,6 +341,51 @@ def test_mip_solutions_of_rewritten_models_are_polished(env, tmp_path):
     knapsack(m)
     assert "polished" not in solve(m)
     m.dispose()
+
+
+def lqcp(m, n):
+    """The boundary control QP lqcp-n (a discretized heat equation): badly scaled rows, a
+    quadratic objective in few of the variables; returns the objective expression."""
+    dx, dt, a = 1.0 / n, 1.58 / n, 0.001
+    h2 = dx * dx
+    yt = [0.5 * (1 - (j * dx) ** 2) for j in range(n + 1)]
+    y = m.addVars(n + 1, n + 1, lb=-KVR.INFINITY, name="y")
+    u = m.addVars(range(1, n + 1), lb=-1, ub=1, name="u")
+    obj = 0.25 * dx * ((y[n, 0] - yt[0]) * (y[n, 0] - yt[0])
+                       + 2 * kp.quicksum((y[n, j] - yt[j]) * (y[n, j] - yt[j]) for j in range(1, n))
+                       + (y[n, n] - yt[n]) * (y[n, n] - yt[n]))
+    obj += 0.25 * a * dt * (2 * kp.quicksum(u[i] * u[i] for i in range(1, n)) + u[n] * u[n])
+    m.setObjective(obj, KVR.MINIMIZE)
+    m.addConstrs((y[i + 1, j] - y[i, j]) / dt
+                 == 0.5 * (y[i, j - 1] - 2 * y[i, j] + y[i, j + 1] + y[i + 1, j - 1]
+                           - 2 * y[i + 1, j] + y[i + 1, j + 1]) / h2
+                 for i in range(n) for j in range(1, n))
+    m.addConstrs(y[0, j] == 0 for j in range(n + 1))
+    m.addConstrs(y[i, 2] - 4 * y[i, 1] + 3 * y[i, 0] == 0 for i in range(1, n + 1))
+    m.addConstrs((y[i, n - 2] - 4 * y[i, n - 1] + 3 * y[i, n]) / (2 * dx) == u[i] - y[i, n]
+                 for i in range(1, n + 1))
+    return obj
+
+
+@pytest.mark.parametrize("n, optimum", [
+    (10, 0.00069076),   # the engine's QP method solves it
+    (20, None),         # its QP method fails (numerical trouble): solved by cuts
+    pytest.param(30, 0.00065599, marks=pytest.mark.slow),
+])
+def test_badly_scaled_convex_qp_is_solved(env, tmp_path, n, optimum):
+    log = tmp_path / "qp.log"
+    with kp.Model(env=env) as m:
+        obj = lqcp(m, n)
+        m.Params.LogFile, m.Params.OutputFlag, m.Params.LogToConsole = str(log), 1, 0
+        m.optimize()
+        assert m.Status == KVR.OPTIMAL
+        # The value is the objective of the returned point, which meets every row.
+        assert m.ObjVal == pytest.approx(obj.getValue(), abs=1e-12)
+        assert max(abs(c.Slack) for c in m.getConstrs()) <= 1e-6
+        if optimum is not None:
+            assert m.ObjVal == pytest.approx(optimum, abs=1e-6)
+        assert 0.00065 < m.ObjVal < 0.0007
+        assert ("objective approximated by cuts" in log.read_text()) == (n > 10)
 
 
 def test_convex_qp_and_rejected_quadratic_objectives(m):

@@ -47,10 +47,15 @@ std::unordered_map<KVRmodel *, Model *> &live_models() {
 }
 
 // Frees the library model and detaches everything that pointed into it.
-void dispose(Model &m) {
+// Freeing is refused while the model is being optimized (from its own callback): then nothing
+// changes, and the error is raised when `raise` is set (the user's dispose()).
+void dispose(Model &m, bool raise = false) {
   if (m.cmodel) {
+    if (int code = KVRfreemodel(m.cmodel)) {
+      if (raise) check_model(code, m.cmodel);
+      return;
+    }
     live_models().erase(m.cmodel);
-    KVRfreemodel(m.cmodel);
     m.cmodel = nullptr;
   }
   detach_handles(m);
@@ -456,7 +461,7 @@ void init_model(nb::module_ &m) {
           "update", [](nb::handle self) { model_update(self); },
           "Applies pending additions, removals and changes, and renumbers the handles.")
       .def(
-          "dispose", [](nb::handle self) { dispose(model_ref(self)); },
+          "dispose", [](nb::handle self) { dispose(model_ref(self), true); },
           "Frees the library model; its handles are detached.")
       .def(
           "copy",

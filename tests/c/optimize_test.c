@@ -204,9 +204,48 @@ static void test_iis(void) {
   CODE(0, KVRfreemodel(m));
 }
 
+/* Models solved and freed inside another model's callback: a kept, solved model freed there, and
+ * a model built, solved twice (the second time warm) and freed at every MIPSOL event. */
+static struct {
+  KVRmodel *solved;
+  int nested, wrong;
+} g_nest;
+
+static int nesting_callback(KVRmodel *model, void *cbdata, int where, void *usrdata) {
+  (void)model, (void)cbdata, (void)usrdata;
+  if (where != KVR_CB_MIPSOL) return 0;
+  if (g_nest.solved) {
+    KVRfreemodel(g_nest.solved);
+    g_nest.solved = NULL;
+  }
+  KVRmodel *inner = binary_model();
+  double obj = 0.0;
+  for (int round = 0; round < 2; ++round) {
+    if (KVRoptimize(inner) != 0 || KVRgetdblattr(inner, "ObjVal", &obj) != 0 || obj != 18.0)
+      ++g_nest.wrong;
+  }
+  KVRfreemodel(inner);
+  ++g_nest.nested;
+  return 0;
+}
+
+static void test_nested_solves(void) {
+  g_nest.solved = binary_model();
+  CODE(0, KVRoptimize(g_nest.solved));
+  KVRmodel *m = binary_model();
+  CODE(0, KVRsetintparam(KVRgetenv(m), "Threads", 2));
+  CODE(0, KVRsetcallbackfunc(m, nesting_callback, NULL));
+  CODE(0, KVRoptimize(m));
+  double obj = 0.0;
+  CODE(0, KVRgetdblattr(m, "ObjVal", &obj));
+  CHECK(obj == 18.0 && g_nest.nested > 0 && g_nest.wrong == 0 && g_nest.solved == NULL);
+  KVRfreemodel(m);
+}
+
 int main(void) {
   if (checks_start()) return 1;
   test_callback_entry_points();
+  test_nested_solves();
   test_optimize_failures();
   test_sub_environments();
   test_iis();

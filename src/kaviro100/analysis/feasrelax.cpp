@@ -237,6 +237,7 @@ double feasrelax(kvr_model *model, int objtype, int minrelax, const double *lbpe
   d.constrs.extra.resize(static_cast<size_t>(d.num_constrs()));
   d.qconstrs.extra.resize(static_cast<size_t>(d.qconstrs.size()));
   model->data = std::move(d);
+  model->engine_state.reset();  // rows may have been rewritten in place
   data_changed(model);
   discard_solution(model);
   return result;

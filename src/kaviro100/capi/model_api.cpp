@@ -97,6 +97,7 @@ int KVRreset(KVRmodel *model, int clearall) {
     if (clearall != 0 && clearall != 1)
       kvr::fail(KVR_ERROR_INVALID_ARGUMENT, "Invalid clearall value %d: use 0 or 1", clearall);
     kvr::discard_solution(model);
+    model->engine_state.reset();  // the next solve starts cold
     if (!clearall) return;
     using kvr::AttrId;
     kvr::ModelData &d = model->data;

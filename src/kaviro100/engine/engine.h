@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "env/env.h"
+#include "model/model.h"
 #include "model/modeldata.h"
 #include "model/solution.h"
 #include "params/params.h"
@@ -189,6 +190,16 @@ class Engine {
   // Solves the problem. Throws kvr::Error for models it cannot take (NOT_SUPPORTED, Q_NOT_PSD).
   virtual EngineResult solve(const EngineProblem &problem, const ParamValues &params,
                              SolveContext &ctx) = 0;
+  // Solves like solve(), for a model that is solved again and again: `state` is what this
+  // engine kept from the model's last solve (null at first, or after a reset); the engine may
+  // keep its copy of the model and its solver state there, bring that copy up to date with
+  // the changes made since (EngineState::deletions lists the deletions), and start from the
+  // last basis or solution. An engine without such support solves cold and keeps nothing.
+  virtual EngineResult solve_kept(const EngineProblem &problem, const ParamValues &params,
+                                  SolveContext &ctx, std::shared_ptr<EngineState> &state) {
+    state.reset();
+    return solve(problem, params, ctx);
+  }
   // An infeasible subsystem of a continuous linear model found by the engine itself: the rows
   // and the variables whose lower and upper bounds take part. Returns false when the engine
   // offers none (the caller then has to find one on its own); the set is not checked here.

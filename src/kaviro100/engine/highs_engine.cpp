@@ -15,11 +15,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
-#include <mutex>
 #include <set>
 #include <thread>
 
 #include "engine/engine.h"
+#include "engine/highs_instance.h"
 #include "engine/outer_approx.h"
 #include "engine/registry.h"
 #include "engine/solve.h"
@@ -32,89 +32,11 @@ namespace {
 
 constexpr double kInf = std::numeric_limits<double>::infinity();
 
-double to_engine(double v) {
-  if (v >= KVR_INFINITY) return kInf;
-  if (v <= -KVR_INFINITY) return -kInf;
-  return v;
-}
-
 double from_engine(double v) {
   if (v >= 1e30) return KVR_INFINITY;
   if (v <= -1e30) return -KVR_INFINITY;
   return v;
 }
-
-// The engine's thread pool is global: its size can change only while no solve runs.
-std::mutex g_sched_mutex;
-int g_running = 0;
-int g_sched_threads = -1;
-
-struct SchedulerUse {
-  explicit SchedulerUse(int threads, SolveContext &ctx) {
-    std::lock_guard<std::mutex> lock(g_sched_mutex);
-    if (g_sched_threads != -1 && g_sched_threads != threads) {
-      if (g_running == 0) {
-        Highs_resetGlobalScheduler(1);
-      } else {
-        ctx.logf("Threads %d ignored: another solve is running with %d threads\n", threads,
-                 g_sched_threads);
-        threads_used = g_sched_threads;
-      }
-    }
-    if (threads_used < 0) threads_used = threads;
-    g_sched_threads = threads_used;
-    ++g_running;
-  }
-  ~SchedulerUse() {
-    std::lock_guard<std::mutex> lock(g_sched_mutex);
-    --g_running;
-  }
-  int threads_used = -1;
-};
-
-class HighsInstance {
- public:
-  HighsInstance() : h_(Highs_create()) {
-    if (!h_) fail(KVR_ERROR_OUT_OF_MEMORY, "Unable to create an engine instance");
-  }
-  ~HighsInstance() { Highs_destroy(h_); }
-  HighsInstance(const HighsInstance &) = delete;
-  HighsInstance &operator=(const HighsInstance &) = delete;
-  void *get() const { return h_; }
-
-  void set_bool(const char *name, bool v) { check(Highs_setBoolOptionValue(h_, name, v), name); }
-  void set_int(const char *name, long long v) {
-    HighsInt iv = static_cast<HighsInt>(std::clamp<long long>(v, 0, 2147483647LL));
-    check(Highs_setIntOptionValue(h_, name, iv), name);
-  }
-  void set_dbl(const char *name, double v) { check(Highs_setDoubleOptionValue(h_, name, v), name); }
-  void set_str(const char *name, const char *v) {
-    check(Highs_setStringOptionValue(h_, name, v), name);
-  }
-  double info_dbl(const char *name) const {
-    double v = kNaN;
-    if (Highs_getDoubleInfoValue(h_, name, &v) != kHighsStatusOk) return kNaN;
-    return v;
-  }
-  long long info_int(const char *name) const {
-    HighsInt type = 0;
-    if (Highs_getInfoType(h_, name, &type) != kHighsStatusOk) return 0;
-    if (type == kHighsInfoTypeInt64) {
-      int64_t v64 = 0;
-      return Highs_getInt64InfoValue(h_, name, &v64) == kHighsStatusOk ? std::max<int64_t>(v64, 0)
-                                                                       : 0;
-    }
-    HighsInt v = 0;  // counts the engine did not keep read -1
-    return Highs_getIntInfoValue(h_, name, &v) == kHighsStatusOk ? std::max<HighsInt>(v, 0) : 0;
-  }
-
- private:
-  static void check(HighsInt status, const char *name) {
-    if (status == kHighsStatusError)
-      fail(KVR_ERROR_INTERNAL, "The engine rejected its option '%s'", name);
-  }
-  void *h_;
-};
 
 // State handed to the engine's event function.
 struct RunState {
@@ -122,6 +44,7 @@ struct RunState {
   const ModelData *model = nullptr;
   bool mip = false;
   int ncols = 0;
+  int threads = 0;  // the threads option of the run
   // Totals over earlier runs of a restarted solve.
   double base_iters = 0, base_nodes = 0;
   double best_obj = kNaN;  // best incumbent objective seen (user sense)
@@ -182,6 +105,7 @@ void engine_event(int type, const char *msg, const HighsCallbackDataOut *out,
                   HighsCallbackDataIn *in, void *usrdata) {
   RunState &st = *static_cast<RunState *>(usrdata);
   SolveContext &ctx = *st.ctx;
+  EngineEventScope in_event(st.threads);
   const double runtime = ctx.elapsed();
   try {
     switch (type) {
@@ -335,6 +259,9 @@ void race_event(int, const char *, const HighsCallbackDataOut *, HighsCallbackDa
   if (in) in->user_interrupt = static_cast<std::atomic<bool> *>(usrdata)->load() ? 1 : 0;
 }
 
+// Events of a kept instance between solves: none is of interest.
+void idle_event(int, const char *, const HighsCallbackDataOut *, HighsCallbackDataIn *, void *) {}
+
 // Whether the engine's model status settles the LP (an interrupted or limited run does not).
 bool decided(HighsInt model_status) {
   switch (model_status) {
@@ -447,12 +374,18 @@ class HighsEngine final : public Engine {
                      SolveContext &ctx) override;
   bool infeasible_subsystem(const ModelData &lp, const ParamValues &params, SolveContext &ctx,
                             Subsystem &out) override;
+  EngineResult solve_kept(const EngineProblem &problem, const ParamValues &params,
+                          SolveContext &ctx, std::shared_ptr<EngineState> &state) override;
 
  private:
   static void pass_model(HighsInstance &hi, const ModelData &m, bool mip);
   static void set_options(HighsInstance &hi, const ParamValues &p, SolveContext &ctx, bool mip,
                           bool qp, int threads);
   static void read_certificates(HighsInstance &hi, const ModelData &m, EngineResult &r);
+  // Solves on the instance hi: a new one when hi is null; with loaded set, one that holds the
+  // model already (kept from an earlier solve). hi ends as the instance whose result counts.
+  EngineResult solve_on(const EngineProblem &problem, const ParamValues &params, SolveContext &ctx,
+                        std::shared_ptr<HighsInstance> &hi, bool loaded);
   EngineResult solve_continuous(const ModelData &m, const ParamValues &params, SolveContext &ctx,
                                 const double *fix_at);
 };
@@ -504,22 +437,11 @@ void HighsEngine::pass_model(HighsInstance &hi, const ModelData &m, bool mip) {
   std::vector<HighsInt> integrality;
   if (mip) integrality.assign(n, kHighsVarTypeContinuous);
   for (int j = 0; j < n; ++j) {
-    lb[j] = to_engine(m.vars.lb[j]);
-    ub[j] = to_engine(m.vars.ub[j]);
+    engine_col_bounds(m, j, lb[j], ub[j]);
     cost[j] = m.vars.obj[j];
-    char t = m.vars.vtype[j];
-    if (t == KVR_BINARY) {
-      lb[j] = std::max(lb[j], 0.0);
-      ub[j] = std::min(ub[j], 1.0);
-    }
-    if (mip && (t == KVR_BINARY || t == KVR_INTEGER)) integrality[j] = kHighsVarTypeInteger;
+    if (mip) integrality[j] = engine_integrality(m, j);
   }
-  for (int i = 0; i < rows; ++i) {
-    double rhs = to_engine(m.constrs.rhs[i]);
-    char s = m.constrs.sense[i];
-    rlo[i] = s == KVR_LESS_EQUAL ? -kInf : rhs;
-    rup[i] = s == KVR_GREATER_EQUAL ? kInf : rhs;
-  }
+  for (int i = 0; i < rows; ++i) engine_row_bounds(m, i, rlo[i], rup[i]);
   std::vector<HighsInt> start(m.constrs.rows.beg.begin(), m.constrs.rows.beg.end() - 1);
   if (start.empty()) start.push_back(0);
   const std::vector<int> &ind = m.constrs.rows.ind;
@@ -600,7 +522,8 @@ void HighsEngine::set_options(HighsInstance &hi, const ParamValues &p, SolveCont
     hi.set_dbl("mip_min_logging_interval", p.get_int(ParamId::DisplayInterval));
     if (p.get_int(ParamId::Symmetry) == 0) hi.set_bool("mip_detect_symmetry", false);
   } else if (!qp) {
-    // Method: -1 automatic, 0 primal simplex, 1 dual simplex, 2 barrier (interior point);
+    // Method: -1 automatic (the engine's choice; the barrier method for large LPs solved cold,
+    // see prefer_barrier), 0 primal simplex, 1 dual simplex, 2 barrier (interior point);
     // 3 (concurrent) races the dual simplex against the barrier method where two threads are
     // free (see use_race); 4 (deterministic concurrent) leaves the choice to the engine, which
     // runs one method; 5 (deterministic concurrent simplex) runs the dual simplex.
@@ -676,22 +599,30 @@ void HighsEngine::read_certificates(HighsInstance &hi, const ModelData &m, Engin
   }
 }
 
-// An LP of at least this many nonzeros is solved concurrently under the automatic method.
-constexpr int64_t kRaceNonzeros = 10000;
+// Concurrent LP solve (Method 3): the barrier method runs beside the dual simplex method on a
+// second engine instance and the first to settle the model decides, unless an infeasibility
+// certificate (which only the simplex method gives) is asked for. It needs two threads.
+bool use_race(const ParamValues &p, int threads) {
+  if (p.get_int(ParamId::Method) != 3 || p.get_int(ParamId::InfUnbdInfo) != 0) return false;
+  return threads != 1 && std::thread::hardware_concurrency() >= 2;
+}
 
-// Concurrent LP solve: the barrier method runs beside the dual simplex method on a second engine
-// instance and the first to settle the model decides. Method 3 asks for it; the automatic choice
-// takes it for large LPs, where the two methods' times differ most, unless a warm start or an
-// infeasibility certificate (which only the simplex method gives) is asked for. Either way it
-// needs two threads.
-bool use_race(const ParamValues &p, const ModelData &m, const EngineProblem &problem, int threads) {
-  const int method = p.get_int(ParamId::Method);
-  if ((method != 3 && method != -1) || p.get_int(ParamId::InfUnbdInfo) != 0) return false;
-  if (threads == 1 || std::thread::hardware_concurrency() < 2) return false;
-  if (method == 3) return true;
+// The automatic method solves an LP of at least this many nonzeros with the barrier method.
+constexpr int64_t kBarrierNonzeros = 10000;
+
+// Whether the automatic method takes the barrier method (with crossover): for a large LP solved
+// cold, when neither an infeasibility certificate nor an iteration or work limit (counted in
+// simplex iterations) is asked for. Measured on the shared LPs and lp-N (the
+// methods table of bench_solve), the barrier method is the fastest or close to it there and the
+// engine's own choice below; racing both methods lost to either alone on two cores.
+bool prefer_barrier(const ParamValues &p, const ModelData &m, const EngineProblem &problem) {
+  if (p.get_int(ParamId::Method) != -1 || p.get_int(ParamId::InfUnbdInfo) != 0 ||
+      p.get_dbl(ParamId::IterationLimit) < KVR_INFINITY ||
+      p.get_dbl(ParamId::WorkLimit) < KVR_INFINITY)
+    return false;
   const bool warm = p.get_int(ParamId::LPWarmStart) != 0 &&
                     (!problem.vbasis.empty() || !problem.pstart.empty() || !problem.dstart.empty());
-  return !warm && m.constrs.rows.nnz() >= kRaceNonzeros;
+  return !warm && m.constrs.rows.nnz() >= kBarrierNonzeros;
 }
 
 // Runs `simplex` on this thread and `barrier` on another until one settles the model, then stops
@@ -727,6 +658,13 @@ HighsInt run_race(std::shared_ptr<HighsInstance> &simplex, std::shared_ptr<Highs
 
 EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues &params,
                                 SolveContext &ctx) {
+  std::shared_ptr<HighsInstance> hi;
+  return solve_on(problem, params, ctx, hi, false);
+}
+
+EngineResult HighsEngine::solve_on(const EngineProblem &problem, const ParamValues &params,
+                                   SolveContext &ctx, std::shared_ptr<HighsInstance> &hi,
+                                   bool loaded) {
   const ModelData &m = *problem.model;
   const int n = m.num_vars(), rows = m.num_constrs();
   const bool mip = m.is_mip();
@@ -755,13 +693,14 @@ EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues 
   // Threads 0 leaves the count to the engine (it uses part of the machine's threads).
   SchedulerUse sched(params.get_int(ParamId::Threads), ctx);
 
-  auto hi = std::make_shared<HighsInstance>();
+  if (!loaded) hi = std::make_shared<HighsInstance>();
   std::vector<std::vector<double>> found;
   RunState st;
   st.ctx = &ctx;
   st.model = &m;
   st.mip = mip;
   st.ncols = n;
+  st.threads = sched.threads_used;
   st.found = &found;
   Highs_setCallback(hi->get(), engine_event, &st);
   Highs_startCallback(hi->get(), kHighsCallbackLogging);
@@ -774,8 +713,15 @@ EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues 
     if (ctx.has_callback() || !ctx.user_solutions.empty())
       Highs_startCallback(hi->get(), kHighsCallbackCallbackMipUserSolution);
   }
+  // A kept instance holds the model and its last basis; its options are set afresh.
+  const bool warm = params.get_int(ParamId::LPWarmStart) != 0;
+  if (loaded) Highs_resetOptions(hi->get());
   set_options(*hi, params, ctx, mip, qp, sched.threads_used);
-  pass_model(*hi, m, mip);
+  if (!loaded) pass_model(*hi, m, mip);
+  if (loaded && !warm) Highs_clearSolver(hi->get());
+  const bool basis_at_hand = loaded && warm && !mip && hi->has_basis();
+  // With a basis at hand the automatic choice is the simplex method, which starts from it.
+  if (basis_at_hand && params.get_int(ParamId::Method) == -1) hi->set_str("solver", "simplex");
   if (oa) {
     st.oa = oa.get();
     // Rounds of cuts re-solve from the last basis; an unbounded round needs the simplex ray.
@@ -812,7 +758,12 @@ EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues 
 
   std::shared_ptr<HighsInstance> race_with;
   std::atomic<bool> race_over{false};
-  if (!mip && !qp && !oa && use_race(params, m, problem, sched.threads_used)) {
+  if (!mip && !qp && !oa && !basis_at_hand && prefer_barrier(params, m, problem)) {
+    hi->set_str("solver", "ipm");
+    ctx.logf("Automatic method: barrier for an LP of %lld nonzeros\n",
+             static_cast<long long>(m.constrs.rows.nnz()));
+  }
+  if (!mip && !qp && !oa && !basis_at_hand && use_race(params, sched.threads_used)) {
     race_with = std::make_shared<HighsInstance>();
     set_options(*race_with, params, ctx, mip, qp, sched.threads_used);
     race_with->set_bool("output_flag", false);
@@ -829,7 +780,6 @@ EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues 
   }
 
   // Warm starts.
-  const bool warm = params.get_int(ParamId::LPWarmStart) != 0;
   if (mip && !problem.mip_start.empty()) {
     std::vector<HighsInt> idx;
     std::vector<double> val;
@@ -1271,6 +1221,78 @@ EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues 
   return r;
 }
 
+// Whether x satisfies the bounds, types and rows of m within the tolerances.
+bool satisfies(const ModelData &m, const std::vector<double> &x, const ParamValues &params) {
+  const double ftol = params.get_dbl(ParamId::FeasibilityTol);
+  const double itol = params.get_dbl(ParamId::IntFeasTol);
+  for (int j = 0; j < m.num_vars(); ++j) {
+    if (x[j] < m.vars.lb[j] - ftol || x[j] > m.vars.ub[j] + ftol) return false;
+    if (m.vars.vtype[j] != KVR_CONTINUOUS && std::fabs(x[j] - std::round(x[j])) > itol)
+      return false;
+  }
+  for (int i = 0; i < m.num_constrs(); ++i) {
+    const double act = m.constrs.rows.row_value(i, x.data()), rhs = m.constrs.rhs[i];
+    const char sense = m.constrs.sense[i];
+    if ((sense != KVR_GREATER_EQUAL && act > rhs + ftol) ||
+        (sense != KVR_LESS_EQUAL && act < rhs - ftol))
+      return false;
+  }
+  return true;
+}
+
+EngineResult HighsEngine::solve_kept(const EngineProblem &problem, const ParamValues &params,
+                                     SolveContext &ctx, std::shared_ptr<EngineState> &state) {
+  const ModelData &m = *problem.model;
+  // Kept are instances that hold exactly the user's model: no quadratic terms to re-pass, no
+  // rows of the library's own (cuts, lazy constraints).
+  if (m.q.size() > 0 || m.qconstrs.size() > 0 || !ctx.lazy.empty() ||
+      problem.user_vars != m.num_vars()) {
+    if (state) ctx.log("The engine's copy of the model is dropped: it is solved from scratch\n");
+    state.reset();
+    return solve(problem, params, ctx);
+  }
+  auto *kept = dynamic_cast<HighsState *>(state.get());
+  std::shared_ptr<HighsInstance> hi;
+  EngineProblem offered;
+  const EngineProblem *use = &problem;
+  if (kept && kept->instance) {
+    InstanceUpdate update;
+    bool updated = false;
+    try {
+      updated = update_instance(*kept, m, update);
+    } catch (const std::bad_alloc &) {
+      updated = false;
+    }
+    if (updated) {
+      hi = kept->instance;
+      ctx.logf("Re-solve: %zu deleted, %zu added and %zu changed elements handed to the engine\n",
+               update.deleted, update.added, update.changed);
+      // The last incumbent starts the search again when it is still feasible.
+      if (m.is_mip() && problem.mip_start.empty() && !update.incumbent.empty() &&
+          satisfies(m, update.incumbent, params)) {
+        offered = problem;
+        offered.mip_start = std::move(update.incumbent);
+        use = &offered;
+        ctx.log("The previous solution is still feasible and starts the search\n");
+      }
+    } else {
+      ctx.log("Re-solve: the model is handed to the engine in full (too many changes)\n");
+    }
+  }
+  state.reset();  // rebuilt below from the instance that ends the solve
+  EngineResult r = solve_on(*use, params, ctx, hi, static_cast<bool>(hi));
+  if (ctx.lazy_in_engine == 0 && hi) {
+    // The run's event state is gone; the engine logs while its model is changed later on.
+    Highs_setCallback(hi->get(), idle_event, nullptr);
+    hi->set_bool("output_flag", false);
+    auto next = std::make_shared<HighsState>();
+    next->instance = std::move(hi);
+    if (m.is_mip() && !r.x.empty()) next->incumbent = r.x;
+    state = std::move(next);
+  }
+  return r;
+}
+
 bool HighsEngine::infeasible_subsystem(const ModelData &lp, const ParamValues &params,
                                        SolveContext &ctx, Subsystem &out) {
   if (lp.is_mip() || lp.q.size() > 0) return false;
@@ -1280,6 +1302,7 @@ bool HighsEngine::infeasible_subsystem(const ModelData &lp, const ParamValues &p
   st.ctx = &ctx;
   st.model = &lp;
   st.ncols = lp.num_vars();
+  st.threads = sched.threads_used;
   std::vector<std::vector<double>> found;
   st.found = &found;
   Highs_setCallback(hi.get(), engine_event, &st);

@@ -13,11 +13,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <optional>
 #include <thread>
 
-#include "engine/pool.h"
 #include "engine/engine.h"
 #include "engine/outer_approx.h"
+#include "engine/pool.h"
 #include "engine/registry.h"
 #include "engine/solve.h"
 #include "model/attrs.h"
@@ -285,7 +286,7 @@ void queue_extra_starts(const kvr_model *model, const Reformulated &rf, SolveCon
 double true_objective(const Reformulated &rf, const ModelData &m, const std::vector<double> &x) {
   double v = m.objective_value(x.data());
   if (rf.epigraph < 0) return v;
-  v -= m.vars.obj[rf.epigraph] * x[rf.epigraph];
+  for (int j = rf.epigraph; j < m.num_vars(); ++j) v -= m.vars.obj[j] * x[j];
   const QuadTerms &q = rf.moved_q;
   for (size_t k = 0; k < q.size(); ++k) v += q.val[k] * x[q.row[k]] * x[q.col[k]];
   return v;
@@ -683,6 +684,13 @@ void optimize(kvr_model *model) {
         "model's own parameters\n");
   std::unique_ptr<Engine> engine = choice.entry->make();
   Solution sol;
+  // The engine keeps no copy of a rewritten model or of one with several objectives.
+  if ((rf.changed || model->data.objn.size() > 1) && model->engine_state) {
+    model->env.log(
+        "Re-solve: the model is handed to the engine in full (rewritten or with several "
+        "objectives)\n");
+    model->engine_state.reset();
+  }
   if (ctx.memory_stop == StopReason::SoftMemory) {
     sol.status = KVR_MEM_LIMIT;
     sol.solved = true;
@@ -696,14 +704,35 @@ void optimize(kvr_model *model) {
     }
     EngineProblem problem = make_problem(model, rf);
     if (ctx.is_mip) queue_extra_starts(model, rf, ctx);
-    EngineResult r = engine->solve(problem, params, ctx);
+    // The engine keeps its copy of a model it solves as given, for the next solve.
+    EngineResult r = rf.changed ? engine->solve(problem, params, ctx)
+                                : engine->solve_kept(problem, params, ctx, model->engine_state);
+    // The engine's QP method can fail on a convex QP it should solve (badly scaled models);
+    // the objective's epigraph approximated by cuts then solves it with LPs.
+    std::optional<Reformulated> epigraph;
+    if (r.status == KVR_NUMERIC && r.x.empty() && ctx.stop == StopReason::None && !ctx.is_mip &&
+        rf.model().q.size() > 0 && rf.model().qconstrs.size() == 0) {
+      model->env.log(
+          "The engine's QP method failed; solving again with the objective approximated by "
+          "cuts\n");
+      epigraph.emplace(reformulate(model->data, params, caps, true));
+      ctx.engine_model = &epigraph->model();
+      ctx.rewritten = true;
+      ctx.lazy.clear();
+      ctx.lazy_in_engine = 0;
+      const double iters = r.itercount;
+      r = engine->solve(make_problem(model, *epigraph), params, ctx);
+      r.itercount += iters;
+    }
+    const Reformulated &solved = epigraph ? *epigraph : rf;
     PolishFunction polish;
     // Polishing re-solves the linear part only: not for models that keep SOS or indicators.
-    if (rf.changed && ctx.is_mip && rf.model().sos.size() == 0 && rf.model().gens.size() == 0)
+    if (solved.changed && ctx.is_mip && solved.model().sos.size() == 0 &&
+        solved.model().gens.size() == 0)
       polish = [&](std::vector<double> &x) {
-        return polish_mip_solution(rf.model(), *engine, ctx, x);
+        return polish_mip_solution(solved.model(), *engine, ctx, x);
       };
-    fill_solution(model, rf, ctx, std::move(r), sol, polish);
+    fill_solution(model, solved, ctx, std::move(r), sol, polish);
     if (ctx.is_mip) fill_pool(model, rf, *engine, ctx, sol);
     solve_scenarios(model, rf, *engine, ctx, sol);
   }

@@ -21,6 +21,14 @@ struct ParamChange {
   double value;
   bool operator==(const ParamChange &) const = default;
 };
+// What an engine keeps between solves of one model (its own copy of the model and solver state;
+// see Engine::solve_kept), owned by the model and freed with it. The model records here the
+// deletions it applies after the engine took its copy: each is the renumbering of the variables
+// (kind 'V') or constraints ('C') as they were before it.
+struct EngineState {
+  virtual ~EngineState() = default;
+  std::vector<std::pair<char, Renumbering>> deletions;
+};
 // The outcome of the last tuning run: the parameters in force when it started and the improved
 // sets, each a list of changes to those, best set first.
 struct TuneResults {
@@ -43,6 +51,8 @@ struct kvr_model {
   std::atomic<bool> optimizing{false};
 
   kvr::TuneResults tune;
+  // The engine's state from the last solve, when it kept one (never copied with the model).
+  std::shared_ptr<kvr::EngineState> engine_state;
   // While set, a solve of this model also stops when the flag is raised (the tuner's working
   // copies follow the interrupt state of the model being tuned).
   const std::atomic<bool> *also_stop_on = nullptr;

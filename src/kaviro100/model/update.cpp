@@ -29,14 +29,20 @@ Renumbering renumbering(int n, const std::vector<int> &del) {
   return newpos;
 }
 
-void delete_elements(ModelData &d, const PendingChanges &p) {
+void delete_elements(ModelData &d, const PendingChanges &p, EngineState *engine) {
   // General constraints first: deleting variables deletes (and renumbers) the general
   // constraints that lose their resultant, so the user's indices must be applied before.
   if (auto r = renumbering(d.gens.size(), p.del_gens); !r.empty()) d.delete_gens(r);
   if (auto r = renumbering(d.qconstrs.size(), p.del_qconstrs); !r.empty()) d.delete_qconstrs(r);
   if (auto r = renumbering(d.sos.size(), p.del_sos); !r.empty()) d.delete_sos(r);
-  if (auto r = renumbering(d.num_constrs(), p.del_constrs); !r.empty()) d.delete_constrs(r);
-  if (auto r = renumbering(d.num_vars(), p.del_vars); !r.empty()) d.delete_vars(r);
+  if (auto r = renumbering(d.num_constrs(), p.del_constrs); !r.empty()) {
+    d.delete_constrs(r);
+    if (engine) engine->deletions.emplace_back('C', std::move(r));
+  }
+  if (auto r = renumbering(d.num_vars(), p.del_vars); !r.empty()) {
+    d.delete_vars(r);
+    if (engine) engine->deletions.emplace_back('V', std::move(r));
+  }
 }
 
 }  // namespace
@@ -47,7 +53,7 @@ void update_model(kvr_model *model) {
   if (!p.empty()) {
     apply_change_log(model->data, p);
     if (p.has_additions()) model->data.append(std::move(p.added), p.added_cols);
-    delete_elements(model->data, p);
+    delete_elements(model->data, p, model->engine_state.get());
     p.clear();
   }
   model->changed_since_update = false;

@@ -1,5 +1,6 @@
 #include "reform/reform.h"
 
+#include <algorithm>
 #include <cmath>
 #include <iterator>
 
@@ -145,42 +146,70 @@ void check_references(const ModelData &m) {
   }
 }
 
-// The engine's QP method takes neither integers nor quadratic rows: a quadratic objective then
-// becomes min c'x + t with the convex constraint t >= x'Qx (maximization: max c'x - t with
-// t >= -x'Qx).
-void move_objective_to_epigraph(Reformulated &r, const ParamValues &params,
-                                const EngineCapabilities &caps) {
-  if (caps.quadratic_mip) return;
-  const ModelData &given = r.model();
-  if (given.q.size() == 0 || (!given.is_mip() && given.qconstrs.size() == 0)) return;
-  check_convex_objective(given, params);
-  ModelData &m = r.own();
-  const double sign = m.sense == KVR_MAXIMIZE ? -1.0 : 1.0;
+// Appends an epigraph column t (objective coefficient `cost`) and the constraint
+// scale * (q - t) <= 0.
+void add_epigraph(ModelData &m, QuadTerms q, double cost, double scale = 1.0) {
   const int t = m.num_vars();
   m.vars.lb.push_back(-KVR_INFINITY);
   m.vars.ub.push_back(KVR_INFINITY);
-  m.vars.obj.push_back(sign);
+  m.vars.obj.push_back(cost);
   m.vars.vtype.push_back(KVR_CONTINUOUS);
   m.vars.names.push_back("");
   m.vars.extra.resize(m.vars.lb.size());
   QConstr epi;
-  epi.q = m.q;
-  for (double &v : epi.q.val) v *= sign;
+  epi.q = std::move(q);
+  for (double &v : epi.q.val) v *= scale;
   epi.lind = {t};
-  epi.lval = {-1.0};
+  epi.lval = {-scale};
   m.qconstrs.items.push_back(std::move(epi));
   m.qconstrs.names.push_back("");
   m.qconstrs.extra.resize(m.qconstrs.items.size());
+}
+
+// The engine's QP method takes neither integers nor quadratic rows: a quadratic objective then
+// becomes min c'x + t with the convex constraint t >= x'Qx (maximization: max c'x - t with
+// t >= -x'Qx). With `always` (a continuous QP the engine's QP method failed on) a diagonal Q
+// gets one epigraph per term instead: each is approximated by its own cuts, far fewer rounds
+// than one epigraph of the whole sum needs.
+void move_objective_to_epigraph(Reformulated &r, const ParamValues &params,
+                                const EngineCapabilities &caps, bool always) {
+  if (caps.quadratic_mip && !always) return;
+  const ModelData &given = r.model();
+  if (given.q.size() == 0 || (!always && !given.is_mip() && given.qconstrs.size() == 0)) return;
+  check_convex_objective(given, params);
+  ModelData &m = r.own();
+  const double sign = m.sense == KVR_MAXIMIZE ? -1.0 : 1.0;
+  const int first = m.num_vars();
+  bool diagonal = always;
+  for (size_t k = 0; k < m.q.size() && diagonal; ++k) diagonal = m.q.row[k] == m.q.col[k];
+  if (diagonal) {
+    std::vector<double> coef(static_cast<size_t>(first), 0.0);
+    for (size_t k = 0; k < m.q.size(); ++k) coef[m.q.row[k]] += sign * m.q.val[k];
+    // The cuts meet each constraint within the feasibility tolerance; scaled by the number of
+    // terms, the objective's error stays within it in total.
+    const double terms = static_cast<double>(
+        std::count_if(coef.begin(), coef.end(), [](double c) { return c != 0.0; }));
+    for (int j = 0; j < first; ++j) {
+      if (coef[j] == 0.0) continue;
+      QuadTerms q;
+      q.push(j, j, coef[j]);
+      add_epigraph(m, std::move(q), sign, terms);
+    }
+  } else {
+    QuadTerms q = m.q;
+    for (double &v : q.val) v *= sign;
+    add_epigraph(m, std::move(q), sign);
+  }
   r.moved_q = std::move(m.q);
   m.q = QuadTerms{};
-  r.epigraph = t;
+  r.epigraph = first;
   r.changed = true;
 }
 
 }  // namespace
 
 Reformulated reformulate(const ModelData &user, const ParamValues &params,
-                         const EngineCapabilities &caps) {
+                         const EngineCapabilities &caps, bool epigraph) {
   Reformulated r(&user);
   r.user_vars = user.num_vars();
   r.user_constrs = user.num_constrs();
@@ -191,7 +220,7 @@ Reformulated reformulate(const ModelData &user, const ParamValues &params,
   bool any = false;
   for (size_t k = 0; k < std::size(kSteps); ++k) any |= needed[k] = kSteps[k].needed(user, caps);
   if (!any) {
-    move_objective_to_epigraph(r, params, caps);
+    move_objective_to_epigraph(r, params, caps, epigraph);
     return r;
   }
 
@@ -212,7 +241,7 @@ Reformulated reformulate(const ModelData &user, const ParamValues &params,
     }
   m.gens = std::move(kept);
   m.pwlobj.clear();
-  move_objective_to_epigraph(r, params, caps);
+  move_objective_to_epigraph(r, params, caps, epigraph);
   return r;
 }
 

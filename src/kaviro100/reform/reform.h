@@ -5,9 +5,9 @@
 // approximations under the FuncPiece* parameters and attributes.
 #pragma once
 
-#include "reform/capabilities.h"
 #include "model/modeldata.h"
 #include "params/params.h"
+#include "reform/capabilities.h"
 
 namespace kvr {
 
@@ -29,9 +29,10 @@ struct Reformulated {
   int user_constrs = 0;
   bool changed = false;  // false when the model needed no rewriting
   // A quadratic objective of a model with integer variables or quadratic constraints moves into
-  // an epigraph: column `epigraph` (-1 when none) with objective coefficient 1 (-1 when
-  // maximizing) and the last quadratic constraint sign * x'Qx - t <= 0; `moved_q` keeps the
-  // objective's terms for evaluating it.
+  // an epigraph: columns `epigraph` (-1 when none) to the last, each with objective coefficient
+  // 1 (-1 when maximizing), and the last quadratic constraints sign * x'Qx - t <= 0 (one per
+  // column; a diagonal Q may get one per term); `moved_q` keeps the objective's terms for
+  // evaluating it.
   int epigraph = -1;
   QuadTerms moved_q;
 
@@ -51,8 +52,10 @@ struct Reformulated {
 // a nonconvex objective that would move into an epigraph. The user's model is only read.
 // Only what `caps` says the engine lacks is rewritten: SOS constraints and indicator constraints
 // the engine takes stay as they are (after the same checks), and a quadratic objective stays in
-// place when the engine takes it with integers and quadratic rows.
+// place when the engine takes it with integers and quadratic rows. With `epigraph` set, a
+// quadratic objective moves into an epigraph in every model.
 Reformulated reformulate(const ModelData &user, const ParamValues &params,
-                         const EngineCapabilities &caps = EngineCapabilities());
+                         const EngineCapabilities &caps = EngineCapabilities(),
+                         bool epigraph = false);
 
 }  // namespace kvr

@@ -1,0 +1,270 @@
+#include "engine/highs_instance.h"
+
+#include <limits>
+#include <numeric>
+
+// The engine's C++ class is needed only to free an instance the way its C interface does minus
+// the scheduler shutdown that comes with it there.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wunused-variable"
+#pragma GCC diagnostic ignored "-Wunused-parameter"
+#include "Highs.h"
+#pragma GCC diagnostic pop
+
+namespace kvr {
+
+void release_highs(void *highs) { delete static_cast<Highs *>(highs); }
+
+double HighsInstance::info_dbl(const char *name) const {
+  double v = kNaN;
+  if (Highs_getDoubleInfoValue(h_, name, &v) != kHighsStatusOk) return kNaN;
+  return v;
+}
+
+long long HighsInstance::info_int(const char *name) const {
+  HighsInt type = 0;
+  if (Highs_getInfoType(h_, name, &type) != kHighsStatusOk) return 0;
+  if (type == kHighsInfoTypeInt64) {
+    int64_t v64 = 0;
+    return Highs_getInt64InfoValue(h_, name, &v64) == kHighsStatusOk ? std::max<int64_t>(v64, 0)
+                                                                     : 0;
+  }
+  HighsInt v = 0;  // counts the engine did not keep read -1
+  return Highs_getIntInfoValue(h_, name, &v) == kHighsStatusOk ? std::max<HighsInt>(v, 0) : 0;
+}
+
+bool HighsInstance::has_basis() const { return static_cast<const Highs *>(h_)->getBasis().valid; }
+
+namespace {
+constexpr double kInf = std::numeric_limits<double>::infinity();
+double to_engine(double v) {
+  if (v >= KVR_INFINITY) return kInf;
+  if (v <= -KVR_INFINITY) return -kInf;
+  return v;
+}
+}  // namespace
+
+void engine_col_bounds(const ModelData &m, int j, double &lb, double &ub) {
+  lb = to_engine(m.vars.lb[j]);
+  ub = to_engine(m.vars.ub[j]);
+  if (m.vars.vtype[j] == KVR_BINARY) {
+    lb = std::max(lb, 0.0);
+    ub = std::min(ub, 1.0);
+  }
+}
+
+HighsInt engine_integrality(const ModelData &m, int j) {
+  const char t = m.vars.vtype[j];
+  return t == KVR_BINARY || t == KVR_INTEGER ? kHighsVarTypeInteger : kHighsVarTypeContinuous;
+}
+
+void engine_row_bounds(const ModelData &m, int i, double &lo, double &up) {
+  const double rhs = to_engine(m.constrs.rhs[i]);
+  const char s = m.constrs.sense[i];
+  lo = s == KVR_LESS_EQUAL ? -kInf : rhs;
+  up = s == KVR_GREATER_EQUAL ? kInf : rhs;
+}
+
+bool update_instance(HighsState &state, const ModelData &m, InstanceUpdate &out) {
+  void *h = state.instance->get();
+  const int n0 = Highs_getNumCol(h), m0 = Highs_getNumRow(h);
+  const int n = m.num_vars(), rows = m.num_constrs();
+  // Where each of the engine's columns and rows is now (-1: deleted). Elements added since the
+  // engine took its copy come after the engine's in the model, whatever was deleted.
+  std::vector<int> colpos(n0), rowpos(m0);
+  std::iota(colpos.begin(), colpos.end(), 0);
+  std::iota(rowpos.begin(), rowpos.end(), 0);
+  for (const auto &[kind, renumbering] : state.deletions) {
+    std::vector<int> &pos = kind == 'V' ? colpos : rowpos;
+    for (int &p : pos)
+      if (p >= 0) p = p < static_cast<int>(renumbering.size()) ? renumbering[p] : -1;
+  }
+  std::vector<HighsInt> delcols(n0), delrows(m0);
+  int nkeep = 0, mkeep = 0;
+  for (int j = 0; j < n0; ++j) nkeep += !(delcols[j] = colpos[j] < 0);
+  for (int i = 0; i < m0; ++i) mkeep += !(delrows[i] = rowpos[i] < 0);
+  if (nkeep > n || mkeep > rows) return false;  // not the model the engine was given
+  out.deleted = static_cast<size_t>(n0 - nkeep + m0 - mkeep);
+  out.added = static_cast<size_t>(n - nkeep + rows - mkeep);
+  // Many new elements are handed over faster in one piece.
+  if (out.added > static_cast<size_t>(n0 + m0) + 100) return false;
+  if (!state.incumbent.empty() && static_cast<int>(state.incumbent.size()) == n0) {
+    out.incumbent.assign(n, 0.0);
+    for (int j = 0; j < n0; ++j)
+      if (colpos[j] >= 0) out.incumbent[colpos[j]] = state.incumbent[j];
+    for (int j = nkeep; j < n; ++j) out.incumbent[j] = std::clamp(0.0, m.vars.lb[j], m.vars.ub[j]);
+  }
+  if (nkeep < n0 && Highs_deleteColsByMask(h, delcols.data()) != kHighsStatusOk) return false;
+  if (mkeep < m0 && Highs_deleteRowsByMask(h, delrows.data()) != kHighsStatusOk) return false;
+
+  // Columns the engine has: bounds, costs, types.
+  std::vector<double> cost(nkeep), lo(nkeep), up(nkeep);
+  HighsInt got = 0, nz = 0;
+  if (nkeep > 0 && Highs_getColsByRange(h, 0, nkeep - 1, &got, cost.data(), lo.data(), up.data(),
+                                        &nz, nullptr, nullptr, nullptr) != kHighsStatusOk)
+    return false;
+  std::vector<HighsInt> bset, cset, tset, types;
+  std::vector<double> blo, bup, cval;
+  const bool mip = m.is_mip();
+  for (int j = 0; j < nkeep; ++j) {
+    double l, u;
+    engine_col_bounds(m, j, l, u);
+    if (l != lo[j] || u != up[j]) bset.push_back(j), blo.push_back(l), bup.push_back(u);
+    if (m.vars.obj[j] != cost[j]) cset.push_back(j), cval.push_back(m.vars.obj[j]);
+    HighsInt t = kHighsVarTypeContinuous;
+    Highs_getColIntegrality(h, j, &t);  // fails, leaving continuous, on a model without types
+    const HighsInt want = mip ? engine_integrality(m, j) : kHighsVarTypeContinuous;
+    if (t != want) tset.push_back(j), types.push_back(want);
+  }
+  // Rows the engine has: sides and coefficients (in the columns the engine has).
+  std::vector<double> rlo(mkeep), rup(mkeep);
+  std::vector<HighsInt> rstart(mkeep + 1);
+  if (mkeep > 0 && Highs_getRowsByRange(h, 0, mkeep - 1, &got, rlo.data(), rup.data(), &nz,
+                                        rstart.data(), nullptr, nullptr) != kHighsStatusOk)
+    return false;
+  std::vector<HighsInt> rindex(nz);
+  std::vector<double> rvalue(nz);
+  if (mkeep > 0 &&
+      Highs_getRowsByRange(h, 0, mkeep - 1, &got, rlo.data(), rup.data(), &nz, rstart.data(),
+                           rindex.data(), rvalue.data()) != kHighsStatusOk)
+    return false;
+  rstart[mkeep] = nz;
+  std::vector<HighsInt> rset;
+  std::vector<double> slo, sup;
+  struct Coeff {
+    int row, col;
+    double val;
+  };
+  std::vector<Coeff> coeffs;
+  std::vector<double> dense(nkeep, 0.0);
+  std::vector<int> mark(nkeep, -1);
+  const SparseMatrix &a = m.constrs.rows;
+  for (int i = 0; i < mkeep; ++i) {
+    double l, u;
+    engine_row_bounds(m, i, l, u);
+    if (l != rlo[i] || u != rup[i]) rset.push_back(i), slo.push_back(l), sup.push_back(u);
+    for (HighsInt k = rstart[i]; k < rstart[i + 1]; ++k) {
+      dense[rindex[k]] = rvalue[k];
+      mark[rindex[k]] = i;
+    }
+    for (int64_t k = a.beg[i]; k < a.beg[i + 1]; ++k) {
+      const int j = a.ind[k];
+      if (j >= nkeep) continue;  // a new column brings it
+      const double have = mark[j] == i ? dense[j] : 0.0;
+      if (a.val[k] != have) coeffs.push_back({i, j, a.val[k]});
+      mark[j] = -2 - i;  // seen in the model's row
+    }
+    for (HighsInt k = rstart[i]; k < rstart[i + 1]; ++k)
+      if (mark[rindex[k]] == i) coeffs.push_back({i, rindex[k], 0.0});  // gone from the model
+  }
+  out.changed = bset.size() + cset.size() + tset.size() + rset.size() + coeffs.size();
+  if (coeffs.size() > static_cast<size_t>(a.nnz() / 2) + 100) return false;
+
+  auto ok = [](HighsInt status) { return status != kHighsStatusError; };
+  bool done = true;
+  if (!bset.empty())
+    done &= ok(Highs_changeColsBoundsBySet(h, static_cast<HighsInt>(bset.size()), bset.data(),
+                                           blo.data(), bup.data()));
+  if (!cset.empty())
+    done &= ok(
+        Highs_changeColsCostBySet(h, static_cast<HighsInt>(cset.size()), cset.data(), cval.data()));
+  if (!tset.empty())
+    done &= ok(Highs_changeColsIntegralityBySet(h, static_cast<HighsInt>(tset.size()), tset.data(),
+                                                types.data()));
+  if (!rset.empty())
+    done &= ok(Highs_changeRowsBoundsBySet(h, static_cast<HighsInt>(rset.size()), rset.data(),
+                                           slo.data(), sup.data()));
+  for (const Coeff &c : coeffs) done &= ok(Highs_changeCoeff(h, c.row, c.col, c.val));
+
+  // New columns with their coefficients in the rows the engine has, then new rows whole.
+  if (n > nkeep) {
+    const int added = n - nkeep;
+    std::vector<std::vector<std::pair<int, double>>> cols(added);
+    for (int i = 0; i < mkeep; ++i)
+      for (int64_t k = a.beg[i]; k < a.beg[i + 1]; ++k)
+        if (a.ind[k] >= nkeep) cols[a.ind[k] - nkeep].emplace_back(i, a.val[k]);
+    std::vector<double> c(added), l(added), u(added), val;
+    std::vector<HighsInt> start(added), idx, set(added), t(added);
+    for (int q = 0; q < added; ++q) {
+      const int j = nkeep + q;
+      engine_col_bounds(m, j, l[q], u[q]);
+      c[q] = m.vars.obj[j];
+      start[q] = static_cast<HighsInt>(idx.size());
+      for (auto [i, v] : cols[q]) idx.push_back(i), val.push_back(v);
+      set[q] = j;
+      t[q] = mip ? engine_integrality(m, j) : kHighsVarTypeContinuous;
+    }
+    done &=
+        ok(Highs_addCols(h, added, c.data(), l.data(), u.data(), static_cast<HighsInt>(idx.size()),
+                         start.data(), idx.data(), val.data()));
+    if (mip) done &= ok(Highs_changeColsIntegralityBySet(h, added, set.data(), t.data()));
+  }
+  if (rows > mkeep) {
+    const int added = rows - mkeep;
+    std::vector<double> l(added), u(added);
+    std::vector<HighsInt> start(added);
+    for (int q = 0; q < added; ++q) {
+      engine_row_bounds(m, mkeep + q, l[q], u[q]);
+      start[q] = static_cast<HighsInt>(a.beg[mkeep + q] - a.beg[mkeep]);
+    }
+    const int64_t from = a.beg[mkeep], count = a.beg[rows] - from;
+    done &= ok(Highs_addRows(h, added, l.data(), u.data(), static_cast<HighsInt>(count),
+                             start.data(), a.ind.data() + from, a.val.data() + from));
+  }
+  // The objective's sense and constant.
+  HighsInt sense = 0;
+  double offset = 0.0;
+  Highs_getObjectiveSense(h, &sense);
+  Highs_getObjectiveOffset(h, &offset);
+  const HighsInt want_sense =
+      m.sense == KVR_MAXIMIZE ? kHighsObjSenseMaximize : kHighsObjSenseMinimize;
+  if (sense != want_sense) done &= ok(Highs_changeObjectiveSense(h, want_sense)), ++out.changed;
+  if (offset != m.objcon) done &= ok(Highs_changeObjectiveOffset(h, m.objcon)), ++out.changed;
+  state.deletions.clear();
+  return done;
+}
+
+namespace {
+
+// The calling thread's use of its scheduler: how many solves and engine events are under way on
+// it, and the Threads value its scheduler was made for (-1: none made by a solve of ours).
+struct ThreadScheduler {
+  int depth = 0;
+  int threads = -1;
+};
+thread_local ThreadScheduler t_sched;
+
+}  // namespace
+
+SchedulerUse::SchedulerUse(int threads, SolveContext &ctx) {
+  if (t_sched.depth > 0 && t_sched.threads != -1 && t_sched.threads != threads) {
+    ctx.logf("Threads %d ignored: the solve this one runs inside uses %d threads\n", threads,
+             t_sched.threads);
+    threads_used = t_sched.threads;
+  } else {
+    threads_used = threads;
+    t_sched.threads = threads;
+  }
+  ++t_sched.depth;
+}
+
+SchedulerUse::~SchedulerUse() {
+  // The outermost solve of the thread stops the scheduler's workers, so that no thread outlives
+  // the solves and the next one may choose another size.
+  if (--t_sched.depth == 0) {
+    Highs_resetGlobalScheduler(1);
+    t_sched.threads = -1;
+  }
+}
+
+EngineEventScope::EngineEventScope(int threads) : saved_threads_(t_sched.threads) {
+  ++t_sched.depth;
+  t_sched.threads = threads;
+}
+
+EngineEventScope::~EngineEventScope() {
+  --t_sched.depth;
+  t_sched.threads = saved_threads_;
+}
+
+}  // namespace kvr

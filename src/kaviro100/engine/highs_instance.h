@@ -1,0 +1,108 @@
+// One instance of the HiGHS engine, and the task scheduler its runs use.
+//
+// The engine runs its parallel work on a scheduler that belongs to the calling thread: the first
+// run on a thread creates it, sized by that run's threads option, and later runs on the thread
+// must use the same size. A solve can run inside another one on the same thread (the user's
+// callback solves or frees another model), so the scheduler is reset only by the outermost solve
+// of a thread, never while another solve uses it; and instances are released without touching
+// it at all, wherever and whenever that happens (in a callback, on another thread, in garbage
+// collection).
+#pragma once
+
+#include <algorithm>
+#include <memory>
+#include <vector>
+
+#include "engine/engine.h"
+#include "interfaces/highs_c_api.h"
+#include "util/error.h"
+
+namespace kvr {
+
+// Frees an engine instance without shutting down the calling thread's scheduler.
+void release_highs(void *highs);
+
+class HighsInstance {
+ public:
+  HighsInstance() : h_(Highs_create()) {
+    if (!h_) fail(KVR_ERROR_OUT_OF_MEMORY, "Unable to create an engine instance");
+  }
+  ~HighsInstance() { release_highs(h_); }
+  HighsInstance(const HighsInstance &) = delete;
+  HighsInstance &operator=(const HighsInstance &) = delete;
+  void *get() const { return h_; }
+
+  void set_bool(const char *name, bool v) { check(Highs_setBoolOptionValue(h_, name, v), name); }
+  void set_int(const char *name, long long v) {
+    HighsInt iv = static_cast<HighsInt>(std::clamp<long long>(v, 0, 2147483647LL));
+    check(Highs_setIntOptionValue(h_, name, iv), name);
+  }
+  void set_dbl(const char *name, double v) { check(Highs_setDoubleOptionValue(h_, name, v), name); }
+  void set_str(const char *name, const char *v) {
+    check(Highs_setStringOptionValue(h_, name, v), name);
+  }
+  double info_dbl(const char *name) const;
+  long long info_int(const char *name) const;
+  // Whether the instance holds a basis for its model (kept through changes of the model).
+  bool has_basis() const;
+
+ private:
+  static void check(HighsInt status, const char *name) {
+    if (status == kHighsStatusError)
+      fail(KVR_ERROR_INTERNAL, "The engine rejected its option '%s'", name);
+  }
+  void *h_;
+};
+
+// The engine's bounds of variable j of m (a binary within [0, 1]), its type, and the bounds of
+// row i: what the engine is given for them.
+void engine_col_bounds(const ModelData &m, int j, double &lb, double &ub);
+HighsInt engine_integrality(const ModelData &m, int j);
+void engine_row_bounds(const ModelData &m, int i, double &lo, double &up);
+
+// An engine instance kept by a model between its solves: the engine's copy of the model, its
+// last basis, and the last MIP solution (in the model's numbering of that solve).
+struct HighsState final : EngineState {
+  std::shared_ptr<HighsInstance> instance;
+  std::vector<double> incumbent;
+};
+
+// What bringing a kept instance up to date handed to the engine.
+struct InstanceUpdate {
+  size_t deleted = 0, added = 0, changed = 0;  // elements deleted and added, other changes
+  std::vector<double> incumbent;  // the last MIP solution mapped onto m (empty when none)
+};
+
+// Brings the kept instance's model up to date with m: the deletions recorded in the state, then
+// changed bounds, sides, objective, coefficients and types, then the added columns and rows.
+// Returns false when that is more work than handing the model over in full; the instance is
+// then to be dropped.
+bool update_instance(HighsState &state, const ModelData &m, InstanceUpdate &out);
+
+// Marks the calling thread as running a solve with the Threads value `threads` for the lifetime
+// of the object. threads_used is the threads option the solve must give the engine: the value
+// asked for, unless a solve further out on this thread already fixed the scheduler's size.
+class SchedulerUse {
+ public:
+  SchedulerUse(int threads, SolveContext &ctx);
+  ~SchedulerUse();
+  SchedulerUse(const SchedulerUse &) = delete;
+  SchedulerUse &operator=(const SchedulerUse &) = delete;
+  int threads_used = -1;
+};
+
+// Marks the calling thread as running inside an engine event of a solve using `threads` for the
+// lifetime of the object: engine events can run on the engine's own worker threads, whose
+// scheduler is the solve's, and a solve started from the user's code there must share it.
+class EngineEventScope {
+ public:
+  explicit EngineEventScope(int threads);
+  ~EngineEventScope();
+  EngineEventScope(const EngineEventScope &) = delete;
+  EngineEventScope &operator=(const EngineEventScope &) = delete;
+
+ private:
+  int saved_threads_;
+};
+
+}  // namespace kvr

@@ -1,0 +1,246 @@
+"""Re-solves of a changed model: the engine keeps its copy of the model and its basis between
+optimize() calls and receives only the changes. Each kind of change must give the optimum of a
+fresh model built with the change; warm starts follow LPWarmStart, reset() and a user's basis."""
+
+import random
+
+import pytest
+
+import kaviropy as kp
+from kaviropy import KVR
+
+MODEL_NAME = "resolve"
+
+
+def lp_data(n=40, seed=3):
+    rnd = random.Random(seed)
+    rows = []
+    for i in range(n):
+        cols = rnd.sample(range(n), 5)
+        rows.append(([(j, rnd.randint(1, 6)) for j in cols], rnd.randint(10, 40)))
+    obj = [rnd.randint(1, 4) for _ in range(n)]
+    return rows, obj
+
+
+def build(env, n=40, changes=(), vtype=KVR.CONTINUOUS):
+    """The test LP (maximize, <= rows, 0 <= x <= 5) with the named changes built in from the
+    start; returns the model and its variables and constraints (already solved: no)."""
+    rows, obj = lp_data(n)
+    changes = dict(changes)
+    m = kp.Model(env=env)
+    m.Params.Method = 1
+    ub = [5.0] * n
+    for j, v in changes.get("ub", []):
+        ub[j] = v
+    for j, v in changes.get("obj", []):
+        obj[j] = v
+    x = [m.addVar(ub=ub[j], obj=obj[j], vtype=vtype) for j in range(n)]
+    cons = []
+    for i, (terms, rhs) in enumerate(rows):
+        terms = dict(terms)
+        for (r, j), v in changes.get("coeff", {}).items():
+            if r == i:
+                terms[j] = v
+        rhs = dict(changes.get("rhs", [])).get(i, rhs)
+        cons.append(m.addConstr(kp.quicksum(v * x[j] for j, v in terms.items()) <= rhs))
+    for coeffs, cost in changes.get("newcol", []):   # a column in existing rows
+        x.append(m.addVar(ub=5, obj=cost, vtype=vtype, column=kp.Column(
+            [v for _, v in coeffs], [cons[i] for i, _ in coeffs])))
+    for terms, rhs in changes.get("newrow", []):
+        cons.append(m.addConstr(kp.quicksum(v * x[j] for j, v in terms) <= rhs))
+    m.ModelSense = KVR.MAXIMIZE
+    m.update()
+    return m, x, cons
+
+
+CHANGES = {
+    "ub": [(0, 0.5), (7, 1.0), (12, 0.0)],
+    "obj": [(3, 9.0), (5, 0.0)],
+    "rhs": [(2, 3.0), (9, 60.0)],
+    "coeff": {(1, 4): 7.0, (6, 6): 2.5},
+    "newcol": [([(0, 1.0), (4, 2.0), (8, 1.5)], 6.0)],
+    "newrow": [([(0, 1.0), (1, 1.0), (2, 1.0), (3, 1.0)], 4.0)],
+}
+
+
+def apply(m, x, cons, kind):
+    """Applies CHANGES[kind] to a solved model built without it."""
+    if kind == "ub":
+        for j, v in CHANGES[kind]:
+            x[j].UB = v
+    elif kind == "obj":
+        for j, v in CHANGES[kind]:
+            x[j].Obj = v
+    elif kind == "rhs":
+        for i, v in CHANGES[kind]:
+            cons[i].RHS = v
+    elif kind == "coeff":
+        for (i, j), v in CHANGES[kind].items():
+            m.chgCoeff(cons[i], x[j], v)
+    elif kind == "newcol":
+        for coeffs, cost in CHANGES[kind]:
+            x.append(m.addVar(ub=5, obj=cost, column=kp.Column(
+                [v for _, v in coeffs], [cons[i] for i, _ in coeffs])))
+    elif kind == "newrow":
+        for terms, rhs in CHANGES[kind]:
+            cons.append(m.addConstr(kp.quicksum(v * x[j] for j, v in terms) <= rhs))
+
+
+def cold_optimum(env, changes, vtype=KVR.CONTINUOUS):
+    m, _, _ = build(env, changes=changes, vtype=vtype)
+    m.optimize()
+    assert m.Status == KVR.OPTIMAL
+    value, iters = m.ObjVal, m.IterCount
+    m.dispose()
+    return value, iters
+
+
+def test_unchanged_model_resolves_without_iterations(env):
+    m, x, _ = build(env)
+    m.optimize()
+    first, iters = m.ObjVal, m.IterCount
+    assert iters > 0
+    m.optimize()
+    assert m.Status == KVR.OPTIMAL and m.ObjVal == pytest.approx(first) and m.IterCount == 0
+    m.Params.Method = -1   # the automatic choice keeps the basis too
+    m.optimize()
+    assert m.IterCount == 0 and m.ObjVal == pytest.approx(first)
+
+
+def test_each_change_resolves_to_the_optimum_of_a_fresh_model(env):
+    m, x, cons = build(env)
+    m.optimize()
+    applied = []
+    for kind in CHANGES:
+        apply(m, x, cons, kind)
+        applied.append((kind, CHANGES[kind]))
+        m.optimize()
+        expected, cold_iters = cold_optimum(env, applied)
+        assert m.Status == KVR.OPTIMAL, kind
+        assert m.ObjVal == pytest.approx(expected, abs=1e-7), kind
+        assert m.IterCount <= cold_iters, kind
+    # Values and duals are those of the changed model.
+    assert len(m.getAttr("X", x)) == 41 and len(m.getAttr("Pi", cons)) == 41
+    assert max(c.Slack < -1e-7 for c in cons) is False
+
+
+def test_removed_rows_and_columns_are_handled(env):
+    m, x, cons = build(env)
+    m.optimize()
+    m.remove([cons[3], cons[10], x[2], x[30]])
+    m.optimize()
+    ref, rx, rc = build(env)
+    ref.remove([rc[3], rc[10], rx[2], rx[30]])
+    ref.optimize()
+    assert m.NumVars == 38 and m.NumConstrs == 38
+    assert m.ObjVal == pytest.approx(ref.ObjVal, abs=1e-7)
+    # Deletions and additions between the same two solves, over two updates.
+    m.remove([m.getConstrs()[0]])
+    m.update()
+    x = m.getVars()
+    x[0].UB = 1.0
+    v = m.addVar(ub=2, obj=3.0)
+    m.addConstr(v + x[1] <= 1.5)
+    m.remove([x[5]])
+    m.optimize()
+    ref.remove([ref.getConstrs()[0]])
+    ref.update()
+    rx = ref.getVars()
+    rx[0].UB = 1.0
+    rv = ref.addVar(ub=2, obj=3.0)
+    ref.addConstr(rv + rx[1] <= 1.5)
+    ref.remove([rx[5]])
+    ref.reset()
+    ref.optimize()
+    assert m.ObjVal == pytest.approx(ref.ObjVal, abs=1e-7)
+
+
+@pytest.mark.parametrize("cold", ["LPWarmStart", "reset"])
+def test_lpwarmstart_zero_and_reset_give_cold_solves(env, cold):
+    m, x, _ = build(env)
+    m.optimize()
+    cold_iters = m.IterCount
+    if cold == "reset":
+        m.reset()
+    else:
+        m.Params.LPWarmStart = 0
+    m.optimize()
+    assert m.IterCount == cold_iters > 0
+
+
+def test_user_basis_set_between_solves_is_used(env):
+    ref, rx, rc = build(env)
+    ref.optimize()
+    vb, cb = ref.getAttr("VBasis", rx), ref.getAttr("CBasis", rc)
+    m, x, cons = build(env)
+    x[0].UB = 4.0   # solved once from a basis of another model: iterations
+    m.optimize()
+    x[0].UB = 5.0
+    m.setAttr("VBasis", x, vb)
+    m.setAttr("CBasis", cons, cb)
+    m.optimize()
+    assert m.IterCount == 0 and m.ObjVal == pytest.approx(ref.ObjVal)
+
+
+def test_mip_resolve_offers_the_previous_incumbent(env, tmp_path):
+    m, x, cons = build(env, vtype=KVR.INTEGER)
+    m.optimize()
+    first = m.ObjVal
+    log = tmp_path / "mip.log"
+    m.Params.LogFile = str(log)
+    m.Params.OutputFlag = 1
+    m.Params.LogToConsole = 0
+    x[0].Obj = x[0].Obj + 0.5   # the incumbent stays feasible
+    m.optimize()
+    text = log.read_text()
+    assert "previous solution is still feasible" in text
+    expected, _ = cold_optimum(env, [("obj", [(0, lp_data()[1][0] + 0.5)])], vtype=KVR.INTEGER)
+    assert m.ObjVal == pytest.approx(expected) and m.ObjVal >= first
+    # A bound that cuts the incumbent off: not offered, still the right optimum.
+    log.write_text("")
+    best = [v.X for v in x]
+    j = max(range(len(x)), key=lambda k: best[k])
+    x[j].UB = best[j] - 1
+    m.optimize()
+    assert "previous solution is still feasible" not in log.read_text()
+    m.Params.OutputFlag = 0
+    ref, rx, _ = build(env, changes=[("obj", [(0, lp_data()[1][0] + 0.5)])], vtype=KVR.INTEGER)
+    rx[j].UB = best[j] - 1
+    ref.optimize()
+    assert m.ObjVal == pytest.approx(ref.ObjVal)
+
+
+def test_type_and_sense_changes(env):
+    m, x, _ = build(env)
+    m.optimize()
+    lp_value = m.ObjVal
+    for v in x[:10]:
+        v.VType = KVR.INTEGER
+    m.optimize()
+    ref, rx, _ = build(env)
+    for v in rx[:10]:
+        v.VType = KVR.INTEGER
+    ref.optimize()
+    assert m.IsMIP == 1 and m.ObjVal == pytest.approx(ref.ObjVal) and m.ObjVal <= lp_value + 1e-9
+    for v in x[:10]:
+        v.VType = KVR.CONTINUOUS
+    m.ModelSense = KVR.MINIMIZE
+    m.optimize()
+    assert m.IsMIP == 0 and m.ObjVal == pytest.approx(0.0)
+    m.ModelSense = KVR.MAXIMIZE
+    m.optimize()
+    assert m.ObjVal == pytest.approx(lp_value)
+
+
+def test_rewritten_model_is_handed_over_in_full(env, tmp_path):
+    m, x, _ = build(env)
+    m.optimize()
+    log = tmp_path / "sos.log"
+    m.Params.LogFile, m.Params.OutputFlag, m.Params.LogToConsole = str(log), 1, 0
+    m.addSOS(KVR.SOS_TYPE1, [x[0], x[1], x[2]])   # the engine takes SOS only rewritten
+    m.optimize()
+    assert "handed to the engine in full" in log.read_text()
+    ref, rx, _ = build(env)
+    ref.addSOS(KVR.SOS_TYPE1, [rx[0], rx[1], rx[2]])
+    ref.optimize()
+    assert m.ObjVal == pytest.approx(ref.ObjVal) and sum(v.X > 1e-9 for v in x[:3]) <= 1
