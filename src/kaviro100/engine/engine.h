@@ -172,6 +172,8 @@ struct SolveContext {
   bool must_stop();
   // Checks the objective limits against an incumbent value and a bound (NaN: not known).
   void check_objective_limits(double objbst, double objbnd);
+  // The status to report when the library stopped the solve (`stop`), else engine_status.
+  int status_after_stop(int engine_status) const;
   // Work units: one unit is 10,000 engine iterations or nodes (deterministic).
   static double work_units(double iterations, double nodes) { return (iterations + nodes) / 1e4; }
   // The log of this solve (nothing when quiet).

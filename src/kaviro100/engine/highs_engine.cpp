@@ -1055,29 +1055,7 @@ EngineResult HighsEngine::solve_on(const EngineProblem &problem, const ParamValu
     r.status = KVR_INFEASIBLE;
     has_x = false;
   }
-  switch (ctx.stop) {
-    case StopReason::ObjStop:
-    case StopReason::BdStop:
-      r.status = KVR_USER_OBJ_LIMIT;
-      break;
-    case StopReason::Work:
-      r.status = KVR_WORK_LIMIT;
-      break;
-    case StopReason::IterLimit:
-      r.status = KVR_ITERATION_LIMIT;
-      break;
-    case StopReason::User:
-    case StopReason::CallbackError:
-    case StopReason::Pass:
-      r.status = KVR_INTERRUPTED;
-      break;
-    case StopReason::SoftMemory:
-    case StopReason::HardMemory:
-      r.status = KVR_MEM_LIMIT;
-      break;
-    default:
-      break;
-  }
+  r.status = ctx.status_after_stop(r.status);
   if (oa) {
     // The approximation decides only when its last point satisfies the quadratic constraints.
     if (!mip && r.status == KVR_OPTIMAL) {

@@ -151,6 +151,27 @@ bool SolveContext::must_stop() {
   return stop != StopReason::None;
 }
 
+int SolveContext::status_after_stop(int engine_status) const {
+  switch (stop) {
+    case StopReason::ObjStop:
+    case StopReason::BdStop:
+      return KVR_USER_OBJ_LIMIT;
+    case StopReason::Work:
+      return KVR_WORK_LIMIT;
+    case StopReason::IterLimit:
+      return KVR_ITERATION_LIMIT;
+    case StopReason::User:
+    case StopReason::CallbackError:
+    case StopReason::Pass:
+      return KVR_INTERRUPTED;
+    case StopReason::SoftMemory:
+    case StopReason::HardMemory:
+      return KVR_MEM_LIMIT;
+    default:
+      return engine_status;
+  }
+}
+
 void SolveContext::check_objective_limits(double objbst, double objbnd) {
   if (stop != StopReason::None) return;
   double objstop = params->get_dbl(ParamId::BestObjStop);

@@ -662,29 +662,7 @@ EngineResult ScipEngine::solve(const EngineProblem &problem, const ParamValues &
   EngineResult r;
   const int nsols = a.SCIPgetNSols(run.scip);
   r.status = map_status(a.SCIPgetStatus(run.scip), nsols > 0);
-  switch (ctx.stop) {
-    case StopReason::ObjStop:
-    case StopReason::BdStop:
-      r.status = KVR_USER_OBJ_LIMIT;
-      break;
-    case StopReason::Work:
-      r.status = KVR_WORK_LIMIT;
-      break;
-    case StopReason::IterLimit:
-      r.status = KVR_ITERATION_LIMIT;
-      break;
-    case StopReason::User:
-    case StopReason::CallbackError:
-    case StopReason::Pass:
-      r.status = KVR_INTERRUPTED;
-      break;
-    case StopReason::SoftMemory:
-    case StopReason::HardMemory:
-      r.status = KVR_MEM_LIMIT;
-      break;
-    default:
-      break;
-  }
+  r.status = ctx.status_after_stop(r.status);
   r.nodecount = static_cast<double>(a.SCIPgetNNodes(run.scip));
   r.itercount = static_cast<double>(a.SCIPgetNLPIterations(run.scip));
   r.work = SolveContext::work_units(r.itercount, r.nodecount);
