@@ -258,6 +258,8 @@ def test_stacked_products_and_numpy_sums(m):
              (E.transpose(0, 2, 1) @ y, E.transpose(0, 2, 1) @ vy),
              (y @ x.transpose(0, 2, 1), vy @ vx.transpose(0, 2, 1)), (x @ (z.T + 1), vx @ (vz.T + 1)),
              (z @ x.reshape(2, 4, 3), vz @ vx.reshape(2, 4, 3)), ((x + 1)[None] @ y, (vx + 1)[None] @ vy),
+             (B[:, 0] @ x.reshape(2, 4, 3), B[:, 0] @ vx.reshape(2, 4, 3)), (x @ B[:, 0], vx @ B[:, 0]),
+             ((x * x) @ B, (vx * vx) @ B), (C @ (x * x + 1), C @ (vx * vx + 1)),
              (np.sum(x), vx.sum()), (np.sum(x, axis=1), vx.sum(axis=1)),
              (x.sum(axis=(0, 2), keepdims=True), vx.sum(axis=(0, 2), keepdims=True)),
              (np.sum(x * x, axis=-1, keepdims=True), np.sum(vx * vx, axis=-1, keepdims=True)),
@@ -269,6 +271,8 @@ def test_stacked_products_and_numpy_sums(m):
                 lambda: x @ x):
         with pytest.raises(ValueError, match="not aligned"):
             bad()
+    with pytest.raises(ValueError, match="duplicate"):
+        x.sum(axis=(0, -3))
     with pytest.raises(TypeError, match="dtype"):
         np.sum(x, dtype=int)
     with pytest.raises(TypeError, match="out"):

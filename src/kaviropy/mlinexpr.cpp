@@ -410,6 +410,8 @@ MExpr sum_expr(const MExpr &e, nb::handle axis) {
       axes.push_back(k < 0 ? k + nd : k);
     }
     std::sort(axes.rbegin(), axes.rend());
+    if (std::adjacent_find(axes.begin(), axes.end()) != axes.end())
+      raise_python(PyExc_ValueError, "duplicate value in 'axis'");
     MExpr r = e;
     for (Py_ssize_t a : axes) r = sum_expr(r, nb::int_(a));
     return r;
