@@ -245,6 +245,40 @@ def test_matrix_products_on_both_sides(valued, fmt):
         np.testing.assert_allclose(expr.getValue(), expected, atol=1e-9)
 
 
+def test_stacked_products_and_numpy_sums(m):
+    """@ on stacks of matrices broadcasts the leading axes as NumPy does; numpy.sum works."""
+    rng = np.random.default_rng(7)
+    vx, vy, vz = rng.normal(size=(2, 3, 4)), rng.normal(size=4), rng.normal(size=(3, 4))
+    x, y, z = (m.addMVar(np.shape(v), lb=-100, name=n) for v, n in ((vx, "x"), (vy, "y"), (vz, "z")))
+    for var, v in ((x, vx), (y, vy), (z, vz)):
+        fixed_values(m, var, v)
+    B, C, D, E = (rng.normal(size=s) for s in ((4, 5), (2, 5, 3), (5, 3), (1, 4, 2)))
+    cases = [(x @ B, vx @ B), (x @ sp.csr_matrix(B), vx @ B), (x @ y, vx @ vy), (C @ x, C @ vx),
+             (D @ x, D @ vx), (sp.csr_matrix(D) @ x, D @ vx), (x @ E, vx @ E),
+             (E.transpose(0, 2, 1) @ y, E.transpose(0, 2, 1) @ vy),
+             (y @ x.transpose(0, 2, 1), vy @ vx.transpose(0, 2, 1)), (x @ (z.T + 1), vx @ (vz.T + 1)),
+             (z @ x.reshape(2, 4, 3), vz @ vx.reshape(2, 4, 3)), ((x + 1)[None] @ y, (vx + 1)[None] @ vy),
+             (B[:, 0] @ x.reshape(2, 4, 3), B[:, 0] @ vx.reshape(2, 4, 3)), (x @ B[:, 0], vx @ B[:, 0]),
+             ((x * x) @ B, (vx * vx) @ B), (C @ (x * x + 1), C @ (vx * vx + 1)),
+             (np.sum(x), vx.sum()), (np.sum(x, axis=1), vx.sum(axis=1)),
+             (x.sum(axis=(0, 2), keepdims=True), vx.sum(axis=(0, 2), keepdims=True)),
+             (np.sum(x * x, axis=-1, keepdims=True), np.sum(vx * vx, axis=-1, keepdims=True)),
+             (np.sum(x + 1, keepdims=True), np.sum(vx + 1, keepdims=True))]
+    for expr, expected in cases:
+        assert expr.shape == np.shape(expected)
+        np.testing.assert_allclose(expr.getValue(), expected, atol=1e-9)
+    for bad in (lambda: x @ np.ones((3, 3, 4)), lambda: np.ones((3, 2, 4)) @ x.reshape(2, 4, 3),
+                lambda: x @ x):
+        with pytest.raises(ValueError, match="not aligned"):
+            bad()
+    with pytest.raises(ValueError, match="duplicate"):
+        x.sum(axis=(0, -3))
+    with pytest.raises(TypeError, match="dtype"):
+        np.sum(x, dtype=int)
+    with pytest.raises(TypeError, match="out"):
+        np.sum(x, axis=0, out=np.zeros((3, 4)))
+
+
 def test_quadratic_arithmetic(valued):
     m, x, v = valued
     w = np.array([1.0, 2.0, 3.0])
@@ -337,6 +371,71 @@ def test_removal_of_arrays(m):
     m.optimize()
     assert m.ObjVal == pytest.approx(2.0)
     np.testing.assert_allclose((x[1] + y[:2]).getValue(), [1.0, 1.0])
+
+
+def test_addconstrs_takes_matrix_rows(m):
+    x = m.addMVar((3, 4), ub=10, name="x")
+    q = m.addMVar(2, ub=3, name="q")
+    cap = np.array([1.0, 2.0, 3.0])
+    rows = m.addConstrs((x[i, :] <= cap[i] for i in range(3)), name="cap")
+    mixed = m.addConstrs((x[0, j].item() >= 0.5 if j < 2 else x[:, j] >= 0.5 for j in range(3)), name="mx")
+    quad = m.addConstrs((q * q <= k + 1 for k in range(2)), name="qc")
+    assert isinstance(rows, kp.tupledict) and list(rows) == [0, 1, 2]
+    assert all(isinstance(c, kp.MConstr) and c.shape == (4,) for c in rows.values())
+    assert all(isinstance(c, kp.MQConstr) and c.shape == (2,) for c in quad.values())
+    m.setObjective(x.sum() + q.sum(), KVR.MAXIMIZE)
+    m.optimize()
+    assert m.NumConstrs == 12 + 5 and m.NumQConstrs == 4
+    assert list(rows[2].ConstrName) == ["cap[2][0]", "cap[2][1]", "cap[2][2]", "cap[2][3]"]
+    assert quad[1].QCName[1] == "qc[1][1]"
+    np.testing.assert_allclose(x.X, np.repeat(cap[:, None], 4, axis=1), atol=1e-6)
+    np.testing.assert_allclose(q.X, [1.0, 1.0], atol=1e-5)  # the first quadratic rows bind
+    np.testing.assert_allclose(rows[1].RHS, 2.0)
+    # single constraints among matrix rows keep their places in the model's numbering
+    assert isinstance(mixed[1], kp.Constr) and mixed[1].ConstrName == "mx[1]"
+    assert list(mixed[2].ConstrName) == ["mx[2][0]", "mx[2][1]", "mx[2][2]"]
+    assert [c.ConstrName for c in m.getConstrs()[12:]] == ["mx[0]", "mx[1]", "mx[2][0]", "mx[2][1]", "mx[2][2]"]
+
+    before = (m.NumVars, m.NumConstrs, m.NumQConstrs)
+    # the first item of each generator is valid, a later one is not: nothing is added
+    bad_rows = [
+        lambda: m.addConstrs((x[i] * np.array([1.0, 1.0 - i, 1.0, 1.0]) * x[i] + x[i] <= 1 for i in range(2))),
+        lambda: m.addConstrs((x[i] <= np.array([1.0, np.nan if i else 1.0, 1.0, 1.0]) for i in range(2))),
+        lambda: m.addConstrs((x[i] <= np.ones(3 if i else 4) for i in range(2))),
+        lambda: m.addConstrs((x[0] <= i for i in (1, 1))),
+    ]
+    for bad in bad_rows:
+        with pytest.raises((kp.KaviroError, ValueError, KeyError)):
+            bad()
+        m.update()
+        assert (m.NumVars, m.NumConstrs, m.NumQConstrs) == before
+
+
+def test_duals_and_attribute_arrays_of_a_continuous_qp(m):
+    """Pi of a matrix constraint in a QP satisfies stationarity with the objective's gradient."""
+    rng = np.random.default_rng(3)
+    A = sp.random(6, 8, density=0.5, random_state=4, format="csr")
+    c = rng.uniform(-3, 3, 8)
+    Q = np.diag(rng.uniform(0.5, 1.5, 8))
+    y = m.addMVar(8, lb=-5, ub=5, name="y")
+    con = m.addConstr(A @ y <= np.full(6, 1.0))
+    m.setObjective(c @ y + y @ Q @ y, KVR.MINIMIZE)
+    m.optimize()
+    assert m.Status == KVR.OPTIMAL
+    yx = m.getAttr("X", y)
+    assert isinstance(yx, np.ndarray) and yx.shape == (8,)
+    np.testing.assert_allclose(yx, y.X)
+    pi, slack = con.Pi, con.Slack
+    assert pi.shape == slack.shape == (6,)
+    assert (pi <= 1e-9).all() and (pi < -1e-6).any()
+    np.testing.assert_allclose(pi * slack, 0, atol=1e-6)  # complementary slackness
+    interior = np.abs(yx) < 5 - 1e-6
+    grad = c + 2 * Q @ yx - A.T @ pi
+    np.testing.assert_allclose(grad[interior], 0, atol=1e-5)
+    np.testing.assert_allclose(m.getAttr("Pi", con), pi)
+    sub = m.getAttr("X", y.reshape(2, 4)[:, 1:])
+    assert sub.shape == (2, 3)
+    np.testing.assert_allclose(sub, yx.reshape(2, 4)[:, 1:])
 
 
 # ---------------------------------------------------------------- errors

@@ -123,6 +123,20 @@ struct LibraryRows {
 };
 LibraryRows library_rows(const MExpr &e, KVRmodel *model);
 
+// A matrix TempConstr converted into library rows, checked completely before anything is
+// added (so several of them can be prepared and then added, leaving the model unchanged when
+// any is invalid).
+struct MatrixRows {
+  LibraryRows rows;
+  std::vector<char> sense;
+  std::vector<double> rhs;
+  std::vector<std::string> names;
+  nb::tuple shape;
+  bool quadratic = false;
+};
+MatrixRows prepare_matrix_tempconstr(nb::handle model, nb::handle tc, nb::handle name);
+// The MConstr or MQConstr of prepared rows.
+nb::object add_matrix_rows(nb::handle model, const MatrixRows &m);
 // Model.addConstr of a TempConstr whose left side is a matrix expression.
 nb::object add_matrix_tempconstr(nb::handle model, nb::handle tc, nb::handle name);
 // Model.setObjective with a one-element matrix expression.
@@ -145,8 +159,9 @@ nb::object matrix_divide(nb::handle e, nb::handle b);
 nb::object matrix_power(nb::handle e, nb::handle exponent);
 // <=, >=, == of a matrix object: a TempConstr with everything on the left.
 nb::object matrix_compare(nb::handle self, const char *sense, nb::handle other);
-// e.sum(axis)
-nb::object matrix_sum(nb::handle e, nb::handle axis);
+// e.sum(axis, dtype=None, out=None, keepdims=False) (NumPy's sum() passes the last three).
+nb::object matrix_sum(nb::handle e, nb::handle axis, nb::handle dtype, nb::handle out,
+                      bool keepdims);
 
 // Operators and comparisons of MVar, MLinExpr and MQuadExpr; NumPy arrays and scipy.sparse
 // matrices hand their operations with these classes over to them.
@@ -197,11 +212,19 @@ void def_matrix_operators(nb::class_<T> &cls) {
       "__eq__", [](H a, H b) { return matrix_compare(a, "=", b); },
       "self == other: a matrix TempConstr.");
   cls.def(
-      "__ne__", [](H, H) -> nb::object { raise_error(kUsageError, "Inequality constraints not supported"); },
+      "__ne__",
+      [](H, H) -> nb::object { raise_error(kUsageError, "Inequality constraints not supported"); },
       "Raises: != makes no constraint.");
   cls.def(
-      "sum", [](H a, H axis) { return matrix_sum(a, axis); }, nb::arg("axis").none() = nb::none(),
-      "The sum of the elements (over one axis when axis is given) as a matrix expression.");
+      "sum",
+      [](H a, H axis, H dtype, H out, bool keepdims) {
+        return matrix_sum(a, axis, dtype, out, keepdims);
+      },
+      nb::arg("axis").none() = nb::none(), nb::arg("dtype").none() = nb::none(),
+      nb::arg("out").none() = nb::none(), nb::arg("keepdims") = false,
+      "The sum of the elements (over an axis or tuple of axes when axis is given) as a matrix "
+      "expression; keepdims keeps the summed axes with length 1. dtype and out are accepted "
+      "only as None (for numpy.sum).");
   cls.attr("__hash__") = nb::none();
   cls.attr("__array_ufunc__") = nb::none();
   cls.attr("__array_priority__") = 100;

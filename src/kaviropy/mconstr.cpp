@@ -171,7 +171,7 @@ nb::object add_linear_rows(nb::handle self, KVRmodel *model, const LibraryRows &
   return make_mconstr(object_array(handles).attr("reshape")(shape));
 }
 
-nb::object add_matrix_tempconstr(nb::handle self, nb::handle tc, nb::handle name) {
+MatrixRows prepare_matrix_tempconstr(nb::handle self, nb::handle tc, nb::handle name) {
   KVRmodel *model = prepared_model(self);
   nb::object lhs = tc.attr("_lhs"), rhs = tc.attr("_rhs");
   char sense = sense_of(tc.attr("_sense"));
@@ -179,21 +179,33 @@ nb::object add_matrix_tempconstr(nb::handle self, nb::handle tc, nb::handle name
   nb::object diff = matrix_binary(MatOp::Sub, lhs, rhs);
   if (!to_mexpr(diff, e) || !is_matrix_expression(diff))
     raise_error(kUsageError, "Invalid argument to Model.addConstr");
-  nb::tuple shape = shape_of(e.constant);
-  LibraryRows rows = library_rows(e, model);
-  std::vector<double> b(rows.constant.size());
-  for (size_t i = 0; i < b.size(); ++i) b[i] = to_library(-rows.constant[i]);
-  std::vector<char> s(b.size(), sense);
-  std::vector<std::string> names = element_names(name, shape);
-  if (e.quadratic()) {
-    for (size_t r = 0; r + 1 < rows.qbeg.size(); ++r)
-      if (rows.qbeg[r] == rows.qbeg[r + 1])
+  MatrixRows m;
+  m.shape = shape_of(e.constant);
+  m.rows = library_rows(e, model);
+  m.rhs.resize(m.rows.constant.size());
+  for (size_t i = 0; i < m.rhs.size(); ++i) m.rhs[i] = to_library(-m.rows.constant[i]);
+  m.sense.assign(m.rhs.size(), sense);
+  m.names = element_names(name, m.shape);
+  m.quadratic = e.quadratic();
+  if (m.quadratic) {
+    const std::vector<int> &qbeg = m.rows.qbeg;
+    for (size_t r = 0; r + 1 < qbeg.size(); ++r)
+      if (qbeg[r] == qbeg[r + 1])
         raise_error(KVR_ERROR_INVALID_ARGUMENT,
                     "Matrix constraint has linear and quadratic elements (element " +
                         std::to_string(r) + " is linear); add them separately");
-    return add_quadratic_rows(self, model, rows, s, b, names, shape);
   }
-  return add_linear_rows(self, model, rows, s, b, names, shape);
+  return m;
+}
+
+nb::object add_matrix_rows(nb::handle self, const MatrixRows &m) {
+  KVRmodel *model = live_model(self);
+  if (m.quadratic) return add_quadratic_rows(self, model, m.rows, m.sense, m.rhs, m.names, m.shape);
+  return add_linear_rows(self, model, m.rows, m.sense, m.rhs, m.names, m.shape);
+}
+
+nb::object add_matrix_tempconstr(nb::handle self, nb::handle tc, nb::handle name) {
+  return add_matrix_rows(self, prepare_matrix_tempconstr(self, tc, name));
 }
 
 namespace {

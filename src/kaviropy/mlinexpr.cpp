@@ -155,41 +155,104 @@ nb::object kron_identity(nb::handle M, Py_ssize_t k, bool identity_left) {
                        : sp_attr("kron")(M, I, nb::arg("format") = "csr");
 }
 
-// M @ e for a constant matrix M (1-D or 2-D) and an expression of 1 or 2 dimensions.
+bool is_sparse(nb::handle obj) { return nb::cast<bool>(sp_attr("issparse")(obj)); }
+
+// The product of the elements of shape[from, to).
+Py_ssize_t extent(nb::handle shape, size_t from, size_t to) {
+  nb::tuple t = nb::borrow<nb::tuple>(shape);
+  Py_ssize_t n = 1;
+  for (size_t k = from; k < to; ++k) n *= py_index(t[k]);
+  return n;
+}
+
+// a @ b with NumPy's rules for stacks (either side of more than 2 dimensions): a 1-D side
+// becomes a matrix and loses that axis again, the batch axes broadcast, and every element is
+// sum_p a[..., i, p] * b[..., p, j], built as (a[..., :, :, None] * b[..., None, :, :]).sum(-2).
+// Either side may be a constant (no variables), the other an expression.
+MExpr matmul_stacked(const MExpr &a, const MExpr &b) {
+  nb::tuple as = shape_of(a.constant), bs = shape_of(b.constant);
+  if (as.size() < 1 || bs.size() < 1) raise_matmul(as, bs);
+  size_t bk = bs.size() == 1 ? 0 : bs.size() - 2;  // b's inner axis
+  if (py_index(as[as.size() - 1]) != py_index(bs[bk])) raise_matmul(as, bs);
+  nb::object all = nb::slice(nb::none(), nb::none(), nb::none()), none = nb::none();
+  nb::object dots = nb::borrow(Py_Ellipsis);
+  auto batch = [](nb::tuple t) {
+    nb::list out;
+    for (size_t k = 0; k + 2 < t.size(); ++k) out.append(t[k]);
+    return nb::tuple(out);
+  };
+  nb::tuple batch_a = batch(as), batch_b = batch(bs);
+  try {
+    numpy().attr("broadcast_shapes")(batch_a, batch_b);
+  } catch (nb::python_error &) {
+    raise_matmul(as, bs);
+  }
+  nb::object ka =
+      as.size() == 1 ? nb::make_tuple(none, all, none) : nb::make_tuple(dots, all, all, none);
+  nb::object kb =
+      bs.size() == 1 ? nb::make_tuple(none, all, none) : nb::make_tuple(dots, none, all, all);
+  MExpr l = index_expr(a, ka), r = index_expr(b, kb);
+  auto constant_only = [](const MExpr &e) { return nb::len(e.vars) == 0 && !e.quadratic(); };
+  MExpr p = constant_only(l)   ? scale_by_array(r, l.constant)
+            : constant_only(r) ? scale_by_array(l, r.constant)
+                               : quad_product_expr(l, r);
+  MExpr out = sum_expr(p, nb::int_(nb::len(shape_of(p.constant)) - 2));
+  if (as.size() == 1) out = index_expr(out, nb::make_tuple(dots, 0, all));
+  if (bs.size() == 1) out = index_expr(out, nb::make_tuple(dots, 0));
+  return out;
+}
+
+// The expression of a dense constant operand of @ of more than 2 dimensions.
+bool stacked_constant(nb::handle m, MExpr &out) {
+  if (is_sparse(m)) return false;
+  nb::object arr = np_attr("asarray")(m, nb::arg("dtype") = "float64");
+  return nb::len(shape_of(arr)) > 2 && to_mexpr(arr, out);
+}
+
+// M @ e for a constant matrix M (1-D or 2-D, dense or sparse) and an expression of shape
+// (..., k) or (..., k, n): one sparse row map I_batch (x) M (x) I_n.
 MExpr matmul_left(nb::handle m, const MExpr &e) {
+  MExpr stacked;
+  if (stacked_constant(m, stacked)) return matmul_stacked(stacked, e);
   nb::tuple ms;
   nb::object M = numeric_matrix(m, ms);
   nb::tuple es = shape_of(e.constant);
-  if (ms.size() < 1 || ms.size() > 2 || es.size() < 1 || es.size() > 2) raise_matmul(ms, es);
+  if (ms.size() < 1 || ms.size() > 2 || es.size() < 1) raise_matmul(ms, es);
+  size_t ek = es.size() == 1 ? 0 : es.size() - 2;  // e's inner axis
   Py_ssize_t inner = py_index(ms[ms.size() - 1]);
-  if (inner != py_index(es[0])) raise_matmul(ms, es);
+  if (inner != py_index(es[ek])) raise_matmul(ms, es);
   nb::list shape;
+  for (size_t k = 0; k < ek; ++k) shape.append(es[k]);
   if (ms.size() == 2) shape.append(ms[0]);
-  if (es.size() == 2) shape.append(es[1]);
-  nb::object S = es.size() == 2 ? kron_identity(M, py_index(es[1]), false) : M;
+  if (es.size() >= 2) shape.append(es[es.size() - 1]);
+  nb::object S = es.size() >= 2 ? kron_identity(M, py_index(es[es.size() - 1]), false) : M;
+  if (ek > 0) S = kron_identity(S, extent(es, 0, ek), true);
   return apply_rows(e, S, nb::tuple(shape));
 }
 
-// e @ M.
+// e @ M for an expression of shape (k,) or (..., m, k): one sparse row map I_rest (x) M^T.
 MExpr matmul_right(const MExpr &e, nb::handle m) {
+  MExpr stacked;
+  if (stacked_constant(m, stacked)) return matmul_stacked(e, stacked);
   nb::tuple ms;
   nb::object M = numeric_matrix(m, ms);
   nb::tuple es = shape_of(e.constant);
-  if (ms.size() < 1 || ms.size() > 2 || es.size() < 1 || es.size() > 2) raise_matmul(es, ms);
+  if (ms.size() < 1 || ms.size() > 2 || es.size() < 1) raise_matmul(es, ms);
   Py_ssize_t inner = py_index(es[es.size() - 1]);
   // For a 1-D M, M was made a row (1, n); as the right factor it acts as a column.
   if (inner != py_index(ms[0])) raise_matmul(es, ms);
   nb::object Mt = ms.size() == 2 ? csr(M.attr("T")) : M;  // rows of the result per column of M
   nb::list shape;
-  if (es.size() == 2) shape.append(es[0]);
+  for (size_t k = 0; k + 1 < es.size(); ++k) shape.append(es[k]);
   if (ms.size() == 2) shape.append(ms[1]);
-  nb::object S = es.size() == 2 ? kron_identity(Mt, py_index(es[0]), true) : Mt;
+  nb::object S = es.size() >= 2 ? kron_identity(Mt, extent(es, 0, es.size() - 1), true) : Mt;
   return apply_rows(e, S, nb::tuple(shape));
 }
 
 // e1 @ e2 for two expressions: products of matching elements summed over the inner axis.
 MExpr matmul_exprs(const MExpr &a, const MExpr &b) {
   nb::tuple as = shape_of(a.constant), bs = shape_of(b.constant);
+  if (as.size() > 2 || bs.size() > 2) return matmul_stacked(a, b);
   if (as.size() < 1 || as.size() > 2 || bs.size() < 1 || bs.size() > 2) raise_matmul(as, bs);
   if (py_index(as[as.size() - 1]) != py_index(bs[0])) raise_matmul(as, bs);
   nb::object none = nb::none(), all = nb::slice(nb::none(), nb::none(), nb::none());
@@ -347,6 +410,8 @@ MExpr sum_expr(const MExpr &e, nb::handle axis) {
       axes.push_back(k < 0 ? k + nd : k);
     }
     std::sort(axes.rbegin(), axes.rend());
+    if (std::adjacent_find(axes.begin(), axes.end()) != axes.end())
+      raise_python(PyExc_ValueError, "duplicate value in 'axis'");
     MExpr r = e;
     for (Py_ssize_t a : axes) r = sum_expr(r, nb::int_(a));
     return r;
@@ -384,8 +449,6 @@ namespace {
 bool has_variables(nb::handle obj) {
   return is_matrix_expression(obj) || as_var(obj) || is_linexpr(obj) || is_quadexpr(obj);
 }
-
-bool is_sparse(nb::handle obj) { return nb::cast<bool>(sp_attr("issparse")(obj)); }
 
 }  // namespace
 
@@ -432,8 +495,8 @@ nb::object matrix_power(nb::handle e, nb::handle exponent) {
   double v = 0;
   if (!isscalar(exponent, &v) || v != 2.0)
     raise_error(kUsageError, nb::isinstance<MVar>(e)
-                       ? "MVar can only be raised to a power of two"
-                       : "Matrix expression can only be raised to a power of two");
+                                 ? "MVar can only be raised to a power of two"
+                                 : "Matrix expression can only be raised to a power of two");
   return matrix_binary(MatOp::Mul, e, e);
 }
 
@@ -444,10 +507,33 @@ nb::object matrix_compare(nb::handle self, const char *sense, nb::handle other) 
   return make_tempconstr(self, sense, other);
 }
 
-nb::object matrix_sum(nb::handle e, nb::handle axis) {
+nb::object matrix_sum(nb::handle e, nb::handle axis, nb::handle dtype, nb::handle out,
+                      bool keepdims) {
+  // NumPy's sum() hands these on; an expression has no element type and no output array.
+  if (!dtype.is_none())
+    raise_python(PyExc_TypeError, "sum(): dtype is not supported for matrix expressions");
+  if (!out.is_none())
+    raise_python(PyExc_TypeError,
+                 "sum(): out is not supported for matrix expressions (the result is a new "
+                 "expression, never written into an array)");
   MExpr x;
   to_mexpr(e, x);
-  return wrap_mexpr(sum_expr(x, axis));
+  nb::tuple shape = shape_of(x.constant);
+  MExpr r = sum_expr(x, axis);
+  if (!keepdims) return wrap_mexpr(r);
+  // The summed axes stay as axes of length 1.
+  Py_ssize_t nd = static_cast<Py_ssize_t>(shape.size());
+  std::vector<bool> summed(shape.size(), axis.is_none());
+  if (!axis.is_none()) {
+    nb::tuple axes = PyTuple_Check(axis.ptr()) ? nb::borrow<nb::tuple>(axis) : nb::make_tuple(axis);
+    for (nb::handle a : axes) {
+      Py_ssize_t k = py_index(a);
+      summed[static_cast<size_t>(k < 0 ? k + nd : k)] = true;
+    }
+  }
+  nb::list kept;
+  for (size_t k = 0; k < shape.size(); ++k) kept.append(summed[k] ? nb::int_(1) : shape[k]);
+  return wrap_mexpr(take_rows(r, np_attr("arange")(rows_of(r)).attr("reshape")(nb::tuple(kept))));
 }
 
 // ---------------------------------------------------------------- values and items

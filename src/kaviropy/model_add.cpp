@@ -665,6 +665,10 @@ nb::object add_constrs(nb::handle self, nb::handle generator, nb::handle name) {
 
   std::vector<nb::object> keys;
   std::vector<Prepared> items;
+  // Matrix TempConstrs become MConstr/MQConstr values; matrix_of[i] is the position of item i
+  // in `matrices`, or -1 for a single constraint.
+  std::vector<MatrixRows> matrices;
+  std::vector<int> matrix_of;
   nb::object iter = nb::borrow(generator);
   while (true) {
     nb::object tc = nb::steal(PyIter_Next(iter.ptr()));
@@ -684,7 +688,17 @@ nb::object add_constrs(nb::handle self, nb::handle generator, nb::handle name) {
       key = t;
     }
     items.emplace_back();
-    prepare_tempconstr(self, tc, model, items.back());
+    if (is_tempconstr(tc) && is_matrix_expression(tc_part(tc, "_lhs"))) {
+      // A matrix row: its elements are named "base[key][i,j]".
+      std::string row_name;
+      if (!base.empty()) append_index_name(row_name, base, key);
+      matrix_of.push_back(static_cast<int>(matrices.size()));
+      matrices.push_back(
+          prepare_matrix_tempconstr(self, tc, nb::str(row_name.c_str(), row_name.size())));
+    } else {
+      matrix_of.push_back(-1);
+      prepare_tempconstr(self, tc, model, items.back());
+    }
     keys.push_back(std::move(key));
   }
   check_distinct(keys, "Duplicate keys in Model.addConstrs()");
@@ -695,7 +709,8 @@ nb::object add_constrs(nb::handle self, nb::handle generator, nb::handle name) {
 
   std::vector<nb::object> handles;
   handles.reserve(items.size());
-  bool all_linear = std::all_of(items.begin(), items.end(),
+  bool all_linear = matrices.empty() &&
+                    std::all_of(items.begin(), items.end(),
                                 [](const Prepared &p) { return p.type == Prepared::kLinear; });
   if (all_linear && !items.empty()) {
     // One library call for all rows.
@@ -729,7 +744,8 @@ nb::object add_constrs(nb::handle self, nb::handle generator, nb::handle name) {
       handles.push_back(model_append(self, kConstr, numbered));
   } else {
     for (size_t i = 0; i < items.size(); ++i)
-      handles.push_back(add_prepared(self, items[i], names[i]));
+      handles.push_back(matrix_of[i] >= 0 ? add_matrix_rows(self, matrices[matrix_of[i]])
+                                          : add_prepared(self, items[i], names[i]));
   }
   return make_tupledict(keys, handles);
 }
@@ -858,7 +874,8 @@ void init_model_add(nb::class_<Model> &cls) {
       nb::arg("name").none() = "", "Adds the range constraint lower <= expr <= upper.");
   cls.def("addConstrs", &add_constrs, nb::arg("generator").none(), nb::arg("name").none() = "",
           "Adds one constraint per item of a generator expression; returns a tupledict keyed "
-          "by the generator's loop variables.");
+          "by the generator's loop variables. An item that is a matrix comparison becomes an "
+          "MConstr or MQConstr value, its elements named \"name[key][i,j]\".");
   cls.def(
       "addQConstr",
       [](nb::handle self, nb::handle lhs, nb::handle sense, nb::handle rhs, nb::handle name) {
