@@ -383,7 +383,7 @@ def shared_instances():
                                marks=[pytest.mark.slow] if name in slow else [])
 
 
-@pytest.mark.parametrize("name, value", shared_instances())
+@pytest.mark.parametrize("name, value", list(shared_instances()))
 def test_shared_instances_on_scip(env, monkeypatch, name, value):
     use(monkeypatch, "scip")
     m = kp.read(str(INSTANCES / name), env=env)
