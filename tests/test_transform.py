@@ -338,6 +338,20 @@ def test_feasrelax_finds_the_minimal_violation(m):
     assert m.getConstrByName("FeasRelaxObj") is not None
 
 
+def test_feasrelax_elements_take_default_element_attributes(m):
+    x, y, c0, c1 = infeasible_pair(m)
+    x.Start, y.VarHintVal, c0.Lazy = 2.0, 1.0, 1
+    m.update()
+    m.feasRelax(0, True, [x], [1], [1], [c0, c1], [1, 1])
+    added = m.getVars()[2:]
+    assert [v.VarName for v in added] == ["ArtL_x", "ArtU_x", "ArtP_c0", "ArtN_c1"]
+    assert (x.Start, y.VarHintVal, c0.Lazy) == (2.0, 1.0, 1)
+    assert all(v.Start == 1e101 and v.VarHintVal == 1e101 for v in added)
+    rows = m.getConstrs()[2:]
+    assert [c.ConstrName for c in rows] == ["ArtLB_x", "ArtUB_x", "FeasRelaxObj"]
+    assert [c.Lazy for c in rows] == [0, 0, 0]
+
+
 def test_feasrelax_objective_kinds(env):
     results = []
     for objtype, minrelax in ((1, False), (2, True), (0, False)):

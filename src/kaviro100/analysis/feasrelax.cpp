@@ -56,12 +56,7 @@ class FeasRelax {
 };
 
 int FeasRelax::add_var(double lb, double ub, char vtype, const std::string &name) {
-  d_.vars.lb.push_back(lb);
-  d_.vars.ub.push_back(ub);
-  d_.vars.obj.push_back(0.0);
-  d_.vars.vtype.push_back(vtype);
-  d_.vars.names.push_back(name);
-  return d_.num_vars() - 1;
+  return d_.vars.append(lb, ub, 0.0, vtype, name);
 }
 
 void FeasRelax::add_row(const std::vector<Term> &terms, char sense, double rhs,
@@ -69,10 +64,7 @@ void FeasRelax::add_row(const std::vector<Term> &terms, char sense, double rhs,
   std::vector<int> ind;
   std::vector<double> val;
   for (const Term &t : terms) ind.push_back(t.var), val.push_back(t.coef);
-  d_.constrs.rows.add_row(static_cast<int>(ind.size()), ind.data(), val.data());
-  d_.constrs.sense.push_back(sense);
-  d_.constrs.rhs.push_back(rhs);
-  d_.constrs.names.push_back(name);
+  d_.constrs.append(ind, val, sense, rhs, name);
 }
 
 int FeasRelax::add_artificial(const std::string &name, double penalty) {
@@ -218,24 +210,16 @@ double feasrelax(kvr_model *model, int objtype, int minrelax, const double *lbpe
       std::vector<int> ind;
       std::vector<double> val;
       for (const Term &t : lin) ind.push_back(t.var), val.push_back(t.coef);
-      d.constrs.rows.add_row(static_cast<int>(ind.size()), ind.data(), val.data());
-      d.constrs.sense.push_back(KVR_LESS_EQUAL);
-      d.constrs.rhs.push_back(limit);
-      d.constrs.names.push_back("FeasRelaxObj");
+      d.constrs.append(ind, val, KVR_LESS_EQUAL, limit, "FeasRelaxObj");
     } else {
       QConstr qc;
       qc.q = quad;
       qc.sense = KVR_LESS_EQUAL;
       qc.rhs = limit;
-      d.qconstrs.items.push_back(std::move(qc));
-      d.qconstrs.names.push_back("FeasRelaxObj");
+      d.qconstrs.append(std::move(qc), "FeasRelaxObj");
     }
     result = best;
   }
-  // Element attributes (starts, hints, ...) of the new elements take their defaults.
-  d.vars.extra.resize(static_cast<size_t>(d.num_vars()));
-  d.constrs.extra.resize(static_cast<size_t>(d.num_constrs()));
-  d.qconstrs.extra.resize(static_cast<size_t>(d.qconstrs.size()));
   model->data = std::move(d);
   model->engine_state.reset();  // rows may have been rewritten in place
   data_changed(model);

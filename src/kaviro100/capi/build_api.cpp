@@ -27,40 +27,19 @@ void check_new_vars(const NewVars &nv, int first) {
   }
 }
 
-namespace {
-void append_vars_unguarded(VarData &vars, const NewVars &nv, bool ignore_names) {
-  const size_t n = vars.lb.size() + static_cast<size_t>(nv.n);
-  auto append = [&](std::vector<double> &v, const double *src, double def) {
-    if (!src) return v.resize(n, def);
-    v.reserve(n);
-    for (int k = 0; k < nv.n; ++k) v.push_back(clip_infinite(src[k]));
-  };
-  append(vars.lb, nv.lb, 0.0);
-  append(vars.ub, nv.ub, KVR_INFINITY);
-  append(vars.obj, nv.obj, 0.0);
-  if (nv.vtype)
-    vars.vtype.insert(vars.vtype.end(), nv.vtype, nv.vtype + nv.n);
-  else
-    vars.vtype.resize(n, KVR_CONTINUOUS);
-  if (nv.names && !ignore_names) {
-    for (int k = 0; k < nv.n; ++k) vars.names.push_back(nv.names[k] ? nv.names[k] : "");
-  } else {
-    vars.names.resize(n);
-  }
-  vars.extra.resize(n);
-}
-}  // namespace
-
 void append_new_vars(VarData &vars, const NewVars &nv, bool ignore_names) {
-  const size_t before = vars.lb.size();
+  const int before = vars.size();
   try {
-    append_vars_unguarded(vars, nv, ignore_names);
+    vars.reserve(static_cast<size_t>(before) + static_cast<size_t>(nv.n));
+    const bool named = nv.names && !ignore_names;
+    for (int k = 0; k < nv.n; ++k)
+      vars.append(nv.lb ? clip_infinite(nv.lb[k]) : 0.0,
+                  nv.ub ? clip_infinite(nv.ub[k]) : KVR_INFINITY,
+                  nv.obj ? clip_infinite(nv.obj[k]) : 0.0, nv.vtype ? nv.vtype[k] : KVR_CONTINUOUS,
+                  named && nv.names[k] ? nv.names[k] : "");
   } catch (...) {
-    // Out of memory part way: cut every array back so that no variable is half added.
-    vars.lb.resize(before), vars.ub.resize(before), vars.obj.resize(before);
-    vars.vtype.resize(before);
-    vars.names.resize(before);
-    vars.extra.resize(before);
+    // Out of memory part way: no variable is half added.
+    vars.truncate(before);
     throw;
   }
 }
@@ -261,12 +240,8 @@ void add_rows(kvr_model *m, int count, int nnz, const int *beg, const int *ind, 
         s = KVR_GREATER_EQUAL, r = clip_infinite(lower[i]);
       }
     }
-    t.constrs.rows.add_row(static_cast<int>(rind.size()), rind.data(), rval.data());
-    t.constrs.sense.push_back(s);
-    t.constrs.rhs.push_back(r);
-    t.constrs.names.push_back(name);
+    t.constrs.append(rind, rval, s, r, name);
   }
-  t.constrs.extra.resize(t.constrs.sense.size());
   if (!rv_lb.empty()) {
     std::vector<const char *> ptrs;
     for (const std::string &n : rv_names) ptrs.push_back(n.c_str());
@@ -400,8 +375,7 @@ int KVRaddqconstr(KVRmodel *model, int numlnz, const int *lind, const double *lv
     qc.sense = sense;
     qc.rhs = clip_infinite(rhs);
     QConstrData &dst = model->pending.added.qconstrs;
-    dst.items.push_back(std::move(qc));
-    dst.names.push_back(ignore_names(model) ? std::string_view() : name);
+    dst.append(std::move(qc), ignore_names(model) ? std::string_view() : name);
   });
 }
 
@@ -448,12 +422,9 @@ int KVRaddsos(KVRmodel *model, int numsos, int nummembers, const int *types, con
     SosData &dst = model->pending.added.sos;
     for (int s = 0; s < numsos; ++s) {
       const int b = span_begin(beg, nummembers, s), e = span_end(beg, numsos, nummembers, s);
-      for (int k = b; k < e; ++k) {
-        dst.ind.push_back(ind[k]);
-        dst.weight.push_back(weight ? weight[k] : static_cast<double>(k - b + 1));
-      }
-      dst.type.push_back(types[s]);
-      dst.beg.push_back(static_cast<int64_t>(dst.ind.size()));
+      dst.append(types[s]);
+      for (int k = b; k < e; ++k)
+        dst.add_member(ind[k], weight ? weight[k] : static_cast<double>(k - b + 1));
     }
   });
 }

@@ -96,8 +96,7 @@ class NewGen {
 
   void commit() {
     GenConstrData &dst = m_->pending.added.gens;
-    dst.items.push_back(std::move(g_));
-    dst.names.push_back(ignore_names(m_) ? std::string_view() : name_);
+    dst.append(std::move(g_), ignore_names(m_) ? std::string_view() : name_);
   }
 
  private:

@@ -144,10 +144,8 @@ void solve_multiobjective(kvr_model *model, const Reformulated &rf, Engine &engi
     for (size_t j = 0; j < level.coef.size(); ++j)
       if (level.coef[j] != 0.0) ind.push_back(static_cast<int>(j)), val.push_back(level.coef[j]);
     bool min = pass.model().sense == KVR_MINIMIZE;
-    pass.own().constrs.rows.add_row(static_cast<int>(ind.size()), ind.data(), val.data());
-    pass.own().constrs.sense.push_back(min ? KVR_LESS_EQUAL : KVR_GREATER_EQUAL);
-    pass.own().constrs.rhs.push_back(z - level.constant + (min ? allowed : -allowed));
-    pass.own().constrs.names.push_back("");
+    pass.own().constrs.append(ind, val, min ? KVR_LESS_EQUAL : KVR_GREATER_EQUAL,
+                              z - level.constant + (min ? allowed : -allowed));
   }
   ctx.pass_objectives.clear();
   ctx.params = &model->env.params;

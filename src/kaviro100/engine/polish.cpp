@@ -93,14 +93,12 @@ bool polish_mip_solution(const ModelData &m, Engine &engine, SolveContext &ctx,
   lp.vars.ub = m.vars.ub;
   lp.vars.obj = m.vars.obj;
   lp.vars.vtype.assign(n, KVR_CONTINUOUS);
+  lp.vars.names.resize(static_cast<size_t>(n));  // unnamed
   lp.constrs.rows = m.constrs.rows;
   lp.constrs.sense = m.constrs.sense;
   lp.constrs.rhs = m.constrs.rhs;
-  for (const LinRow &row : ctx.lazy) {
-    lp.constrs.rows.add_row(static_cast<int>(row.ind.size()), row.ind.data(), row.val.data());
-    lp.constrs.sense.push_back(row.sense);
-    lp.constrs.rhs.push_back(row.rhs);
-  }
+  lp.constrs.names.resize(m.constrs.sense.size());
+  for (const LinRow &row : ctx.lazy) lp.constrs.append(row.ind, row.val, row.sense, row.rhs);
   std::vector<double> polished = x;
   int continuous = 0;
   for (int j = 0; j < n; ++j) {

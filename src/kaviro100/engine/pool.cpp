@@ -41,21 +41,11 @@ struct SearchModel {
   std::vector<Expansion> expansions;
 };
 
-int add_binary(ModelData &m) {
-  m.vars.lb.push_back(0.0);
-  m.vars.ub.push_back(1.0);
-  m.vars.obj.push_back(0.0);
-  m.vars.vtype.push_back(KVR_BINARY);
-  m.vars.names.push_back("");
-  return m.num_vars() - 1;
-}
+int add_binary(ModelData &m) { return m.vars.append(0.0, 1.0, 0.0, KVR_BINARY); }
 
 void add_row(ModelData &m, const std::vector<int> &ind, const std::vector<double> &val, char sense,
              double rhs) {
-  m.constrs.rows.add_row(static_cast<int>(ind.size()), ind.data(), val.data());
-  m.constrs.sense.push_back(sense);
-  m.constrs.rhs.push_back(rhs);
-  m.constrs.names.push_back("");
+  m.constrs.append(ind, val, sense, rhs);
 }
 
 bool is_integral(char t) { return t == KVR_INTEGER || t == KVR_BINARY || t == KVR_SEMIINT; }
@@ -128,7 +118,6 @@ void exclude(SearchModel &s, const std::vector<double> &engine_x) {
     if (one) rhs -= 1.0;
   }
   add_row(s.model, ind, val, KVR_GREATER_EQUAL, rhs);
-  s.model.constrs.extra.resize(s.model.constrs.sense.size());
 }
 
 // The user's integer values of x as a key (pool entries with the same key are the same

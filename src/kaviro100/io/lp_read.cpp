@@ -432,13 +432,8 @@ class LpReader {
       in_.fail("'%.*s' cannot be a variable name here", static_cast<int>(name.size()), name.data());
     if (name.size() > KVR_MAX_NAMELEN)
       in_.fail("name '%.20s...' is longer than %d characters", name.data(), KVR_MAX_NAMELEN);
-    j = d_.vars.size();
-    d_.vars.names.push_back(name);
+    j = d_.vars.append(0.0, KVR_INFINITY, 0.0, KVR_CONTINUOUS, name);
     vars_.add(j);
-    d_.vars.lb.push_back(0.0);
-    d_.vars.ub.push_back(KVR_INFINITY);
-    d_.vars.obj.push_back(0.0);
-    d_.vars.vtype.push_back(KVR_CONTINUOUS);
     given_.push_back(0);
     slot_.push_back(-1);
     return j;
@@ -719,8 +714,7 @@ class LpReader {
       qc.q = std::move(q);
       qc.sense = sense;
       qc.rhs = rhs;
-      d_.qconstrs.items.push_back(std::move(qc));
-      d_.qconstrs.names.push_back(name);
+      d_.qconstrs.append(std::move(qc), name);
       return;
     }
     add_row(std::move(name), lin, sense, rhs);
@@ -732,10 +726,7 @@ class LpReader {
   }
 
   void add_row(std::string name, const Linear &lin, char sense, double rhs) {
-    d_.constrs.rows.add_row(static_cast<int>(lin.ind.size()), lin.ind.data(), lin.val.data());
-    d_.constrs.sense.push_back(sense);
-    d_.constrs.rhs.push_back(rhs);
-    d_.constrs.names.push_back(name);
+    d_.constrs.append(lin.ind, lin.val, sense, rhs, name);
     lazy_levels_.push_back(lazy_);
   }
 
@@ -784,8 +775,7 @@ class LpReader {
     g.rhs = value("a right-hand side") - c;
     g.ind = std::move(lin.ind);
     g.val = std::move(lin.val);
-    d_.gens.items.push_back(std::move(g));
-    d_.gens.names.push_back(name);
+    d_.gens.append(std::move(g), name);
   }
 
   void bound() {
@@ -862,8 +852,7 @@ class LpReader {
     advance();
     if (!colon_taken) expect(Tk::Colon);
     expect(Tk::Colon);
-    d_.sos.type.push_back(type);
-    d_.sos.beg.push_back(d_.sos.beg.back());
+    d_.sos.append(type);
     // Members "x:1" or "x:-1" (a label when first on a line).
     auto signed_number_at = [&](size_t k) {
       Tk t = peek(k);
@@ -886,9 +875,7 @@ class LpReader {
         sign = cur().type == Tk::Minus ? -1 : 1;
         advance();
       }
-      d_.sos.ind.push_back(j);
-      d_.sos.weight.push_back(sign * cur().num);
-      ++d_.sos.beg.back();
+      d_.sos.add_member(j, sign * cur().num);
       advance();
     }
     const Token &e = cur();
@@ -1008,8 +995,7 @@ class LpReader {
               key.c_str());
       }
     }
-    d_.gens.items.push_back(std::move(g));
-    d_.gens.names.push_back(name);
+    d_.gens.append(std::move(g), name);
   }
 
   void pwlobj() {
@@ -1046,9 +1032,7 @@ class LpReader {
     for (size_t k = 0; k < ranges_.size(); ++k) {
       const Range &r = ranges_[k];
       d_.constrs.rows.ind[r.pos] = d_.vars.size();
-      d_.vars.names.push_back(r.name);
-      d_.vars.lb.push_back(r.lo), d_.vars.ub.push_back(r.hi), d_.vars.obj.push_back(0.0);
-      d_.vars.vtype.push_back(KVR_CONTINUOUS);
+      d_.vars.append(r.lo, r.hi, 0.0, KVR_CONTINUOUS, r.name);
     }
     for (int level : lazy_levels_)
       if (level != 0) {

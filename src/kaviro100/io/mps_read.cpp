@@ -340,13 +340,8 @@ class MpsReader {
   // Adds a column; returns its index.
   int new_column(std::string_view name) {
     check_name(name);
-    int j = d_.vars.size();
-    d_.vars.names.push_back(name);
+    int j = d_.vars.append(0.0, KVR_INFINITY, 0.0, integer_ ? KVR_INTEGER : KVR_CONTINUOUS, name);
     col_index_.add(j);
-    d_.vars.lb.push_back(0.0);
-    d_.vars.ub.push_back(KVR_INFINITY);
-    d_.vars.obj.push_back(0.0);
-    d_.vars.vtype.push_back(integer_ ? KVR_INTEGER : KVR_CONTINUOUS);
     bound_state_.push_back(0);
     return j;
   }
@@ -637,8 +632,7 @@ class MpsReader {
       type = f_[0][1] == '1' ? KVR_SOS_TYPE1 : KVR_SOS_TYPE2;
     }
     if (is_header) {
-      d_.sos.type.push_back(type);
-      d_.sos.beg.push_back(d_.sos.beg.back());
+      d_.sos.append(type);
       return;
     }
     if (d_.sos.size() == 0) in_.fail("expected S1 or S2 to begin a set");
@@ -652,9 +646,7 @@ class MpsReader {
       in_.fail("expected a column name and a weight");
     }
     int j = find_col(col);
-    d_.sos.ind.push_back(j);
-    d_.sos.weight.push_back(in_.number(w, "an SOS weight"));
-    ++d_.sos.beg.back();
+    d_.sos.add_member(j, in_.number(w, "an SOS weight"));
   }
 
   void indicator_line(int n) {
@@ -677,8 +669,7 @@ class MpsReader {
     g.binvar = b;
     g.binval = static_cast<int>(val);
     g.resvar = r;  // the row, resolved in finish()
-    d_.gens.items.push_back(std::move(g));
-    d_.gens.names.push_back(row_names_.get(static_cast<size_t>(r)));
+    d_.gens.append(std::move(g), row_names_.get(static_cast<size_t>(r)));
   }
 
   // GENCONS: a header line "TYPE name", then one line per item ("RES r", "ARG x", "CONST c",
@@ -692,8 +683,7 @@ class MpsReader {
       if (type == KVR_GENCONSTR_MAX) g.constant = -KVR_INFINITY;
       if (type == KVR_GENCONSTR_MIN) g.constant = KVR_INFINITY;
       if (type == KVR_GENCONSTR_NORM) g.constant = -1;  // must be given
-      d_.gens.items.push_back(std::move(g));
-      d_.gens.names.push_back(f_[1]);
+      d_.gens.append(std::move(g), f_[1]);
       gen_ = d_.gens.size() - 1;
       gen_lines_.resize(static_cast<size_t>(gen_) + 1);
       gen_lines_[gen_] = in_.line_number();
@@ -827,16 +817,15 @@ class MpsReader {
 
     // Linear rows, their ranges and lazy levels.
     std::vector<int> row_pos(static_cast<size_t>(nrows), -1);
-    SparseMatrix &A = d.constrs.rows;
-    A.ind.reserve(ind.size());
-    A.val.reserve(val.size());
-    std::vector<int> lazy;
+    d.constrs.rows.ind.reserve(ind.size());
+    d.constrs.rows.val.reserve(val.size());
+    std::vector<int> lazy, row_ind;
+    std::vector<double> row_val;
     bool any_lazy = false;
     for (int r = 0; r < nrows; ++r) {
       if (row_kind_[r] != kLinear) continue;
-      row_pos[r] = d.constrs.size();
-      A.ind.insert(A.ind.end(), ind.begin() + beg[r], ind.begin() + beg[r + 1]);
-      A.val.insert(A.val.end(), val.begin() + beg[r], val.begin() + beg[r + 1]);
+      row_ind.assign(ind.begin() + beg[r], ind.begin() + beg[r + 1]);
+      row_val.assign(val.begin() + beg[r], val.begin() + beg[r + 1]);
       std::string_view name = row_names_.get(static_cast<size_t>(r));
       double rhs = rhs_[r];
       char sense = row_type_[r] == 'L'   ? KVR_LESS_EQUAL
@@ -850,19 +839,13 @@ class MpsReader {
           lo = rhs - std::fabs(R), hi = rhs;
         else
           lo = rhs, hi = rhs + std::fabs(R);
-        int j = d.vars.size();
         std::string rg = "Rg";
         rg += name;
-        d.vars.names.push_back(rg);
-        d.vars.lb.push_back(lo), d.vars.ub.push_back(hi), d.vars.obj.push_back(0.0);
-        d.vars.vtype.push_back(KVR_CONTINUOUS);
-        A.ind.push_back(j), A.val.push_back(-1.0);
+        row_ind.push_back(d.vars.append(lo, hi, 0.0, KVR_CONTINUOUS, rg));
+        row_val.push_back(-1.0);
         sense = KVR_EQUAL, rhs = 0.0;
       }
-      A.beg.push_back(static_cast<int64_t>(A.ind.size()));
-      d.constrs.sense.push_back(sense);
-      d.constrs.rhs.push_back(rhs);
-      d.constrs.names.push_back(name);
+      row_pos[r] = d.constrs.append(row_ind, row_val, sense, rhs, name);
       lazy.push_back(row_lazy_[r]);
       any_lazy |= row_lazy_[r] != 0;
     }
@@ -880,8 +863,7 @@ class MpsReader {
                  : row_type_[r] == 'G' ? KVR_GREATER_EQUAL
                                        : KVR_EQUAL;
       qc.rhs = rhs_[r];
-      d.qconstrs.items.push_back(std::move(qc));
-      d.qconstrs.names.push_back(row_names_.get(static_cast<size_t>(r)));
+      d.qconstrs.append(std::move(qc), row_names_.get(static_cast<size_t>(r)));
     }
 
     // Indicator rows carry their row in resvar until here.

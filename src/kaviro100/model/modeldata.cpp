@@ -286,6 +286,58 @@ void ExtraAttrs::resize(size_t n) {
   for (auto &[key, pool] : str) pool.resize(n);
 }
 
+int VarData::append(double lower, double upper, double cost, char type, std::string_view name) {
+  lb.push_back(lower);
+  ub.push_back(upper);
+  obj.push_back(cost);
+  vtype.push_back(type);
+  names.push_back(name);
+  extra.resize(lb.size());
+  return size() - 1;
+}
+
+void VarData::reserve(size_t n) { lb.reserve(n), ub.reserve(n), obj.reserve(n), vtype.reserve(n); }
+
+void VarData::truncate(int n) {
+  const auto k = static_cast<size_t>(n);
+  lb.resize(k), ub.resize(k), obj.resize(k), vtype.resize(k);
+  names.resize(k);
+  extra.resize(k);
+}
+
+int ConstrData::append(int n, const int *ind, const double *val, char row_sense, double row_rhs,
+                       std::string_view name) {
+  rows.add_row(n, ind, val);
+  sense.push_back(row_sense);
+  rhs.push_back(row_rhs);
+  names.push_back(name);
+  extra.resize(sense.size());
+  return size() - 1;
+}
+
+void ConstrData::reserve(size_t n) { rows.beg.reserve(n + 1), sense.reserve(n), rhs.reserve(n); }
+
+int SosData::append(int set_type) {
+  type.push_back(set_type);
+  beg.push_back(beg.back());
+  extra.resize(type.size());
+  return size() - 1;
+}
+
+int QConstrData::append(QConstr item, std::string_view name) {
+  items.push_back(std::move(item));
+  names.push_back(name);
+  extra.resize(items.size());
+  return size() - 1;
+}
+
+int GenConstrData::append(GenConstr item, std::string_view name) {
+  items.push_back(std::move(item));
+  names.push_back(name);
+  extra.resize(items.size());
+  return size() - 1;
+}
+
 double ExtraAttrs::get(int key, size_t i) const {
   auto it = num.find(key);
   if (it == num.end() || i >= it->second.size()) return extra_default(key);

@@ -163,6 +163,12 @@ struct VarData {
   NamePool names;
   ExtraAttrs extra;
   int size() const { return static_cast<int>(lb.size()); }
+  // Appends one variable with every column, its name and its extra attributes in step (extra
+  // columns take their defaults); returns its index.
+  int append(double lower, double upper, double cost, char type, std::string_view name = {});
+  void reserve(size_t n);
+  // Keeps the first n variables (undoes appends; references elsewhere are not renumbered).
+  void truncate(int n);
 };
 
 struct ConstrData {
@@ -172,6 +178,15 @@ struct ConstrData {
   NamePool names;
   ExtraAttrs extra;
   int size() const { return static_cast<int>(sense.size()); }
+  // Appends the row sum val[k] x[ind[k]] `row_sense` `row_rhs` with its name, keeping the matrix,
+  // the columns and the extra attributes in step; returns its index.
+  int append(int n, const int *ind, const double *val, char row_sense, double row_rhs,
+             std::string_view name = {});
+  int append(const std::vector<int> &ind, const std::vector<double> &val, char row_sense,
+             double row_rhs, std::string_view name = {}) {
+    return append(static_cast<int>(ind.size()), ind.data(), val.data(), row_sense, row_rhs, name);
+  }
+  void reserve(size_t n);
 };
 
 struct QConstr {
@@ -193,6 +208,8 @@ struct QConstrData {
   NamePool names;
   ExtraAttrs extra;
   int size() const { return static_cast<int>(items.size()); }
+  // Appends one constraint with its name and extra attributes; returns its index.
+  int append(QConstr item, std::string_view name = {});
 };
 
 struct SosData {
@@ -202,6 +219,14 @@ struct SosData {
   std::vector<double> weight;
   ExtraAttrs extra;
   int size() const { return static_cast<int>(type.size()); }
+  // Opens an empty set of this type (members follow with add_member); returns its index.
+  int append(int set_type);
+  // Adds a member to the last set.
+  void add_member(int var, double member_weight) {
+    ind.push_back(var);
+    weight.push_back(member_weight);
+    ++beg.back();
+  }
 };
 
 // One general constraint; which members are used depends on the type (KVR_GENCONSTR_*).
@@ -236,6 +261,8 @@ struct GenConstrData {
   NamePool names;
   ExtraAttrs extra;
   int size() const { return static_cast<int>(items.size()); }
+  // Appends one constraint with its name and extra attributes; returns its index.
+  int append(GenConstr item, std::string_view name = {});
 };
 
 // Objective n of a multi-objective model (n >= 1; objective 0 is the ordinary objective, whose

@@ -44,14 +44,11 @@ bool Builder::integral(int j) const {
 }
 
 int Builder::add_var(double lo, double hi, char vtype, const std::string &name) {
-  m_.vars.lb.push_back(lo <= -kInf ? -KVR_INFINITY : lo);
-  m_.vars.ub.push_back(hi >= kInf ? KVR_INFINITY : hi);
-  m_.vars.obj.push_back(0.0);
-  m_.vars.vtype.push_back(vtype);
-  m_.vars.names.push_back(name);
+  const int j = m_.vars.append(lo <= -kInf ? -KVR_INFINITY : lo, hi >= kInf ? KVR_INFINITY : hi,
+                               0.0, vtype, name);
   lb_.push_back(implied_lb(lo));
   ub_.push_back(implied_ub(hi));
-  return m_.num_vars() - 1;
+  return j;
 }
 
 void Builder::add_row(const std::vector<Term> &terms, char sense, double rhs,
@@ -68,10 +65,7 @@ void Builder::add_row(const std::vector<Term> &terms, char sense, double rhs,
     if (coef != 0.0) ind.push_back(sorted[k].var), val.push_back(coef);
     k = e;
   }
-  m_.constrs.rows.add_row(static_cast<int>(ind.size()), ind.data(), val.data());
-  m_.constrs.sense.push_back(sense);
-  m_.constrs.rhs.push_back(rhs);
-  m_.constrs.names.push_back(name);
+  m_.constrs.append(ind, val, sense, rhs, name);
 }
 
 double Builder::activity_bound(const std::vector<Term> &terms, bool upper, int *culprit) const {

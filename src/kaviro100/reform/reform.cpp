@@ -149,21 +149,13 @@ void check_references(const ModelData &m) {
 // Appends an epigraph column t (objective coefficient `cost`) and the constraint
 // scale * (q - t) <= 0.
 void add_epigraph(ModelData &m, QuadTerms q, double cost, double scale = 1.0) {
-  const int t = m.num_vars();
-  m.vars.lb.push_back(-KVR_INFINITY);
-  m.vars.ub.push_back(KVR_INFINITY);
-  m.vars.obj.push_back(cost);
-  m.vars.vtype.push_back(KVR_CONTINUOUS);
-  m.vars.names.push_back("");
-  m.vars.extra.resize(m.vars.lb.size());
+  const int t = m.vars.append(-KVR_INFINITY, KVR_INFINITY, cost, KVR_CONTINUOUS);
   QConstr epi;
   epi.q = std::move(q);
   for (double &v : epi.q.val) v *= scale;
   epi.lind = {t};
   epi.lval = {-scale};
-  m.qconstrs.items.push_back(std::move(epi));
-  m.qconstrs.names.push_back("");
-  m.qconstrs.extra.resize(m.qconstrs.items.size());
+  m.qconstrs.append(std::move(epi));
 }
 
 // The engine's QP method takes neither integers nor quadratic rows: a quadratic objective then
@@ -235,10 +227,8 @@ Reformulated reformulate(const ModelData &user, const ParamValues &params,
   if (!caps.sos) m.sos = SosData{};
   GenConstrData kept;
   for (int i = 0; i < user.gens.size(); ++i)
-    if (native_gen(user.gens.items[i], caps)) {
-      kept.items.push_back(user.gens.items[i]);
-      kept.names.push_back(std::string(user.gens.names.get(static_cast<size_t>(i))));
-    }
+    if (native_gen(user.gens.items[i], caps))
+      kept.append(user.gens.items[i], user.gens.names.get(static_cast<size_t>(i)));
   m.gens = std::move(kept);
   m.pwlobj.clear();
   move_objective_to_epigraph(r, params, caps, epigraph);

@@ -51,13 +51,8 @@ ModelData dual_of(const ModelData &p) {
   const double out = p.sense == KVR_MAXIMIZE ? -1.0 : 1.0;  // D -> the dual model's objective
   d.objcon = out * flip * p.objcon;
 
-  auto add_var = [&](double lb, double ub, double obj, std::string name) {
-    d.vars.lb.push_back(lb);
-    d.vars.ub.push_back(ub);
-    d.vars.obj.push_back(out * obj);
-    d.vars.vtype.push_back(KVR_CONTINUOUS);
-    d.vars.names.push_back(name);
-    return d.num_vars() - 1;
+  auto add_var = [&](double lb, double ub, double obj, const std::string &name) {
+    return d.vars.append(lb, ub, out * obj, KVR_CONTINUOUS, name);
   };
   for (int i = 0; i < m; ++i) {
     char s = p.constrs.sense[i];
@@ -82,10 +77,7 @@ ModelData dual_of(const ModelData &p) {
       ind.push_back(add_var(-KVR_INFINITY, 0.0, p.vars.ub[j], "ub_" + name));
       val.push_back(1.0);
     }
-    d.constrs.rows.add_row(static_cast<int>(ind.size()), ind.data(), val.data());
-    d.constrs.sense.push_back(KVR_EQUAL);
-    d.constrs.rhs.push_back(flip * p.vars.obj[j]);
-    d.constrs.names.push_back(name);
+    d.constrs.append(ind, val, KVR_EQUAL, flip * p.vars.obj[j], name);
   }
   return d;
 }

@@ -190,17 +190,9 @@ ModelData infeasible_model(const ModelData &m) {
   ModelData d;
   d.name = m.name;
   d.sense = m.sense;
-  d.vars.lb.push_back(0.0);
-  d.vars.ub.push_back(0.0);
-  d.vars.obj.push_back(0.0);
-  d.vars.vtype.push_back(KVR_CONTINUOUS);
-  d.vars.names.push_back("Infeasible");
-  const int column = 0;
+  const int column = d.vars.append(0.0, 0.0, 0.0, KVR_CONTINUOUS, "Infeasible");
   const double one = 1.0;
-  d.constrs.rows.add_row(1, &column, &one);
-  d.constrs.sense.push_back(KVR_GREATER_EQUAL);
-  d.constrs.rhs.push_back(1.0);
-  d.constrs.names.push_back("Infeasible");
+  d.constrs.append(1, &column, &one, KVR_GREATER_EQUAL, 1.0, "Infeasible");
   return d;
 }
 
