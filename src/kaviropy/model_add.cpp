@@ -8,6 +8,7 @@
 
 #include "containers.h"
 #include "expr.h"
+#include "function_kinds.h"
 #include "matrix.h"
 #include "model.h"
 
@@ -582,35 +583,37 @@ nb::object add_maxmin(nb::handle self, nb::handle resvar, nb::handle vars, nb::h
                    model);
 }
 
-using FunctionFn = int (*)(KVRmodel *, const char *, int, int, const char *);
-using FunctionAFn = int (*)(KVRmodel *, const char *, int, int, double, const char *);
-
-void def_function(nb::class_<Model> &cls, const char *method, FunctionFn fn, const char *doc) {
-  cls.def(
-      method,
-      [fn](nb::handle self, nb::handle xvar, nb::handle yvar, nb::handle name, nb::handle options) {
-        KVRmodel *model = prepared_model(self);
-        int x = var_column(xvar, model), y = var_column(yvar, model);
-        std::string n = name_arg(name), o = name_arg(options);
-        return gen_added(self, fn(model, name_ptr(n), x, y, o.c_str()), model);
-      },
-      nb::arg("xvar").none(), nb::arg("yvar").none(), nb::arg("name").none() = "",
-      nb::arg("options").none() = "", doc);
-}
-
-void def_function_a(nb::class_<Model> &cls, const char *method, FunctionAFn fn, const char *doc) {
-  cls.def(
-      method,
-      [fn](nb::handle self, nb::handle xvar, nb::handle yvar, nb::handle a, nb::handle name,
-           nb::handle options) {
-        KVRmodel *model = prepared_model(self);
-        int x = var_column(xvar, model), y = var_column(yvar, model);
-        double av = number_arg(a, "a");
-        std::string n = name_arg(name), o = name_arg(options);
-        return gen_added(self, fn(model, name_ptr(n), x, y, av, o.c_str()), model);
-      },
-      nb::arg("xvar").none(), nb::arg("yvar").none(), nb::arg("a").none(),
-      nb::arg("name").none() = "", nb::arg("options").none() = "", doc);
+// Model.addGenConstr<Suffix>(xvar, yvar[, a], name="", options="") for every function kind.
+void def_function_adds(nb::class_<Model> &cls) {
+  for (const FunctionKind &kind : kFunctionKinds) {
+    std::string method = std::string("addGenConstr") + kind.suffix;
+    if (kind.add) {
+      cls.def(
+          method.c_str(),
+          [fn = kind.add](nb::handle self, nb::handle xvar, nb::handle yvar, nb::handle name,
+                          nb::handle options) {
+            KVRmodel *model = prepared_model(self);
+            int x = var_column(xvar, model), y = var_column(yvar, model);
+            std::string n = name_arg(name), o = name_arg(options);
+            return gen_added(self, fn(model, name_ptr(n), x, y, o.c_str()), model);
+          },
+          nb::arg("xvar").none(), nb::arg("yvar").none(), nb::arg("name").none() = "",
+          nb::arg("options").none() = "", kind.add_doc);
+    } else {
+      cls.def(
+          method.c_str(),
+          [fn = kind.add_param](nb::handle self, nb::handle xvar, nb::handle yvar, nb::handle a,
+                                nb::handle name, nb::handle options) {
+            KVRmodel *model = prepared_model(self);
+            int x = var_column(xvar, model), y = var_column(yvar, model);
+            double av = number_arg(a, "a");
+            std::string n = name_arg(name), o = name_arg(options);
+            return gen_added(self, fn(model, name_ptr(n), x, y, av, o.c_str()), model);
+          },
+          nb::arg("xvar").none(), nb::arg("yvar").none(), nb::arg("a").none(),
+          nb::arg("name").none() = "", nb::arg("options").none() = "", kind.add_doc);
+    }
+  }
 }
 
 // ---------------------------------------------------------------- objectives
@@ -1027,16 +1030,7 @@ void init_model_add(nb::class_<Model> &cls) {
       nb::arg("xvar").none(), nb::arg("yvar").none(), nb::arg("p").none(),
       nb::arg("name").none() = "", nb::arg("options").none() = "",
       "Adds yvar = p[0] xvar^(n-1) + ... + p[n-1] (coefficients from the highest degree).");
-  def_function(cls, "addGenConstrExp", KVRaddgenconstrExp, "Adds yvar = exp(xvar).");
-  def_function_a(cls, "addGenConstrExpA", KVRaddgenconstrExpA, "Adds yvar = a^xvar.");
-  def_function(cls, "addGenConstrLog", KVRaddgenconstrLog, "Adds yvar = ln(xvar).");
-  def_function_a(cls, "addGenConstrLogA", KVRaddgenconstrLogA, "Adds yvar = log_a(xvar).");
-  def_function_a(cls, "addGenConstrPow", KVRaddgenconstrPow, "Adds yvar = xvar^a.");
-  def_function(cls, "addGenConstrLogistic", KVRaddgenconstrLogistic,
-               "Adds yvar = 1 / (1 + exp(-xvar)).");
-  def_function(cls, "addGenConstrSin", KVRaddgenconstrSin, "Adds yvar = sin(xvar).");
-  def_function(cls, "addGenConstrCos", KVRaddgenconstrCos, "Adds yvar = cos(xvar).");
-  def_function(cls, "addGenConstrTan", KVRaddgenconstrTan, "Adds yvar = tan(xvar).");
+  def_function_adds(cls);
 
   cls.def(
       "setObjective",

@@ -5,6 +5,7 @@
 #include "attrutil.h"
 #include "containers.h"
 #include "expr.h"
+#include "function_kinds.h"
 #include "matrix.h"
 #include "model.h"
 
@@ -213,8 +214,6 @@ int gen_position(nb::handle self, nb::handle gc) {
 
 using ListFn = int (*)(KVRmodel *, int, int *, int *, int *);                 // And, Or
 using ListConstFn = int (*)(KVRmodel *, int, int *, int *, int *, double *);  // Max, Min, Norm
-using PairFn = int (*)(KVRmodel *, int, int *, int *);
-using PairAFn = int (*)(KVRmodel *, int, int *, int *, double *);
 
 nb::tuple read_list_const(nb::handle self, nb::handle gc, ListConstFn fn, bool with_constant) {
   KVRmodel *model = prepared_model(self);
@@ -247,7 +246,7 @@ void def_list(nb::class_<Model> &cls, const char *name, ListFn fn, const char *d
       nb::arg("genconstr").none(), doc);
 }
 
-void def_pair(nb::class_<Model> &cls, const char *name, PairFn fn, const char *doc) {
+void def_pair(nb::class_<Model> &cls, const char *name, FunctionGetFn fn, const char *doc) {
   cls.def(
       name,
       [fn](nb::handle self, nb::handle gc) {
@@ -259,17 +258,25 @@ void def_pair(nb::class_<Model> &cls, const char *name, PairFn fn, const char *d
       nb::arg("genconstr").none(), doc);
 }
 
-void def_pair_a(nb::class_<Model> &cls, const char *name, PairAFn fn, const char *doc) {
-  cls.def(
-      name,
-      [fn](nb::handle self, nb::handle gc) {
-        KVRmodel *model = prepared_model(self);
-        int id = gen_position(self, gc), x = 0, y = 0;
-        double a = 0;
-        check_model(fn(model, id, &x, &y, &a), model);
-        return nb::make_tuple(var_at(self, x), var_at(self, y), a);
-      },
-      nb::arg("genconstr").none(), doc);
+// Model.getGenConstr<Suffix>(genconstr) for every function kind: (xvar, yvar[, a]).
+void def_function_gets(nb::class_<Model> &cls) {
+  for (const FunctionKind &kind : kFunctionKinds) {
+    std::string method = std::string("getGenConstr") + kind.suffix;
+    if (kind.get) {
+      def_pair(cls, method.c_str(), kind.get, kind.get_doc);
+      continue;
+    }
+    cls.def(
+        method.c_str(),
+        [fn = kind.get_param](nb::handle self, nb::handle gc) {
+          KVRmodel *model = prepared_model(self);
+          int id = gen_position(self, gc), x = 0, y = 0;
+          double a = 0;
+          check_model(fn(model, id, &x, &y, &a), model);
+          return nb::make_tuple(var_at(self, x), var_at(self, y), a);
+        },
+        nb::arg("genconstr").none(), kind.get_doc);
+  }
 }
 
 }  // namespace
@@ -486,16 +493,7 @@ void init_model_query(nb::class_<Model> &cls) {
         return nb::make_tuple(var_at(self, x), var_at(self, y), float_list(p));
       },
       nb::arg("genconstr").none(), "(xvar, yvar, p) of a polynomial constraint.");
-  def_pair(cls, "getGenConstrExp", KVRgetgenconstrExp, "(xvar, yvar) of y = exp(x).");
-  def_pair_a(cls, "getGenConstrExpA", KVRgetgenconstrExpA, "(xvar, yvar, a) of y = a^x.");
-  def_pair(cls, "getGenConstrLog", KVRgetgenconstrLog, "(xvar, yvar) of y = ln(x).");
-  def_pair_a(cls, "getGenConstrLogA", KVRgetgenconstrLogA, "(xvar, yvar, a) of y = log_a(x).");
-  def_pair_a(cls, "getGenConstrPow", KVRgetgenconstrPow, "(xvar, yvar, a) of y = x^a.");
-  def_pair(cls, "getGenConstrLogistic", KVRgetgenconstrLogistic,
-           "(xvar, yvar) of y = 1 / (1 + exp(-x)).");
-  def_pair(cls, "getGenConstrSin", KVRgetgenconstrSin, "(xvar, yvar) of y = sin(x).");
-  def_pair(cls, "getGenConstrCos", KVRgetgenconstrCos, "(xvar, yvar) of y = cos(x).");
-  def_pair(cls, "getGenConstrTan", KVRgetgenconstrTan, "(xvar, yvar) of y = tan(x).");
+  def_function_gets(cls);
 
   cls.def(
       "remove", [](nb::handle self, nb::handle items) { remove_items(self, items); },
