@@ -617,6 +617,27 @@ struct MethodDefiner {
 };
 // A type from its spec, kept for the life of the process.
 PyTypeObject *new_heap_type(PyType_Spec *spec);
+// One slot of a type's operations table.
+template <class F>
+PyType_Slot slot(int id, F *fn) {
+  return {id, reinterpret_cast<void *>(fn)};
+}
+// What makes one garbage-collected type of the family: the lifecycle every such type has, then
+// the slots of its own operations (arithmetic, comparisons, members).
+struct ExprTypeOps {
+  const char *qualname;  // "kaviropy.<Name>"; <Name> is the module attribute
+  int basicsize;
+  const char *doc;
+  newfunc create;
+  destructor dealloc;
+  traverseproc traverse;
+  inquiry clear;
+  reprfunc repr;  // null: object's
+  std::initializer_list<PyType_Slot> operations;
+  unsigned int extra_flags = 0;
+};
+// The type built from its table and set as a module attribute; kept for the life of the process.
+PyTypeObject *new_expr_type(nb::module_ &m, const ExprTypeOps &ops);
 // The last step of tp_dealloc for the family's heap types.
 inline void free_heap_object(PyObject *self) {
   PyTypeObject *type = Py_TYPE(self);

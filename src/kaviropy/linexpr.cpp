@@ -1,5 +1,6 @@
 // LinExpr: a constant plus (coefficient, variable) terms in insertion order, and the arithmetic
 // operators of Var, which all produce expressions.
+#include <cstring>
 #include <unordered_map>
 #include <utility>
 
@@ -230,6 +231,25 @@ PyTypeObject *new_heap_type(PyType_Spec *spec) {
   PyObject *type = PyType_FromSpec(spec);
   if (!type) throw nb::python_error();
   return reinterpret_cast<PyTypeObject *>(type);
+}
+
+PyTypeObject *new_expr_type(nb::module_ &m, const ExprTypeOps &ops) {
+  std::vector<PyType_Slot> slots = {{Py_tp_doc, const_cast<char *>(ops.doc)},
+                                    slot(Py_tp_new, ops.create),
+                                    slot(Py_tp_dealloc, ops.dealloc),
+                                    slot(Py_tp_traverse, ops.traverse),
+                                    slot(Py_tp_clear, ops.clear)};
+  if (ops.repr) slots.push_back(slot(Py_tp_repr, ops.repr));
+  slots.insert(slots.end(), ops.operations.begin(), ops.operations.end());
+  slots.push_back({0, nullptr});
+  // The name must outlive the type (it is not copied); qualname is a literal.
+  PyType_Spec spec = {
+      ops.qualname, ops.basicsize, 0,
+      static_cast<unsigned int>(Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | ops.extra_flags),
+      slots.data()};
+  PyTypeObject *type = new_heap_type(&spec);
+  m.attr(std::strchr(ops.qualname, '.') + 1) = nb::handle(reinterpret_cast<PyObject *>(type));
+  return type;
 }
 
 void add_method(PyTypeObject *type, const char *name, nb::object func) {
@@ -907,32 +927,26 @@ nb::object make_linexpr(std::vector<double> coeffs, std::vector<nb::object> vars
 }
 
 void init_linexpr(nb::module_ &m) {
-  static PyType_Slot slots[] = {
-      {Py_tp_doc, const_cast<char *>("A linear expression: a constant plus coefficient-variable "
-                                     "terms.\n\nLinExpr(arg1=0.0, arg2=None)")},
-      {Py_tp_new, reinterpret_cast<void *>(lin_tp_new)},
-      {Py_tp_dealloc, reinterpret_cast<void *>(lin_tp_dealloc)},
-      {Py_tp_traverse, reinterpret_cast<void *>(lin_tp_traverse)},
-      {Py_tp_clear, reinterpret_cast<void *>(lin_tp_clear)},
-      {Py_tp_repr, reinterpret_cast<void *>(lin_tp_repr)},
-      {Py_tp_str, reinterpret_cast<void *>(lin_tp_str)},
-      {Py_tp_richcompare, reinterpret_cast<void *>(expr_richcompare)},
-      {Py_nb_add, reinterpret_cast<void *>(sum_slot<LinOps>)},
-      {Py_nb_subtract, reinterpret_cast<void *>(difference_slot<LinOps>)},
-      {Py_nb_multiply, reinterpret_cast<void *>(linear_product_slot<LinOps>)},
-      {Py_nb_true_divide, reinterpret_cast<void *>(quotient_slot<LinOps>)},
-      {Py_nb_negative, reinterpret_cast<void *>(negation_slot<LinOps>)},
-      {Py_nb_power, reinterpret_cast<void *>(square_slot<LinOps>)},
-      {Py_nb_inplace_add, reinterpret_cast<void *>(inplace_sum_slot<LinOps, 1>)},
-      {Py_nb_inplace_subtract, reinterpret_cast<void *>(inplace_sum_slot<LinOps, -1>)},
-      {Py_nb_inplace_multiply, reinterpret_cast<void *>(lin_nb_inplace_multiply)},
-      {Py_nb_inplace_true_divide, reinterpret_cast<void *>(inplace_quotient_slot<LinOps>)},
-      {0, nullptr}};
-  static PyType_Spec spec = {"kaviropy.LinExpr", sizeof(LinExprObject), 0,
-                             Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC, slots};
-  g_linexpr_type = new_heap_type(&spec);
+  g_linexpr_type = new_expr_type(
+      m, {"kaviropy.LinExpr",
+          sizeof(LinExprObject),
+          "A linear expression: a constant plus coefficient-variable terms.\n\n"
+          "LinExpr(arg1=0.0, arg2=None)",
+          lin_tp_new,
+          lin_tp_dealloc,
+          lin_tp_traverse,
+          lin_tp_clear,
+          lin_tp_repr,
+          {slot(Py_tp_str, lin_tp_str), slot(Py_tp_richcompare, expr_richcompare),
+           slot(Py_nb_add, sum_slot<LinOps>), slot(Py_nb_subtract, difference_slot<LinOps>),
+           slot(Py_nb_multiply, linear_product_slot<LinOps>),
+           slot(Py_nb_true_divide, quotient_slot<LinOps>),
+           slot(Py_nb_negative, negation_slot<LinOps>), slot(Py_nb_power, square_slot<LinOps>),
+           slot(Py_nb_inplace_add, inplace_sum_slot<LinOps, 1>),
+           slot(Py_nb_inplace_subtract, inplace_sum_slot<LinOps, -1>),
+           slot(Py_nb_inplace_multiply, lin_nb_inplace_multiply),
+           slot(Py_nb_inplace_true_divide, inplace_quotient_slot<LinOps>)}});
   register_linexpr_methods(g_linexpr_type);
-  m.attr("LinExpr") = nb::handle(reinterpret_cast<PyObject *>(g_linexpr_type));
   static PyMethodDef unpickle = {
       "_unpickle_LinExpr",
       reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(unpickle_entry<lin_unpickle>)),
