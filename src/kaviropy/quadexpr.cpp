@@ -513,32 +513,25 @@ nb::object make_quadexpr(nb::object linexpr, std::vector<double> coeffs,
 }
 
 void init_quadexpr(nb::module_ &m) {
-  static PyType_Slot slots[] = {
-      {Py_tp_doc,
-       const_cast<char *>("A quadratic expression: a linear part plus "
-                          "coefficient-variable-variable terms.\n\nQuadExpr(expr=None)")},
-      {Py_tp_new, reinterpret_cast<void *>(quad_tp_new)},
-      {Py_tp_dealloc, reinterpret_cast<void *>(quad_tp_dealloc)},
-      {Py_tp_traverse, reinterpret_cast<void *>(quad_tp_traverse)},
-      {Py_tp_clear, reinterpret_cast<void *>(quad_tp_clear)},
-      {Py_tp_repr, reinterpret_cast<void *>(quad_tp_repr)},
-      {Py_tp_str, reinterpret_cast<void *>(quad_tp_str)},
-      {Py_tp_richcompare, reinterpret_cast<void *>(expr_richcompare)},
-      {Py_nb_add, reinterpret_cast<void *>(sum_slot<QuadOps>)},
-      {Py_nb_subtract, reinterpret_cast<void *>(difference_slot<QuadOps>)},
-      {Py_nb_multiply, reinterpret_cast<void *>(quad_nb_multiply)},
-      {Py_nb_true_divide, reinterpret_cast<void *>(quotient_slot<QuadOps>)},
-      {Py_nb_negative, reinterpret_cast<void *>(negation_slot<QuadOps>)},
-      {Py_nb_inplace_add, reinterpret_cast<void *>(inplace_sum_slot<QuadOps, 1>)},
-      {Py_nb_inplace_subtract, reinterpret_cast<void *>(inplace_sum_slot<QuadOps, -1>)},
-      {Py_nb_inplace_multiply, reinterpret_cast<void *>(quad_nb_inplace_multiply)},
-      {Py_nb_inplace_true_divide, reinterpret_cast<void *>(inplace_quotient_slot<QuadOps>)},
-      {0, nullptr}};
-  static PyType_Spec spec = {"kaviropy.QuadExpr", sizeof(QuadExprObject), 0,
-                             Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC, slots};
-  g_quadexpr_type = new_heap_type(&spec);
+  g_quadexpr_type = new_expr_type(
+      m, {"kaviropy.QuadExpr",
+          sizeof(QuadExprObject),
+          "A quadratic expression: a linear part plus coefficient-variable-variable terms.\n\n"
+          "QuadExpr(expr=None)",
+          quad_tp_new,
+          quad_tp_dealloc,
+          quad_tp_traverse,
+          quad_tp_clear,
+          quad_tp_repr,
+          {slot(Py_tp_str, quad_tp_str), slot(Py_tp_richcompare, expr_richcompare),
+           slot(Py_nb_add, sum_slot<QuadOps>), slot(Py_nb_subtract, difference_slot<QuadOps>),
+           slot(Py_nb_multiply, quad_nb_multiply), slot(Py_nb_true_divide, quotient_slot<QuadOps>),
+           slot(Py_nb_negative, negation_slot<QuadOps>),
+           slot(Py_nb_inplace_add, inplace_sum_slot<QuadOps, 1>),
+           slot(Py_nb_inplace_subtract, inplace_sum_slot<QuadOps, -1>),
+           slot(Py_nb_inplace_multiply, quad_nb_inplace_multiply),
+           slot(Py_nb_inplace_true_divide, inplace_quotient_slot<QuadOps>)}});
   register_quadexpr_methods(g_quadexpr_type);
-  m.attr("QuadExpr") = nb::handle(reinterpret_cast<PyObject *>(g_quadexpr_type));
   static PyMethodDef unpickle = {
       "_unpickle_QuadExpr",
       reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(unpickle_entry<quad_unpickle>)),
