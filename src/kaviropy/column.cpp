@@ -336,21 +336,18 @@ void collect_column(nb::handle column, KVRmodel *model, std::vector<int> &ind,
 }
 
 void init_column(nb::module_ &m) {
-  static PyType_Slot slots[] = {
-      {Py_tp_doc, const_cast<char *>("The constraints a new variable takes part in: "
-                                     "(coefficient, Constr) terms, for Model.addVar(column=...)."
-                                     "\n\nColumn(coeffs=None, constrs=None)")},
-      {Py_tp_new, reinterpret_cast<void *>(column_tp_new)},
-      {Py_tp_dealloc, reinterpret_cast<void *>(column_tp_dealloc)},
-      {Py_tp_traverse, reinterpret_cast<void *>(column_tp_traverse)},
-      {Py_tp_clear, reinterpret_cast<void *>(column_tp_clear)},
-      {Py_tp_repr, reinterpret_cast<void *>(column_tp_repr)},
-      {0, nullptr}};
-  static PyType_Spec spec = {"kaviropy.Column", sizeof(ColumnObject), 0,
-                             Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC, slots};
-  g_column_type = new_heap_type(&spec);
+  g_column_type =
+      new_expr_type(m, {"kaviropy.Column",
+                        sizeof(ColumnObject),
+                        "The constraints a new variable takes part in: (coefficient, Constr) "
+                        "terms, for Model.addVar(column=...).\n\nColumn(coeffs=None, constrs=None)",
+                        column_tp_new,
+                        column_tp_dealloc,
+                        column_tp_traverse,
+                        column_tp_clear,
+                        column_tp_repr,
+                        {}});
   register_column_methods(g_column_type);
-  m.attr("Column") = nb::handle(reinterpret_cast<PyObject *>(g_column_type));
   m.def("quicksum", &quicksum, nb::arg("data").none(),
         "The sum of the items of data (numbers, Var, LinExpr, QuadExpr, ...) as one expression, "
         "built in place; a tupledict contributes its values.");
