@@ -230,23 +230,20 @@ void init_tempconstr(nb::module_ &m) {
        "Sense: '<', '>', '=', or 'I' for an indicator."},
       {"_rhs", T_OBJECT_EX, offsetof(TempConstrObject, rhs), 0, "Right side."},
       {nullptr, 0, 0, 0, nullptr}};
-  static PyType_Slot slots[] = {
-      {Py_tp_doc, const_cast<char *>("A constraint under construction: the result of <=, >= or == "
-                                     "on modelling objects, for Model.addConstr.\n\n"
-                                     "TempConstr(lhs, sense, rhs)")},
-      {Py_tp_new, reinterpret_cast<void *>(tc_tp_new)},
-      {Py_tp_dealloc, reinterpret_cast<void *>(tc_tp_dealloc)},
-      {Py_tp_traverse, reinterpret_cast<void *>(tc_tp_traverse)},
-      {Py_tp_clear, reinterpret_cast<void *>(tc_tp_clear)},
-      {Py_tp_repr, reinterpret_cast<void *>(tc_tp_repr)},
-      {Py_tp_richcompare, reinterpret_cast<void *>(tc_tp_richcompare)},
-      {Py_tp_members, members},
-      {Py_nb_rshift, reinterpret_cast<void *>(tc_nb_rshift)},
-      {Py_nb_bool, reinterpret_cast<void *>(tc_nb_bool)},
-      {0, nullptr}};
-  static PyType_Spec spec = {"kaviropy.TempConstr", sizeof(TempConstrObject), 0,
-                             Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC, slots};
-  g_tempconstr_type = new_heap_type(&spec);
+  g_tempconstr_type = new_expr_type(
+      m, {"kaviropy.TempConstr",
+          sizeof(TempConstrObject),
+          "A constraint under construction: the result of <=, >= or == on modelling objects, for "
+          "Model.addConstr.\n\nTempConstr(lhs, sense, rhs)",
+          tc_tp_new,
+          tc_tp_dealloc,
+          tc_tp_traverse,
+          tc_tp_clear,
+          tc_tp_repr,
+          {slot(Py_tp_richcompare, tc_tp_richcompare),
+           {Py_tp_members, members},
+           slot(Py_nb_rshift, tc_nb_rshift),
+           slot(Py_nb_bool, tc_nb_bool)}});
   MethodDefiner def{g_tempconstr_type};
   def(
       "__nonzero__",
@@ -255,7 +252,6 @@ void init_tempconstr(nb::module_ &m) {
         return false;
       },
       "Raises: a constraint has no truth value.");
-  m.attr("TempConstr") = nb::handle(reinterpret_cast<PyObject *>(g_tempconstr_type));
   install_var_comparisons();
 }
 
