@@ -200,27 +200,26 @@ nb::object gen_new(GenKind kind, nb::tuple args) {
   return nb::none();
 }
 
-PyTypeObject *make_base() {
+PyTypeObject *make_base(nb::module_ &m) {
   static PyMemberDef members[] = {
       {"__dictoffset__", T_PYSSIZET, offsetof(GenExprObject, dict), READONLY, nullptr},
       {nullptr, 0, 0, 0, nullptr}};
   static PyGetSetDef getset[] = {
       {"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr},
       {nullptr, nullptr, nullptr, nullptr, nullptr}};
-  static PyType_Slot slots[] = {
-      {Py_tp_doc, const_cast<char *>("Base class of the general expressions (max_, min_, abs_, "
-                                     "and_, or_, norm).")},
-      {Py_tp_new, reinterpret_cast<void *>(PyType_GenericNew)},
-      {Py_tp_dealloc, reinterpret_cast<void *>(ge_tp_dealloc)},
-      {Py_tp_traverse, reinterpret_cast<void *>(ge_tp_traverse)},
-      {Py_tp_clear, reinterpret_cast<void *>(ge_tp_clear)},
-      {Py_tp_richcompare, reinterpret_cast<void *>(ge_tp_richcompare)},
-      {Py_tp_members, members},
-      {Py_tp_getset, getset},
-      {0, nullptr}};
-  static PyType_Spec spec = {"kaviropy.GenExpr", sizeof(GenExprObject), 0,
-                             Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE | Py_TPFLAGS_HAVE_GC, slots};
-  return new_heap_type(&spec);
+  return new_expr_type(
+      m, {"kaviropy.GenExpr",
+          sizeof(GenExprObject),
+          "Base class of the general expressions (max_, min_, abs_, and_, or_, norm).",
+          PyType_GenericNew,
+          ge_tp_dealloc,
+          ge_tp_traverse,
+          ge_tp_clear,
+          nullptr,
+          {slot(Py_tp_richcompare, ge_tp_richcompare),
+           {Py_tp_members, members},
+           {Py_tp_getset, getset}},
+          Py_TPFLAGS_BASETYPE});
 }
 
 PyTypeObject *make_subclass(const GenClass &cls, PyTypeObject *base) {
@@ -244,8 +243,7 @@ bool is_genexpr(nb::handle obj) {
 }
 
 void init_genexpr(nb::module_ &m) {
-  g_genexpr_type = make_base();  // kept for the life of the process
-  m.attr("GenExpr") = nb::handle(reinterpret_cast<PyObject *>(g_genexpr_type));
+  g_genexpr_type = make_base(m);
   for (GenClass &cls : g_classes) {
     cls.type = make_subclass(cls, g_genexpr_type);
     MethodDefiner def{cls.type};
