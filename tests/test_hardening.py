@@ -471,3 +471,7 @@ def test_interrupt_signal_stops_a_long_read(tmp_path, name):
     assert lines[0].startswith(f"{KVR.ERROR_FILE_READ} {fifo}, line ")
     assert lines[0].endswith(": reading stopped by Ctrl-C")
     assert lines[1:] == [f"start {KVR.UNDEFINED}", "KeyboardInterrupt"]
+
+
+def test_interrupt_signal_shared_by_a_read_and_a_solve_on_two_threads(tmp_path):
+    clib.run_c_program(clib.build_c_program("interrupt_test", tmp_path), timeout=60)
