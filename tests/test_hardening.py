@@ -406,3 +406,72 @@ def test_mps_data_lines_with_too_many_fields_fail_but_long_names_read(env, tmp_p
     m.addVar(name="x")
     m.write(str(tmp_path / "named.mps"))
     assert kp.read(str(tmp_path / "named.mps"), env=env).NumVars == 1
+
+
+# An endless file: a pipe fed until the reader goes away.
+ENDLESS = {
+    "endless.mps": ("NAME endless\nROWS\n N obj\n L c\nCOLUMNS\n", "    x{0} obj 1 c 1\n"),
+    "endless.mst": ("", "x 1\n"),
+}
+
+
+@pytest.mark.parametrize("name", sorted(ENDLESS))
+def test_interrupt_signal_stops_a_long_read(tmp_path, name):
+    """Ctrl-C ends a read that would take forever with FILE_READ at once, the model keeps what
+    it had, and afterwards Ctrl-C is Python's again (KeyboardInterrupt)."""
+    import signal
+    import threading
+
+    fifo = tmp_path / name
+    os.mkfifo(fifo)
+    child = subprocess.Popen([sys.executable, "-c", textwrap.dedent(f"""
+        import os, signal, time
+        import kaviropy as kp
+        env = kp.Env(empty=True)
+        env.setParam("OutputFlag", 0)
+        env.start()
+        m = kp.Model(env=env)
+        x = m.addVar(name="x")
+        m.update()
+        print("reading", flush=True)
+        try:
+            kp.read({str(fifo)!r}, env=env) if {name!r}.endswith(".mps") else m.read({str(fifo)!r})
+        except kp.KaviroError as e:
+            print(e.errno, e.message)
+        print("start", x.Start)
+        try:
+            os.kill(os.getpid(), signal.SIGINT)
+            time.sleep(5)
+        except KeyboardInterrupt:
+            print("KeyboardInterrupt")
+        """)], stdout=subprocess.PIPE, text=True)
+    head, line = ENDLESS[name]
+
+    def feed():
+        try:
+            with open(fifo, "w") as out:
+                out.write(head)
+                for i in range(10**9):
+                    out.write(line.format(i))
+        except BrokenPipeError:
+            pass
+
+    writer = threading.Thread(target=feed, daemon=True)
+    writer.start()
+    try:
+        assert child.stdout.readline() == "reading\n"
+        import time
+        time.sleep(0.5)
+        child.send_signal(signal.SIGINT)
+        out, _ = child.communicate(timeout=30)
+    finally:
+        child.kill()
+    writer.join(timeout=10)
+    lines = out.splitlines()
+    assert lines[0].startswith(f"{KVR.ERROR_FILE_READ} {fifo}, line ")
+    assert lines[0].endswith(": reading stopped by Ctrl-C")
+    assert lines[1:] == [f"start {KVR.UNDEFINED}", "KeyboardInterrupt"]
+
+
+def test_interrupt_signal_shared_by_a_read_and_a_solve_on_two_threads(tmp_path):
+    clib.run_c_program(clib.build_c_program("interrupt_test", tmp_path), timeout=60)

@@ -371,6 +371,8 @@ def lqcp(m, n):
     (10, 0.00069076),   # the engine's QP method solves it
     (20, None),         # its QP method fails (numerical trouble): solved by cuts
     pytest.param(30, 0.00065599, marks=pytest.mark.slow),
+    # its QP method cycles until the iteration cap, then cuts: seconds, not minutes
+    pytest.param(50, None, marks=pytest.mark.slow),
 ])
 def test_badly_scaled_convex_qp_is_solved(env, tmp_path, n, optimum):
     log = tmp_path / "qp.log"
@@ -385,7 +387,10 @@ def test_badly_scaled_convex_qp_is_solved(env, tmp_path, n, optimum):
         if optimum is not None:
             assert m.ObjVal == pytest.approx(optimum, abs=1e-6)
         assert 0.00065 < m.ObjVal < 0.0007
-        assert ("objective approximated by cuts" in log.read_text()) == (n > 10)
+        text = log.read_text()
+        assert ("objective approximated by cuts" in text) == (n > 10)
+        # Tangents bound every epigraph from the first LP: no rounds spent blocking rays.
+        assert "against a ray" not in text
 
 
 def test_convex_qp_and_rejected_quadratic_objectives(m):

@@ -331,6 +331,7 @@ void init_env(nb::module_ &m) {
           "readParams",
           [](nb::handle self, nb::handle filename) {
             std::string f = utf8(filename);
+            KVRsetreadsignal();  // Ctrl-C ends a long read with an error
             check(KVRreadparams(live_env(self), f.c_str()), self);
             env_message(self, "Read parameters from file " + f);
           },

@@ -25,6 +25,7 @@ nb::object read_model(nb::handle filename, nb::handle env) {
   KVRenv *cenv = nb::cast<Env &>(e).cenv;
   if (!cenv) raise_error(kInputError, "Invalid Environment");
   KVRmodel *model = nullptr;
+  KVRsetreadsignal();  // Ctrl-C ends a long read with an error
   int code = KVRreadmodel(cenv, name.c_str(), &model);
   if (code) raise_error(code, latest_message(e));
   if (!model) raise_error(kUsageError, "Unable to read model");

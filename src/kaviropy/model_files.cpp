@@ -18,6 +18,7 @@ std::string file_name(nb::handle filename) {
 void read(nb::handle self, nb::handle filename) {
   KVRmodel *cm = live_model(self);
   std::string name = file_name(filename);
+  KVRsetreadsignal();  // Ctrl-C ends a long read with an error
   check(KVRread(cm, name.c_str()), self);
 }
 

@@ -7,6 +7,7 @@
 #include "io/paramfile.h"
 #include "params/params.h"
 #include "util/error.h"
+#include "util/interrupt.h"
 #include "util/live.h"
 
 namespace {
@@ -200,6 +201,7 @@ int KVRreadparams(KVRenv *env, const char *filename) {
   return with_env(env, [&] {
     if (!filename) kvr::fail(KVR_ERROR_NULL_ARGUMENT, "No file name given");
     kvr::ParamValues before = env->params;
+    kvr::ReadInterruptScope interrupt;
     kvr::read_param_file(env->params, filename);
     try {
       env->sync_logfile();

@@ -690,6 +690,14 @@ EngineResult HighsEngine::solve_on(const EngineProblem &problem, const ParamValu
     relaxation_iters = relaxed.itercount;
   }
 
+  if (!mip && oa && ctx.lazy.empty()) {
+    // Tangents at the point of the bounds nearest the origin: without them each epigraph
+    // variable is unbounded below, and the rounds would block one ray at a time.
+    std::vector<double> x0(static_cast<size_t>(m.num_vars()));
+    for (int j = 0; j < m.num_vars(); ++j) x0[j] = std::clamp(0.0, m.vars.lb[j], m.vars.ub[j]);
+    oa->tangents_at(x0.data(), ctx.lazy);
+  }
+
   // Threads 0 leaves the count to the engine (it uses part of the machine's threads).
   SchedulerUse sched(params.get_int(ParamId::Threads), ctx);
 
@@ -736,6 +744,12 @@ EngineResult HighsEngine::solve_on(const EngineProblem &problem, const ParamValu
       hi->set_dbl("mip_feasibility_tolerance",
                   std::min(params.get_dbl(ParamId::IntFeasTol), cut_tol));
   }
+  // The QP method can cycle on a badly scaled model instead of failing; a cap far above what
+  // it needs when it succeeds (a few iterations per row and column) turns that into a failure,
+  // which the caller meets with its fallback.
+  const long long qp_cap =
+      qp && !mip ? std::max<long long>(10000, 10LL * (n + m.num_constrs())) : 0;
+  if (qp_cap > 0) hi->set_int("qp_iteration_limit", qp_cap);
   // Rows added in earlier solves of this optimize (lazy constraints, cuts) hold here as well.
   auto add_new_rows = [&] {
     std::vector<double> lo, up, val;
@@ -1053,6 +1067,12 @@ EngineResult HighsEngine::solve_on(const EngineProblem &problem, const ParamValu
   if (model_status == kHighsModelStatusModelEmpty &&
       !empty_rows_feasible(m, params.get_dbl(ParamId::FeasibilityTol))) {
     r.status = KVR_INFEASIBLE;
+    has_x = false;
+  }
+  if (qp_cap > 0 && model_status == kHighsModelStatusIterationLimit &&
+      hi->info_int("qp_iteration_count") >= qp_cap) {
+    ctx.logf("The QP method did not finish within %lld iterations\n", qp_cap);
+    r.status = KVR_NUMERIC;
     has_x = false;
   }
   r.status = ctx.status_after_stop(r.status);

@@ -8,7 +8,6 @@
 #include <atomic>
 #include <cerrno>
 #include <cmath>
-#include <csignal>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
@@ -27,6 +26,7 @@
 #include "reform/psd.h"
 #include "reform/reform.h"
 #include "util/error.h"
+#include "util/interrupt.h"
 
 namespace kvr {
 
@@ -460,49 +460,22 @@ void fill_solution(const kvr_model *model, const Reformulated &rf, const SolveCo
 
 namespace {
 
-constexpr int kSignalSlots = 64;
-std::atomic<kvr_model *> g_signal_models[kSignalSlots];
 std::mutex g_signal_mutex;
 std::vector<kvr_model *> g_armed;  // models whose next solve stops on Ctrl-C
-int g_signal_users = 0;
-struct sigaction g_previous_action;
-
-extern "C" void on_interrupt_signal(int) {
-  for (auto &slot : g_signal_models) {
-    kvr_model *m = slot.load();
-    if (m) m->terminate_requested.store(true);
-  }
-}
 
 }  // namespace
 
 SignalScope::SignalScope(kvr_model *model) {
-  std::lock_guard<std::mutex> lock(g_signal_mutex);
-  auto it = std::find(g_armed.begin(), g_armed.end(), model);
-  if (it == g_armed.end()) return;
-  g_armed.erase(it);
-  for (int i = 0; i < kSignalSlots; ++i) {
-    kvr_model *expected = nullptr;
-    if (g_signal_models[i].compare_exchange_strong(expected, model)) {
-      slot_ = i;
-      break;
-    }
+  {
+    std::lock_guard<std::mutex> lock(g_signal_mutex);
+    auto it = std::find(g_armed.begin(), g_armed.end(), model);
+    if (it == g_armed.end()) return;
+    g_armed.erase(it);
   }
-  if (slot_ < 0) return;
-  if (g_signal_users++ == 0) {
-    struct sigaction action {};
-    action.sa_handler = on_interrupt_signal;
-    sigemptyset(&action.sa_mask);
-    sigaction(SIGINT, &action, &g_previous_action);
-  }
+  scope_.emplace(&model->terminate_requested);
 }
 
-SignalScope::~SignalScope() {
-  if (slot_ < 0) return;
-  std::lock_guard<std::mutex> lock(g_signal_mutex);
-  g_signal_models[slot_].store(nullptr);
-  if (--g_signal_users == 0) sigaction(SIGINT, &g_previous_action, nullptr);
-}
+SignalScope::~SignalScope() = default;
 
 OptimizingFlag::OptimizingFlag(kvr_model *m) : model(m) {
   if (model->optimizing.load())

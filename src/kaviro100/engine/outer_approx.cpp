@@ -330,6 +330,18 @@ int OuterApprox::separate(const double *x, double tol, std::vector<LinRow> &cuts
   return added;
 }
 
+int OuterApprox::tangents_at(const double *x, std::vector<LinRow> &cuts) const {
+  int added = 0;
+  for (const Constraint &c : rows_) {
+    if (c.conic) continue;
+    LinRow row = c.cut_at(x);
+    if (row.ind.empty()) continue;
+    cuts.push_back(std::move(row));
+    ++added;
+  }
+  return added;
+}
+
 int OuterApprox::initial_cuts(int circle, size_t limit, std::vector<LinRow> &cuts) const {
   int added = 0;
   std::vector<double> u;

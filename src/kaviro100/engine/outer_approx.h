@@ -47,6 +47,10 @@ class OuterApprox {
   // `limit` cuts in all; returns how many were added. They make a polyhedral approximation that
   // holds before any point is known.
   int initial_cuts(int circle, size_t limit, std::vector<LinRow> &cuts) const;
+  // Appends the linearization at x of every general quadratic (not the cones and balls, which
+  // initial_cuts covers); returns how many were added. Taken at a point inside the bounds, they
+  // bound each epigraph variable from the first solve.
+  int tangents_at(const double *x, std::vector<LinRow> &cuts) const;
   // Blocks of general constraints too large to be checked for convexity (taken as convex).
   int unchecked() const { return unchecked_; }
 

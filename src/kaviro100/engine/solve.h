@@ -2,11 +2,13 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 #include <vector>
 
 #include "engine/engine.h"
 #include "model/model.h"
 #include "reform/reform.h"
+#include "util/interrupt.h"
 
 namespace kvr {
 
@@ -82,7 +84,7 @@ class SignalScope {
   SignalScope &operator=(const SignalScope &) = delete;
 
  private:
-  int slot_ = -1;
+  std::optional<InterruptScope> scope_;
 };
 
 }  // namespace kvr

@@ -620,6 +620,9 @@ KVR_API int KVRreadmodel(KVRenv *env, const char *filename, KVRmodel **modelP);
 /* Reads a data file (solution, start, hints, priorities, basis, parameters, attributes) into an
    existing model. */
 KVR_API int KVRread(KVRmodel *model, const char *filename);
+/* Ctrl-C stops the next KVRreadmodel, KVRread or KVRreadparams the calling thread starts: the
+   read fails with FILE_READ and changes nothing. */
+KVR_API void KVRsetreadsignal(void);
 KVR_API int KVRwrite(KVRmodel *model, const char *filename);
 /* 1 when the suffix names a model file (or attribute file), 0 when it names another known file
    type, -1 when the suffix is unknown. */

@@ -11,6 +11,7 @@
 #include "model/checks.h"
 #include "model/model.h"
 #include "util/error.h"
+#include "util/interrupt.h"
 #include "util/live.h"
 #include "util/strings.h"
 
@@ -174,6 +175,7 @@ int KVRreadmodel(KVRenv *env, const char *filename, KVRmodel **modelP) {
   return env->run([&] {
     if (!filename || !modelP) kvr::fail(KVR_ERROR_NULL_ARGUMENT, "Null argument to KVRreadmodel");
     if (!env->started) kvr::fail(KVR_ERROR_INVALID_ARGUMENT, "Environment not started");
+    kvr::ReadInterruptScope interrupt;
     kvr::ModelData d = read_model_file(filename, *env);
     *modelP = new kvr_model(*env, std::move(d));
   });
@@ -192,10 +194,13 @@ int KVRread(KVRmodel *model, const char *filename) {
     if (t == FileType::Json || t == FileType::Ilp)
       kvr::fail(KVR_ERROR_INVALID_ARGUMENT, "Unable to read '%s': %s files are written, not read",
                 filename, file_type_name(t));
+    kvr::ReadInterruptScope interrupt;
     read_data_file(model, filename, t);
     model->env.logf("Read %s file %s\n", file_type_name(t), filename);
   });
 }
+
+void KVRsetreadsignal(void) { kvr::arm_read_interrupt(); }
 
 int KVRwrite(KVRmodel *model, const char *filename) {
   return kvr::run_on_model(model, [&] {

@@ -10,6 +10,7 @@
 
 #include "kaviro_c.h"
 #include "util/error.h"
+#include "util/interrupt.h"
 
 #ifdef KVR_HAVE_ZLIB
 #include <zlib.h>
@@ -38,17 +39,25 @@ class PlainSource : public ByteSource {
  public:
   PlainSource(const std::string &name) : name_(name) {
     f_ = std::fopen(name.c_str(), "rb");
+    if (!f_ && errno == EINTR && read_interrupted())
+      fail(KVR_ERROR_FILE_READ, "%s: reading stopped by Ctrl-C", name.c_str());
     if (!f_)
       fail(KVR_ERROR_FILE_READ, "Unable to open '%s' for reading: %s", name.c_str(),
            std::strerror(errno));
   }
   ~PlainSource() override { std::fclose(f_); }
   size_t read(char *buf, size_t n) override {
-    size_t got = std::fread(buf, 1, n, f_);
-    if (got < n && std::ferror(f_))
-      fail(KVR_ERROR_FILE_READ, "Error while reading '%s': %s", name_.c_str(),
-           std::strerror(errno));
-    return got;
+    for (;;) {
+      size_t got = std::fread(buf, 1, n, f_);
+      if (got == n || !std::ferror(f_)) return got;
+      // A signal that arrives while a pipe or terminal waits for data breaks off the wait: the
+      // caller sees Ctrl-C when it was that, and otherwise the wait goes on.
+      if (errno != EINTR)
+        fail(KVR_ERROR_FILE_READ, "Error while reading '%s': %s", name_.c_str(),
+             std::strerror(errno));
+      std::clearerr(f_);
+      if (got > 0 || read_interrupted()) return got;
+    }
   }
 
  private:
@@ -103,6 +112,7 @@ class GzipSource : public ByteSource {
     int code = Z_OK;
     // A stream cut short ends like a whole one; only the error state tells them apart.
     if (got <= 0) gzerror(f_, &code);
+    if (code == Z_ERRNO && errno == EINTR && read_interrupted()) return 0;
     if (got < 0 || code != Z_OK) {
       if (code == Z_MEM_ERROR) throw std::bad_alloc();
       fail(KVR_ERROR_FILE_READ, "Error while decompressing '%s': %s", name_.c_str(),
@@ -342,8 +352,15 @@ LineReader::LineReader(const std::string &filename)
       buf_(std::make_unique_for_overwrite<char[]>(1 << 20)),
       cap_(1 << 20) {}
 
+void LineReader::stop_on_interrupt() const {
+  kvr::fail(KVR_ERROR_FILE_READ, "%s, line %ld: reading stopped by Ctrl-C", filename_.c_str(),
+            lineno_);
+}
+
 bool LineReader::refill() {
   if (eof_) return false;
+  // Once per buffer (at most 1 MiB of text), so that Ctrl-C ends even a huge read at once.
+  if (read_interrupted()) stop_on_interrupt();
   // Keep the unfinished line, move it to the front, grow when one line fills the buffer.
   size_t keep = end_ - pos_;
   if (pos_ > 0) {
@@ -361,6 +378,7 @@ bool LineReader::refill() {
     cap_ *= 2;
   }
   size_t got = src_->read(buf_.get() + end_, cap_ - end_);
+  if (read_interrupted()) stop_on_interrupt();
   if (got == 0) eof_ = true;
   end_ += got;
   return got > 0;

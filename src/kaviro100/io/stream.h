@@ -55,6 +55,7 @@ class LineReader {
 
  private:
   bool refill();
+  [[noreturn]] void stop_on_interrupt() const;
   std::string filename_;
   std::unique_ptr<ByteSource> src_;
   // Left uninitialized: only the part the file fills is ever touched, so reading a small file
