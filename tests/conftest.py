@@ -1,9 +1,15 @@
 import os
 import pathlib
+import signal
 
 import pytest
 
 import kaviropy as kp
+
+# Tests of Ctrl-C expect Python's own SIGINT handler (here and in the processes they start); a
+# launcher that runs the suite in the background starts it with SIGINT ignored.
+if signal.getsignal(signal.SIGINT) is signal.SIG_IGN:
+    signal.signal(signal.SIGINT, signal.default_int_handler)
 
 INSTANCES = pathlib.Path(__file__).resolve().parent / "data" / "instances"
 # The name printed for a handle that is not (yet) in a model.
