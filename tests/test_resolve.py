@@ -244,3 +244,53 @@ def test_rewritten_model_is_handed_over_in_full(env, tmp_path):
     ref.addSOS(KVR.SOS_TYPE1, [rx[0], rx[1], rx[2]])
     ref.optimize()
     assert m.ObjVal == pytest.approx(ref.ObjVal) and sum(v.X > 1e-9 for v in x[:3]) <= 1
+
+
+def test_in_place_changes_reach_the_engine_through_every_call(env):
+    """A re-solve hands the engine only the elements changed in place since its last solve: every
+    kind of write must be found, also when renumbered by a deletion in the same update, undone
+    before a solve, or replacing the whole objective. The copy of the model solves cold."""
+    m, x, cons = build(env)
+    m.optimize()
+
+    def undone():        # changed and changed back: nothing to hand over
+        x[4].UB = 0.0
+        m.update()
+        x[4].UB = 5.0
+
+    def renumbered():    # changes to elements that move down when earlier ones are deleted
+        m.remove([x[0], cons[0]])
+        x[20].Obj = 40.0
+        x[21].UB = 0.25
+        cons[15].RHS = 2.0
+        m.chgCoeff(cons[25], x[30], 0.0)   # an entry dropped from a row
+
+    def coefficient_added():
+        m.chgCoeff(cons[3], x[9], 4.0)
+        m.chgCoeff(cons[3], x[11], 3.0)
+
+    def bulk():          # several elements in one call each
+        m.setAttr("Obj", x[10:20], [6.0] * 10)
+        m.setAttr("RHS", cons[20:25], [1.0] * 5)
+        m.setAttr("UB", x[30:32], [1.0, 0.5])
+        m.setAttr("LB", x[33:35], [0.1, 0.2])
+
+    def sense():
+        cons[7].Sense = KVR.GREATER_EQUAL
+        cons[7].RHS = 1.0
+
+    def objective():     # the whole objective replaced
+        m.setObjective(kp.quicksum((j % 3) * v for j, v in enumerate(x[1:])), KVR.MAXIMIZE)
+
+    for step in (undone, renumbered, coefficient_added, bulk, sense, objective):
+        step()
+        m.optimize()
+        ref = m.copy()
+        ref.optimize()
+        assert m.Status == ref.Status == KVR.OPTIMAL, step.__name__
+        assert m.ObjVal == pytest.approx(ref.ObjVal, abs=1e-7), step.__name__
+        ref.dispose()
+    # An undone change leaves the model as the engine has it: no iterations.
+    undone()
+    m.optimize()
+    assert m.IterCount == 0

@@ -1286,6 +1286,7 @@ EngineResult HighsEngine::solve_kept(const EngineProblem &problem, const ParamVa
     auto next = std::make_shared<HighsState>();
     next->instance = std::move(hi);
     if (m.is_mip() && !r.x.empty()) next->incumbent = r.x;
+    next->mip = m.is_mip();
     state = std::move(next);
   }
   return r;

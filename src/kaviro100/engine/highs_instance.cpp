@@ -1,5 +1,6 @@
 #include "engine/highs_instance.h"
 
+#include <algorithm>
 #include <limits>
 #include <numeric>
 
@@ -65,58 +66,76 @@ void engine_row_bounds(const ModelData &m, int i, double &lo, double &up) {
   up = s == KVR_GREATER_EQUAL ? kInf : rhs;
 }
 
-bool update_instance(HighsState &state, const ModelData &m, InstanceUpdate &out) {
-  void *h = state.instance->get();
-  const int n0 = Highs_getNumCol(h), m0 = Highs_getNumRow(h);
-  const int n = m.num_vars(), rows = m.num_constrs();
-  // Where each of the engine's columns and rows is now (-1: deleted). Elements added since the
-  // engine took its copy come after the engine's in the model, whatever was deleted.
-  std::vector<int> colpos(n0), rowpos(m0);
-  std::iota(colpos.begin(), colpos.end(), 0);
-  std::iota(rowpos.begin(), rowpos.end(), 0);
-  for (const auto &[kind, renumbering] : state.deletions) {
-    std::vector<int> &pos = kind == 'V' ? colpos : rowpos;
-    for (int &p : pos)
-      if (p >= 0) p = p < static_cast<int>(renumbering.size()) ? renumbering[p] : -1;
-  }
-  std::vector<HighsInt> delcols(n0), delrows(m0);
-  int nkeep = 0, mkeep = 0;
-  for (int j = 0; j < n0; ++j) nkeep += !(delcols[j] = colpos[j] < 0);
-  for (int i = 0; i < m0; ++i) mkeep += !(delrows[i] = rowpos[i] < 0);
-  if (nkeep > n || mkeep > rows) return false;  // not the model the engine was given
-  out.deleted = static_cast<size_t>(n0 - nkeep + m0 - mkeep);
-  out.added = static_cast<size_t>(n - nkeep + rows - mkeep);
-  // Many new elements are handed over faster in one piece.
-  if (out.added > static_cast<size_t>(n0 + m0) + 100) return false;
-  if (!state.incumbent.empty() && static_cast<int>(state.incumbent.size()) == n0) {
-    out.incumbent.assign(n, 0.0);
-    for (int j = 0; j < n0; ++j)
-      if (colpos[j] >= 0) out.incumbent[colpos[j]] = state.incumbent[j];
-    for (int j = nkeep; j < n; ++j) out.incumbent[j] = std::clamp(0.0, m.vars.lb[j], m.vars.ub[j]);
-  }
-  if (nkeep < n0 && Highs_deleteColsByMask(h, delcols.data()) != kHighsStatusOk) return false;
-  if (mkeep < m0 && Highs_deleteRowsByMask(h, delrows.data()) != kHighsStatusOk) return false;
+namespace {
 
-  // Columns the engine has: bounds, costs, types.
-  std::vector<double> cost(nkeep), lo(nkeep), up(nkeep);
+// What differs between the model and the engine's copy among the elements both have.
+struct Differences {
+  std::vector<HighsInt> bset, cset, tset, rset;
+  std::vector<double> blo, bup, cval, slo, sup;
+  std::vector<HighsInt> types;
+  struct Coeff {
+    int row, col;
+    double val;
+  };
+  std::vector<Coeff> coeffs;
+  size_t count() const {
+    return bset.size() + cset.size() + tset.size() + rset.size() + coeffs.size();
+  }
+};
+
+// Compares the bounds, costs and types of the engine's columns `cols` (each below the number of
+// columns it has) with the model's.
+bool compare_cols(void *h, const ModelData &m, const std::vector<HighsInt> &cols, bool mip,
+                  Differences &d) {
+  const HighsInt k = static_cast<HighsInt>(cols.size());
+  if (k == 0) return true;
+  std::vector<double> cost(k), lo(k), up(k);
   HighsInt got = 0, nz = 0;
-  if (nkeep > 0 && Highs_getColsByRange(h, 0, nkeep - 1, &got, cost.data(), lo.data(), up.data(),
-                                        &nz, nullptr, nullptr, nullptr) != kHighsStatusOk)
+  if (Highs_getColsBySet(h, k, cols.data(), &got, cost.data(), lo.data(), up.data(), &nz, nullptr,
+                         nullptr, nullptr) != kHighsStatusOk)
     return false;
-  std::vector<HighsInt> bset, cset, tset, types;
-  std::vector<double> blo, bup, cval;
-  const bool mip = m.is_mip();
-  for (int j = 0; j < nkeep; ++j) {
+  for (HighsInt q = 0; q < k; ++q) {
+    const int j = cols[q];
     double l, u;
     engine_col_bounds(m, j, l, u);
-    if (l != lo[j] || u != up[j]) bset.push_back(j), blo.push_back(l), bup.push_back(u);
-    if (m.vars.obj[j] != cost[j]) cset.push_back(j), cval.push_back(m.vars.obj[j]);
+    if (l != lo[q] || u != up[q]) d.bset.push_back(j), d.blo.push_back(l), d.bup.push_back(u);
+    if (m.vars.obj[j] != cost[q]) d.cset.push_back(j), d.cval.push_back(m.vars.obj[j]);
     HighsInt t = kHighsVarTypeContinuous;
     Highs_getColIntegrality(h, j, &t);  // fails, leaving continuous, on a model without types
     const HighsInt want = mip ? engine_integrality(m, j) : kHighsVarTypeContinuous;
-    if (t != want) tset.push_back(j), types.push_back(want);
+    if (t != want) d.tset.push_back(j), d.types.push_back(want);
   }
-  // Rows the engine has: sides and coefficients (in the columns the engine has).
+  return true;
+}
+
+// Compares the sides of the engine's rows `rows` with the model's.
+bool compare_sides(void *h, const ModelData &m, const std::vector<HighsInt> &rows, Differences &d) {
+  const HighsInt k = static_cast<HighsInt>(rows.size());
+  if (k == 0) return true;
+  std::vector<double> rlo(k), rup(k);
+  HighsInt got = 0, nz = 0;
+  if (Highs_getRowsBySet(h, k, rows.data(), &got, rlo.data(), rup.data(), &nz, nullptr, nullptr,
+                         nullptr) != kHighsStatusOk)
+    return false;
+  for (HighsInt q = 0; q < k; ++q) {
+    double l, u;
+    engine_row_bounds(m, rows[q], l, u);
+    if (l != rlo[q] || u != rup[q])
+      d.rset.push_back(rows[q]), d.slo.push_back(l), d.sup.push_back(u);
+  }
+  return true;
+}
+
+// Compares every column, row and coefficient the engine has with the model.
+bool compare_all(void *h, const ModelData &m, int nkeep, int mkeep, bool mip, Differences &d) {
+  std::vector<HighsInt> all(std::max(nkeep, mkeep));
+  std::iota(all.begin(), all.end(), 0);
+  if (!compare_cols(h, m, std::vector<HighsInt>(all.begin(), all.begin() + nkeep), mip, d))
+    return false;
+  if (!compare_sides(h, m, std::vector<HighsInt>(all.begin(), all.begin() + mkeep), d))
+    return false;
+  // Coefficients in the columns the engine has.
+  HighsInt got = 0, nz = 0;
   std::vector<double> rlo(mkeep), rup(mkeep);
   std::vector<HighsInt> rstart(mkeep + 1);
   if (mkeep > 0 && Highs_getRowsByRange(h, 0, mkeep - 1, &got, rlo.data(), rup.data(), &nz,
@@ -129,20 +148,10 @@ bool update_instance(HighsState &state, const ModelData &m, InstanceUpdate &out)
                            rindex.data(), rvalue.data()) != kHighsStatusOk)
     return false;
   rstart[mkeep] = nz;
-  std::vector<HighsInt> rset;
-  std::vector<double> slo, sup;
-  struct Coeff {
-    int row, col;
-    double val;
-  };
-  std::vector<Coeff> coeffs;
   std::vector<double> dense(nkeep, 0.0);
   std::vector<int> mark(nkeep, -1);
   const SparseMatrix &a = m.constrs.rows;
   for (int i = 0; i < mkeep; ++i) {
-    double l, u;
-    engine_row_bounds(m, i, l, u);
-    if (l != rlo[i] || u != rup[i]) rset.push_back(i), slo.push_back(l), sup.push_back(u);
     for (HighsInt k = rstart[i]; k < rstart[i + 1]; ++k) {
       dense[rindex[k]] = rvalue[k];
       mark[rindex[k]] = i;
@@ -151,14 +160,98 @@ bool update_instance(HighsState &state, const ModelData &m, InstanceUpdate &out)
       const int j = a.ind[k];
       if (j >= nkeep) continue;  // a new column brings it
       const double have = mark[j] == i ? dense[j] : 0.0;
-      if (a.val[k] != have) coeffs.push_back({i, j, a.val[k]});
+      if (a.val[k] != have) d.coeffs.push_back({i, j, a.val[k]});
       mark[j] = -2 - i;  // seen in the model's row
     }
     for (HighsInt k = rstart[i]; k < rstart[i + 1]; ++k)
-      if (mark[rindex[k]] == i) coeffs.push_back({i, rindex[k], 0.0});  // gone from the model
+      if (mark[rindex[k]] == i) d.coeffs.push_back({i, rindex[k], 0.0});  // gone from the model
   }
-  out.changed = bset.size() + cset.size() + tset.size() + rset.size() + coeffs.size();
-  if (coeffs.size() > static_cast<size_t>(a.nnz() / 2) + 100) return false;
+  return true;
+}
+
+// The listed elements of those the engine has (below `limit`), each once, in order.
+template <class T>
+std::vector<T> listed(std::vector<T> list, auto below) {
+  std::sort(list.begin(), list.end());
+  list.erase(std::unique(list.begin(), list.end()), list.end());
+  std::erase_if(list, [&](const T &e) { return !below(e); });
+  return list;
+}
+
+// Compares only the elements the model recorded as changed in place.
+bool compare_listed(void *h, const HighsState &state, const ModelData &m, int nkeep, int mkeep,
+                    bool mip, Differences &d) {
+  auto cols = listed(state.changed_vars, [&](int j) { return j < nkeep; });
+  auto rows = listed(state.changed_constrs, [&](int i) { return i < mkeep; });
+  if (!compare_cols(h, m, std::vector<HighsInt>(cols.begin(), cols.end()), mip, d)) return false;
+  if (!compare_sides(h, m, std::vector<HighsInt>(rows.begin(), rows.end()), d)) return false;
+  const Highs &engine = *static_cast<const Highs *>(h);
+  const SparseMatrix &a = m.constrs.rows;
+  for (auto [i, j] : listed(state.changed_coeffs, [&](std::pair<int, int> c) {
+         return c.first < mkeep && c.second < nkeep;
+       })) {
+    double want = 0.0, have = 0.0;
+    for (int64_t k = a.beg[i]; k < a.beg[i + 1]; ++k)
+      if (a.ind[k] == j) want = a.val[k];
+    if (engine.getCoeff(i, j, have) == HighsStatus::kError) return false;
+    if (want != have) d.coeffs.push_back({i, j, want});
+  }
+  return true;
+}
+
+}  // namespace
+
+bool update_instance(HighsState &state, const ModelData &m, InstanceUpdate &out) {
+  void *h = state.instance->get();
+  const int n0 = Highs_getNumCol(h), m0 = Highs_getNumRow(h);
+  const int n = m.num_vars(), rows = m.num_constrs();
+  int nkeep = n0, mkeep = m0;
+  std::vector<int> colpos;
+  if (!state.deletions.empty()) {
+    // Where each of the engine's columns and rows is now (-1: deleted). Elements added since
+    // the engine took its copy come after the engine's in the model, whatever was deleted.
+    std::vector<int> rowpos(m0);
+    colpos.resize(n0);
+    std::iota(colpos.begin(), colpos.end(), 0);
+    std::iota(rowpos.begin(), rowpos.end(), 0);
+    for (const auto &[kind, renumbering] : state.deletions) {
+      std::vector<int> &pos = kind == 'V' ? colpos : rowpos;
+      for (int &p : pos)
+        if (p >= 0) p = p < static_cast<int>(renumbering.size()) ? renumbering[p] : -1;
+    }
+    std::vector<HighsInt> delcols(n0), delrows(m0);
+    nkeep = mkeep = 0;
+    for (int j = 0; j < n0; ++j) nkeep += !(delcols[j] = colpos[j] < 0);
+    for (int i = 0; i < m0; ++i) mkeep += !(delrows[i] = rowpos[i] < 0);
+    if (nkeep > n || mkeep > rows) return false;  // not the model the engine was given
+    // Many new elements are handed over faster in one piece.
+    if (n - nkeep + rows - mkeep > n0 + m0 + 100) return false;
+    if (nkeep < n0 && Highs_deleteColsByMask(h, delcols.data()) != kHighsStatusOk) return false;
+    if (mkeep < m0 && Highs_deleteRowsByMask(h, delrows.data()) != kHighsStatusOk) return false;
+  }
+  if (nkeep > n || mkeep > rows) return false;  // not the model the engine was given
+  out.deleted = static_cast<size_t>(n0 - nkeep + m0 - mkeep);
+  out.added = static_cast<size_t>(n - nkeep + rows - mkeep);
+  if (out.added > static_cast<size_t>(n0 + m0) + 100) return false;
+  if (!state.incumbent.empty() && static_cast<int>(state.incumbent.size()) == n0) {
+    out.incumbent.assign(n, 0.0);
+    for (int j = 0; j < n0; ++j) {
+      const int p = colpos.empty() ? j : colpos[j];
+      if (p >= 0) out.incumbent[p] = state.incumbent[j];
+    }
+    for (int j = nkeep; j < n; ++j) out.incumbent[j] = std::clamp(0.0, m.vars.lb[j], m.vars.ub[j]);
+  }
+
+  const bool mip = m.is_mip();
+  const SparseMatrix &a = m.constrs.rows;
+  Differences diff;
+  const bool compared = state.scan_all || mip != state.mip
+                            ? compare_all(h, m, nkeep, mkeep, mip, diff)
+                            : compare_listed(h, state, m, nkeep, mkeep, mip, diff);
+  if (!compared) return false;
+  out.changed = diff.count();
+  if (diff.coeffs.size() > static_cast<size_t>(a.nnz() / 2) + 100) return false;
+  auto &[bset, cset, tset, rset, blo, bup, cval, slo, sup, types, coeffs] = diff;
 
   auto ok = [](HighsInt status) { return status != kHighsStatusError; };
   bool done = true;
@@ -174,7 +267,7 @@ bool update_instance(HighsState &state, const ModelData &m, InstanceUpdate &out)
   if (!rset.empty())
     done &= ok(Highs_changeRowsBoundsBySet(h, static_cast<HighsInt>(rset.size()), rset.data(),
                                            slo.data(), sup.data()));
-  for (const Coeff &c : coeffs) done &= ok(Highs_changeCoeff(h, c.row, c.col, c.val));
+  for (const auto &c : coeffs) done &= ok(Highs_changeCoeff(h, c.row, c.col, c.val));
 
   // New columns with their coefficients in the rows the engine has, then new rows whole.
   if (n > nkeep) {
@@ -220,7 +313,7 @@ bool update_instance(HighsState &state, const ModelData &m, InstanceUpdate &out)
       m.sense == KVR_MAXIMIZE ? kHighsObjSenseMaximize : kHighsObjSenseMinimize;
   if (sense != want_sense) done &= ok(Highs_changeObjectiveSense(h, want_sense)), ++out.changed;
   if (offset != m.objcon) done &= ok(Highs_changeObjectiveOffset(h, m.objcon)), ++out.changed;
-  state.deletions.clear();
+  state.clear_changes();
   return done;
 }
 

@@ -65,6 +65,7 @@ void engine_row_bounds(const ModelData &m, int i, double &lo, double &up);
 struct HighsState final : EngineState {
   std::shared_ptr<HighsInstance> instance;
   std::vector<double> incumbent;
+  bool mip = false;  // whether the engine's copy has integer columns
 };
 
 // What bringing a kept instance up to date handed to the engine.

@@ -25,9 +25,25 @@ struct ParamChange {
 // see Engine::solve_kept), owned by the model and freed with it. The model records here the
 // deletions it applies after the engine took its copy: each is the renumbering of the variables
 // (kind 'V') or constraints ('C') as they were before it.
+//
+// The model also records which elements it changed in place since then, numbered as in the model
+// now, so that a re-solve compares only those with the engine's copy: variables whose bounds, cost
+// or type were written, constraints whose side or sense were, and matrix entries (row, column).
+// scan_all is set when changes of another kind happened (or too many to list): every element is
+// then compared.
 struct EngineState {
   virtual ~EngineState() = default;
   std::vector<std::pair<char, Renumbering>> deletions;
+  std::vector<int> changed_vars, changed_constrs;
+  std::vector<std::pair<int, int>> changed_coeffs;
+  bool scan_all = false;
+  void clear_changes() {
+    deletions.clear();
+    changed_vars.clear();
+    changed_constrs.clear();
+    changed_coeffs.clear();
+    scan_all = false;
+  }
 };
 // The outcome of the last tuning run: the parameters in force when it started and the improved
 // sets, each a list of changes to those, best set first.

@@ -29,6 +29,62 @@ Renumbering renumbering(int n, const std::vector<int> &del) {
   return newpos;
 }
 
+// Notes in the engine's state the elements the change log changes in place (indices as of the
+// last update, before this update's deletions).
+void note_changes(EngineState &e, const PendingChanges &p, const ModelData &d) {
+  for (const Change &c : p.log) {
+    if (c.kind == ChangeKind::Coeff) {
+      e.changed_coeffs.emplace_back(c.elem, c.sub);
+    } else if (c.kind != ChangeKind::Attr) {
+      e.scan_all = true;  // a whole objective or quadratic terms
+    } else {
+      switch (c.attr) {
+        case AttrId::LB:
+        case AttrId::UB:
+        case AttrId::Obj:
+        case AttrId::VType:
+        case AttrId::ObjN:
+          e.changed_vars.push_back(c.elem);
+          break;
+        case AttrId::Sense:
+        case AttrId::RHS:
+          e.changed_constrs.push_back(c.elem);
+          break;
+        default:  // the objective's sense and constant are always compared; others are not given
+          break;
+      }
+    }
+  }
+  // A long list costs more than comparing everything.
+  const size_t limit = static_cast<size_t>(d.num_vars() + d.num_constrs()) + 100;
+  if (e.changed_vars.size() + e.changed_constrs.size() + e.changed_coeffs.size() > limit)
+    e.scan_all = true;
+  if (e.scan_all) {
+    e.changed_vars.clear();
+    e.changed_constrs.clear();
+    e.changed_coeffs.clear();
+  }
+}
+
+// Renumbers a list of changed elements after a deletion, dropping the deleted ones.
+void renumber(std::vector<int> &list, const Renumbering &r) {
+  size_t out = 0;
+  for (int i : list)
+    if (i < static_cast<int>(r.size()) && r[i] >= 0) list[out++] = r[i];
+  list.resize(out);
+}
+
+void renumber_coeffs(std::vector<std::pair<int, int>> &list, const Renumbering &r, bool rows) {
+  size_t out = 0;
+  for (auto c : list) {
+    int &i = rows ? c.first : c.second;
+    if (i >= static_cast<int>(r.size()) || r[i] < 0) continue;
+    i = r[i];
+    list[out++] = c;
+  }
+  list.resize(out);
+}
+
 void delete_elements(ModelData &d, const PendingChanges &p, EngineState *engine) {
   // General constraints first: deleting variables deletes (and renumbers) the general
   // constraints that lose their resultant, so the user's indices must be applied before.
@@ -37,11 +93,19 @@ void delete_elements(ModelData &d, const PendingChanges &p, EngineState *engine)
   if (auto r = renumbering(d.sos.size(), p.del_sos); !r.empty()) d.delete_sos(r);
   if (auto r = renumbering(d.num_constrs(), p.del_constrs); !r.empty()) {
     d.delete_constrs(r);
-    if (engine) engine->deletions.emplace_back('C', std::move(r));
+    if (engine) {
+      renumber(engine->changed_constrs, r);
+      renumber_coeffs(engine->changed_coeffs, r, true);
+      engine->deletions.emplace_back('C', std::move(r));
+    }
   }
   if (auto r = renumbering(d.num_vars(), p.del_vars); !r.empty()) {
     d.delete_vars(r);
-    if (engine) engine->deletions.emplace_back('V', std::move(r));
+    if (engine) {
+      renumber(engine->changed_vars, r);
+      renumber_coeffs(engine->changed_coeffs, r, false);
+      engine->deletions.emplace_back('V', std::move(r));
+    }
   }
 }
 
@@ -51,6 +115,7 @@ void update_model(kvr_model *model) {
   PendingChanges &p = model->pending;
   const bool changed = model->changed_since_update || !p.empty();
   if (!p.empty()) {
+    if (model->engine_state) note_changes(*model->engine_state, p, model->data);
     apply_change_log(model->data, p);
     if (p.has_additions()) model->data.append(std::move(p.added), p.added_cols);
     delete_elements(model->data, p, model->engine_state.get());
