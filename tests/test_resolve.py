@@ -135,21 +135,18 @@ def test_removed_rows_and_columns_are_handled(env):
     assert m.NumVars == 38 and m.NumConstrs == 38
     assert m.ObjVal == pytest.approx(ref.ObjVal, abs=1e-7)
     # Deletions and additions between the same two solves, over two updates.
-    m.remove([m.getConstrs()[0]])
-    m.update()
-    x = m.getVars()
-    x[0].UB = 1.0
-    v = m.addVar(ub=2, obj=3.0)
-    m.addConstr(v + x[1] <= 1.5)
-    m.remove([x[5]])
+    def delete_and_add(model):
+        model.remove([model.getConstrs()[0]])
+        model.update()
+        x = model.getVars()
+        x[0].UB = 1.0
+        v = model.addVar(ub=2, obj=3.0)
+        model.addConstr(v + x[1] <= 1.5)
+        model.remove([x[5]])
+
+    delete_and_add(m)
     m.optimize()
-    ref.remove([ref.getConstrs()[0]])
-    ref.update()
-    rx = ref.getVars()
-    rx[0].UB = 1.0
-    rv = ref.addVar(ub=2, obj=3.0)
-    ref.addConstr(rv + rx[1] <= 1.5)
-    ref.remove([rx[5]])
+    delete_and_add(ref)
     ref.reset()
     ref.optimize()
     assert m.ObjVal == pytest.approx(ref.ObjVal, abs=1e-7)
