@@ -1,9 +1,12 @@
+// Reading, checking and queueing attribute values through the attribute table: each attribute's
+// reader (attrs/attr_read.inc, generated from attrs.tsv) is one of the generic readers below,
+// chosen by where the value lives, or a small function of its own for computed values.
 #include "attrs/attr_access.h"
 
 #include <algorithm>
 #include <charconv>
 #include <cmath>
-#include <optional>
+#include <type_traits>
 #include <unordered_map>
 
 #include "model/checks.h"
@@ -15,37 +18,19 @@ namespace {
 using A = AttrId;
 
 const char *type_word(AttrType t) {
-  switch (t) {
-    case AttrType::Char:
-      return "char";
-    case AttrType::Int:
-      return "integer";
-    case AttrType::Dbl:
-      return "double";
-    case AttrType::Str:
-      return "string";
-  }
-  return "?";
+  static const char *const words[] = {"char", "integer", "double", "string"};
+  return words[static_cast<int>(t)];
 }
 
 const char *class_word(AttrClass c) {
-  switch (c) {
-    case AttrClass::Model:
-      return "model";
-    case AttrClass::Var:
-      return "variable";
-    case AttrClass::Constr:
-      return "linear constraint";
-    case AttrClass::Sos:
-      return "SOS constraint";
-    case AttrClass::QConstr:
-      return "quadratic constraint";
-    case AttrClass::GenConstr:
-      return "general constraint";
-    case AttrClass::Batch:
-      return "batch";
-  }
-  return "?";
+  static const char *const words[] = {"model",
+                                      "variable",
+                                      "linear constraint",
+                                      "SOS constraint",
+                                      "quadratic constraint",
+                                      "general constraint",
+                                      "batch"};
+  return words[static_cast<int>(c)];
 }
 
 [[noreturn]] void unavailable(AttrId id) {
@@ -92,75 +77,240 @@ void copy_extra(const ExtraAttrs &ex, int key, IndexSet ix, double *out) {
   fill(ix, out, [&](int i) { return static_cast<size_t>(i) < col.size() ? col[i] : def; });
 }
 
-// Solution values held as one double each, NaN while absent.
-const double *solution_value(const Solution &s, AttrId id) {
-  switch (id) {
-    case A::ObjVal:
-      return &s.objval;
-    case A::ObjBound:
-      return &s.objbound;
-    case A::ObjBoundC:
-      return &s.objboundc;
-    case A::PoolObjBound:
-      return &s.pool_objbound;
-    case A::MIPGap:
-      return &s.mipgap;
-    case A::FarkasProof:
-      return &s.farkasproof;
-    case A::Kappa:
-      return &s.kappa;
-    case A::KappaExact:
-      return &s.kappa_exact;
-    default:
-      return nullptr;
-  }
+// Read-side selector checks: the selected objective or scenario must exist.
+int selected_objn(kvr_model &m, AttrId id) {
+  int k = selector_of(&m, id);
+  int n = static_cast<int>(m.data.objn.size());
+  if (k >= n) unavailable(id, format("ObjNumber %d is not below NumObj %d", k, n));
+  return k;
 }
 
-// Solution vectors that are available exactly when they are not empty.
-const std::vector<double> *solution_vector(const Solution &s, AttrId id) {
-  switch (id) {
-    case A::X:
-      return &s.x;
-    case A::RC:
-      return &s.rc;
-    case A::BarX:
-      return &s.barx;
-    case A::UnbdRay:
-      return &s.unbdray;
-    case A::Pi:
-      return &s.pi;
-    case A::FarkasDual:
-      return &s.farkasdual;
-    case A::QCPi:
-      return &s.qcpi;
-    default:
-      return nullptr;
-  }
+int selected_scen(kvr_model &m, AttrId id) {
+  int k = selector_of(&m, id);
+  int n = static_cast<int>(m.data.scenarios.size());
+  if (k >= n) unavailable(id, format("ScenarioNumber %d is not below NumScenarios %d", k, n));
+  return k;
 }
 
-// Sensitivity ranges: computed on first use, never for models with discrete elements.
-const std::vector<double> *sa_vector(const Solution &s, AttrId id) {
-  switch (id) {
-    case A::SAObjLow:
-      return &s.saobjlow;
-    case A::SAObjUp:
-      return &s.saobjup;
-    case A::SALBLow:
-      return &s.salblow;
-    case A::SALBUp:
-      return &s.salbup;
-    case A::SAUBLow:
-      return &s.saublow;
-    case A::SAUBUp:
-      return &s.saubup;
-    case A::SARHSLow:
-      return &s.sarhslow;
-    case A::SARHSUp:
-      return &s.sarhsup;
-    default:
-      return nullptr;
-  }
+// ---------------------------------------------------------------- generic readers, by store
+
+template <auto Field>
+double model_field(kvr_model &m, AttrId) {
+  return static_cast<double>(m.data.*Field);
 }
+template <auto Field>
+const std::string &model_text(kvr_model &m, AttrId) {
+  return m.data.*Field;
+}
+
+template <auto Part, auto Column>
+void column(kvr_model &m, AttrId id, IndexSet ix, double *out) {
+  copy_vec(id, (m.data.*Part).*Column, ix, out);
+}
+
+template <auto Part, auto Field>
+void item_field(kvr_model &m, AttrId, IndexSet ix, double *out) {
+  const auto &items = (m.data.*Part).items;
+  fill(ix, out, [&](int i) { return static_cast<double>(items[i].*Field); });
+}
+
+template <auto Part>
+const NamePool *names(const ModelData &d, AttrId) {
+  return &(d.*Part).names;
+}
+
+template <auto Part>
+void extra_column(kvr_model &m, AttrId id, IndexSet ix, double *out) {
+  copy_extra((m.data.*Part).extra, static_cast<int>(id), ix, out);
+}
+template <auto Part>
+const NamePool *extra_text(const ModelData &d, AttrId id) {
+  const ExtraAttrs &ex = (d.*Part).extra;
+  auto it = ex.str.find(static_cast<int>(id));
+  return it == ex.str.end() ? nullptr : &it->second;
+}
+
+template <auto Part, auto Vector>
+void basis(kvr_model &m, AttrId id, IndexSet ix, double *out) {
+  if (!(m.sol.*Vector).empty()) return copy_vec(id, m.sol.*Vector, ix, out);
+  extra_column<Part>(m, id, ix, out);
+}
+template <auto Part, auto Vector>
+bool has_basis(kvr_model &m, AttrId id) {
+  return !(m.sol.*Vector).empty() || (m.data.*Part).extra.num.count(static_cast<int>(id));
+}
+
+template <auto Field>
+double objective_field(kvr_model &m, AttrId id) {
+  return static_cast<double>(m.data.objn[selected_objn(m, id)].*Field);
+}
+template <auto Field>
+const std::string &objective_text(kvr_model &m, AttrId id) {
+  return m.data.objn[selected_objn(m, id)].*Field;
+}
+
+// Scenario values not given are KVR_UNDEFINED (the base model's value applies).
+template <auto Map>
+void scenario_map(kvr_model &m, AttrId id, IndexSet ix, double *out) {
+  const auto &map = m.data.scenarios[selected_scen(m, id)].*Map;
+  fill(ix, out, [&](int i) {
+    auto it = map.find(i);
+    return it == map.end() ? KVR_UNDEFINED : it->second;
+  });
+}
+template <auto Field>
+const std::string &scenario_text(kvr_model &m, AttrId id) {
+  return m.data.scenarios[selected_scen(m, id)].*Field;
+}
+
+template <auto Field>
+double solution_scalar(kvr_model &m, AttrId) {
+  return static_cast<double>(m.sol.*Field);
+}
+template <auto Field>
+bool has_scalar(kvr_model &m, AttrId) {
+  return !std::isnan(static_cast<double>(m.sol.*Field));
+}
+template <auto Vector>
+void solution_vector(kvr_model &m, AttrId id, IndexSet ix, double *out) {
+  copy_vec(id, m.sol.*Vector, ix, out);
+}
+template <auto Vector>
+bool has_vector(kvr_model &m, AttrId) {
+  return !(m.sol.*Vector).empty();
+}
+template <auto Vector>
+bool has_sensitivity(kvr_model &m, AttrId) {
+  m.sol.ensure_sensitivity();  // the ranges are computed on first use
+  return !(m.sol.*Vector).empty();
+}
+
+// ---------------------------------------------------------------- computed values
+
+double read_statistic(kvr_model &m, AttrId id) { return statistic(&m, id); }
+double read_quality(kvr_model &m, AttrId id) { return quality(&m, id); }
+bool has_quality(kvr_model &m, AttrId id) { return quality_available(&m, id); }
+double read_fingerprint(kvr_model &m, AttrId) { return fingerprint(&m); }
+double read_solcount(kvr_model &m, AttrId) { return m.sol.solcount(); }
+double read_num_start(kvr_model &m, AttrId) { return m.data.numstart; }
+double read_num_obj(kvr_model &m, AttrId) { return static_cast<double>(m.data.objn.size()); }
+double read_num_scenarios(kvr_model &m, AttrId) {
+  return static_cast<double>(m.data.scenarios.size());
+}
+double read_tune_result_count(kvr_model &m, AttrId) {
+  return static_cast<double>(m.tune.sets.size());
+}
+
+// Only a concurrent LP solve has a winning method.
+double read_concurrent_win_method(kvr_model &m, AttrId) { return m.sol.concurrent_win_method; }
+bool has_concurrent_win_method(kvr_model &m, AttrId) { return m.sol.concurrent_win_method >= 0; }
+
+// Pool solution k; the pool's first solution is the solution itself when no pool was kept.
+double read_pool_objval(kvr_model &m, AttrId id) {
+  size_t k = static_cast<size_t>(selector_of(&m, id));
+  return k < m.sol.pool_obj.size() ? m.sol.pool_obj[k] : m.sol.objval;
+}
+bool has_pool_objval(kvr_model &m, AttrId id) {
+  int k = selector_of(&m, id);
+  return m.sol.pool_obj.size() > static_cast<size_t>(k) || (k == 0 && !std::isnan(m.sol.objval));
+}
+void read_xn(kvr_model &m, AttrId id, IndexSet ix, double *out) {
+  size_t k = static_cast<size_t>(selector_of(&m, id));
+  copy_vec(id, k < m.sol.pool_x.size() ? m.sol.pool_x[k] : m.sol.x, ix, out);
+}
+
+void read_start(kvr_model &m, AttrId id, IndexSet ix, double *out) {
+  copy_extra(m.data.vars.extra, start_key(selector_of(&m, id)), ix, out);
+}
+
+// Objective 0's coefficients and constant are the ordinary objective's.
+void read_objn(kvr_model &m, AttrId id, IndexSet ix, double *out) {
+  const ModelData &d = m.data;
+  int k = selected_objn(m, id);
+  if (k == 0) return copy_vec(id, d.vars.obj, ix, out);
+  const ObjectiveN &o = d.objn[k];
+  if (static_cast<size_t>(ix.len) * 8 < static_cast<size_t>(d.num_vars())) {
+    fill(ix, out, [&](int i) {
+      double c = 0.0;
+      for (size_t t = 0; t < o.ind.size(); ++t)
+        if (o.ind[t] == i) c += o.val[t];
+      return c;
+    });
+    return;
+  }
+  std::vector<double> dense(static_cast<size_t>(d.num_vars()), 0.0);
+  for (size_t t = 0; t < o.ind.size(); ++t) dense[o.ind[t]] += o.val[t];
+  copy_vec(id, dense, ix, out);
+}
+double read_objn_con(kvr_model &m, AttrId id) {
+  int k = selected_objn(m, id);
+  return k == 0 ? m.data.objcon : m.data.objn[k].constant;
+}
+// A single-objective solve leaves no per-objective values: objective 0's is ObjVal.
+double read_objn_val(kvr_model &m, AttrId id) {
+  size_t k = static_cast<size_t>(selected_objn(m, id));
+  return k < m.sol.objnval.size() ? m.sol.objnval[k] : m.sol.objval;
+}
+bool has_objn_val(kvr_model &m, AttrId id) {
+  const Solution &s = m.sol;
+  size_t k = static_cast<size_t>(selected_objn(m, id));
+  if (k < s.objnval.size() && !std::isnan(s.objnval[k])) return true;
+  return k == 0 && s.objnval.empty() && !std::isnan(s.objval);
+}
+
+// Scenario results, one entry per scenario (NaN or empty when that scenario has none).
+template <class T>
+const T *scenario_result(kvr_model &m, AttrId id, const std::vector<T> &results) {
+  size_t k = static_cast<size_t>(selected_scen(m, id));
+  return k < results.size() ? &results[k] : nullptr;
+}
+void read_scen_x(kvr_model &m, AttrId id, IndexSet ix, double *out) {
+  const std::vector<double> *x = scenario_result(m, id, m.sol.scen_x);
+  copy_vec(id, x ? *x : std::vector<double>(), ix, out);
+}
+bool has_scen_x(kvr_model &m, AttrId id) {
+  const std::vector<double> *x = scenario_result(m, id, m.sol.scen_x);
+  return x && !x->empty();
+}
+double read_scen_objval(kvr_model &m, AttrId id) {
+  const double *v = scenario_result(m, id, m.sol.scen_objval);
+  if (!v) unavailable(id);
+  return *v;
+}
+bool has_scen_objval(kvr_model &m, AttrId id) {
+  const double *v = scenario_result(m, id, m.sol.scen_objval);
+  return v && !std::isnan(*v);
+}
+double read_scen_objbound(kvr_model &m, AttrId id) {
+  const double *v = scenario_result(m, id, m.sol.scen_objbound);
+  if (!v) unavailable(id);
+  return *v;
+}
+bool has_scen_objbound(kvr_model &m, AttrId id) {
+  const double *v = scenario_result(m, id, m.sol.scen_objbound);
+  return v && !std::isnan(*v);
+}
+
+// Slacks: the solve's, else computed from the solution.
+void read_slack(kvr_model &m, AttrId id, IndexSet ix, double *out) {
+  const ModelData &d = m.data;
+  const Solution &s = m.sol;
+  if (!s.slack.empty()) return copy_vec(id, s.slack, ix, out);
+  if (s.x.size() != static_cast<size_t>(d.num_vars())) unavailable(id);
+  fill(ix, out, [&](int i) { return d.constrs.rhs[i] - d.constrs.rows.row_value(i, s.x.data()); });
+}
+bool has_slack(kvr_model &m, AttrId) { return !m.sol.slack.empty() || !m.sol.x.empty(); }
+void read_qcslack(kvr_model &m, AttrId id, IndexSet ix, double *out) {
+  const ModelData &d = m.data;
+  const Solution &s = m.sol;
+  if (!s.qcslack.empty()) return copy_vec(id, s.qcslack, ix, out);
+  if (s.x.size() != static_cast<size_t>(d.num_vars())) unavailable(id);
+  fill(ix, out, [&](int i) {
+    const QConstr &qc = d.qconstrs.items[i];
+    return qc.rhs - qc.value(s.x.data());
+  });
+}
+bool has_qcslack(kvr_model &m, AttrId) { return !m.sol.qcslack.empty() || !m.sol.x.empty(); }
 
 // Convexity of a piecewise-linear function: slopes never decrease and there is no jump.
 bool pwl_convex(const PwlObj &p) {
@@ -177,6 +327,38 @@ bool pwl_convex(const PwlObj &p) {
   }
   return true;
 }
+void read_pwl_convex(kvr_model &m, AttrId, IndexSet ix, double *out) {
+  std::unordered_map<int, const PwlObj *> by_var;
+  for (const PwlObj &p : m.data.pwlobj) by_var[p.var] = &p;
+  fill(ix, out, [&](int i) {
+    auto it = by_var.find(i);
+    return it == by_var.end() || pwl_convex(*it->second) ? 1.0 : 0.0;
+  });
+}
+
+// ---------------------------------------------------------------- the readers
+
+// How one attribute is read: numbers of the model or of elements (char codes too), strings of the
+// model or of elements; has_value tells whether the store holds a value (kNeedsValue).
+struct AttrReader {
+  double (*model)(kvr_model &, AttrId) = nullptr;
+  void (*elems)(kvr_model &, AttrId, IndexSet, double *) = nullptr;
+  const std::string &(*text)(kvr_model &, AttrId) = nullptr;
+  const NamePool *(*names)(const ModelData &, AttrId) = nullptr;
+  const char *prefix = nullptr;  // unnamed elements read back as prefix + index
+  bool (*has_value)(kvr_model &, AttrId) = nullptr;
+};
+
+const AttrReader kReaders[] = {
+#include "attrs/attr_read.inc"
+};
+static_assert(std::size(kReaders) == static_cast<size_t>(AttrId::Count));
+
+const AttrReader &reader(AttrId id) { return kReaders[static_cast<size_t>(id)]; }
+
+[[noreturn]] void no_reader(AttrId id) {
+  fail(KVR_ERROR_INTERNAL, "Attribute '%s' has no reader", attr_def(id).name);
+}
 
 void append_generated(std::string &buf, const char *prefix, int i) {
   buf.append(prefix);
@@ -185,198 +367,43 @@ void append_generated(std::string &buf, const char *prefix, int i) {
   buf.append(digits, end);
 }
 
-int prospective(int current, int queued) { return std::max(current, queued); }
-
-[[noreturn]] void bad_value(AttrId id, int elem, double v, const char *why) {
-  const AttrDef &d = attr_def(id);
-  if (d.cls == AttrClass::Model)
-    fail(KVR_ERROR_INVALID_ARGUMENT, "Invalid value %g for attribute '%s': %s", v, d.name, why);
-  fail(KVR_ERROR_INVALID_ARGUMENT, "Invalid value %g for attribute '%s' of %s %d: %s", v, d.name,
-       class_word(d.cls), elem, why);
-}
-
-bool in_set(double v, std::initializer_list<int> allowed) {
-  for (int a : allowed)
-    if (v == a) return true;
-  return false;
-}
-
-}  // namespace
-
-double checked_attr_value(AttrId id, int elem, double v) {
-  const AttrDef &d = attr_def(id);
-  if (std::isnan(v)) bad_value(id, elem, v, "NaN is not a value");
-  if (d.type == AttrType::Int && (v != std::floor(v) || std::fabs(v) > KVR_MAXINT))
-    bad_value(id, elem, v, "an integer is required");
-  switch (id) {
-    case A::LB:
-    case A::UB:
-    case A::RHS:
-    case A::QCRHS:
-      return clip_infinite(v);
-    case A::Obj:
-    case A::ObjN:
-    case A::ObjCon:
-    case A::ObjNCon:
-    case A::ObjNWeight:
-      if (is_infinite(v))
-        fail(KVR_ERROR_NUMERIC, "Infinite value for attribute '%s' (element %d): must be finite",
-             d.name, elem);
-      return v;
-    case A::ScenNObj:
-      if (v == KVR_UNDEFINED) return v;
-      if (is_infinite(v))
-        fail(KVR_ERROR_NUMERIC, "Infinite value for attribute '%s' (element %d): must be finite",
-             d.name, elem);
-      return v;
-    case A::Start:
-    case A::VarHintVal:
-    case A::PStart:
-    case A::DStart:
-    case A::PreFixVal:
-    case A::ScenNLB:
-    case A::ScenNUB:
-    case A::ScenNRHS:
-      return v == KVR_UNDEFINED ? v : clip_infinite(v);
-    case A::VType: {
-      char t = static_cast<char>(v);
-      if (v != static_cast<unsigned char>(t) && v != t) bad_value(id, elem, v, "not a type code");
-      check_vtype(t, elem);
-      return v;
-    }
-    case A::Sense:
-    case A::QCSense:
-      if (v < -128 || v > 255) bad_value(id, elem, v, "not a sense code");
-      check_sense(static_cast<char>(v),
-                  d.cls == AttrClass::Constr ? "constraint" : "quadratic constraint", elem);
-      return static_cast<char>(v);
-    case A::ModelSense:
-      if (!in_set(v, {KVR_MINIMIZE, KVR_MAXIMIZE}))
-        bad_value(id, elem, v, "use 1 (minimize) or -1 (maximize)");
-      return v;
-    case A::VBasis:
-      if (!in_set(v, {KVR_BASIC, KVR_NONBASIC_LOWER, KVR_NONBASIC_UPPER, KVR_SUPERBASIC}))
-        bad_value(id, elem, v, "a basis status is 0, -1, -2 or -3");
-      return v;
-    case A::CBasis:
-      if (!in_set(v, {KVR_BASIC, KVR_NONBASIC_LOWER, KVR_NONBASIC_UPPER}))
-        bad_value(id, elem, v, "a constraint basis status is 0, -1 or -2");
-      return v;
-    case A::IISLBForce:
-    case A::IISUBForce:
-    case A::IISConstrForce:
-    case A::IISSOSForce:
-    case A::IISQConstrForce:
-    case A::IISGenConstrForce:
-      if (!in_set(v, {-1, 0, 1})) bad_value(id, elem, v, "use -1 (automatic), 0 or 1");
-      return v;
-    case A::PoolIgnore:
-      if (!in_set(v, {0, 1})) bad_value(id, elem, v, "use 0 or 1");
-      return v;
-    case A::Lazy:
-      if (v < -1 || v > 3) bad_value(id, elem, v, "lazy levels are -1 to 3");
-      return v;
-    case A::NumStart:
-    case A::NumScenarios:
-      if (v < 0 || v > 1000000) bad_value(id, elem, v, "a count from 0 to 1000000 is required");
-      return v;
-    case A::NumObj:
-      if (v < 1 || v > 1000000)
-        bad_value(id, elem, v, "a model has 1 to 1000000 objectives (objective 0 always exists)");
-      return v;
-    case A::ObjNRelTol:
-    case A::ObjNAbsTol:
-      if (v < 0 || is_infinite(v)) bad_value(id, elem, v, "a finite tolerance >= 0 is required");
-      return v;
-    case A::FuncPieces:
-      if (v < -3 || v > 200000000) bad_value(id, elem, v, "use -3 (the parameter) or -2 to 2e8");
-      return v;
-    case A::FuncPieceError:
-      if (v != -1 && (v < 1e-6 || v > 1e6))
-        bad_value(id, elem, v, "use -1 (the parameter) or 1e-6 to 1e6");
-      return v;
-    case A::FuncPieceLength:
-      if (v != -1 && (v < 1e-5 || v > 1e6))
-        bad_value(id, elem, v, "use -1 (the parameter) or 1e-5 to 1e6");
-      return v;
-    case A::FuncPieceRatio:
-      if (v != -2 && (v < -1 || v > 1)) bad_value(id, elem, v, "use -2 (the parameter) or -1 to 1");
-      return v;
+ParamId selector_param(AttrSelector s) {
+  switch (s) {
+    case AttrSelector::ScenarioNumber:
+      return ParamId::ScenarioNumber;
+    case AttrSelector::StartNumber:
+      return ParamId::StartNumber;
+    case AttrSelector::SolutionNumber:
+      return ParamId::SolutionNumber;
     default:
-      return v;  // priorities, partitions, hint priorities: any integer
+      return ParamId::ObjNumber;
   }
 }
 
-namespace {
-
-// Resolves the selector of an attribute for a write and checks it against the counts that the
-// model has or that queued changes ask for.
-int write_selector(kvr_model *m, AttrId id) {
-  if (!has_selector(id)) return -1;
-  const PendingChanges &p = m->pending;
-  int k = selector_of(m, id);
-  const AttrDef &d = attr_def(id);
-  if (id == A::Start) {
-    if (k == -1) return m->data.numstart;  // a new start, created by the update
-    int limit = std::max({m->data.numstart, p.start_limit, 1});
-    if (k >= limit)
-      fail(KVR_ERROR_INDEX_OUT_OF_RANGE,
-           "Cannot set attribute 'Start': StartNumber %d is not below NumStart %d (set NumStart "
-           "first, or StartNumber -1 for a new start)",
-           k, limit);
-    return k;
+// The selector picks an existing objective, scenario, MIP start or pool solution.
+void check_selected(kvr_model *m, AttrId id) {
+  const int k = selector_of(m, id);
+  switch (attr_def(id).selector) {
+    case AttrSelector::ObjNumber:
+      selected_objn(*m, id);
+      return;
+    case AttrSelector::ScenarioNumber:
+      selected_scen(*m, id);
+      return;
+    case AttrSelector::StartNumber: {
+      int limit = std::max(m->data.numstart, 1);
+      if (k < 0 || k >= limit)
+        unavailable(id,
+                    format("StartNumber %d does not select one of the %d MIP starts", k, limit));
+      return;
+    }
+    case AttrSelector::SolutionNumber:
+      if (k >= m->sol.solcount())
+        unavailable(id, format("SolutionNumber %d is not below SolCount %d", k, m->sol.solcount()));
+      return;
+    case AttrSelector::None:
+      return;
   }
-  if (id == A::ScenNLB || id == A::ScenNUB || id == A::ScenNObj || id == A::ScenNRHS ||
-      id == A::ScenNName) {
-    int limit = prospective(static_cast<int>(m->data.scenarios.size()), p.scen_limit);
-    if (k >= limit)
-      fail(KVR_ERROR_INDEX_OUT_OF_RANGE,
-           "Cannot set attribute '%s': ScenarioNumber %d is not below NumScenarios %d", d.name, k,
-           limit);
-    return k;
-  }
-  int limit = prospective(static_cast<int>(m->data.objn.size()), p.objn_limit);
-  if (k >= limit)
-    fail(KVR_ERROR_INDEX_OUT_OF_RANGE,
-         "Cannot set attribute '%s': ObjNumber %d is not below NumObj %d", d.name, k, limit);
-  return k;
-}
-
-void note_limits(kvr_model *m, AttrId id, int sub, double v) {
-  PendingChanges &p = m->pending;
-  if (id == A::NumObj) p.objn_limit = std::max(p.objn_limit, static_cast<int>(v));
-  if (id == A::NumScenarios) p.scen_limit = std::max(p.scen_limit, static_cast<int>(v));
-  if (id == A::NumStart) p.start_limit = std::max(p.start_limit, static_cast<int>(v));
-  if (id == A::Start) p.start_limit = std::max(p.start_limit, sub + 1);
-}
-
-void check_settable(AttrId id) {
-  const AttrDef &d = attr_def(id);
-  if (!d.settable)
-    fail(KVR_ERROR_INVALID_ARGUMENT, "Attribute '%s' is read-only: it cannot be set", d.name);
-}
-
-// Read-side selector check for attributes of one objective or scenario.
-int read_objn(kvr_model *m, AttrId id) {
-  int k = selector_of(m, id);
-  int n = static_cast<int>(m->data.objn.size());
-  if (k >= n) unavailable(id, format("ObjNumber %d is not below NumObj %d", k, n));
-  return k;
-}
-
-int read_scen(kvr_model *m, AttrId id) {
-  int k = selector_of(m, id);
-  int n = static_cast<int>(m->data.scenarios.size());
-  if (k >= n) unavailable(id, format("ScenarioNumber %d is not below NumScenarios %d", k, n));
-  return k;
-}
-
-// Objective k >= 1 as a dense vector over the variables.
-std::vector<double> dense_objn(const ModelData &d, int k) {
-  std::vector<double> c(static_cast<size_t>(d.num_vars()), 0.0);
-  const ObjectiveN &o = d.objn[k];
-  for (size_t t = 0; t < o.ind.size(); ++t) c[o.ind[t]] += o.val[t];
-  return c;
 }
 
 }  // namespace
@@ -451,442 +478,58 @@ void check_indices(const kvr_model *m, AttrId id, IndexSet ix) {
   }
 }
 
-namespace {
-// The parameter that selects which objective, scenario, MIP start or pool solution an attribute
-// refers to; none for the other attributes.
-std::optional<ParamId> selector_param(AttrId id) {
-  switch (id) {
-    case A::ObjN:
-    case A::ObjNCon:
-    case A::ObjNPriority:
-    case A::ObjNWeight:
-    case A::ObjNRelTol:
-    case A::ObjNAbsTol:
-    case A::ObjNVal:
-    case A::ObjNName:
-      return ParamId::ObjNumber;
-    case A::ScenNLB:
-    case A::ScenNUB:
-    case A::ScenNObj:
-    case A::ScenNRHS:
-    case A::ScenNName:
-    case A::ScenNX:
-    case A::ScenNObjBound:
-    case A::ScenNObjVal:
-      return ParamId::ScenarioNumber;
-    case A::Start:
-      return ParamId::StartNumber;
-    case A::Xn:
-    case A::PoolObjVal:
-      return ParamId::SolutionNumber;
-    default:
-      return std::nullopt;
-  }
-}
-}  // namespace
-
-bool has_selector(AttrId id) { return selector_param(id).has_value(); }
+bool has_selector(AttrId id) { return attr_def(id).selector != AttrSelector::None; }
 
 int selector_of(const kvr_model *m, AttrId id) {
-  return m->env.params.get_int(selector_param(id).value_or(ParamId::ObjNumber));
+  return m->env.params.get_int(selector_param(attr_def(id).selector));
 }
 
 // ---------------------------------------------------------------- availability
 
 void check_available(kvr_model *m, AttrId id) {
+  const AttrDef &d = attr_def(id);
   const Solution &s = m->sol;
-  const ModelData &d = m->data;
-  auto need = [&](bool ok) {
-    if (!ok) unavailable(id);
+  auto state = [&](bool ok) {
+    if (ok) return;
+    if (d.missing_why)
+      fail(d.missing_code, "Unable to retrieve attribute '%s': %s", d.name, d.missing_why);
+    fail(d.missing_code, "Unable to retrieve attribute '%s'", d.name);
   };
-  if (const double *v = solution_value(s, id)) return need(!std::isnan(*v));
-  if (const std::vector<double> *v = solution_vector(s, id)) return need(!v->empty());
-  switch (id) {
-    case A::Slack:
-      return need(!s.slack.empty() || !s.x.empty());
-    case A::QCSlack:
-      return need(!s.qcslack.empty() || !s.x.empty());
-    case A::VarPreStat:
-      return need(!s.varprestat.empty());
-    case A::VBasis:
-      return need(!s.vbasis.empty() || d.vars.extra.num.count(static_cast<int>(A::VBasis)));
-    case A::CBasis:
-      return need(!s.cbasis.empty() || d.constrs.extra.num.count(static_cast<int>(A::CBasis)));
-    case A::SAObjLow:
-    case A::SAObjUp:
-    case A::SALBLow:
-    case A::SALBUp:
-    case A::SAUBLow:
-    case A::SAUBUp:
-    case A::SARHSLow:
-    case A::SARHSUp:
-      if (d.is_mip())
-        fail(KVR_ERROR_NOT_FOR_MIP,
-             "Unable to retrieve attribute '%s': sensitivity ranges do not exist for models with "
-             "discrete elements",
-             attr_def(id).name);
-      m->sol.ensure_sensitivity();  // the ranges are computed on first use
-      return need(!sa_vector(s, id)->empty());
-    case A::IISLB:
-    case A::IISUB:
-    case A::IISConstr:
-    case A::IISSOS:
-    case A::IISQConstr:
-    case A::IISGenConstr:
-    case A::IISMinimal:
-      if (!s.iis_available) unavailable(id, "no IIS has been computed");
-      return;
-    case A::Xn:
-    case A::PoolObjVal: {
-      int k = selector_of(m, id);
-      if (k >= s.solcount())
-        unavailable(id, format("SolutionNumber %d is not below SolCount %d", k, s.solcount()));
-      if (id == A::PoolObjVal && s.pool_obj.size() <= static_cast<size_t>(k) &&
-          (k > 0 || std::isnan(s.objval)))
-        unavailable(id);
-      return;
-    }
-    case A::ScenNX:
-    case A::ScenNObjVal:
-    case A::ScenNObjBound: {
-      int k = read_scen(m, id);
-      if (id == A::ScenNX) need(static_cast<size_t>(k) < s.scen_x.size() && !s.scen_x[k].empty());
-      if (id == A::ScenNObjVal)
-        need(static_cast<size_t>(k) < s.scen_objval.size() && !std::isnan(s.scen_objval[k]));
-      if (id == A::ScenNObjBound)
-        need(static_cast<size_t>(k) < s.scen_objbound.size() && !std::isnan(s.scen_objbound[k]));
-      return;
-    }
-    case A::ScenNLB:
-    case A::ScenNUB:
-    case A::ScenNObj:
-    case A::ScenNRHS:
-    case A::ScenNName:
-      read_scen(m, id);
-      return;
-    case A::ObjN:
-    case A::ObjNCon:
-    case A::ObjNPriority:
-    case A::ObjNWeight:
-    case A::ObjNRelTol:
-    case A::ObjNAbsTol:
-    case A::ObjNName:
-      read_objn(m, id);
-      return;
-    case A::ObjNVal: {
-      int k = read_objn(m, id);
-      if (static_cast<size_t>(k) < s.objnval.size() && !std::isnan(s.objnval[k])) return;
-      need(k == 0 && s.objnval.empty() && !std::isnan(s.objval));
-      return;
-    }
-    case A::Start: {
-      int k = selector_of(m, id);
-      int limit = std::max(d.numstart, 1);
-      if (k < 0 || k >= limit)
-        unavailable(id,
-                    format("StartNumber %d does not select one of the %d MIP starts", k, limit));
-      return;
-    }
-    case A::Runtime:
-    case A::Work:
-    case A::IterCount:
-    case A::NodeCount:
-    case A::BarIterCount:
-      return need(s.solved);
-    case A::ConcurrentWinMethod:  // only a concurrent solve has a winner
-      return need(s.solved && s.concurrent_win_method >= 0);
-    default:
-      if (is_quality(id)) check_quality_available(m, id);
-      return;
-  }
+  if (d.needs & kNeedsSolved) state(s.solved);
+  if (d.needs & kNeedsIis) state(s.iis_available);
+  if (d.needs & kNeedsContinuous) state(!m->data.is_mip());
+  if (d.needs & kNeedsSelected) check_selected(m, id);
+  if ((d.needs & kNeedsValue) && !reader(id).has_value(*m, id)) unavailable(id);
 }
 
 // ---------------------------------------------------------------- reads
 
 double read_model_num(kvr_model *m, AttrId id) {
-  const ModelData &d = m->data;
-  const Solution &s = m->sol;
-  if (is_statistic(id)) return statistic(m, id);
-  if (is_quality(id)) return quality(m, id);
-  if (const double *v = solution_value(s, id)) return *v;
-  switch (id) {
-    case A::ModelSense:
-      return d.sense;
-    case A::ObjCon:
-      return d.objcon;
-    case A::IISMinimal:
-      return s.iis_minimal;
-    case A::PoolObjVal: {
-      size_t k = static_cast<size_t>(selector_of(m, id));
-      return k < s.pool_obj.size() ? s.pool_obj[k] : s.objval;
-    }
-    case A::Runtime:
-      return s.runtime;
-    case A::Work:
-      return s.work;
-    case A::Status:
-      return s.status;
-    case A::SolCount:
-      return s.solcount();
-    case A::IterCount:
-      return s.itercount;
-    case A::NodeCount:
-      return s.nodecount;
-    case A::BarIterCount:
-      return s.baritercount;
-    case A::NumStart:
-      return d.numstart;
-    case A::TuneResultCount:
-      return static_cast<int>(m->tune.sets.size());
-    case A::Fingerprint:
-      return fingerprint(m);
-    case A::ConcurrentWinMethod:
-      return s.concurrent_win_method;
-    case A::ObjNCon: {
-      int k = read_objn(m, id);
-      return k == 0 ? d.objcon : d.objn[k].constant;
-    }
-    case A::ObjNPriority:
-      return d.objn[read_objn(m, id)].priority;
-    case A::ObjNWeight:
-      return d.objn[read_objn(m, id)].weight;
-    case A::ObjNRelTol:
-      return d.objn[read_objn(m, id)].reltol;
-    case A::ObjNAbsTol:
-      return d.objn[read_objn(m, id)].abstol;
-    case A::ObjNVal: {
-      size_t k = static_cast<size_t>(read_objn(m, id));
-      return k < s.objnval.size() ? s.objnval[k] : s.objval;
-    }
-    case A::NumObj:
-      return static_cast<double>(d.objn.size());
-    case A::ScenNObjBound:
-      return s.scen_objbound[read_scen(m, id)];
-    case A::ScenNObjVal:
-      return s.scen_objval[read_scen(m, id)];
-    case A::NumScenarios:
-      return static_cast<double>(d.scenarios.size());
-    default:
-      fail(KVR_ERROR_INTERNAL, "Attribute '%s' has no reader", attr_def(id).name);
-  }
+  if (!reader(id).model) no_reader(id);
+  return reader(id).model(*m, id);
 }
 
 const char *read_model_str(kvr_model *m, AttrId id) {
-  std::string &buf = m->strbuf;
-  switch (id) {
-    case A::ModelName:
-      buf = m->data.name;
-      break;
-    case A::ObjNName:
-      buf = m->data.objn[read_objn(m, id)].name;
-      break;
-    case A::ScenNName:
-      buf = m->data.scenarios[read_scen(m, id)].name;
-      break;
-    default:
-      fail(KVR_ERROR_INTERNAL, "Attribute '%s' has no reader", attr_def(id).name);
-  }
-  return buf.c_str();
+  if (!reader(id).text) no_reader(id);
+  m->strbuf = reader(id).text(*m, id);
+  return m->strbuf.c_str();
 }
 
 void read_elem_num(kvr_model *m, AttrId id, IndexSet ix, double *out) {
-  const ModelData &d = m->data;
-  const Solution &s = m->sol;
-  if (const std::vector<double> *v = solution_vector(s, id)) return copy_vec(id, *v, ix, out);
-  if (const std::vector<double> *v = sa_vector(s, id)) return copy_vec(id, *v, ix, out);
-  switch (id) {
-    // Variables.
-    case A::LB:
-      return copy_vec(id, d.vars.lb, ix, out);
-    case A::UB:
-      return copy_vec(id, d.vars.ub, ix, out);
-    case A::Obj:
-      return copy_vec(id, d.vars.obj, ix, out);
-    case A::VarPreStat:
-      return copy_vec(id, s.varprestat, ix, out);
-    case A::Xn: {
-      size_t k = static_cast<size_t>(selector_of(m, id));
-      return copy_vec(id, k < s.pool_x.size() ? s.pool_x[k] : s.x, ix, out);
-    }
-    case A::VBasis:
-      if (!s.vbasis.empty()) return copy_vec(id, s.vbasis, ix, out);
-      return copy_extra(d.vars.extra, static_cast<int>(id), ix, out);
-    case A::Start:
-      return copy_extra(d.vars.extra, start_key(selector_of(m, id)), ix, out);
-    case A::VarHintVal:
-    case A::VarHintPri:
-    case A::BranchPriority:
-    case A::Partition:
-    case A::PoolIgnore:
-    case A::IISLBForce:
-    case A::IISUBForce:
-    case A::PStart:
-    case A::PreFixVal:
-      return copy_extra(d.vars.extra, static_cast<int>(id), ix, out);
-    case A::IISLB:
-      return copy_vec(id, s.iis_lb, ix, out);
-    case A::IISUB:
-      return copy_vec(id, s.iis_ub, ix, out);
-    case A::PWLObjCvx: {
-      std::unordered_map<int, const PwlObj *> by_var;
-      for (const PwlObj &p : d.pwlobj) by_var[p.var] = &p;
-      fill(ix, out, [&](int i) {
-        auto it = by_var.find(i);
-        return it == by_var.end() || pwl_convex(*it->second) ? 1.0 : 0.0;
-      });
-      return;
-    }
-    case A::ObjN: {
-      int k = read_objn(m, id);
-      if (k == 0) return copy_vec(id, d.vars.obj, ix, out);
-      const ObjectiveN &o = d.objn[k];
-      if (static_cast<size_t>(ix.len) * 8 < static_cast<size_t>(d.num_vars())) {
-        fill(ix, out, [&](int i) {
-          double c = 0.0;
-          for (size_t t = 0; t < o.ind.size(); ++t)
-            if (o.ind[t] == i) c += o.val[t];
-          return c;
-        });
-        return;
-      }
-      return copy_vec(id, dense_objn(d, k), ix, out);
-    }
-    case A::ScenNLB:
-    case A::ScenNUB:
-    case A::ScenNObj: {
-      const Scenario &sc = d.scenarios[read_scen(m, id)];
-      const auto &map = id == A::ScenNLB ? sc.lb : id == A::ScenNUB ? sc.ub : sc.obj;
-      fill(ix, out, [&](int i) {
-        auto it = map.find(i);
-        return it == map.end() ? KVR_UNDEFINED : it->second;
-      });
-      return;
-    }
-    case A::ScenNX:
-      return copy_vec(id, s.scen_x[read_scen(m, id)], ix, out);
-
-    // Linear constraints.
-    case A::RHS:
-      return copy_vec(id, d.constrs.rhs, ix, out);
-    case A::Slack:
-      if (!s.slack.empty()) return copy_vec(id, s.slack, ix, out);
-      if (s.x.size() != static_cast<size_t>(d.num_vars())) unavailable(id);
-      fill(ix, out,
-           [&](int i) { return d.constrs.rhs[i] - d.constrs.rows.row_value(i, s.x.data()); });
-      return;
-    case A::CBasis:
-      if (!s.cbasis.empty()) return copy_vec(id, s.cbasis, ix, out);
-      return copy_extra(d.constrs.extra, static_cast<int>(id), ix, out);
-    case A::IISConstr:
-      return copy_vec(id, s.iis_constr, ix, out);
-    case A::IISConstrForce:
-    case A::DStart:
-    case A::Lazy:
-      return copy_extra(d.constrs.extra, static_cast<int>(id), ix, out);
-    case A::ScenNRHS: {
-      const Scenario &sc = d.scenarios[read_scen(m, id)];
-      fill(ix, out, [&](int i) {
-        auto it = sc.rhs.find(i);
-        return it == sc.rhs.end() ? KVR_UNDEFINED : it->second;
-      });
-      return;
-    }
-
-    // SOS constraints.
-    case A::IISSOS:
-      return copy_vec(id, s.iis_sos, ix, out);
-    case A::IISSOSForce:
-      return copy_extra(d.sos.extra, static_cast<int>(id), ix, out);
-
-    // Quadratic constraints.
-    case A::QCRHS:
-      fill(ix, out, [&](int i) { return d.qconstrs.items[i].rhs; });
-      return;
-    case A::QCSlack:
-      if (!s.qcslack.empty()) return copy_vec(id, s.qcslack, ix, out);
-      if (s.x.size() != static_cast<size_t>(d.num_vars())) unavailable(id);
-      fill(ix, out, [&](int i) {
-        const QConstr &qc = d.qconstrs.items[i];
-        return qc.rhs - qc.value(s.x.data());
-      });
-      return;
-    case A::IISQConstr:
-      return copy_vec(id, s.iis_qconstr, ix, out);
-    case A::IISQConstrForce:
-      return copy_extra(d.qconstrs.extra, static_cast<int>(id), ix, out);
-
-    // General constraints.
-    case A::GenConstrType:
-      fill(ix, out, [&](int i) { return static_cast<double>(d.gens.items[i].type); });
-      return;
-    case A::IISGenConstr:
-      return copy_vec(id, s.iis_genconstr, ix, out);
-    case A::IISGenConstrForce:
-      return copy_extra(d.gens.extra, static_cast<int>(id), ix, out);
-    case A::FuncPieces:
-      fill(ix, out, [&](int i) { return static_cast<double>(d.gens.items[i].funcpieces); });
-      return;
-    case A::FuncPieceError:
-      fill(ix, out, [&](int i) { return d.gens.items[i].funcpieceerror; });
-      return;
-    case A::FuncPieceLength:
-      fill(ix, out, [&](int i) { return d.gens.items[i].funcpiecelength; });
-      return;
-    case A::FuncPieceRatio:
-      fill(ix, out, [&](int i) { return d.gens.items[i].funcpieceratio; });
-      return;
-    default:
-      fail(KVR_ERROR_INTERNAL, "Attribute '%s' has no reader", attr_def(id).name);
-  }
+  if (!reader(id).elems) no_reader(id);
+  reader(id).elems(*m, id, ix, out);
 }
 
 void read_elem_char(kvr_model *m, AttrId id, IndexSet ix, char *out) {
-  const ModelData &d = m->data;
-  auto get = [&](auto &&f) {
-    for (int k = 0; k < ix.len; ++k) out[k] = f(ix[k]);
-  };
-  switch (id) {
-    case A::VType:
-      return get([&](int i) { return d.vars.vtype[i]; });
-    case A::Sense:
-      return get([&](int i) { return d.constrs.sense[i]; });
-    case A::QCSense:
-      return get([&](int i) { return d.qconstrs.items[i].sense; });
-    default:
-      fail(KVR_ERROR_INTERNAL, "Attribute '%s' has no reader", attr_def(id).name);
-  }
+  std::vector<double> codes(static_cast<size_t>(ix.len));
+  read_elem_num(m, id, ix, codes.data());
+  for (int k = 0; k < ix.len; ++k) out[k] = static_cast<char>(static_cast<int>(codes[k]));
 }
 
 void read_elem_str(kvr_model *m, AttrId id, IndexSet ix, char **out) {
-  const ModelData &d = m->data;
-  const NamePool *pool = nullptr;
-  const char *prefix = nullptr;  // unnamed elements read back as prefix + index
-  switch (id) {
-    case A::VarName:
-      pool = &d.vars.names, prefix = "C";
-      break;
-    case A::ConstrName:
-      pool = &d.constrs.names, prefix = "R";
-      break;
-    case A::QCName:
-      pool = &d.qconstrs.names, prefix = "QC";
-      break;
-    case A::GenConstrName:
-      pool = &d.gens.names, prefix = "GC";
-      break;
-    case A::VTag:
-    case A::CTag:
-    case A::QCTag: {
-      const ExtraAttrs &ex = id == A::VTag   ? d.vars.extra
-                             : id == A::CTag ? d.constrs.extra
-                                             : d.qconstrs.extra;
-      auto it = ex.str.find(static_cast<int>(id));
-      pool = it == ex.str.end() ? nullptr : &it->second;
-      break;
-    }
-    default:
-      fail(KVR_ERROR_INTERNAL, "Attribute '%s' has no reader", attr_def(id).name);
-  }
+  const AttrReader &r = reader(id);
+  if (!r.names) no_reader(id);
+  const NamePool *pool = r.names(m->data, id);
   std::string &buf = m->strbuf;
   buf.clear();
   std::vector<size_t> start(static_cast<size_t>(ix.len));
@@ -895,8 +538,8 @@ void read_elem_str(kvr_model *m, AttrId id, IndexSet ix, char **out) {
     start[k] = buf.size();
     std::string_view name =
         pool && static_cast<size_t>(i) < pool->size() ? pool->get(i) : std::string_view();
-    if (name.empty() && prefix)
-      append_generated(buf, prefix, i);
+    if (name.empty() && r.prefix)
+      append_generated(buf, r.prefix, i);
     else
       buf.append(name);
     buf.push_back('\0');
@@ -904,7 +547,105 @@ void read_elem_str(kvr_model *m, AttrId id, IndexSet ix, char **out) {
   for (int k = 0; k < ix.len; ++k) out[k] = buf.data() + start[k];
 }
 
+// ---------------------------------------------------------------- values
+
+namespace {
+
+[[noreturn]] void bad_value(AttrId id, int elem, double v, const char *why) {
+  const AttrDef &d = attr_def(id);
+  if (d.cls == AttrClass::Model)
+    fail(KVR_ERROR_INVALID_ARGUMENT, "Invalid value %g for attribute '%s': %s", v, d.name, why);
+  fail(KVR_ERROR_INVALID_ARGUMENT, "Invalid value %g for attribute '%s' of %s %d: %s", v, d.name,
+       class_word(d.cls), elem, why);
+}
+
+}  // namespace
+
+double checked_attr_value(AttrId id, int elem, double v) {
+  const AttrDef &d = attr_def(id);
+  const AttrValueRule &r = d.values;
+  if (std::isnan(v)) bad_value(id, elem, v, "NaN is not a value");
+  if (d.type == AttrType::Int && (v != std::floor(v) || std::fabs(v) > KVR_MAXINT))
+    bad_value(id, elem, v, "an integer is required");
+  if ((r.words & AttrValueRule::kUndefined) && v == KVR_UNDEFINED) return v;
+  if (r.words & AttrValueRule::kBound) return clip_infinite(v);
+  if ((r.words & AttrValueRule::kFinite) && is_infinite(v))
+    fail(KVR_ERROR_NUMERIC, "Infinite value for attribute '%s' (element %d): must be finite",
+         d.name, elem);
+  if (r.words & AttrValueRule::kVType) {
+    char t = static_cast<char>(v);
+    if (v != static_cast<unsigned char>(t) && v != t) bad_value(id, elem, v, "not a type code");
+    check_vtype(t, elem);
+  }
+  if (r.words & AttrValueRule::kSense) {
+    if (v < -128 || v > 255) bad_value(id, elem, v, "not a sense code");
+    check_sense(static_cast<char>(v),
+                d.cls == AttrClass::Constr ? "constraint" : "quadratic constraint", elem);
+    return static_cast<char>(v);
+  }
+  if (r.npoints == 0 && !r.has_range) return v;
+  if (std::find(r.points, r.points + r.npoints, v) != r.points + r.npoints) return v;
+  if (r.has_range && v >= r.lo && (r.hi_open ? v < r.hi : v <= r.hi)) return v;
+  bad_value(id, elem, v, r.invalid);
+}
+
 // ---------------------------------------------------------------- writes
+
+namespace {
+
+// Resolves the selector of an attribute for a write and checks it against the counts that the
+// model has or that queued changes ask for.
+int write_selector(kvr_model *m, AttrId id) {
+  const AttrDef &d = attr_def(id);
+  const PendingChanges &p = m->pending;
+  const int k = has_selector(id) ? selector_of(m, id) : -1;
+  switch (d.selector) {
+    case AttrSelector::StartNumber: {
+      if (k == -1) return m->data.numstart;  // a new start, created by the update
+      int limit = std::max({m->data.numstart, p.start_limit, 1});
+      if (k >= limit)
+        fail(KVR_ERROR_INDEX_OUT_OF_RANGE,
+             "Cannot set attribute 'Start': StartNumber %d is not below NumStart %d (set NumStart "
+             "first, or StartNumber -1 for a new start)",
+             k, limit);
+      return k;
+    }
+    case AttrSelector::ScenarioNumber: {
+      int limit = std::max(static_cast<int>(m->data.scenarios.size()), p.scen_limit);
+      if (k >= limit)
+        fail(KVR_ERROR_INDEX_OUT_OF_RANGE,
+             "Cannot set attribute '%s': ScenarioNumber %d is not below NumScenarios %d", d.name, k,
+             limit);
+      return k;
+    }
+    case AttrSelector::ObjNumber: {
+      int limit = std::max(static_cast<int>(m->data.objn.size()), p.objn_limit);
+      if (k >= limit)
+        fail(KVR_ERROR_INDEX_OUT_OF_RANGE,
+             "Cannot set attribute '%s': ObjNumber %d is not below NumObj %d", d.name, k, limit);
+      return k;
+    }
+    default:
+      return k;
+  }
+}
+
+// Counts that queued writes ask for, so that selectors up to them are accepted before the update.
+void note_limits(kvr_model *m, AttrId id, int sub, double v) {
+  PendingChanges &p = m->pending;
+  if (id == A::NumObj) p.objn_limit = std::max(p.objn_limit, static_cast<int>(v));
+  if (id == A::NumScenarios) p.scen_limit = std::max(p.scen_limit, static_cast<int>(v));
+  if (id == A::NumStart) p.start_limit = std::max(p.start_limit, static_cast<int>(v));
+  if (id == A::Start) p.start_limit = std::max(p.start_limit, sub + 1);
+}
+
+void check_settable(AttrId id) {
+  const AttrDef &d = attr_def(id);
+  if (!d.settable)
+    fail(KVR_ERROR_INVALID_ARGUMENT, "Attribute '%s' is read-only: it cannot be set", d.name);
+}
+
+}  // namespace
 
 void write_model_num(kvr_model *m, AttrId id, double value) {
   check_settable(id);
@@ -944,16 +685,17 @@ void write_elem_num(kvr_model *m, AttrId id, IndexSet ix, const double *values) 
 void write_elem_str(kvr_model *m, AttrId id, IndexSet ix, const char *const *values) {
   check_settable(id);
   check_indices(m, id, ix);
-  const size_t limit =
-      id == A::VTag || id == A::CTag || id == A::QCTag ? KVR_MAX_TAGLEN : KVR_MAX_NAMELEN;
+  const AttrDef &d = attr_def(id);
+  // Tags (extra string columns) may be longer than names.
+  const size_t limit = d.store == AttrStore::Extra ? KVR_MAX_TAGLEN : KVR_MAX_NAMELEN;
   for (int k = 0; k < ix.len; ++k) {
     if (!values[k])
-      fail(KVR_ERROR_NULL_ARGUMENT, "No value given for attribute '%s' of %s %d", attr_def(id).name,
-           class_word(attr_def(id).cls), ix[k]);
+      fail(KVR_ERROR_NULL_ARGUMENT, "No value given for attribute '%s' of %s %d", d.name,
+           class_word(d.cls), ix[k]);
     if (std::string_view(values[k]).size() > limit)
       fail(KVR_ERROR_INVALID_ARGUMENT,
-           "Value of attribute '%s' of %s %d is too long (at most %zu characters)",
-           attr_def(id).name, class_word(attr_def(id).cls), ix[k], limit);
+           "Value of attribute '%s' of %s %d is too long (at most %zu characters)", d.name,
+           class_word(d.cls), ix[k], limit);
   }
   PendingChanges &p = m->pending;
   for (int k = 0; k < ix.len; ++k) {

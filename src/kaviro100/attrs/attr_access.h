@@ -50,10 +50,9 @@ void write_elem_num(kvr_model *model, AttrId id, IndexSet ix, const double *valu
 void write_elem_str(kvr_model *model, AttrId id, IndexSet ix, const char *const *values);
 
 // Statistics and solution quality of the model (attrs/stats.cpp, attrs/quality.cpp).
-bool is_statistic(AttrId id);
 double statistic(kvr_model *model, AttrId id);
-bool is_quality(AttrId id);
-void check_quality_available(kvr_model *model, AttrId id);
+// Whether the current solution has what the quality attribute needs.
+bool quality_available(const kvr_model *model, AttrId id);
 double quality(kvr_model *model, AttrId id);
 int fingerprint(const kvr_model *model);
 

@@ -237,12 +237,7 @@ bool sized(const std::vector<double> &v, int n) { return v.size() == static_cast
 
 }  // namespace
 
-bool is_quality(AttrId id) {
-  QualityAttr q{Kind::Max, Form::Max};
-  return describe(id, q);
-}
-
-void check_quality_available(kvr_model *m, AttrId id) {
+bool quality_available(const kvr_model *m, AttrId id) {
   QualityAttr q{Kind::Max, Form::Max};
   describe(id, q);
   const ModelData &d = m->data;
@@ -251,8 +246,7 @@ void check_quality_available(kvr_model *m, AttrId id) {
   if (q.kind == Kind::Residual) ok = ok && sized(s.slack, d.num_constrs());
   if (q.kind == Kind::Dual || q.kind == Kind::DualResidual || q.kind == Kind::Compl)
     ok = ok && sized(s.pi, d.num_constrs()) && sized(s.rc, d.num_vars());
-  if (!ok)
-    fail(KVR_ERROR_DATA_NOT_AVAILABLE, "Unable to retrieve attribute '%s'", attr_def(id).name);
+  return ok;
 }
 
 double quality(kvr_model *m, AttrId id) {

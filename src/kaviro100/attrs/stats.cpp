@@ -171,39 +171,6 @@ bool affects_solve(ParamId id) {
 
 }  // namespace
 
-bool is_statistic(AttrId id) {
-  switch (id) {
-    case A::NumConstrs:
-    case A::NumVars:
-    case A::NumSOS:
-    case A::NumQConstrs:
-    case A::NumGenConstrs:
-    case A::NumNZs:
-    case A::DNumNZs:
-    case A::NumQNZs:
-    case A::NumQCNZs:
-    case A::NumIntVars:
-    case A::NumBinVars:
-    case A::NumPWLObjVars:
-    case A::IsMIP:
-    case A::IsQP:
-    case A::IsQCP:
-    case A::IsMultiObj:
-      return true;
-    case A::MinCoeff:
-    case A::MinBound:
-    case A::MinObjCoeff:
-    case A::MinRHS:
-    case A::MinQCRHS:
-    case A::MinQCCoeff:
-    case A::MinQCLCoeff:
-    case A::MinQObjCoeff:
-      return true;
-    default:
-      return is_max(id);
-  }
-}
-
 double statistic(kvr_model *m, AttrId id) {
   switch (id) {
     case A::NumConstrs:

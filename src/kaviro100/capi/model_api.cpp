@@ -8,16 +8,6 @@
 #include "model/model.h"
 #include "util/live.h"
 
-kvr_model::kvr_model(const kvr_model &other)
-    : env(other.env),
-      data(other.data),
-      pending(other.pending),
-      sol(other.sol),
-      tune(other.tune),
-      changed_since_update(other.changed_since_update),
-      unshown_vars(other.unshown_vars),
-      unshown_constrs(other.unshown_constrs) {}
-
 extern "C" {
 
 const char *KVRgetmerrormsg(KVRmodel *model) {

@@ -1,8 +1,9 @@
 // Data files that go with a model: solutions (.sol), MIP starts (.mst), hints (.hnt), branching
 // priorities (.ord), bases (.bas), parameters (.prm), attributes (.attr, JSON) and JSON solutions.
 //
-// Reading parses and checks the whole file first and then sets the attributes through the C
-// interface, so a malformed file changes nothing and the usual checks and lazy-update rules apply.
+// Reading parses and checks the whole file first and then sets the attributes through the attribute
+// core (the same writes as the C interface's), so a malformed file changes nothing and the usual
+// checks and lazy-update rules apply.
 // Elements are named as in model files: unnamed ones by their generated names (C<i>, R<i>, ...).
 //
 //   .sol, .mst   "name value" lines; '#' starts a comment. Read as the MIP start (Start).
@@ -51,9 +52,25 @@ int find_element(const NamePool &pool, const char *prefix, std::string_view name
   return -1;
 }
 
-// Throws the model's message when a C call failed.
-void check(kvr_model *model, int code) {
-  if (code) throw Error(code, model->errmsg);
+// Sets element attribute values (all elements when ind is null) through the attribute core, as the
+// C interface's set calls do: checked again and queued for the next update.
+template <class T>
+void set_values(kvr_model *m, AttrId id, const std::vector<int> *ind,
+                const std::vector<T> &values) {
+  check_modifiable(m);
+  std::vector<double> v(values.begin(), values.end());
+  int n = static_cast<int>(v.size());
+  write_elem_num(m, id, ind ? IndexSet{ind->data(), 0, n} : IndexSet{nullptr, 0, n}, v.data());
+}
+
+// Values of an element attribute for the first n elements; DATA_NOT_AVAILABLE when it has none.
+std::vector<int> int_values(kvr_model *m, AttrId id, int n) {
+  std::vector<double> v(static_cast<size_t>(n));
+  if (n > 0) {
+    check_available(m, id);
+    read_elem_num(m, id, IndexSet{nullptr, 0, n}, v.data());
+  }
+  return std::vector<int>(v.begin(), v.end());
 }
 
 // Splits a data line at blanks; '#' starts a comment.
@@ -106,7 +123,7 @@ void read_start(kvr_model *m, LineReader &in) {
     ind.push_back(vl.var(f[0]));
     val.push_back(vl.attr_value(AttrId::Start, ind.back(), in.number(f[1], "the value")));
   }
-  check(m, KVRsetdblattrlist(m, "Start", static_cast<int>(ind.size()), ind.data(), val.data()));
+  set_values(m, AttrId::Start, &ind, val);
 }
 
 void read_hints(kvr_model *m, LineReader &in) {
@@ -131,10 +148,8 @@ void read_hints(kvr_model *m, LineReader &in) {
       pri.push_back(static_cast<int>(vl.attr_value(AttrId::VarHintPri, j, static_cast<double>(p))));
     }
   }
-  check(m,
-        KVRsetdblattrlist(m, "VarHintVal", static_cast<int>(ind.size()), ind.data(), val.data()));
-  check(m,
-        KVRsetintattrlist(m, "VarHintPri", static_cast<int>(pind.size()), pind.data(), pri.data()));
+  set_values(m, AttrId::VarHintVal, &ind, val);
+  set_values(m, AttrId::VarHintPri, &pind, pri);
 }
 
 void read_priorities(kvr_model *m, LineReader &in) {
@@ -151,8 +166,7 @@ void read_priorities(kvr_model *m, LineReader &in) {
     pri.push_back(
         static_cast<int>(vl.attr_value(AttrId::BranchPriority, j, static_cast<double>(p))));
   }
-  check(m, KVRsetintattrlist(m, "BranchPriority", static_cast<int>(ind.size()), ind.data(),
-                             pri.data()));
+  set_values(m, AttrId::BranchPriority, &ind, pri);
 }
 
 void read_basis(kvr_model *m, LineReader &in) {
@@ -198,8 +212,8 @@ void read_basis(kvr_model *m, LineReader &in) {
     }
   }
   if (!ended) in.fail("unexpected end of file: expected ENDATA");
-  check(m, KVRsetintattrarray(m, "VBasis", 0, d.num_vars(), vb.data()));
-  check(m, KVRsetintattrarray(m, "CBasis", 0, d.num_constrs(), cb.data()));
+  set_values(m, AttrId::VBasis, nullptr, vb);
+  set_values(m, AttrId::CBasis, nullptr, cb);
 }
 
 // ---------------------------------------------------------------- attribute files
@@ -365,38 +379,21 @@ void read_attrs(kvr_model *m, LineReader &in) {
   }
 
   // Everything is checked: set.
+  check_modifiable(m);
   for (const auto &[id, v] : model_attrs) {
-    const AttrDef &def = attr_def(id);
-    if (def.type == AttrType::Str)
-      check(m, KVRsetstrattr(m, def.name, v->text.c_str()));
-    else if (def.type == AttrType::Int)
-      check(m, KVRsetintattr(m, def.name, static_cast<int>(v->number)));
+    if (attr_def(id).type == AttrType::Str)
+      write_model_str(m, id, v->text.c_str());
     else
-      check(m, KVRsetdblattr(m, def.name, v->number));
+      write_model_num(m, id, v->number);
   }
   for (AttrValues &l : lists) {
-    const AttrDef &def = attr_def(l.id);
-    int n = static_cast<int>(l.ind.size());
-    switch (def.type) {
-      case AttrType::Str: {
-        std::vector<const char *> p;
-        for (const std::string &s : l.text) p.push_back(s.c_str());
-        check(m, KVRsetstrattrlist(m, def.name, n, l.ind.data(), p.data()));
-        break;
-      }
-      case AttrType::Char: {
-        std::vector<char> c(l.num.begin(), l.num.end());
-        check(m, KVRsetcharattrlist(m, def.name, n, l.ind.data(), c.data()));
-        break;
-      }
-      case AttrType::Int: {
-        std::vector<int> iv(l.num.begin(), l.num.end());
-        check(m, KVRsetintattrlist(m, def.name, n, l.ind.data(), iv.data()));
-        break;
-      }
-      default:
-        check(m, KVRsetdblattrlist(m, def.name, n, l.ind.data(), l.num.data()));
+    if (attr_def(l.id).type != AttrType::Str) {
+      set_values(m, l.id, &l.ind, l.num);  // checked values: integral, char codes in range
+      continue;
     }
+    std::vector<const char *> p;
+    for (const std::string &s : l.text) p.push_back(s.c_str());
+    write_elem_str(m, l.id, IndexSet{l.ind.data(), 0, static_cast<int>(l.ind.size())}, p.data());
   }
 }
 
@@ -459,10 +456,9 @@ void write_priorities(kvr_model *m, TextWriter &out) {
 void write_basis(kvr_model *m, TextWriter &out) {
   const ModelData &d = m->data;
   int n = d.num_vars(), rows = d.num_constrs();
-  std::vector<int> vb(static_cast<size_t>(n)), cb(static_cast<size_t>(rows));
-  // The basis of the last solve, else the warm-start basis; the C calls say when there is none.
-  check(m, KVRgetintattrarray(m, "VBasis", 0, n, vb.data()));
-  check(m, KVRgetintattrarray(m, "CBasis", 0, rows, cb.data()));
+  // The basis of the last solve, else the warm-start basis; the reads say when there is none.
+  std::vector<int> vb = int_values(m, AttrId::VBasis, n);
+  std::vector<int> cb = int_values(m, AttrId::CBasis, rows);
   ElementNames vn(d.vars.names, "C"), cn(d.constrs.names, "R");
   out.put("NAME ").put(d.name).put('\n');
   size_t r = 0;

@@ -4,6 +4,7 @@
 // gathered and applied in one pass at the end.
 #include <algorithm>
 #include <map>
+#include <type_traits>
 #include <unordered_map>
 
 #include "model/pending.h"
@@ -11,20 +12,6 @@
 
 namespace kvr {
 namespace {
-
-using A = AttrId;
-
-void set_extra(ExtraAttrs &ex, int key, size_t n, int i, double v) {
-  std::vector<double> &col = ex.num[key];
-  if (col.size() < n) col.resize(n, extra_default(key));
-  col[i] = v;
-}
-
-void set_extra_str(ExtraAttrs &ex, int key, size_t n, int i, std::string_view s) {
-  NamePool &pool = ex.str[key];
-  if (pool.size() < n) pool.resize(n);
-  pool.set(i, s);
-}
 
 class Applier {
  public:
@@ -62,15 +49,8 @@ class Applier {
     finish();
   }
 
- private:
-  ModelData &d_;
-  PendingChanges &p_;
-  std::vector<Change> coeffs_;
-  std::map<int, std::vector<double>> dense_objn_;  // objectives >= 1 being changed
-  std::unordered_map<int, size_t> pwl_index_;
-  bool pwl_indexed_ = false;
-  bool q_dirty_ = false;
-
+  // What the attribute appliers work on.
+  ModelData &data() { return d_; }
   std::string_view str(const Change &c) const { return p_.strings.get(static_cast<size_t>(c.ref)); }
 
   ObjectiveN &objn(int k) {
@@ -78,6 +58,7 @@ class Applier {
     return d_.objn[k];
   }
 
+  // Coefficients of objective k >= 1 being changed, dense until finish() stores them sparse.
   std::vector<double> &dense(int k) {
     auto it = dense_objn_.find(k);
     if (it != dense_objn_.end()) return it->second;
@@ -87,193 +68,29 @@ class Applier {
     return dense_objn_.emplace(k, std::move(c)).first->second;
   }
 
+  // Objectives about to go lose their pending dense coefficients too.
+  void resize_objectives(size_t n) {
+    for (auto it = dense_objn_.begin(); it != dense_objn_.end();)
+      it = static_cast<size_t>(it->first) >= n ? dense_objn_.erase(it) : std::next(it);
+    d_.objn.resize(n);
+  }
+
   Scenario &scenario(int k) {
     if (static_cast<size_t>(k) >= d_.scenarios.size())
       d_.scenarios.resize(static_cast<size_t>(k) + 1);
     return d_.scenarios[k];
   }
 
-  static void set_or_erase(std::unordered_map<int, double> &m, int i, double v) {
-    if (v == KVR_UNDEFINED)
-      m.erase(i);
-    else
-      m[i] = v;
-  }
+ private:
+  ModelData &d_;
+  PendingChanges &p_;
+  std::vector<Change> coeffs_;
+  std::map<int, std::vector<double>> dense_objn_;  // objectives >= 1 being changed
+  std::unordered_map<int, size_t> pwl_index_;
+  bool pwl_indexed_ = false;
+  bool q_dirty_ = false;
 
-  void attr(const Change &c) {
-    const int i = c.elem;
-    const double v = c.num;
-    const size_t nv = static_cast<size_t>(d_.num_vars());
-    const size_t nc = static_cast<size_t>(d_.num_constrs());
-    switch (c.attr) {
-      case A::ModelName:
-        d_.name = str(c);
-        break;
-      case A::ModelSense:
-        d_.sense = static_cast<int>(v);
-        break;
-      case A::ObjCon:
-        d_.objcon = v;
-        break;
-      case A::NumStart: {
-        int n = static_cast<int>(v);
-        for (int k = n; k < d_.numstart; ++k) d_.vars.extra.num.erase(start_key(k));
-        d_.numstart = n;
-        break;
-      }
-      case A::ObjNCon:
-        if (c.sub == 0)
-          d_.objcon = v;
-        else
-          objn(c.sub).constant = v;
-        break;
-      case A::ObjNPriority:
-        objn(c.sub).priority = static_cast<int>(v);
-        break;
-      case A::ObjNWeight:
-        objn(c.sub).weight = v;
-        break;
-      case A::ObjNRelTol:
-        objn(c.sub).reltol = v;
-        break;
-      case A::ObjNAbsTol:
-        objn(c.sub).abstol = v;
-        break;
-      case A::ObjNName:
-        objn(c.sub).name = str(c);
-        break;
-      case A::NumObj: {
-        size_t n = static_cast<size_t>(v);
-        // Objectives about to go lose their pending dense coefficients too.
-        for (auto it = dense_objn_.begin(); it != dense_objn_.end();)
-          it = static_cast<size_t>(it->first) >= n ? dense_objn_.erase(it) : std::next(it);
-        d_.objn.resize(n);
-        break;
-      }
-      case A::ScenNName:
-        scenario(c.sub).name = str(c);
-        break;
-      case A::NumScenarios:
-        d_.scenarios.resize(static_cast<size_t>(v));
-        break;
-
-      case A::LB:
-        d_.vars.lb[i] = v;
-        break;
-      case A::UB:
-        d_.vars.ub[i] = v;
-        break;
-      case A::Obj:
-        d_.vars.obj[i] = v;
-        break;
-      case A::VType:
-        d_.vars.vtype[i] = static_cast<char>(v);
-        break;
-      case A::VarName:
-        d_.vars.names.set(i, str(c));
-        break;
-      case A::Start:
-        set_extra(d_.vars.extra, start_key(c.sub), nv, i, v);
-        d_.numstart = std::max(d_.numstart, c.sub + 1);
-        break;
-      case A::VarHintVal:
-      case A::VarHintPri:
-      case A::BranchPriority:
-      case A::Partition:
-      case A::VBasis:
-      case A::PoolIgnore:
-      case A::IISLBForce:
-      case A::IISUBForce:
-      case A::PStart:
-      case A::PreFixVal:
-        set_extra(d_.vars.extra, static_cast<int>(c.attr), nv, i, v);
-        break;
-      case A::VTag:
-        set_extra_str(d_.vars.extra, static_cast<int>(c.attr), nv, i, str(c));
-        break;
-      case A::ObjN:
-        if (c.sub == 0)
-          d_.vars.obj[i] = v;
-        else
-          dense(c.sub)[i] = v;
-        break;
-      case A::ScenNLB:
-        set_or_erase(scenario(c.sub).lb, i, v);
-        break;
-      case A::ScenNUB:
-        set_or_erase(scenario(c.sub).ub, i, v);
-        break;
-      case A::ScenNObj:
-        set_or_erase(scenario(c.sub).obj, i, v);
-        break;
-
-      case A::Sense:
-        d_.constrs.sense[i] = static_cast<char>(v);
-        break;
-      case A::RHS:
-        d_.constrs.rhs[i] = v;
-        break;
-      case A::ConstrName:
-        d_.constrs.names.set(i, str(c));
-        break;
-      case A::CBasis:
-      case A::IISConstrForce:
-      case A::DStart:
-      case A::Lazy:
-        set_extra(d_.constrs.extra, static_cast<int>(c.attr), nc, i, v);
-        break;
-      case A::CTag:
-        set_extra_str(d_.constrs.extra, static_cast<int>(c.attr), nc, i, str(c));
-        break;
-      case A::ScenNRHS:
-        set_or_erase(scenario(c.sub).rhs, i, v);
-        break;
-
-      case A::IISSOSForce:
-        set_extra(d_.sos.extra, static_cast<int>(c.attr), static_cast<size_t>(d_.sos.size()), i, v);
-        break;
-
-      case A::QCSense:
-        d_.qconstrs.items[i].sense = static_cast<char>(v);
-        break;
-      case A::QCRHS:
-        d_.qconstrs.items[i].rhs = v;
-        break;
-      case A::QCName:
-        d_.qconstrs.names.set(i, str(c));
-        break;
-      case A::IISQConstrForce:
-        set_extra(d_.qconstrs.extra, static_cast<int>(c.attr),
-                  static_cast<size_t>(d_.qconstrs.size()), i, v);
-        break;
-      case A::QCTag:
-        set_extra_str(d_.qconstrs.extra, static_cast<int>(c.attr),
-                      static_cast<size_t>(d_.qconstrs.size()), i, str(c));
-        break;
-
-      case A::GenConstrName:
-        d_.gens.names.set(i, str(c));
-        break;
-      case A::IISGenConstrForce:
-        set_extra(d_.gens.extra, static_cast<int>(c.attr), static_cast<size_t>(d_.gens.size()), i,
-                  v);
-        break;
-      case A::FuncPieces:
-        d_.gens.items[i].funcpieces = static_cast<int>(v);
-        break;
-      case A::FuncPieceError:
-        d_.gens.items[i].funcpieceerror = v;
-        break;
-      case A::FuncPieceLength:
-        d_.gens.items[i].funcpiecelength = v;
-        break;
-      case A::FuncPieceRatio:
-        d_.gens.items[i].funcpieceratio = v;
-        break;
-      default:
-        fail(KVR_ERROR_INTERNAL, "Attribute '%s' has no writer", attr_def(c.attr).name);
-    }
-  }
+  void attr(const Change &c);
 
   void objective(const ObjectiveSet &o) {
     std::fill(d_.vars.obj.begin(), d_.vars.obj.end(), 0.0);
@@ -376,6 +193,129 @@ class Applier {
     m.append_entries(added);
   }
 };
+
+// ---------------------------------------------------------------- attribute appliers
+
+template <class T>
+T stored_as(double v) {
+  if constexpr (std::is_integral_v<T>)
+    return static_cast<T>(static_cast<int>(v));  // checked integral (or a char code) when queued
+  else
+    return static_cast<T>(v);
+}
+
+// An extra column allocated on first write, filled with the attribute's default.
+void set_extra(ExtraAttrs &ex, int key, size_t n, int i, double v) {
+  std::vector<double> &col = ex.num[key];
+  if (col.size() < n) col.resize(n, extra_default(key));
+  col[i] = v;
+}
+
+template <auto Field>
+void apply_model_field(Applier &a, const Change &c) {
+  auto &field = a.data().*Field;
+  field = stored_as<std::remove_reference_t<decltype(field)>>(c.num);
+}
+template <auto Field>
+void apply_model_text(Applier &a, const Change &c) {
+  a.data().*Field = a.str(c);
+}
+
+template <auto Part, auto Column>
+void apply_column(Applier &a, const Change &c) {
+  auto &column = (a.data().*Part).*Column;
+  column[c.elem] = stored_as<typename std::remove_reference_t<decltype(column)>::value_type>(c.num);
+}
+
+template <auto Part, auto Field>
+void apply_item(Applier &a, const Change &c) {
+  auto &field = (a.data().*Part).items[c.elem].*Field;
+  field = stored_as<std::remove_reference_t<decltype(field)>>(c.num);
+}
+
+template <auto Part>
+void apply_name(Applier &a, const Change &c) {
+  (a.data().*Part).names.set(c.elem, a.str(c));
+}
+
+template <auto Part>
+void apply_extra_column(Applier &a, const Change &c) {
+  auto &part = a.data().*Part;
+  set_extra(part.extra, static_cast<int>(c.attr), static_cast<size_t>(part.size()), c.elem, c.num);
+}
+template <auto Part>
+void apply_extra_text(Applier &a, const Change &c) {
+  auto &part = a.data().*Part;
+  NamePool &pool = part.extra.str[static_cast<int>(c.attr)];
+  if (pool.size() < static_cast<size_t>(part.size())) pool.resize(static_cast<size_t>(part.size()));
+  pool.set(c.elem, a.str(c));
+}
+
+template <auto Field>
+void apply_objective_field(Applier &a, const Change &c) {
+  auto &field = a.objn(c.sub).*Field;
+  field = stored_as<std::remove_reference_t<decltype(field)>>(c.num);
+}
+template <auto Field>
+void apply_objective_text(Applier &a, const Change &c) {
+  a.objn(c.sub).*Field = a.str(c);
+}
+
+// KVR_UNDEFINED removes a scenario's value (the base model's applies again).
+template <auto Map>
+void apply_scenario_map(Applier &a, const Change &c) {
+  auto &map = a.scenario(c.sub).*Map;
+  if (c.num == KVR_UNDEFINED)
+    map.erase(c.elem);
+  else
+    map[c.elem] = c.num;
+}
+template <auto Field>
+void apply_scenario_text(Applier &a, const Change &c) {
+  a.scenario(c.sub).*Field = a.str(c);
+}
+
+// Computed attributes that can be set.
+void apply_num_start(Applier &a, const Change &c) {
+  ModelData &d = a.data();
+  int n = static_cast<int>(c.num);
+  for (int k = n; k < d.numstart; ++k) d.vars.extra.num.erase(start_key(k));
+  d.numstart = n;
+}
+void apply_start(Applier &a, const Change &c) {
+  ModelData &d = a.data();
+  set_extra(d.vars.extra, start_key(c.sub), static_cast<size_t>(d.num_vars()), c.elem, c.num);
+  d.numstart = std::max(d.numstart, c.sub + 1);
+}
+// Objective 0's coefficients and constant are the ordinary objective's.
+void apply_objn(Applier &a, const Change &c) {
+  if (c.sub == 0)
+    a.data().vars.obj[c.elem] = c.num;
+  else
+    a.dense(c.sub)[c.elem] = c.num;
+}
+void apply_objn_con(Applier &a, const Change &c) {
+  if (c.sub == 0)
+    a.data().objcon = c.num;
+  else
+    a.objn(c.sub).constant = c.num;
+}
+void apply_num_obj(Applier &a, const Change &c) { a.resize_objectives(static_cast<size_t>(c.num)); }
+void apply_num_scenarios(Applier &a, const Change &c) {
+  a.data().scenarios.resize(static_cast<size_t>(c.num));
+}
+
+using AttrApplier = void (*)(Applier &, const Change &);
+const AttrApplier kAppliers[] = {
+#include "model/attr_apply.inc"
+};
+static_assert(std::size(kAppliers) == static_cast<size_t>(AttrId::Count));
+
+void Applier::attr(const Change &c) {
+  AttrApplier apply = kAppliers[static_cast<size_t>(c.attr)];
+  if (!apply) fail(KVR_ERROR_INTERNAL, "Attribute '%s' has no writer", attr_def(c.attr).name);
+  apply(*this, c);
+}
 
 }  // namespace
 

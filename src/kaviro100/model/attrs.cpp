@@ -9,8 +9,8 @@ namespace kvr {
 namespace {
 
 const AttrDef kDefs[] = {
-#define KVR_ATTR(name, type, cls, settable, meaning) \
-  {#name, AttrType::type, AttrClass::cls, settable != 0, meaning},
+#define KVR_ATTR(name, type, cls, settable, ...) \
+  {#name, AttrType::type, AttrClass::cls, settable != 0, __VA_ARGS__},
 #include "model/attr_table.inc"
 #undef KVR_ATTR
 };

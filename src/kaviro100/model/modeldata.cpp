@@ -258,27 +258,7 @@ int start_key(int k) { return k == 0 ? static_cast<int>(AttrId::Start) : attr_co
 
 double extra_default(int key) {
   if (key >= attr_count()) return KVR_UNDEFINED;  // MIP starts beyond the first
-  switch (static_cast<AttrId>(key)) {
-    case AttrId::Start:
-    case AttrId::VarHintVal:
-    case AttrId::PStart:
-    case AttrId::DStart:
-    case AttrId::PreFixVal:
-      return KVR_UNDEFINED;
-    case AttrId::IISLBForce:
-    case AttrId::IISUBForce:
-    case AttrId::IISConstrForce:
-    case AttrId::IISSOSForce:
-    case AttrId::IISQConstrForce:
-    case AttrId::IISGenConstrForce:
-      return -1.0;
-    case AttrId::VBasis:
-      return KVR_NONBASIC_LOWER;
-    case AttrId::CBasis:
-      return KVR_BASIC;
-    default:
-      return 0.0;
-  }
+  return attr_def(static_cast<AttrId>(key)).extra_default;
 }
 
 void ExtraAttrs::resize(size_t n) {

@@ -152,9 +152,10 @@ struct ExtraAttrs {
 
 // Key of MIP start k in VarData::extra: start 0 is the Start attribute's column.
 int start_key(int k);
-// Default of an extra column: KVR_UNDEFINED for start values, hints, PStart, DStart and PreFixVal
-// (meaning "none given"), -1 for the IIS forces ("let the algorithm decide"), the slack basis
-// for the warm-start VBasis (nonbasic at lower) and CBasis (basic), 0 for the rest.
+// Default of an extra column, from the attribute table: KVR_UNDEFINED for start values, hints,
+// PStart, DStart and PreFixVal (meaning "none given"), -1 for the IIS forces ("let the algorithm
+// decide"), the slack basis for the warm-start VBasis (nonbasic at lower) and CBasis (basic), 0 for
+// the rest.
 double extra_default(int key);
 
 struct VarData {
