@@ -8,10 +8,12 @@ share a layer and stay independent of each other). capi/ (the C entry points) an
 top and may include anything; include/ is the public header, usable by all and including none.
 Headers that do not resolve inside the library (the engine's, the standard library's) are not
 checked. A folder missing from the list fails the check until it is given a layer.
+Calls go downward too: a file below the top layer may not call a C entry point (KVR...) that is
+defined in capi/; it calls the core function that entry point wraps.
 
     python3 scripts/check_layers.py [library-dir]     default: src/kaviro100
-Exit status 1 lists every offending include as file:line: #include "..." (and files in
-folders without a layer).
+Exit status 1 lists every offending include as file:line: #include "...", every such call as
+file:line: KVRname(...), and files in folders without a layer.
 """
 import pathlib
 import re
@@ -23,6 +25,11 @@ TOP = {"capi", "tools"}
 RANK = {folder: rank for rank, group in enumerate(LAYERS) for folder in group}
 SOURCES = {".h", ".hpp", ".cpp", ".cc", ".inc"}
 INCLUDE = re.compile(r'^\s*#\s*include\s*"([^"]+)"')
+# A function definition or declaration at the start of a line: the name before the parenthesis.
+ENTRY_POINT = re.compile(r"^[A-Za-z_][\w\s*]*?\b(KVR\w+)\s*\(", re.M)
+CALL = re.compile(r"\b(KVR\w+)\s*\(")
+# Comments and string literals, which may name entry points without calling them.
+NOT_CODE = re.compile(r'//[^\n]*|/\*.*?\*/|"(?:\\.|[^"\\\n])*"', re.S)
 
 
 def folder_of(path, root):
@@ -51,19 +58,43 @@ def allowed(src_folder, dst_folder):
     return RANK[dst_folder] < RANK[src_folder]
 
 
-def violations(root):
-    """(file, line, include, reason) for every include that breaks the layering."""
-    root = root.resolve()
-    found = []
+def sources(root):
     for source in sorted(root.rglob("*")):
-        if source.suffix not in SOURCES or not source.is_file():
-            continue
+        if source.suffix in SOURCES and source.is_file():
+            yield source
+
+
+def capi_entry_points(root):
+    """Names of the C entry points defined (or declared) in capi/."""
+    names = set()
+    for source in sources(root / "capi") if (root / "capi").is_dir() else ():
+        names.update(ENTRY_POINT.findall(source.read_text(errors="replace")))
+    return names
+
+
+def upward_calls(text, entry_points):
+    """(line, name) of every call in `text` to one of `entry_points`, outside comments."""
+    code = NOT_CODE.sub(lambda m: re.sub(r"[^\n]", " ", m.group(0)), text)
+    return [(code.count("\n", 0, m.start()) + 1, m.group(1)) for m in CALL.finditer(code)
+            if m.group(1) in entry_points]
+
+
+def violations(root):
+    """(file, line, include or call, reason) for everything that breaks the layering."""
+    root = root.resolve()
+    entry_points = capi_entry_points(root)
+    found = []
+    for source in sources(root):
         src_folder = folder_of(source, root)
         rel = source.relative_to(root)
         if src_folder not in RANK:
             found.append((rel, 0, "", f"folder '{src_folder}' has no layer"))
             continue
-        for number, text in enumerate(source.read_text(errors="replace").splitlines(), 1):
+        text = source.read_text(errors="replace")
+        if src_folder not in TOP and src_folder != "include":
+            for number, name in upward_calls(text, entry_points):
+                found.append((rel, number, f"{name}(...)", f"{src_folder}/ may not call capi/"))
+        for number, text in enumerate(text.splitlines(), 1):
             match = INCLUDE.match(text)
             if not match:
                 continue
@@ -86,10 +117,12 @@ def main(argv):
         print(f"no such directory: {root}", file=sys.stderr)
         return 2
     found = violations(root)
+    found.sort(key=lambda f: (str(f[0]), f[1]))
     for rel, number, name, reason in found:
-        print(f'{rel}:{number}: #include "{name}" ({reason})' if number else f"{rel}: {reason}")
+        what = name if name.endswith("(...)") else f'#include "{name}"'
+        print(f"{rel}:{number}: {what} ({reason})" if number else f"{rel}: {reason}")
     if found:
-        print(f"{len(found)} include(s) against the layering", file=sys.stderr)
+        print(f"{len(found)} include(s) or call(s) against the layering", file=sys.stderr)
         return 1
     return 0
 

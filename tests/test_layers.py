@@ -45,6 +45,15 @@ BASE = {"include/pub.h": "", "util/u.h": "", "model/m.h": '#include "util/u.h"\n
     ({"reform/a.cpp": '#include "io/i.h"\n', "engine/b.cpp": '#include "capi/c.h"\n',
       "capi/c.h": ""},
      ['engine/b.cpp:1: #include "capi/c.h"', 'reform/a.cpp:1: #include "io/i.h"']),
+    # Calls go downward too: a core file may not call an entry point of capi/ (comments and
+    # strings may name one; capi/ itself and entry points defined in core files are fine).
+    ({"capi/a_api.cpp": "int KVRsetattr(KVRmodel *m,\n               int v) { return 0; }\n"
+                        "const char *KVRname(void) { return KVRsetattr(0, 1) ? \"\" : 0; }\n",
+      "engine/run.cpp": "int KVRoptimize(KVRmodel *m) { return 0; }\n",
+      "analysis/t.cpp": "// calls KVRsetattr(m, 1)\nint f() { return KVRoptimize(0); }\n",
+      "io/d.cpp": 'const char *s = "KVRname()";\nint g(KVRmodel *m) {\n'
+                  "  return KVRsetattr (m, 2) + !KVRname();\n}\n"},
+     ["io/d.cpp:3: KVRsetattr(...)", "io/d.cpp:3: KVRname(...)"]),
     # The public header includes nothing of the library; a folder without a layer fails.
     ({"include/pub2.h": '#include "util/u.h"\n', "extra/z.cpp": ""},
      ["extra/z.cpp: folder 'extra' has no layer", 'include/pub2.h:1: #include "util/u.h"']),

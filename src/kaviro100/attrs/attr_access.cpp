@@ -272,24 +272,21 @@ bool has_scen_x(kvr_model &m, AttrId id) {
   const std::vector<double> *x = scenario_result(m, id, m.sol.scen_x);
   return x && !x->empty();
 }
-double read_scen_objval(kvr_model &m, AttrId id) {
-  const double *v = scenario_result(m, id, m.sol.scen_objval);
+template <auto Results>
+double scenario_value(kvr_model &m, AttrId id) {
+  const double *v = scenario_result(m, id, m.sol.*Results);
   if (!v) unavailable(id);
   return *v;
 }
-bool has_scen_objval(kvr_model &m, AttrId id) {
-  const double *v = scenario_result(m, id, m.sol.scen_objval);
+template <auto Results>
+bool has_scenario_value(kvr_model &m, AttrId id) {
+  const double *v = scenario_result(m, id, m.sol.*Results);
   return v && !std::isnan(*v);
 }
-double read_scen_objbound(kvr_model &m, AttrId id) {
-  const double *v = scenario_result(m, id, m.sol.scen_objbound);
-  if (!v) unavailable(id);
-  return *v;
-}
-bool has_scen_objbound(kvr_model &m, AttrId id) {
-  const double *v = scenario_result(m, id, m.sol.scen_objbound);
-  return v && !std::isnan(*v);
-}
+constexpr auto read_scen_objval = scenario_value<&Solution::scen_objval>;
+constexpr auto has_scen_objval = has_scenario_value<&Solution::scen_objval>;
+constexpr auto read_scen_objbound = scenario_value<&Solution::scen_objbound>;
+constexpr auto has_scen_objbound = has_scenario_value<&Solution::scen_objbound>;
 
 // Slacks: the solve's, else computed from the solution.
 void read_slack(kvr_model &m, AttrId id, IndexSet ix, double *out) {
