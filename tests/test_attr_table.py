@@ -13,8 +13,8 @@ REPO = pathlib.Path(__file__).resolve().parent.parent
 GEN = REPO / "scripts" / "gen_tables.py"
 LIB = REPO / "src" / "kaviro100"
 SHARED = pathlib.Path("/work/shared/attrs.tsv")
-GENERATED = ["model/attr_table.inc", "attrs/attr_read.inc", "model/attr_apply.inc",
-             "params/param_table.inc"]
+GENERATED = ["model/attr_table.inc", "attrs/attr_read.inc", "attrs/attr_computed.inc",
+             "model/attr_apply.inc", "params/param_table.inc"]
 
 
 def run_gen(root=None, check=False):
