@@ -7,8 +7,6 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
-#include <type_traits>
-#include <unordered_map>
 
 #include "attrs/readers.h"
 #include "model/checks.h"
