@@ -102,3 +102,64 @@ def test_generator_refuses_rows_it_cannot_carry_out(lib_copy, name, change, mess
     assert result.returncode == 2
     assert result.stderr.startswith("gen_tables: " + message), result.stderr
     assert (lib_copy / "model/attr_table.inc").read_text() == before  # nothing written
+
+
+def settable_model():
+    import kaviropy as kp
+    from kaviropy import KVR
+    m = kp.Model("table")
+    m.Params.OutputFlag = 0
+    x = m.addVars(3, lb=0, ub=4, name="x")
+    m.addConstr(x[0] + x[1] >= 1, name="a")
+    m.addConstr(x[1] - x[2] <= 2, name="b")
+    m.addSOS(KVR.SOS_TYPE1, [x[0], x[1]], [1, 2])
+    m.addQConstr(x[0] * x[0] + x[1] <= 9, name="q")
+    m.addGenConstrMax(x[2], [x[0], x[1]], name="g")
+    m.update()
+    m.NumObj, m.NumScenarios, m.NumStart = 2, 1, 1
+    m.update()
+    # Objective 1, not 0: objective 0's coefficients and constant are Obj and ObjCon.
+    m.Params.ObjNumber = 1
+    return m
+
+
+def test_each_settable_attribute_writes_its_own_value():
+    """Through the generated readers and appliers, a write changes its attribute and no other."""
+    m = settable_model()
+    rows = [r for r in read_tsv(LIB / "model/attrs.tsv") if r["settable"] == "1"]
+    kinds = {"var": m.getVars, "constr": m.getConstrs, "sos": m.getSOSs,
+             "qconstr": m.getQConstrs, "genconstr": m.getGenConstrs}
+
+    def read(r):
+        try:
+            if r["class"] == "model":
+                return m.getAttr(r["name"])
+            return m.getAttr(r["name"], kinds[r["class"]]())
+        except Exception as e:  # e.g. no warm-start basis yet: the message is the state
+            return str(e)
+
+    def write(r, value):
+        if r["class"] == "model":
+            m.setAttr(r["name"], value)
+        else:
+            m.setAttr(r["name"], kinds[r["class"]]()[:1], [value])
+        m.update()
+
+    candidates = {"string": ["t1"], "char": ["I", ">", "<"],
+                  "int": [2, 3, 1, 0, -1], "double": [2.0, 3.0, 0.5, 1e-3, 0.0]}
+    for r in rows:
+        before = {o["name"]: read(o) for o in rows}
+        old = before[r["name"]]
+        for value in candidates[r["type"]]:
+            try:
+                write(r, value)
+            except Exception:
+                continue  # not a value this attribute accepts; the next one
+            if read(r) != old:
+                break
+        after = {o["name"]: read(o) for o in rows}
+        new = after[r["name"]]
+        first = new if r["class"] == "model" else new[0]
+        assert first == value, (r["name"], new)
+        changed = sorted(n for n in after if after[n] != before[n])
+        assert changed == [r["name"]], (r["name"], changed)
