@@ -14,18 +14,6 @@ namespace {
 
 using A = AttrId;
 
-void set_extra(ExtraAttrs &ex, int key, size_t n, int i, double v) {
-  std::vector<double> &col = ex.num[key];
-  if (col.size() < n) col.resize(n, extra_default(key));
-  col[i] = v;
-}
-
-void set_extra_str(ExtraAttrs &ex, int key, size_t n, int i, std::string_view s) {
-  NamePool &pool = ex.str[key];
-  if (pool.size() < n) pool.resize(n);
-  pool.set(i, s);
-}
-
 class Applier {
  public:
   Applier(ModelData &d, PendingChanges &p) : d_(d), p_(p) {}
@@ -81,7 +69,7 @@ class Applier {
   std::vector<double> &dense(int k) {
     auto it = dense_objn_.find(k);
     if (it != dense_objn_.end()) return it->second;
-    std::vector<double> c(static_cast<size_t>(d_.num_vars()), 0.0);
+    std::vector<double> c(static_cast<size_t>(d_.vars.size()), 0.0);
     const ObjectiveN &o = objn(k);
     for (size_t t = 0; t < o.ind.size(); ++t) c[o.ind[t]] += o.val[t];
     return dense_objn_.emplace(k, std::move(c)).first->second;
@@ -103,8 +91,8 @@ class Applier {
   void attr(const Change &c) {
     const int i = c.elem;
     const double v = c.num;
-    const size_t nv = static_cast<size_t>(d_.num_vars());
-    const size_t nc = static_cast<size_t>(d_.num_constrs());
+    const size_t nv = static_cast<size_t>(d_.vars.size());
+    const size_t nc = static_cast<size_t>(d_.constrs.size());
     switch (c.attr) {
       case A::ModelName:
         d_.name = str(c);
@@ -173,7 +161,7 @@ class Applier {
         d_.vars.names.set(i, str(c));
         break;
       case A::Start:
-        set_extra(d_.vars.extra, start_key(c.sub), nv, i, v);
+        d_.vars.extra.set(start_key(c.sub), nv, i, v);
         d_.numstart = std::max(d_.numstart, c.sub + 1);
         break;
       case A::VarHintVal:
@@ -186,10 +174,10 @@ class Applier {
       case A::IISUBForce:
       case A::PStart:
       case A::PreFixVal:
-        set_extra(d_.vars.extra, static_cast<int>(c.attr), nv, i, v);
+        d_.vars.extra.set(static_cast<int>(c.attr), nv, i, v);
         break;
       case A::VTag:
-        set_extra_str(d_.vars.extra, static_cast<int>(c.attr), nv, i, str(c));
+        d_.vars.extra.set_str(static_cast<int>(c.attr), nv, i, str(c));
         break;
       case A::ObjN:
         if (c.sub == 0)
@@ -220,17 +208,17 @@ class Applier {
       case A::IISConstrForce:
       case A::DStart:
       case A::Lazy:
-        set_extra(d_.constrs.extra, static_cast<int>(c.attr), nc, i, v);
+        d_.constrs.extra.set(static_cast<int>(c.attr), nc, i, v);
         break;
       case A::CTag:
-        set_extra_str(d_.constrs.extra, static_cast<int>(c.attr), nc, i, str(c));
+        d_.constrs.extra.set_str(static_cast<int>(c.attr), nc, i, str(c));
         break;
       case A::ScenNRHS:
         set_or_erase(scenario(c.sub).rhs, i, v);
         break;
 
       case A::IISSOSForce:
-        set_extra(d_.sos.extra, static_cast<int>(c.attr), static_cast<size_t>(d_.sos.size()), i, v);
+        d_.sos.extra.set(static_cast<int>(c.attr), static_cast<size_t>(d_.sos.size()), i, v);
         break;
 
       case A::QCSense:
@@ -243,20 +231,19 @@ class Applier {
         d_.qconstrs.names.set(i, str(c));
         break;
       case A::IISQConstrForce:
-        set_extra(d_.qconstrs.extra, static_cast<int>(c.attr),
-                  static_cast<size_t>(d_.qconstrs.size()), i, v);
+        d_.qconstrs.extra.set(static_cast<int>(c.attr), static_cast<size_t>(d_.qconstrs.size()), i,
+                              v);
         break;
       case A::QCTag:
-        set_extra_str(d_.qconstrs.extra, static_cast<int>(c.attr),
-                      static_cast<size_t>(d_.qconstrs.size()), i, str(c));
+        d_.qconstrs.extra.set_str(static_cast<int>(c.attr), static_cast<size_t>(d_.qconstrs.size()),
+                                  i, str(c));
         break;
 
       case A::GenConstrName:
         d_.gens.names.set(i, str(c));
         break;
       case A::IISGenConstrForce:
-        set_extra(d_.gens.extra, static_cast<int>(c.attr), static_cast<size_t>(d_.gens.size()), i,
-                  v);
+        d_.gens.extra.set(static_cast<int>(c.attr), static_cast<size_t>(d_.gens.size()), i, v);
         break;
       case A::FuncPieces:
         d_.gens.items[i].funcpieces = static_cast<int>(v);

@@ -338,6 +338,18 @@ int GenConstrData::append(GenConstr item, std::string_view name) {
   return size() - 1;
 }
 
+void ExtraAttrs::set(int key, size_t n, size_t i, double v) {
+  std::vector<double> &column = num[key];
+  if (column.size() < n) column.resize(n, extra_default(key));
+  column[i] = v;
+}
+
+void ExtraAttrs::set_str(int key, size_t n, size_t i, std::string_view s) {
+  NamePool &pool = str[key];
+  if (pool.size() < n) pool.resize(n);
+  pool.set(i, s);
+}
+
 double ExtraAttrs::get(int key, size_t i) const {
   auto it = num.find(key);
   if (it == num.end() || i >= it->second.size()) return extra_default(key);
@@ -542,6 +554,116 @@ void ModelData::append(ModelData &&added, const std::vector<SparseMatrix::Entry>
   gens.names.append(added.gens.names);
   gens.extra.resize(gens.items.size());
 }
+
+// ---------------------------------------------------------------- ModelData changes
+
+ModelData::KindData ModelData::kind_data(AttrClass kind) {
+  switch (kind) {
+    case AttrClass::Var:
+      return {vars.extra, &vars.names, static_cast<size_t>(vars.size())};
+    case AttrClass::Constr:
+      return {constrs.extra, &constrs.names, static_cast<size_t>(constrs.size())};
+    case AttrClass::Sos:
+      return {sos.extra, nullptr, static_cast<size_t>(sos.size())};
+    case AttrClass::QConstr:
+      return {qconstrs.extra, &qconstrs.names, static_cast<size_t>(qconstrs.size())};
+    case AttrClass::GenConstr:
+      return {gens.extra, &gens.names, static_cast<size_t>(gens.size())};
+    default:
+      fail(KVR_ERROR_INTERNAL, "Model attributes have no element columns");
+  }
+}
+
+void ModelData::set_linear_objective(const std::vector<double> &coef, double constant) {
+  if (coef.size() != vars.obj.size())
+    fail(KVR_ERROR_INTERNAL, "%zu objective coefficients for %d variables", coef.size(),
+         num_vars());
+  vars.obj = coef;
+  objcon = constant;
+}
+
+void ModelData::set_objective_n(int k, ObjectiveN o) {
+  if (static_cast<size_t>(k) >= objn.size()) objn.resize(static_cast<size_t>(k) + 1);
+  objn[k] = std::move(o);
+}
+
+void ModelData::clear_objective() {
+  std::fill(vars.obj.begin(), vars.obj.end(), 0.0);
+  objcon = 0.0;
+  q.clear();
+  objn.assign(1, ObjectiveN{});
+  pwlobj.clear();
+  for (Scenario &s : scenarios) s.obj.clear();
+}
+
+void ModelData::apply_scenario(const Scenario &s) {
+  for (const auto &[j, v] : s.lb) vars.lb[j] = v;
+  for (const auto &[j, v] : s.ub) vars.ub[j] = v;
+  for (const auto &[j, v] : s.obj) vars.obj[j] = v;
+  for (const auto &[i, v] : s.rhs) constrs.rhs[i] = v;
+}
+
+void ModelData::set_num_starts(int n) {
+  for (int k = n; k < std::max(numstart, 1); ++k) vars.extra.num.erase(start_key(k));
+  numstart = n;
+}
+
+void ModelData::binary_to_integer(int j) {
+  if (vars.vtype[j] != KVR_BINARY) return;
+  vars.vtype[j] = KVR_INTEGER;
+  vars.lb[j] = std::max(vars.lb[j], 0.0);
+  vars.ub[j] = std::min(vars.ub[j], 1.0);
+}
+
+void ModelData::reserve_constrs(size_t rows, size_t nonzeros) {
+  constrs.reserve(rows);
+  constrs.rows.ind.reserve(nonzeros);
+  constrs.rows.val.reserve(nonzeros);
+}
+
+void ModelData::add_qconstr_term(int i, int var, double coef) {
+  QConstr &qc = qconstrs.items[i];
+  qc.lind.push_back(var);
+  qc.lval.push_back(coef);
+}
+
+void ModelData::set_element_name(AttrClass kind, int i, std::string_view s) {
+  KindData k = kind_data(kind);
+  if (!k.names) fail(KVR_ERROR_INTERNAL, "SOS constraints have no names");
+  k.names->set(static_cast<size_t>(i), s);
+}
+
+void ModelData::drop_names() {
+  for (NamePool *names : {&vars.names, &constrs.names, &qconstrs.names, &gens.names}) {
+    const size_t n = names->size();
+    names->clear();
+    names->resize(n);
+  }
+}
+
+void ModelData::set_extra(AttrClass kind, int key, int i, double v) {
+  KindData k = kind_data(kind);
+  k.extra.set(key, k.count, static_cast<size_t>(i), v);
+}
+
+void ModelData::set_extra_str(AttrClass kind, int key, int i, std::string_view s) {
+  KindData k = kind_data(kind);
+  k.extra.set_str(key, k.count, static_cast<size_t>(i), s);
+}
+
+void ModelData::set_extra_column(AttrClass kind, int key, std::vector<double> values) {
+  KindData k = kind_data(kind);
+  values.resize(k.count, extra_default(key));
+  k.extra.num[key] = std::move(values);
+}
+
+void ModelData::erase_extra(AttrClass kind, int key) {
+  KindData k = kind_data(kind);
+  k.extra.num.erase(key);
+  k.extra.str.erase(key);
+}
+
+void ModelData::clear_extras(AttrClass kind) { kind_data(kind).extra.clear(); }
 
 size_t ModelData::bytes() const {
   size_t b = vars.lb.size() * (3 * sizeof(double) + 1 + 12) + vars.names.bytes();
