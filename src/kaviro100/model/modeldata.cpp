@@ -369,8 +369,11 @@ namespace {
 template <class T>
 void keep_entries(std::vector<T> &v, const Renumbering &newpos) {
   size_t out = 0;
-  for (size_t i = 0; i < v.size(); ++i)
-    if (newpos[i] >= 0) v[out++] = std::move(v[i]);
+  for (size_t i = 0; i < v.size(); ++i) {
+    if (newpos[i] < 0) continue;
+    if (out != i) v[out] = std::move(v[i]);  // moving onto itself would empty a record
+    ++out;
+  }
   v.resize(out);
 }
 
@@ -471,11 +474,11 @@ void ModelData::delete_vars(const Renumbering &newpos) {
   for (ObjectiveN &o : objn) renumber_list(o.ind, &o.val, newpos);
   {
     size_t out = 0;
-    for (PwlObj &p : pwlobj) {
-      int j = newpos[p.var];
+    for (size_t k = 0; k < pwlobj.size(); ++k) {
+      const int j = newpos[pwlobj[k].var];
       if (j < 0) continue;
-      p.var = j;
-      pwlobj[out++] = std::move(p);
+      if (out != k) pwlobj[out] = std::move(pwlobj[k]);
+      pwlobj[out++].var = j;
     }
     pwlobj.resize(out);
   }
