@@ -56,3 +56,44 @@ def test_deleting_later_elements_keeps_the_earlier_ones_whole():
     assert (row.size(), row.getLinExpr().size()) == (0, 1)
     assert str(row.getLinExpr().getVar(0).VarName) == "x[2]"
     assert m.getPWLObj(x[0]) == [(0.0, 0.0), (1.0, 2.0)]
+
+
+# Each line writes to the store from outside it; every one must fail to compile.
+WRITES_FROM_OUTSIDE = [
+    "d.vars.lb[0] = 1.0;",
+    "d.constrs.rhs[0] += 2.0;",
+    "d.vars.append(0.0, 1.0, 0.0, 'C');",
+    "d.constrs.rows.append_entries({});",
+    "d.gens.names.set(0, \"g\");",
+    "d.sos.add_member(0, 1.0);",
+    "d.qconstrs.items.clear();",
+    "d.vars.extra.num.clear();",
+    "d.objcon = 1.0;",
+    "d.objn.clear();",
+    "std::swap(d.scenarios, other);",
+]
+READS = """
+double reads(kvr::ModelData &d) {
+  const kvr::ModelData copy = d;
+  double s = d.vars.lb[0] + copy.constrs.rows.val[0] + d.q.value(d.vars.ub.data());
+  for (const kvr::GenConstr &g : d.gens.items) s += g.constant;
+  s += d.vars.extra.get(0, 0) + static_cast<double>(d.vars.names.find("x"));
+  d.set_lb(0, s);
+  return s + d.objcon + static_cast<double>(d.objn.size());
+}
+"""
+
+
+def test_fields_are_read_only_outside_the_store(tmp_path):
+    source = tmp_path / "outside.cpp"
+    head = '#include <utility>\n#include "model/modeldata.h"\n' + READS
+    body = "void writes(kvr::ModelData &d, std::vector<kvr::Scenario> &other) {\n"
+    first = head.count("\n") + body.count("\n") + 1
+    source.write_text(head + body + "\n".join(WRITES_FROM_OUTSIDE) + "\n}\n")
+    result = subprocess.run([cxx(), "-std=c++20", "-fsyntax-only", "-fmax-errors=0",
+                             "-I", str(LIB), "-I", str(LIB / "include"), str(source)],
+                            capture_output=True, text=True, timeout=300)
+    failing = {int(line.split(":")[1]) for line in result.stderr.splitlines()
+               if line.startswith(str(source) + ":") and ": error:" in line}
+    # The reads (and the change helper) compile; each write is refused on its own line.
+    assert failing == set(range(first, first + len(WRITES_FROM_OUTSIDE))), result.stderr

@@ -216,12 +216,34 @@ static void refused_changes_leave_the_model() {
   CHECK(in_step(d) && !d.vars.names.any_named() && !d.gens.names.any_named());
 }
 
+// Copies and moves carry the data; each model's views show its own data, whatever happens to the
+// model it came from.
+static void copies_are_independent() {
+  ModelData d = referencing_model();
+  ModelData c = d;
+  c.set_lb(0, -5.0);
+  c.add_var(0, 1, 0, KVR_CONTINUOUS, "extra");
+  CHECK(d.vars.lb[0] == 0.0 && d.num_vars() == 4 && c.num_vars() == 5 && &c.vars != &d.vars);
+  ModelData moved = std::move(c);
+  CHECK(moved.num_vars() == 5 && moved.vars.lb[0] == -5.0 && moved.vars.names.find("extra") == 4);
+  ModelData assigned;
+  assigned = d;
+  d.set_ub(0, 1.0);
+  CHECK(assigned.vars.ub[0] == 10.0 && assigned.gens.names.get(1) == "lose");
+  {
+    ModelData temporary = d;
+    assigned = std::move(temporary);
+  }
+  CHECK(assigned.vars.ub[0] == 1.0 && in_step(assigned) && assigned.objn.size() == 2);
+}
+
 int main() {
   additions_keep_columns_in_step();
   deletions_renumber_every_reference();
   appending_queued_elements();
   objective_and_start_helpers();
   refused_changes_leave_the_model();
+  copies_are_independent();
   std::printf("%d checks, %d failed\n", g_checks, g_failed);
   return g_failed ? 1 : 0;
 }

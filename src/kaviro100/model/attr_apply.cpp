@@ -16,7 +16,7 @@ using A = AttrId;
 
 class Applier {
  public:
-  Applier(ModelData &d, PendingChanges &p) : d_(d), p_(p) {}
+  Applier(ModelFields &d, PendingChanges &p) : d_(d), p_(p) {}
 
   void run() {
     for (const Change &c : p_.log) {
@@ -51,7 +51,7 @@ class Applier {
   }
 
  private:
-  ModelData &d_;
+  ModelFields &d_;
   PendingChanges &p_;
   std::vector<Change> coeffs_;
   std::map<int, std::vector<double>> dense_objn_;  // objectives >= 1 being changed
@@ -366,6 +366,6 @@ class Applier {
 
 }  // namespace
 
-void apply_change_log(ModelData &data, PendingChanges &pending) { Applier(data, pending).run(); }
+void apply_change_log(ModelData &data, PendingChanges &pending) { Applier(data.f_, pending).run(); }
 
 }  // namespace kvr

@@ -292,7 +292,9 @@ struct Scenario {
   std::unordered_map<int, double> lb, ub, obj, rhs;
 };
 
-struct ModelData {
+// The fields of one model's data. ModelData shows them read-only and changes them only through
+// its member functions; the one other writer is the update's change log (apply_change_log).
+struct ModelFields {
   std::string name;
   int sense = KVR_MINIMIZE;
   double objcon = 0.0;
@@ -308,6 +310,42 @@ struct ModelData {
   std::vector<Scenario> scenarios;
   // Number of MIP starts (NumStart); start k lives in vars.extra under start_key(k).
   int numstart = 0;
+};
+
+struct PendingChanges;
+
+class ModelData {
+  ModelFields f_;
+
+ public:
+  // Read-only views of the fields, under the fields' names: readers write `d.vars.lb[j]`, and
+  // every change goes through the member functions below.
+  const std::string &name = f_.name;
+  const int &sense = f_.sense;
+  const double &objcon = f_.objcon;
+  const VarData &vars = f_.vars;
+  const ConstrData &constrs = f_.constrs;
+  const QuadTerms &q = f_.q;
+  const QConstrData &qconstrs = f_.qconstrs;
+  const SosData &sos = f_.sos;
+  const GenConstrData &gens = f_.gens;
+  const std::vector<ObjectiveN> &objn = f_.objn;
+  const std::vector<PwlObj> &pwlobj = f_.pwlobj;
+  const std::vector<Scenario> &scenarios = f_.scenarios;
+  const int &numstart = f_.numstart;
+
+  // Copies copy the fields; the views always refer to the object's own fields.
+  ModelData() = default;
+  ModelData(const ModelData &o) : f_(o.f_) {}
+  ModelData(ModelData &&o) noexcept : f_(std::move(o.f_)) {}
+  ModelData &operator=(const ModelData &o) {
+    f_ = o.f_;
+    return *this;
+  }
+  ModelData &operator=(ModelData &&o) noexcept {
+    f_ = std::move(o.f_);
+    return *this;
+  }
 
   int num_vars() const { return vars.size(); }
   int num_constrs() const { return constrs.size(); }
@@ -322,75 +360,77 @@ struct ModelData {
   // ---- Changes. Code outside the store changes a model only through these: they keep the
   // parallel arrays, the names and the extra attribute columns of each element kind in step.
 
-  void set_model_name(std::string_view s) { name = s; }
-  void set_objsense(int s) { sense = s; }
-  void set_objcon(double c) { objcon = c; }
+  void set_model_name(std::string_view s) { f_.name = s; }
+  void set_objsense(int s) { f_.sense = s; }
+  void set_objcon(double c) { f_.objcon = c; }
   // Objective 0: coefficient j, all coefficients (one per variable) with the constant, the
   // quadratic terms.
-  void set_obj(int j, double c) { vars.obj[j] = c; }
-  void add_obj(int j, double c) { vars.obj[j] += c; }
+  void set_obj(int j, double c) { f_.vars.obj[j] = c; }
+  void add_obj(int j, double c) { f_.vars.obj[j] += c; }
   void set_linear_objective(const std::vector<double> &coef, double constant);
-  void set_q(QuadTerms terms) { q = std::move(terms); }
+  void set_q(QuadTerms terms) { f_.q = std::move(terms); }
   // Objective k's record (k >= 1; objective 0's record holds only its settings and name); the
   // list grows to k + 1 objectives when needed.
   void set_objective_n(int k, ObjectiveN o);
   // Removes every objective: coefficients, constant, quadratic and piecewise-linear parts, the
   // further objectives and the scenarios' objective changes. The sense stays.
   void clear_objective();
-  void add_pwl_obj(PwlObj p) { pwlobj.push_back(std::move(p)); }
-  void clear_pwl_objs() { pwlobj.clear(); }
-  void clear_scenarios() { scenarios.clear(); }
+  void add_pwl_obj(PwlObj p) { f_.pwlobj.push_back(std::move(p)); }
+  void clear_pwl_objs() { f_.pwlobj.clear(); }
+  void clear_scenarios() { f_.scenarios.clear(); }
   // Writes the bounds, objective coefficients and right-hand sides a scenario changes.
   void apply_scenario(const Scenario &s);
   // Keeps MIP starts 0..n-1 and drops the values of the others.
   void set_num_starts(int n);
 
   int add_var(double lower, double upper, double cost, char type, std::string_view name = {}) {
-    return vars.append(lower, upper, cost, type, name);
+    return f_.vars.append(lower, upper, cost, type, name);
   }
-  void reserve_vars(size_t n) { vars.reserve(n); }
+  void reserve_vars(size_t n) { f_.vars.reserve(n); }
   // Keeps the first n variables (undoes additions that no other element refers to yet).
-  void truncate_vars(int n) { vars.truncate(n); }
-  void set_lb(int j, double v) { vars.lb[j] = v; }
-  void set_ub(int j, double v) { vars.ub[j] = v; }
-  void set_bounds(int j, double lower, double upper) { vars.lb[j] = lower, vars.ub[j] = upper; }
-  void set_vtype(int j, char t) { vars.vtype[j] = t; }
+  void truncate_vars(int n) { f_.vars.truncate(n); }
+  void set_lb(int j, double v) { f_.vars.lb[j] = v; }
+  void set_ub(int j, double v) { f_.vars.ub[j] = v; }
+  void set_bounds(int j, double lower, double upper) {
+    f_.vars.lb[j] = lower, f_.vars.ub[j] = upper;
+  }
+  void set_vtype(int j, char t) { f_.vars.vtype[j] = t; }
   // A binary variable becomes an integer one with its bounds clipped to [0, 1], so that its
   // bounds can change on their own.
   void binary_to_integer(int j);
 
   int add_constr(int n, const int *ind, const double *val, char row_sense, double row_rhs,
                  std::string_view name = {}) {
-    return constrs.append(n, ind, val, row_sense, row_rhs, name);
+    return f_.constrs.append(n, ind, val, row_sense, row_rhs, name);
   }
   int add_constr(const std::vector<int> &ind, const std::vector<double> &val, char row_sense,
                  double row_rhs, std::string_view name = {}) {
-    return constrs.append(ind, val, row_sense, row_rhs, name);
+    return f_.constrs.append(ind, val, row_sense, row_rhs, name);
   }
   void reserve_constrs(size_t rows, size_t nonzeros);
   // Adds entries (row, column, value) at the ends of their rows.
   void add_matrix_entries(const std::vector<SparseMatrix::Entry> &entries) {
-    constrs.rows.append_entries(entries);
+    f_.constrs.rows.append_entries(entries);
   }
-  void set_rhs(int i, double v) { constrs.rhs[i] = v; }
-  void set_constr_sense(int i, char s) { constrs.sense[i] = s; }
+  void set_rhs(int i, double v) { f_.constrs.rhs[i] = v; }
+  void set_constr_sense(int i, char s) { f_.constrs.sense[i] = s; }
 
   int add_qconstr(QConstr item, std::string_view name = {}) {
-    return qconstrs.append(std::move(item), name);
+    return f_.qconstrs.append(std::move(item), name);
   }
   // Adds the linear term coef * x[var] to quadratic constraint i.
   void add_qconstr_term(int i, int var, double coef);
-  void clear_qconstrs() { qconstrs = QConstrData{}; }
+  void clear_qconstrs() { f_.qconstrs = QConstrData{}; }
 
   // Opens an empty SOS of this type; add_sos_member adds members to the last one.
-  int add_sos(int set_type) { return sos.append(set_type); }
-  void add_sos_member(int var, double weight) { sos.add_member(var, weight); }
-  void clear_sos() { sos = SosData{}; }
+  int add_sos(int set_type) { return f_.sos.append(set_type); }
+  void add_sos_member(int var, double weight) { f_.sos.add_member(var, weight); }
+  void clear_sos() { f_.sos = SosData{}; }
 
   int add_genconstr(GenConstr item, std::string_view name = {}) {
-    return gens.append(std::move(item), name);
+    return f_.gens.append(std::move(item), name);
   }
-  void clear_gens() { gens = GenConstrData{}; }
+  void clear_gens() { f_.gens = GenConstrData{}; }
 
   // Name of element i of one kind (Var, Constr, QConstr or GenConstr).
   void set_element_name(AttrClass kind, int i, std::string_view s);
@@ -417,6 +457,7 @@ struct ModelData {
   size_t bytes() const;
 
  private:
+  friend void apply_change_log(ModelData &data, PendingChanges &pending);
   struct KindData {
     ExtraAttrs &extra;
     NamePool *names;  // null for SOS, which have no names
