@@ -45,7 +45,7 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent / "src" / "kaviro100"
 TYPES = {"char": "Char", "int": "Int", "double": "Dbl", "string": "Str"}
 CLASSES = {"model": "Model", "var": "Var", "constr": "Constr", "sos": "Sos",
            "qconstr": "QConstr", "genconstr": "GenConstr", "batch": "Batch"}
-# Element class -> (member of ModelData, record type of its items)
+# Element class -> (member of ModelFields, record type of its items)
 PARTS = {"var": ("vars", "VarData", None), "constr": ("constrs", "ConstrData", None),
          "sos": ("sos", "SosData", None), "qconstr": ("qconstrs", "QConstrData", "QConstr"),
          "genconstr": ("gens", "GenConstrData", "GenConstr")}
@@ -181,9 +181,9 @@ def reader_line(r):
     f = {}
     if element and r["class"] in PARTS:
         part, data, item = PARTS[r["class"]]
-        part = f"&ModelData::{part}"
+        part = f"&ModelFields::{part}"
     if kind == "model":
-        f["text" if text else "model"] = f"model_{'text' if text else 'field'}<&ModelData::{arg}>"
+        f["text" if text else "model"] = f"model_{'text' if text else 'field'}<&ModelFields::{arg}>"
     elif kind == "column":
         f["elems"] = f"column<{part}, &{data}::{arg}>"
     elif kind == "item":
@@ -232,9 +232,9 @@ def applier_line(r):
         return f"    nullptr,  // {r['name']}"
     if element and r["class"] in PARTS:
         part, data, item = PARTS[r["class"]]
-        part = f"&ModelData::{part}"
+        part = f"&ModelFields::{part}"
     if kind == "model":
-        fn = f"apply_model_{'text' if text else 'field'}<&ModelData::{arg}>"
+        fn = f"apply_model_{'text' if text else 'field'}<&ModelFields::{arg}>"
     elif kind == "column":
         fn = f"apply_column<{part}, &{data}::{arg}>"
     elif kind == "item":

@@ -56,7 +56,7 @@ class FeasRelax {
 };
 
 int FeasRelax::add_var(double lb, double ub, char vtype, const std::string &name) {
-  return d_.vars.append(lb, ub, 0.0, vtype, name);
+  return d_.add_var(lb, ub, 0.0, vtype, name);
 }
 
 void FeasRelax::add_row(const std::vector<Term> &terms, char sense, double rhs,
@@ -64,7 +64,7 @@ void FeasRelax::add_row(const std::vector<Term> &terms, char sense, double rhs,
   std::vector<int> ind;
   std::vector<double> val;
   for (const Term &t : terms) ind.push_back(t.var), val.push_back(t.coef);
-  d_.constrs.append(ind, val, sense, rhs, name);
+  d_.add_constr(ind, val, sense, rhs, name);
 }
 
 int FeasRelax::add_artificial(const std::string &name, double penalty) {
@@ -78,27 +78,23 @@ void FeasRelax::relax_bounds(const double *lbpen, const double *ubpen) {
     bool lower = lbpen && lbpen[j] < KVR_INFINITY && !is_infinite(d_.vars.lb[j]);
     bool upper = ubpen && ubpen[j] < KVR_INFINITY && !is_infinite(d_.vars.ub[j]);
     if (!lower && !upper) continue;
-    char &t = d_.vars.vtype[j];
+    const char t = d_.vars.vtype[j];
     std::string name = reform::var_name(d_, j);
     if (t == KVR_SEMICONT || t == KVR_SEMIINT)
       fail(KVR_ERROR_NOT_SUPPORTED,
            "The bounds of semi-continuous or semi-integer variable %s cannot be relaxed",
            name.c_str());
-    if (t == KVR_BINARY) {
-      // A binary keeps its values 0 and 1 only through its type; as an integer its bounds move.
-      t = KVR_INTEGER;
-      d_.vars.lb[j] = std::max(d_.vars.lb[j], 0.0);
-      d_.vars.ub[j] = std::min(d_.vars.ub[j], 1.0);
-    }
+    // A binary keeps its values 0 and 1 only through its type; as an integer its bounds move.
+    d_.binary_to_integer(j);
     if (lower) {
       int a = add_artificial("ArtL_" + name, lbpen[j]);
       add_row({{j, 1.0}, {a, 1.0}}, KVR_GREATER_EQUAL, d_.vars.lb[j], "ArtLB_" + name);
-      d_.vars.lb[j] = -KVR_INFINITY;
+      d_.set_lb(j, -KVR_INFINITY);
     }
     if (upper) {
       int a = add_artificial("ArtU_" + name, ubpen[j]);
       add_row({{j, 1.0}, {a, -1.0}}, KVR_LESS_EQUAL, d_.vars.ub[j], "ArtUB_" + name);
-      d_.vars.ub[j] = KVR_INFINITY;
+      d_.set_ub(j, KVR_INFINITY);
     }
   }
 }
@@ -115,14 +111,13 @@ void FeasRelax::relax_rows(const double *rhspen) {
       if (linear) {
         row_entries_.push_back({i, a, coef});
       } else {
-        d_.qconstrs.items[i - m].lind.push_back(a);
-        d_.qconstrs.items[i - m].lval.push_back(coef);
+        d_.add_qconstr_term(i - m, a, coef);
       }
     };
     if (sense != KVR_LESS_EQUAL) attach(add_artificial("ArtP_" + name, rhspen[i]), 1.0);
     if (sense != KVR_GREATER_EQUAL) attach(add_artificial("ArtN_" + name, rhspen[i]), -1.0);
   }
-  d_.constrs.rows.append_entries(row_entries_);
+  d_.add_matrix_entries(row_entries_);
 }
 
 void FeasRelax::penalty_objective(std::vector<Term> &lin, QuadTerms &quad) {
@@ -154,15 +149,16 @@ void check_penalties(const double *pen, int n, const char *what, const ModelData
 
 // Replaces the objective of d by sum lin + quad (minimized).
 void set_objective(ModelData &d, const std::vector<Term> &lin, const QuadTerms &quad) {
-  clear_objective(d);
-  for (const Term &t : lin) d.vars.obj[t.var] += t.coef;
-  d.q = quad;
+  d.clear_objective();
+  d.set_objsense(KVR_MINIMIZE);
+  for (const Term &t : lin) d.add_obj(t.var, t.coef);
+  d.set_q(quad);
 }
 
 // Solves the relaxation (a copy of the model with the relaxed data) and returns its optimum.
 double solve_relaxation(kvr_model *model, ModelData relaxation) {
   auto tmp = std::make_unique<kvr_model>(model->env, std::move(relaxation));
-  tmp->data.scenarios.clear();
+  tmp->data.clear_scenarios();
   if (int code = KVRoptimize(tmp.get())) fail(code, "%s", tmp->errmsg.c_str());
   int status = tmp->sol.status;
   if (status == KVR_INFEASIBLE || status == KVR_INF_OR_UNBD)
@@ -210,13 +206,13 @@ double feasrelax(kvr_model *model, int objtype, int minrelax, const double *lbpe
       std::vector<int> ind;
       std::vector<double> val;
       for (const Term &t : lin) ind.push_back(t.var), val.push_back(t.coef);
-      d.constrs.append(ind, val, KVR_LESS_EQUAL, limit, "FeasRelaxObj");
+      d.add_constr(ind, val, KVR_LESS_EQUAL, limit, "FeasRelaxObj");
     } else {
       QConstr qc;
       qc.q = quad;
       qc.sense = KVR_LESS_EQUAL;
       qc.rhs = limit;
-      d.qconstrs.append(std::move(qc), "FeasRelaxObj");
+      d.add_qconstr(std::move(qc), "FeasRelaxObj");
     }
     result = best;
   }

@@ -116,24 +116,16 @@ IisSearch::IisSearch(kvr_model *model, SolveContext &ctx, Engine &engine)
 
   base_ = user();
   ModelData &b = base_;
-  std::fill(b.vars.obj.begin(), b.vars.obj.end(), 0.0);
-  b.objcon = 0.0;
-  b.sense = KVR_MINIMIZE;
-  b.q.clear();
-  b.objn.assign(1, ObjectiveN{});
-  b.pwlobj.clear();
-  b.scenarios.clear();
-  b.numstart = 0;
+  b.clear_objective();
+  b.set_objsense(KVR_MINIMIZE);
+  b.clear_scenarios();
+  b.set_num_starts(0);
   // A binary's bounds are ordinary bounds of an integer variable here, so that each can be
   // dropped on its own.
   bool semi = false;
   for (int j = 0; j < b.num_vars(); ++j) {
-    char &t = b.vars.vtype[j];
-    if (t == KVR_BINARY) {
-      t = KVR_INTEGER;
-      b.vars.lb[j] = std::max(b.vars.lb[j], 0.0);
-      b.vars.ub[j] = std::min(b.vars.ub[j], 1.0);
-    }
+    b.binary_to_integer(j);
+    const char t = b.vars.vtype[j];
     semi = semi || t == KVR_SEMICONT || t == KVR_SEMIINT;
   }
   plain_ = !semi && b.sos.size() == 0 && b.qconstrs.size() == 0 && b.gens.size() == 0;
@@ -178,12 +170,12 @@ ModelData IisSearch::build(const Selection &sel, bool relaxed) const {
   ModelData sub = base_;
   for (int j = 0; j < sub.num_vars(); ++j) {
     // With method 2 the bounds stay as they are.
-    if (bounds_are_candidates_ && !sel.on[kLower][j]) sub.vars.lb[j] = -KVR_INFINITY;
-    if (bounds_are_candidates_ && !sel.on[kUpper][j]) sub.vars.ub[j] = KVR_INFINITY;
+    if (bounds_are_candidates_ && !sel.on[kLower][j]) sub.set_lb(j, -KVR_INFINITY);
+    if (bounds_are_candidates_ && !sel.on[kUpper][j]) sub.set_ub(j, KVR_INFINITY);
     // The relaxation drops integrality; a semi-integer variable keeps its zero-or-range domain.
-    char &t = sub.vars.vtype[j];
-    if (relaxed && t == KVR_INTEGER) t = KVR_CONTINUOUS;
-    if (relaxed && t == KVR_SEMIINT) t = KVR_SEMICONT;
+    const char t = sub.vars.vtype[j];
+    if (relaxed && t == KVR_INTEGER) sub.set_vtype(j, KVR_CONTINUOUS);
+    if (relaxed && t == KVR_SEMIINT) sub.set_vtype(j, KVR_SEMICONT);
   }
   auto renumbering = [](const std::vector<char> &on, bool &any_off) {
     Renumbering pos(on.size());

@@ -74,36 +74,36 @@ const char *class_word(AttrClass c) {
 
 template <auto Field>
 double model_field(kvr_model &m, AttrId) {
-  return static_cast<double>(m.data.*Field);
+  return static_cast<double>(m.data.fields().*Field);
 }
 template <auto Field>
 const std::string &model_text(kvr_model &m, AttrId) {
-  return m.data.*Field;
+  return m.data.fields().*Field;
 }
 
 template <auto Part, auto Column>
 void column(kvr_model &m, AttrId id, IndexSet ix, double *out) {
-  copy_vec(id, (m.data.*Part).*Column, ix, out);
+  copy_vec(id, (m.data.fields().*Part).*Column, ix, out);
 }
 
 template <auto Part, auto Field>
 void item_field(kvr_model &m, AttrId, IndexSet ix, double *out) {
-  const auto &items = (m.data.*Part).items;
+  const auto &items = (m.data.fields().*Part).items;
   fill(ix, out, [&](int i) { return static_cast<double>(items[i].*Field); });
 }
 
 template <auto Part>
 const NamePool *names(const ModelData &d, AttrId) {
-  return &(d.*Part).names;
+  return &(d.fields().*Part).names;
 }
 
 template <auto Part>
 void extra_column(kvr_model &m, AttrId id, IndexSet ix, double *out) {
-  copy_extra((m.data.*Part).extra, static_cast<int>(id), ix, out);
+  copy_extra((m.data.fields().*Part).extra, static_cast<int>(id), ix, out);
 }
 template <auto Part>
 const NamePool *extra_text(const ModelData &d, AttrId id) {
-  const ExtraAttrs &ex = (d.*Part).extra;
+  const ExtraAttrs &ex = (d.fields().*Part).extra;
   auto it = ex.str.find(static_cast<int>(id));
   return it == ex.str.end() ? nullptr : &it->second;
 }
@@ -115,7 +115,7 @@ void basis(kvr_model &m, AttrId id, IndexSet ix, double *out) {
 }
 template <auto Part, auto Vector>
 bool has_basis(kvr_model &m, AttrId id) {
-  return !(m.sol.*Vector).empty() || (m.data.*Part).extra.num.count(static_cast<int>(id));
+  return !(m.sol.*Vector).empty() || (m.data.fields().*Part).extra.num.count(static_cast<int>(id));
 }
 
 template <auto Field>

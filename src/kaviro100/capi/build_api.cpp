@@ -27,19 +27,19 @@ void check_new_vars(const NewVars &nv, int first) {
   }
 }
 
-void append_new_vars(VarData &vars, const NewVars &nv, bool ignore_names) {
-  const int before = vars.size();
+void append_new_vars(ModelData &d, const NewVars &nv, bool ignore_names) {
+  const int before = d.num_vars();
   try {
-    vars.reserve(static_cast<size_t>(before) + static_cast<size_t>(nv.n));
+    d.reserve_vars(static_cast<size_t>(before) + static_cast<size_t>(nv.n));
     const bool named = nv.names && !ignore_names;
     for (int k = 0; k < nv.n; ++k)
-      vars.append(nv.lb ? clip_infinite(nv.lb[k]) : 0.0,
-                  nv.ub ? clip_infinite(nv.ub[k]) : KVR_INFINITY,
-                  nv.obj ? clip_infinite(nv.obj[k]) : 0.0, nv.vtype ? nv.vtype[k] : KVR_CONTINUOUS,
-                  named && nv.names[k] ? nv.names[k] : "");
+      d.add_var(nv.lb ? clip_infinite(nv.lb[k]) : 0.0,
+                nv.ub ? clip_infinite(nv.ub[k]) : KVR_INFINITY,
+                nv.obj ? clip_infinite(nv.obj[k]) : 0.0, nv.vtype ? nv.vtype[k] : KVR_CONTINUOUS,
+                named && nv.names[k] ? nv.names[k] : "");
   } catch (...) {
     // Out of memory part way: no variable is half added.
-    vars.truncate(before);
+    d.truncate_vars(before);
     throw;
   }
 }
@@ -240,14 +240,14 @@ void add_rows(kvr_model *m, int count, int nnz, const int *beg, const int *ind, 
         s = KVR_GREATER_EQUAL, r = clip_infinite(lower[i]);
       }
     }
-    t.constrs.append(rind, rval, s, r, name);
+    t.add_constr(rind, rval, s, r, name);
   }
   if (!rv_lb.empty()) {
     std::vector<const char *> ptrs;
     for (const std::string &n : rv_names) ptrs.push_back(n.c_str());
     NewVars vars{
         static_cast<int>(rv_lb.size()), nullptr, rv_lb.data(), rv_ub.data(), nullptr, ptrs.data()};
-    append_new_vars(t.vars, vars, false);
+    append_new_vars(t, vars, false);
   }
   if (at_once) added_at_once(m, static_cast<int>(rv_lb.size()), count);
 }
@@ -307,9 +307,9 @@ int KVRaddvars(KVRmodel *model, int numvars, int numnz, const int *vbeg, const i
       for (size_t t = 0; t < cind.size(); ++t) cols.push_back({cind[t], first + k, cval[t]});
     }
     ModelData &t = linear_target(model, at_once);
-    append_new_vars(t.vars, nv, ignore_names(model));
+    append_new_vars(t, nv, ignore_names(model));
     if (at_once) {
-      t.constrs.rows.append_entries(cols);
+      t.add_matrix_entries(cols);
       added_at_once(model, numvars, 0);
     } else {
       model->pending.added_cols.insert(model->pending.added_cols.end(), cols.begin(), cols.end());
@@ -374,8 +374,8 @@ int KVRaddqconstr(KVRmodel *model, int numlnz, const int *lind, const double *lv
     qc.q = normalized_quad(numqnz, qrow, qcol, qval);
     qc.sense = sense;
     qc.rhs = clip_infinite(rhs);
-    QConstrData &dst = model->pending.added.qconstrs;
-    dst.append(std::move(qc), ignore_names(model) ? std::string_view() : name);
+    model->pending.added.add_qconstr(std::move(qc),
+                                     ignore_names(model) ? std::string_view() : name);
   });
 }
 
@@ -419,12 +419,12 @@ int KVRaddsos(KVRmodel *model, int numsos, int nummembers, const int *types, con
                weight[k], first + s);
       }
     }
-    SosData &dst = model->pending.added.sos;
+    ModelData &dst = model->pending.added;
     for (int s = 0; s < numsos; ++s) {
       const int b = span_begin(beg, nummembers, s), e = span_end(beg, numsos, nummembers, s);
-      dst.append(types[s]);
+      dst.add_sos(types[s]);
       for (int k = b; k < e; ++k)
-        dst.add_member(ind[k], weight ? weight[k] : static_cast<double>(k - b + 1));
+        dst.add_sos_member(ind[k], weight ? weight[k] : static_cast<double>(k - b + 1));
     }
   });
 }

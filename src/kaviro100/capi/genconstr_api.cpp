@@ -95,8 +95,7 @@ class NewGen {
   int index() const { return index_; }
 
   void commit() {
-    GenConstrData &dst = m_->pending.added.gens;
-    dst.append(std::move(g_), ignore_names(m_) ? std::string_view() : name_);
+    m_->pending.added.add_genconstr(std::move(g_), ignore_names(m_) ? std::string_view() : name_);
   }
 
  private:

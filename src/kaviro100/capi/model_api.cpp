@@ -34,12 +34,12 @@ int KVRnewmodel(KVRenv *env, KVRmodel **modelP, const char *Pname, int numvars, 
       if (std::string_view(Pname).size() > KVR_MAX_NAMELEN)
         kvr::fail(KVR_ERROR_INVALID_ARGUMENT, "Model name is too long (at most %d characters)",
                   KVR_MAX_NAMELEN);
-      d.name = Pname;
+      d.set_model_name(Pname);
     }
     kvr::NewVars nv{numvars, obj, lb, ub, vtype, varnames};
     kvr::check_new_vars(nv, 0);
     bool ignore_names = env->params.get_int(kvr::ParamId::IgnoreNames) != 0;
-    kvr::append_new_vars(d.vars, nv, ignore_names);
+    kvr::append_new_vars(d, nv, ignore_names);
     *modelP = new kvr_model(*env, std::move(d));
   });
 }
@@ -91,12 +91,11 @@ int KVRreset(KVRmodel *model, int clearall) {
     if (!clearall) return;
     using kvr::AttrId;
     kvr::ModelData &d = model->data;
-    for (int k = 0; k < std::max(d.numstart, 1); ++k) d.vars.extra.num.erase(kvr::start_key(k));
-    d.numstart = 0;
+    d.set_num_starts(0);
     for (AttrId id : {AttrId::VarHintVal, AttrId::VarHintPri, AttrId::VBasis, AttrId::PStart})
-      d.vars.extra.num.erase(static_cast<int>(id));
+      d.erase_extra(kvr::AttrClass::Var, static_cast<int>(id));
     for (AttrId id : {AttrId::CBasis, AttrId::DStart})
-      d.constrs.extra.num.erase(static_cast<int>(id));
+      d.erase_extra(kvr::AttrClass::Constr, static_cast<int>(id));
   });
 }
 

@@ -400,13 +400,12 @@ EngineResult HighsEngine::solve_continuous(const ModelData &m, const ParamValues
   for (int j = 0; j < m.num_vars(); ++j) {
     if (m.vars.vtype[j] == KVR_CONTINUOUS) continue;
     if (fix_at) {
-      relaxed.vars.lb[j] = relaxed.vars.ub[j] = std::round(fix_at[j]);
-    } else if (m.vars.vtype[j] == KVR_BINARY) {
-      relaxed.vars.lb[j] = std::max(relaxed.vars.lb[j], 0.0);
-      relaxed.vars.ub[j] = std::min(relaxed.vars.ub[j], 1.0);
+      relaxed.set_bounds(j, std::round(fix_at[j]), std::round(fix_at[j]));
+    } else {
+      relaxed.binary_to_integer(j);  // keeps the bounds 0 and 1 as the type goes
     }
+    relaxed.set_vtype(j, KVR_CONTINUOUS);
   }
-  std::fill(relaxed.vars.vtype.begin(), relaxed.vars.vtype.end(), KVR_CONTINUOUS);
   SolveContext sub = ctx.side(params, relaxed);
   sub.lazy = std::move(ctx.lazy);
   EngineProblem problem;

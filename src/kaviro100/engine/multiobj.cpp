@@ -91,8 +91,7 @@ void solve_multiobjective(kvr_model *model, const Reformulated &rf, Engine &engi
     for (int k : level.objectives) ctx.env->logf(" %d", k);
     ctx.env->log("\n");
 
-    pass.own().vars.obj = level.coef;
-    pass.own().objcon = level.constant;
+    pass.own().set_linear_objective(level.coef, level.constant);
     EngineProblem problem;
     if (pass_index == 0) {
       problem = make_problem(model, pass);
@@ -144,8 +143,8 @@ void solve_multiobjective(kvr_model *model, const Reformulated &rf, Engine &engi
     for (size_t j = 0; j < level.coef.size(); ++j)
       if (level.coef[j] != 0.0) ind.push_back(static_cast<int>(j)), val.push_back(level.coef[j]);
     bool min = pass.model().sense == KVR_MINIMIZE;
-    pass.own().constrs.append(ind, val, min ? KVR_LESS_EQUAL : KVR_GREATER_EQUAL,
-                              z - level.constant + (min ? allowed : -allowed));
+    pass.own().add_constr(ind, val, min ? KVR_LESS_EQUAL : KVR_GREATER_EQUAL,
+                          z - level.constant + (min ? allowed : -allowed));
   }
   ctx.pass_objectives.clear();
   ctx.params = &model->env.params;

@@ -34,7 +34,7 @@ double max_violation(const ModelData &m, const std::vector<LinRow> &lazy, const 
 // accept x up to the feasibility tolerance. Returns false when the bounds cross.
 bool bounds_from_singleton_rows(ModelData &lp, double ftol) {
   const SparseMatrix &A = lp.constrs.rows;
-  std::vector<double> &lb = lp.vars.lb, &ub = lp.vars.ub;
+  const std::vector<double> &lb = lp.vars.lb, &ub = lp.vars.ub;
   for (int i = 0; i < lp.num_constrs(); ++i) {
     int free_col = -1;
     double coef = 0.0, rest = 0.0;
@@ -55,11 +55,13 @@ bool bounds_from_singleton_rows(ModelData &lp, double ftol) {
     const char sense = lp.constrs.sense[i];
     // coef * x <= b bounds x above when coef > 0, below when coef < 0 (and >= the other way).
     const bool upper = sense != KVR_GREATER_EQUAL, lower = sense != KVR_LESS_EQUAL;
-    if ((upper && coef > 0) || (lower && coef < 0)) ub[free_col] = std::min(ub[free_col], bound);
-    if ((lower && coef > 0) || (upper && coef < 0)) lb[free_col] = std::max(lb[free_col], bound);
+    if ((upper && coef > 0) || (lower && coef < 0))
+      lp.set_ub(free_col, std::min(ub[free_col], bound));
+    if ((lower && coef > 0) || (upper && coef < 0))
+      lp.set_lb(free_col, std::max(lb[free_col], bound));
     if (lb[free_col] > ub[free_col]) {
       if (lb[free_col] > ub[free_col] + ftol) return false;
-      ub[free_col] = lb[free_col];
+      lp.set_ub(free_col, lb[free_col]);
     }
   }
   return true;
@@ -85,20 +87,20 @@ bool polish_mip_solution(const ModelData &m, Engine &engine, SolveContext &ctx,
 
   // The LP: the model with every integer variable fixed at its rounded value, plus the lazy
   // constraints the engine was given.
+  // Its elements are unnamed.
   ModelData lp;
-  lp.sense = m.sense;
-  lp.objcon = m.objcon;
-  lp.q = m.q;
-  lp.vars.lb = m.vars.lb;
-  lp.vars.ub = m.vars.ub;
-  lp.vars.obj = m.vars.obj;
-  lp.vars.vtype.assign(n, KVR_CONTINUOUS);
-  lp.vars.names.resize(static_cast<size_t>(n));  // unnamed
-  lp.constrs.rows = m.constrs.rows;
-  lp.constrs.sense = m.constrs.sense;
-  lp.constrs.rhs = m.constrs.rhs;
-  lp.constrs.names.resize(m.constrs.sense.size());
-  for (const LinRow &row : ctx.lazy) lp.constrs.append(row.ind, row.val, row.sense, row.rhs);
+  lp.set_objsense(m.sense);
+  lp.set_objcon(m.objcon);
+  lp.set_q(m.q);
+  lp.reserve_vars(static_cast<size_t>(n));
+  for (int j = 0; j < n; ++j) lp.add_var(m.vars.lb[j], m.vars.ub[j], m.vars.obj[j], KVR_CONTINUOUS);
+  const SparseMatrix &A = m.constrs.rows;
+  lp.reserve_constrs(static_cast<size_t>(m.num_constrs()) + ctx.lazy.size(),
+                     static_cast<size_t>(A.nnz()));
+  for (int i = 0; i < m.num_constrs(); ++i)
+    lp.add_constr(static_cast<int>(A.beg[i + 1] - A.beg[i]), A.ind.data() + A.beg[i],
+                  A.val.data() + A.beg[i], m.constrs.sense[i], m.constrs.rhs[i]);
+  for (const LinRow &row : ctx.lazy) lp.add_constr(row.ind, row.val, row.sense, row.rhs);
   std::vector<double> polished = x;
   int continuous = 0;
   for (int j = 0; j < n; ++j) {
@@ -111,7 +113,8 @@ bool polish_mip_solution(const ModelData &m, Engine &engine, SolveContext &ctx,
       ctx.logf("MIP solution not polished: integer variable %d rounds outside its bounds\n", j);
       return false;
     }
-    lp.vars.lb[j] = lp.vars.ub[j] = polished[j] = v;
+    lp.set_bounds(j, v, v);
+    polished[j] = v;
   }
 
   if (!bounds_from_singleton_rows(lp, ftol)) {

@@ -41,11 +41,11 @@ struct SearchModel {
   std::vector<Expansion> expansions;
 };
 
-int add_binary(ModelData &m) { return m.vars.append(0.0, 1.0, 0.0, KVR_BINARY); }
+int add_binary(ModelData &m) { return m.add_var(0.0, 1.0, 0.0, KVR_BINARY); }
 
 void add_row(ModelData &m, const std::vector<int> &ind, const std::vector<double> &val, char sense,
              double rhs) {
-  m.constrs.append(ind, val, sense, rhs);
+  m.add_constr(ind, val, sense, rhs);
 }
 
 bool is_integral(char t) { return t == KVR_INTEGER || t == KVR_BINARY || t == KVR_SEMIINT; }
@@ -94,8 +94,6 @@ SearchModel search_model(const Reformulated &rf, const SolveContext &ctx) {
     add_row(s.model, ind, val, KVR_EQUAL, lo);
     s.expansions.push_back(e);
   }
-  s.model.vars.extra.resize(s.model.vars.lb.size());
-  s.model.constrs.extra.resize(s.model.constrs.sense.size());
   return s;
 }
 

@@ -17,10 +17,7 @@ void solve_scenarios(kvr_model *model, const Reformulated &rf, Engine &engine, S
     if (ctx.must_stop()) break;
     const Scenario &sc = scenarios[s];
     ModelData m = rf.model();
-    for (auto &[j, v] : sc.lb) m.vars.lb[j] = v;
-    for (auto &[j, v] : sc.ub) m.vars.ub[j] = v;
-    for (auto &[j, v] : sc.obj) m.vars.obj[j] = v;
-    for (auto &[i, v] : sc.rhs) m.constrs.rhs[i] = v;
+    m.apply_scenario(sc);
     ctx.env->logf("\nScenario %zu%s%s\n", s, sc.name.empty() ? "" : ": ", sc.name.c_str());
     EngineProblem problem;
     problem.model = &m;

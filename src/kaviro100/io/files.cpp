@@ -141,13 +141,7 @@ ModelData read_model_file(const std::string &filename, kvr_env &env) {
   env.logf("Read %s format model from file %s\n", file_type_name(t), filename.c_str());
   ModelData d = t == FileType::Lp ? read_lp(in) : read_mps(in);
   check_read_model(d, filename);
-  if (env.params.get_int(ParamId::IgnoreNames)) {
-    for (NamePool *names : {&d.vars.names, &d.constrs.names, &d.qconstrs.names, &d.gens.names}) {
-      size_t n = names->size();
-      names->clear();
-      names->resize(n);
-    }
-  }
+  if (env.params.get_int(ParamId::IgnoreNames)) d.drop_names();
   env.logf("Reading time = %.2f seconds\n", seconds_since(t0));
   env.logf("%s: %d rows, %d columns, %lld nonzeros\n", d.name.c_str(), d.num_constrs(),
            d.num_vars(), static_cast<long long>(d.constrs.rows.nnz()));

@@ -20,8 +20,8 @@ int lazy_level(const ModelData &d, int i) {
 }
 
 void set_lazy_levels(ModelData &d, const std::vector<int> &levels) {
-  std::vector<double> &col = d.constrs.extra.num[kLazyKey];
-  col.assign(levels.begin(), levels.end());
+  d.set_extra_column(AttrClass::Constr, kLazyKey,
+                     std::vector<double>(levels.begin(), levels.end()));
 }
 
 const char *genconstr_keyword(int type) {

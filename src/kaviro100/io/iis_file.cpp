@@ -31,25 +31,22 @@ void write_iis_file(kvr_model *model, const std::string &filename) {
          filename.c_str());
   const ModelData &d = model->data;
   ModelData sub = d;
-  sub.objn.assign(1, ObjectiveN{});
-  sub.objcon = 0.0;
-  std::fill(sub.vars.obj.begin(), sub.vars.obj.end(), 0.0);
-  sub.q.clear();
-  sub.pwlobj.clear();
-  sub.scenarios.clear();
-  sub.numstart = 0;
-  sub.vars.extra.clear();
-  sub.constrs.extra.clear();
+  sub.clear_objective();
+  sub.clear_scenarios();
+  sub.set_num_starts(0);
+  sub.clear_extras(AttrClass::Var);
+  sub.clear_extras(AttrClass::Constr);
 
   // Unnamed elements keep the names they have in the model ("R3" stays "R3" after deletions).
-  auto name_unnamed = [](NamePool &names, const std::vector<int> &in_iis, const char *prefix) {
+  auto name_unnamed = [&sub](AttrClass kind, const NamePool &names, const std::vector<int> &in_iis,
+                             const char *prefix) {
     for (size_t i = 0; i < names.size(); ++i)
       if (i < in_iis.size() && in_iis[i] && names.get(i).empty())
-        names.set(i, format("%s%zu", prefix, i));
+        sub.set_element_name(kind, static_cast<int>(i), format("%s%zu", prefix, i));
   };
-  name_unnamed(sub.constrs.names, s.iis_constr, "R");
-  name_unnamed(sub.qconstrs.names, s.iis_qconstr, "QC");
-  name_unnamed(sub.gens.names, s.iis_genconstr, "GC");
+  name_unnamed(AttrClass::Constr, sub.constrs.names, s.iis_constr, "R");
+  name_unnamed(AttrClass::QConstr, sub.qconstrs.names, s.iis_qconstr, "QC");
+  name_unnamed(AttrClass::GenConstr, sub.gens.names, s.iis_genconstr, "GC");
 
   int kept = 0;
   sub.delete_constrs(keep_flags(s.iis_constr, d.num_constrs(), kept));
@@ -63,14 +60,9 @@ void write_iis_file(kvr_model *model, const std::string &filename) {
   std::vector<char> used(static_cast<size_t>(n), 0);
   for (int j = 0; j < n; ++j) {
     bool lb = s.iis_lb[j] != 0, ub = s.iis_ub[j] != 0;
-    char &t = sub.vars.vtype[j];
-    if (t == KVR_BINARY && !(lb && ub)) {
-      t = KVR_INTEGER;
-      sub.vars.lb[j] = std::max(sub.vars.lb[j], 0.0);
-      sub.vars.ub[j] = std::min(sub.vars.ub[j], 1.0);
-    }
-    if (!lb) sub.vars.lb[j] = -KVR_INFINITY;
-    if (!ub) sub.vars.ub[j] = KVR_INFINITY;
+    if (!(lb && ub)) sub.binary_to_integer(j);
+    if (!lb) sub.set_lb(j, -KVR_INFINITY);
+    if (!ub) sub.set_ub(j, KVR_INFINITY);
     used[j] = lb || ub;
   }
   for (int idx : sub.constrs.rows.ind) used[idx] = 1;
@@ -90,7 +82,8 @@ void write_iis_file(kvr_model *model, const std::string &filename) {
   for (int j = 0; j < n; ++j)
     if (used[j]) vars[j] = next++;
   for (int j = 0; j < n; ++j)
-    if (used[j] && sub.vars.names.get(j).empty()) sub.vars.names.set(j, format("C%d", j));
+    if (used[j] && sub.vars.names.get(j).empty())
+      sub.set_element_name(AttrClass::Var, j, format("C%d", j));
   sub.delete_vars(vars);
   write_model_file(sub, filename, FileType::Lp);
 }

@@ -230,7 +230,7 @@ class LpReader {
       if (!line.empty() && line[0] == '\\') {
         static constexpr std::string_view kName = "\\Problem name:";
         if (line.substr(0, kName.size()) == kName && d_.name.empty())
-          d_.name = std::string(trim(line.substr(kName.size())));
+          d_.set_model_name(trim(line.substr(kName.size())));
         continue;
       }
       if (header(line)) {
@@ -407,7 +407,7 @@ class LpReader {
     if (s == Sec::Objective) {
       if (objective_seen_) in_.fail("second objective section");
       objective_seen_ = true;
-      d_.sense = pending_sense_;
+      d_.set_objsense(pending_sense_);
       multi_ = pending_multi_;
       objective_index_ = -1;
     } else if (!objective_seen_ && s != Sec::End) {
@@ -432,7 +432,7 @@ class LpReader {
       in_.fail("'%.*s' cannot be a variable name here", static_cast<int>(name.size()), name.data());
     if (name.size() > KVR_MAX_NAMELEN)
       in_.fail("name '%.20s...' is longer than %d characters", name.data(), KVR_MAX_NAMELEN);
-    j = d_.vars.append(0.0, KVR_INFINITY, 0.0, KVR_CONTINUOUS, name);
+    j = d_.add_var(0.0, KVR_INFINITY, 0.0, KVR_CONTINUOUS, name);
     vars_.add(j);
     given_.push_back(0);
     slot_.push_back(-1);
@@ -603,14 +603,8 @@ class LpReader {
     if (!multi_ && objective_index_ > 0) expected("a section header after the objective");
     std::string name = label();
     if (multi_ && name.empty()) expected("the name of an objective (name:)");
-    ObjectiveN *o;
-    if (objective_index_ == 0) {
-      o = &d_.objn[0];
-    } else {
-      d_.objn.emplace_back();
-      o = &d_.objn.back();
-    }
-    o->name = name;
+    ObjectiveN o;
+    o.name = name;
     if (multi_) {
       // Priority=2 Weight=1 AbsTol=0 RelTol=0
       while (cur().type == Tk::Name && peek(1) == Tk::Eq) {
@@ -619,13 +613,13 @@ class LpReader {
         advance();
         double v = value("a number");
         if (iequals(key, "Priority"))
-          o->priority = static_cast<int>(v);
+          o.priority = static_cast<int>(v);
         else if (iequals(key, "Weight"))
-          o->weight = v;
+          o.weight = v;
         else if (iequals(key, "AbsTol"))
-          o->abstol = v;
+          o.abstol = v;
         else if (iequals(key, "RelTol"))
-          o->reltol = v;
+          o.reltol = v;
         else
           in_.fail("unknown objective setting '%s' (expected Priority, Weight, AbsTol or RelTol)",
                    key.c_str());
@@ -634,19 +628,23 @@ class LpReader {
     if (objective_index_ == 0) {
       Linear lin;
       double constant = 0;
-      expression(lin, &d_.q, constant);
+      QuadTerms q;
+      expression(lin, &q, constant);
       release(lin);
-      for (size_t k = 0; k < lin.ind.size(); ++k) d_.vars.obj[lin.ind[k]] += lin.val[k];
-      d_.objcon = constant;
+      for (size_t k = 0; k < lin.ind.size(); ++k) d_.add_obj(lin.ind[k], lin.val[k]);
+      d_.set_objcon(constant);
+      q.normalize();
+      d_.set_q(std::move(q));
     } else {
       Linear lin;
       double constant = 0;
       expression(lin, nullptr, constant);
       release(lin);
-      o->ind = std::move(lin.ind);
-      o->val = std::move(lin.val);
-      o->constant = constant;
+      o.ind = std::move(lin.ind);
+      o.val = std::move(lin.val);
+      o.constant = constant;
     }
+    d_.set_objective_n(objective_index_, std::move(o));
     const Token &t = cur();
     if (t.type != Tk::Section && t.type != Tk::Eof && !(multi_ && at_label()))
       expected("'+' or '-' or the next section");
@@ -714,7 +712,7 @@ class LpReader {
       qc.q = std::move(q);
       qc.sense = sense;
       qc.rhs = rhs;
-      d_.qconstrs.append(std::move(qc), name);
+      d_.add_qconstr(std::move(qc), name);
       return;
     }
     add_row(std::move(name), lin, sense, rhs);
@@ -726,7 +724,7 @@ class LpReader {
   }
 
   void add_row(std::string name, const Linear &lin, char sense, double rhs) {
-    d_.constrs.append(lin.ind, lin.val, sense, rhs, name);
+    d_.add_constr(lin.ind, lin.val, sense, rhs, name);
     lazy_levels_.push_back(lazy_);
   }
 
@@ -745,12 +743,8 @@ class LpReader {
       rgname += name;
     }
     add_row(std::move(name), lin, KVR_EQUAL, 0.0);
-    // The range variable's column is known once every file variable is.
-    SparseMatrix &A = d_.constrs.rows;
-    A.ind.push_back(-1);
-    A.val.push_back(-1.0);
-    ++A.beg.back();
-    ranges_.push_back(Range{static_cast<int64_t>(A.ind.size()) - 1, lo, hi, std::move(rgname)});
+    // The range variable (coefficient -1 at the end of the row) comes after every file variable.
+    ranges_.push_back(Range{d_.num_constrs() - 1, lo, hi, std::move(rgname)});
   }
 
   void indicator(std::string name) {
@@ -775,7 +769,7 @@ class LpReader {
     g.rhs = value("a right-hand side") - c;
     g.ind = std::move(lin.ind);
     g.val = std::move(lin.val);
-    d_.gens.append(std::move(g), name);
+    d_.add_genconstr(std::move(g), name);
   }
 
   void bound() {
@@ -825,21 +819,21 @@ class LpReader {
         set_lb(j, w);
     }
   }
-  void set_lb(int j, double v) { d_.vars.lb[j] = v, given_[j] |= 1; }
-  void set_ub(int j, double v) { d_.vars.ub[j] = v, given_[j] |= 2; }
+  void set_lb(int j, double v) { d_.set_lb(j, v), given_[j] |= 1; }
+  void set_ub(int j, double v) { d_.set_ub(j, v), given_[j] |= 2; }
 
   void type_list() {
     const Token &t = cur();
     if (t.type != Tk::Name) expected("a variable name");
     int j = var(t.text);
     advance();
-    char &vt = d_.vars.vtype[j];
+    const char vt = d_.vars.vtype[j];
     if (section_ == Sec::Binaries) {
-      vt = KVR_BINARY;
+      d_.set_vtype(j, KVR_BINARY);
     } else if (section_ == Sec::Generals) {
-      vt = vt == KVR_SEMICONT ? KVR_SEMIINT : vt == KVR_SEMIINT ? KVR_SEMIINT : KVR_INTEGER;
+      d_.set_vtype(j, vt == KVR_SEMICONT || vt == KVR_SEMIINT ? KVR_SEMIINT : KVR_INTEGER);
     } else {
-      vt = vt == KVR_INTEGER || vt == KVR_SEMIINT ? KVR_SEMIINT : KVR_SEMICONT;
+      d_.set_vtype(j, vt == KVR_INTEGER || vt == KVR_SEMIINT ? KVR_SEMIINT : KVR_SEMICONT);
     }
   }
 
@@ -852,7 +846,7 @@ class LpReader {
     advance();
     if (!colon_taken) expect(Tk::Colon);
     expect(Tk::Colon);
-    d_.sos.append(type);
+    d_.add_sos(type);
     // Members "x:1" or "x:-1" (a label when first on a line).
     auto signed_number_at = [&](size_t k) {
       Tk t = peek(k);
@@ -875,7 +869,7 @@ class LpReader {
         sign = cur().type == Tk::Minus ? -1 : 1;
         advance();
       }
-      d_.sos.add_member(j, sign * cur().num);
+      d_.add_sos_member(j, sign * cur().num);
       advance();
     }
     const Token &e = cur();
@@ -995,7 +989,7 @@ class LpReader {
               key.c_str());
       }
     }
-    d_.gens.append(std::move(g), name);
+    d_.add_genconstr(std::move(g), name);
   }
 
   void pwlobj() {
@@ -1017,7 +1011,7 @@ class LpReader {
         in_.fail("the x values of the points decrease");
     }
     if (p.x.empty()) expected("a point '( x , y )'");
-    d_.pwlobj.push_back(std::move(p));
+    d_.add_pwl_obj(std::move(p));
   }
 
   // ---------------------------------------------------------------- the model
@@ -1026,24 +1020,22 @@ class LpReader {
     int n = d_.vars.size();
     for (int j = 0; j < n; ++j)
       if (d_.vars.vtype[j] == KVR_BINARY) {
-        if (!(given_[j] & 1)) d_.vars.lb[j] = 0.0;
-        if (!(given_[j] & 2)) d_.vars.ub[j] = 1.0;
+        if (!(given_[j] & 1)) d_.set_lb(j, 0.0);
+        if (!(given_[j] & 2)) d_.set_ub(j, 1.0);
       }
-    for (size_t k = 0; k < ranges_.size(); ++k) {
-      const Range &r = ranges_[k];
-      d_.constrs.rows.ind[r.pos] = d_.vars.size();
-      d_.vars.append(r.lo, r.hi, 0.0, KVR_CONTINUOUS, r.name);
-    }
+    std::vector<SparseMatrix::Entry> range_entries;
+    for (const Range &r : ranges_)
+      range_entries.push_back({r.row, d_.add_var(r.lo, r.hi, 0.0, KVR_CONTINUOUS, r.name), -1.0});
+    d_.add_matrix_entries(range_entries);
     for (int level : lazy_levels_)
       if (level != 0) {
         set_lazy_levels(d_, lazy_levels_);
         break;
       }
-    d_.q.normalize();
   }
 
   struct Range {
-    int64_t pos;
+    int row;
     double lo, hi;
     std::string name;
   };

@@ -159,7 +159,7 @@ class MpsReader {
         // columns 15-22 and may add notes after it ("AFIRO   SIZE: ...").
         std::string_view rest = trim_blanks(trim_blanks(line).substr(key.size()));
         size_t cut = std::min(rest.find("  "), rest.find('\t'));
-        d_.name = std::string(trim_blanks(rest.substr(0, cut)));
+        d_.set_model_name(trim_blanks(rest.substr(0, cut)));
       } break;
       case Section::ObjSense:
         if (n >= 2) set_sense(f_[1]);
@@ -223,9 +223,9 @@ class MpsReader {
 
   void set_sense(std::string_view s) {
     if (upper_equals(s, "MAX") || upper_equals(s, "MAXIMIZE") || upper_equals(s, "MAXIMISE"))
-      d_.sense = KVR_MAXIMIZE;
+      d_.set_objsense(KVR_MAXIMIZE);
     else if (upper_equals(s, "MIN") || upper_equals(s, "MINIMIZE") || upper_equals(s, "MINIMISE"))
-      d_.sense = KVR_MINIMIZE;
+      d_.set_objsense(KVR_MINIMIZE);
     else
       in_.fail("expected MAX or MIN as the objective sense, found '%.*s'",
                static_cast<int>(s.size()), s.data());
@@ -340,7 +340,7 @@ class MpsReader {
   // Adds a column; returns its index.
   int new_column(std::string_view name) {
     check_name(name);
-    int j = d_.vars.append(0.0, KVR_INFINITY, 0.0, integer_ ? KVR_INTEGER : KVR_CONTINUOUS, name);
+    int j = d_.add_var(0.0, KVR_INFINITY, 0.0, integer_ ? KVR_INTEGER : KVR_CONTINUOUS, name);
     col_index_.add(j);
     bound_state_.push_back(0);
     return j;
@@ -363,7 +363,7 @@ class MpsReader {
       if (obj_seen_.size() <= static_cast<size_t>(j)) obj_seen_.resize(static_cast<size_t>(j) + 1);
       if (obj_seen_[j]) in_.fail("second objective entry for column '%s'", col_name(j));
       obj_seen_[j] = 1;
-      d_.vars.obj[j] = v;
+      d_.set_obj(j, v);
       return;
     }
     if (row_kind_[r] == kFree) return;
@@ -494,7 +494,7 @@ class MpsReader {
                  row_name(r));
       range_[r] = v;
     } else if (r == obj_row_) {
-      d_.objcon = -v;
+      d_.set_objcon(-v);
     } else if (row_type_[r] != 'N') {
       rhs_[r] = v;
     }
@@ -565,8 +565,8 @@ class MpsReader {
       }
     }
     int j = col_index_.find(col);
-    double &lb = d_.vars.lb[j], &ub = d_.vars.ub[j];
-    char &vt = d_.vars.vtype[j];
+    double lb = d_.vars.lb[j], ub = d_.vars.ub[j];
+    char vt = d_.vars.vtype[j];
     uint8_t &st = bound_state_[j];
     st |= kAnyBound;
     switch (kind) {
@@ -605,6 +605,8 @@ class MpsReader {
         ub = value.empty() ? KVR_INFINITY : v, st |= kUbGiven;
         break;
     }
+    d_.set_bounds(j, lb, ub);
+    d_.set_vtype(j, vt);
   }
 
   // QUADOBJ (upper triangle of Q in 1/2 x'Qx), QMATRIX (all of Q), QCMATRIX (all of Q in x'Qx).
@@ -614,12 +616,12 @@ class MpsReader {
     double v = in_.number(f_[2], "a quadratic coefficient");
     if (section_ == Section::QuadObj) {
       if (a == b) v *= 0.5;
-      d_.q.push(a, b, v);
+      q_.push(a, b, v);
       return;
     }
     // Both triangles are listed: in x'Qx each entry is a term of its own.
     if (section_ == Section::QMatrix) v *= 0.5;
-    QuadTerms &q = section_ == Section::QMatrix ? d_.q : qrows_[qc_row_];
+    QuadTerms &q = section_ == Section::QMatrix ? q_ : qrows_[qc_row_];
     q.push(a, b, v);
   }
 
@@ -632,7 +634,7 @@ class MpsReader {
       type = f_[0][1] == '1' ? KVR_SOS_TYPE1 : KVR_SOS_TYPE2;
     }
     if (is_header) {
-      d_.sos.append(type);
+      d_.add_sos(type);
       return;
     }
     if (d_.sos.size() == 0) in_.fail("expected S1 or S2 to begin a set");
@@ -646,7 +648,7 @@ class MpsReader {
       in_.fail("expected a column name and a weight");
     }
     int j = find_col(col);
-    d_.sos.add_member(j, in_.number(w, "an SOS weight"));
+    d_.add_sos_member(j, in_.number(w, "an SOS weight"));
   }
 
   void indicator_line(int n) {
@@ -669,7 +671,7 @@ class MpsReader {
     g.binvar = b;
     g.binval = static_cast<int>(val);
     g.resvar = r;  // the row, resolved in finish()
-    d_.gens.append(std::move(g), row_names_.get(static_cast<size_t>(r)));
+    add_genconstr(std::move(g), row_names_.get(static_cast<size_t>(r)));
   }
 
   // GENCONS: a header line "TYPE name", then one line per item ("RES r", "ARG x", "CONST c",
@@ -683,14 +685,13 @@ class MpsReader {
       if (type == KVR_GENCONSTR_MAX) g.constant = -KVR_INFINITY;
       if (type == KVR_GENCONSTR_MIN) g.constant = KVR_INFINITY;
       if (type == KVR_GENCONSTR_NORM) g.constant = -1;  // must be given
-      d_.gens.append(std::move(g), f_[1]);
-      gen_ = d_.gens.size() - 1;
+      gen_ = add_genconstr(std::move(g), f_[1]);
       gen_lines_.resize(static_cast<size_t>(gen_) + 1);
       gen_lines_[gen_] = in_.line_number();
       return;
     }
     if (gen_ < 0) in_.fail("expected a general constraint type (MAX, MIN, ABS, ...) and a name");
-    GenConstr &g = d_.gens.items[gen_];
+    GenConstr &g = gens_[gen_];
     std::string_view key = f_[0];
     bool fn = is_function_genconstr(g.type);
     auto need = [&](int count) {
@@ -738,7 +739,7 @@ class MpsReader {
     } else {
       in_.fail("unexpected item '%.*s' in general constraint '%s' of type %s",
                static_cast<int>(key.size()), key.data(),
-               std::string(d_.gens.names.get(static_cast<size_t>(gen_))).c_str(),
+               std::string(gen_names_.get(static_cast<size_t>(gen_))).c_str(),
                genconstr_keyword(g.type));
     }
   }
@@ -747,13 +748,13 @@ class MpsReader {
     if (n != 3) in_.fail("expected a column name and the x and y of a point");
     int j = find_col(f_[0]);
     double x = in_.number(f_[1], "a point"), y = in_.number(f_[2], "a point");
-    if (d_.pwlobj.empty() || d_.pwlobj.back().var != j) {
+    if (pwls_.empty() || pwls_.back().var != j) {
       if (pwl_seen_.size() < d_.vars.lb.size()) pwl_seen_.resize(d_.vars.lb.size());
       if (pwl_seen_[j]) in_.fail("the points of column '%s' are not contiguous", col_name(j));
       pwl_seen_[j] = 1;
-      d_.pwlobj.push_back(PwlObj{j, {}, {}});
+      pwls_.push_back(PwlObj{j, {}, {}});
     }
-    PwlObj &p = d_.pwlobj.back();
+    PwlObj &p = pwls_.back();
     if (!p.x.empty() && x < p.x.back())
       in_.fail("the x values of the points of column '%s' decrease", col_name(j));
     p.x.push_back(x), p.y.push_back(y);
@@ -767,12 +768,16 @@ class MpsReader {
     int ncols_file = d.vars.size();
     // Integer columns without any bound entry are binary-like: [0, 1].
     for (int j = 0; j < ncols_file; ++j)
-      if (d.vars.vtype[j] == KVR_INTEGER && !(bound_state_[j] & kAnyBound)) d.vars.ub[j] = 1.0;
+      if (d.vars.vtype[j] == KVR_INTEGER && !(bound_state_[j] & kAnyBound)) d.set_ub(j, 1.0);
     if (!objname_.empty() && obj_row_ < 0)
       fail(KVR_ERROR_FILE_READ,
            "%s, line %ld: the objective row '%s' named by OBJNAME is not a row",
            in_.filename().c_str(), objname_line_, objname_.c_str());
-    if (obj_row_ >= 0) d.objn[0].name = std::string(row_names_.get(static_cast<size_t>(obj_row_)));
+    if (obj_row_ >= 0) {
+      ObjectiveN o = d.objn[0];
+      o.name = std::string(row_names_.get(static_cast<size_t>(obj_row_)));
+      d.set_objective_n(0, std::move(o));
+    }
 
     // Entries by row, in the order of the file (column order for ordinary files).
     std::vector<int64_t> beg(static_cast<size_t>(nrows) + 1, 0);
@@ -817,8 +822,7 @@ class MpsReader {
 
     // Linear rows, their ranges and lazy levels.
     std::vector<int> row_pos(static_cast<size_t>(nrows), -1);
-    d.constrs.rows.ind.reserve(ind.size());
-    d.constrs.rows.val.reserve(val.size());
+    d.reserve_constrs(static_cast<size_t>(nrows), ind.size());
     std::vector<int> lazy, row_ind;
     std::vector<double> row_val;
     bool any_lazy = false;
@@ -841,11 +845,11 @@ class MpsReader {
           lo = rhs, hi = rhs + std::fabs(R);
         std::string rg = "Rg";
         rg += name;
-        row_ind.push_back(d.vars.append(lo, hi, 0.0, KVR_CONTINUOUS, rg));
+        row_ind.push_back(d.add_var(lo, hi, 0.0, KVR_CONTINUOUS, rg));
         row_val.push_back(-1.0);
         sense = KVR_EQUAL, rhs = 0.0;
       }
-      row_pos[r] = d.constrs.append(row_ind, row_val, sense, rhs, name);
+      row_pos[r] = d.add_constr(row_ind, row_val, sense, rhs, name);
       lazy.push_back(row_lazy_[r]);
       any_lazy |= row_lazy_[r] != 0;
     }
@@ -863,11 +867,11 @@ class MpsReader {
                  : row_type_[r] == 'G' ? KVR_GREATER_EQUAL
                                        : KVR_EQUAL;
       qc.rhs = rhs_[r];
-      d.qconstrs.append(std::move(qc), row_names_.get(static_cast<size_t>(r)));
+      d.add_qconstr(std::move(qc), row_names_.get(static_cast<size_t>(r)));
     }
 
     // Indicator rows carry their row in resvar until here.
-    for (GenConstr &g : d.gens.items) {
+    for (GenConstr &g : gens_) {
       if (g.type == KVR_GENCONSTR_INDICATOR) {
         int r = g.resvar;
         g.resvar = -1;
@@ -879,8 +883,19 @@ class MpsReader {
         g.rhs = rhs_[r];
       }
     }
+    for (size_t i = 0; i < gens_.size(); ++i)
+      d.add_genconstr(std::move(gens_[i]), gen_names_.get(i));
+    for (PwlObj &p : pwls_) d.add_pwl_obj(std::move(p));
+    q_.normalize();
+    d.set_q(std::move(q_));
     check_genconstrs();
-    d.q.normalize();
+  }
+
+  // General constraints are completed line by line, so they join the model at the end.
+  int add_genconstr(GenConstr g, std::string_view name) {
+    gens_.push_back(std::move(g));
+    gen_names_.push_back(name);
+    return static_cast<int>(gens_.size()) - 1;
   }
 
   void check_genconstrs() {
@@ -939,6 +954,10 @@ class MpsReader {
   std::vector<int> trow_, tcol_;
   std::vector<double> tval_;
   std::unordered_map<int, QuadTerms> qrows_;
+  QuadTerms q_;  // of the objective
+  std::vector<GenConstr> gens_;
+  NamePool gen_names_;
+  std::vector<PwlObj> pwls_;
   std::string rhs_set_, range_set_, bound_set_;
   bool rhs_set_chosen_ = false, range_set_chosen_ = false, bound_set_chosen_ = false;
 };

@@ -15,7 +15,7 @@ namespace {
 
 class Applier {
  public:
-  Applier(ModelData &d, PendingChanges &p) : d_(d), p_(p) {}
+  Applier(ModelFields &d, PendingChanges &p) : d_(d), p_(p) {}
 
   void run() {
     for (const Change &c : p_.log) {
@@ -50,7 +50,7 @@ class Applier {
   }
 
   // What the attribute appliers work on.
-  ModelData &data() { return d_; }
+  ModelFields &data() { return d_; }
   std::string_view str(const Change &c) const { return p_.strings.get(static_cast<size_t>(c.ref)); }
 
   ObjectiveN &objn(int k) {
@@ -62,7 +62,7 @@ class Applier {
   std::vector<double> &dense(int k) {
     auto it = dense_objn_.find(k);
     if (it != dense_objn_.end()) return it->second;
-    std::vector<double> c(static_cast<size_t>(d_.num_vars()), 0.0);
+    std::vector<double> c(static_cast<size_t>(d_.vars.size()), 0.0);
     const ObjectiveN &o = objn(k);
     for (size_t t = 0; t < o.ind.size(); ++t) c[o.ind[t]] += o.val[t];
     return dense_objn_.emplace(k, std::move(c)).first->second;
@@ -82,7 +82,7 @@ class Applier {
   }
 
  private:
-  ModelData &d_;
+  ModelFields &d_;
   PendingChanges &p_;
   std::vector<Change> coeffs_;
   std::map<int, std::vector<double>> dense_objn_;  // objectives >= 1 being changed
@@ -204,13 +204,6 @@ T stored_as(double v) {
     return static_cast<T>(v);
 }
 
-// An extra column allocated on first write, filled with the attribute's default.
-void set_extra(ExtraAttrs &ex, int key, size_t n, int i, double v) {
-  std::vector<double> &col = ex.num[key];
-  if (col.size() < n) col.resize(n, extra_default(key));
-  col[i] = v;
-}
-
 template <auto Field>
 void apply_model_field(Applier &a, const Change &c) {
   auto &field = a.data().*Field;
@@ -241,14 +234,12 @@ void apply_name(Applier &a, const Change &c) {
 template <auto Part>
 void apply_extra_column(Applier &a, const Change &c) {
   auto &part = a.data().*Part;
-  set_extra(part.extra, static_cast<int>(c.attr), static_cast<size_t>(part.size()), c.elem, c.num);
+  part.extra.set(static_cast<int>(c.attr), static_cast<size_t>(part.size()), c.elem, c.num);
 }
 template <auto Part>
 void apply_extra_text(Applier &a, const Change &c) {
   auto &part = a.data().*Part;
-  NamePool &pool = part.extra.str[static_cast<int>(c.attr)];
-  if (pool.size() < static_cast<size_t>(part.size())) pool.resize(static_cast<size_t>(part.size()));
-  pool.set(c.elem, a.str(c));
+  part.extra.set_str(static_cast<int>(c.attr), static_cast<size_t>(part.size()), c.elem, a.str(c));
 }
 
 template <auto Field>
@@ -277,14 +268,14 @@ void apply_scenario_text(Applier &a, const Change &c) {
 
 // Computed attributes that can be set.
 void apply_num_start(Applier &a, const Change &c) {
-  ModelData &d = a.data();
+  ModelFields &d = a.data();
   int n = static_cast<int>(c.num);
   for (int k = n; k < d.numstart; ++k) d.vars.extra.num.erase(start_key(k));
   d.numstart = n;
 }
 void apply_start(Applier &a, const Change &c) {
-  ModelData &d = a.data();
-  set_extra(d.vars.extra, start_key(c.sub), static_cast<size_t>(d.num_vars()), c.elem, c.num);
+  ModelFields &d = a.data();
+  d.vars.extra.set(start_key(c.sub), static_cast<size_t>(d.vars.size()), c.elem, c.num);
   d.numstart = std::max(d.numstart, c.sub + 1);
 }
 // Objective 0's coefficients and constant are the ordinary objective's.
@@ -319,6 +310,6 @@ void Applier::attr(const Change &c) {
 
 }  // namespace
 
-void apply_change_log(ModelData &data, PendingChanges &pending) { Applier(data, pending).run(); }
+void apply_change_log(ModelData &data, PendingChanges &pending) { Applier(data.f_, pending).run(); }
 
 }  // namespace kvr

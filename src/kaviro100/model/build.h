@@ -22,7 +22,7 @@ struct NewVars {
 // messages).
 void check_new_vars(const NewVars &nv, int first_index);
 // Appends checked variables (and resizes the extra attribute columns).
-void append_new_vars(VarData &vars, const NewVars &nv, bool ignore_names);
+void append_new_vars(ModelData &d, const NewVars &nv, bool ignore_names);
 
 // Checks the terms of a linear expression over `count` elements of kind `kind` ("variable" or
 // "constraint"): indices in range, values finite. `what` names the expression in messages

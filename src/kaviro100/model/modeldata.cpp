@@ -318,6 +318,18 @@ int GenConstrData::append(GenConstr item, std::string_view name) {
   return size() - 1;
 }
 
+void ExtraAttrs::set(int key, size_t n, size_t i, double v) {
+  std::vector<double> &column = num[key];
+  if (column.size() < n) column.resize(n, extra_default(key));
+  column[i] = v;
+}
+
+void ExtraAttrs::set_str(int key, size_t n, size_t i, std::string_view s) {
+  NamePool &pool = str[key];
+  if (pool.size() < n) pool.resize(n);
+  pool.set(i, s);
+}
+
 double ExtraAttrs::get(int key, size_t i) const {
   auto it = num.find(key);
   if (it == num.end() || i >= it->second.size()) return extra_default(key);
@@ -337,8 +349,11 @@ namespace {
 template <class T>
 void keep_entries(std::vector<T> &v, const Renumbering &newpos) {
   size_t out = 0;
-  for (size_t i = 0; i < v.size(); ++i)
-    if (newpos[i] >= 0) v[out++] = std::move(v[i]);
+  for (size_t i = 0; i < v.size(); ++i) {
+    if (newpos[i] < 0) continue;
+    if (out != i) v[out] = std::move(v[i]);  // moving onto itself would empty a record
+    ++out;
+  }
   v.resize(out);
 }
 
@@ -396,142 +411,253 @@ void ExtraAttrs::renumber(const Renumbering &newpos) {
 // ---------------------------------------------------------------- ModelData
 
 bool ModelData::is_mip() const {
-  for (char t : vars.vtype)
+  for (char t : f_.vars.vtype)
     if (t != KVR_CONTINUOUS) return true;
-  return sos.size() > 0 || gens.size() > 0;
+  return f_.sos.size() > 0 || f_.gens.size() > 0;
 }
 
 void ModelData::delete_vars(const Renumbering &newpos) {
   // General constraints lose their meaning without their resultant, binary, x or y variable.
-  Renumbering gennew(static_cast<size_t>(gens.size()));
+  Renumbering gennew(static_cast<size_t>(f_.gens.size()));
   int ng = 0;
   auto gone = [&](int v) { return v >= 0 && newpos[v] < 0; };
-  for (int i = 0; i < gens.size(); ++i) {
-    const GenConstr &g = gens.items[i];
+  for (int i = 0; i < f_.gens.size(); ++i) {
+    const GenConstr &g = f_.gens.items[i];
     // The argument of an absolute value is as essential as its resultant.
     bool lost_arg = g.type == KVR_GENCONSTR_ABS && !g.vars.empty() && gone(g.vars[0]);
     gennew[i] =
         gone(g.resvar) || gone(g.binvar) || gone(g.xvar) || gone(g.yvar) || lost_arg ? -1 : ng++;
   }
-  if (ng != gens.size()) {
-    keep_entries(gens.items, gennew);
-    gens.names.renumber(gennew);
-    gens.extra.renumber(gennew);
+  if (ng != f_.gens.size()) {
+    keep_entries(f_.gens.items, gennew);
+    f_.gens.names.renumber(gennew);
+    f_.gens.extra.renumber(gennew);
   }
   auto map_var = [&](int &v) {
     if (v >= 0) v = newpos[v];
   };
-  for (GenConstr &g : gens.items) {
+  for (GenConstr &g : f_.gens.items) {
     map_var(g.resvar), map_var(g.binvar), map_var(g.xvar), map_var(g.yvar);
     renumber_list(g.vars, nullptr, newpos);
     renumber_list(g.ind, &g.val, newpos);
   }
 
-  constrs.rows.renumber({}, newpos);
-  q.renumber(newpos);
-  for (QConstr &qc : qconstrs.items) {
+  f_.constrs.rows.renumber({}, newpos);
+  f_.q.renumber(newpos);
+  for (QConstr &qc : f_.qconstrs.items) {
     renumber_list(qc.lind, &qc.lval, newpos);
     qc.q.renumber(newpos);
   }
   // SOS members: entries of deleted variables go; the set itself stays.
   compact_sos(
-      sos, [](int) { return true; }, [&](int j) { return newpos[j]; });
-  for (ObjectiveN &o : objn) renumber_list(o.ind, &o.val, newpos);
+      f_.sos, [](int) { return true; }, [&](int j) { return newpos[j]; });
+  for (ObjectiveN &o : f_.objn) renumber_list(o.ind, &o.val, newpos);
   {
     size_t out = 0;
-    for (PwlObj &p : pwlobj) {
-      int j = newpos[p.var];
+    for (size_t k = 0; k < f_.pwlobj.size(); ++k) {
+      const int j = newpos[f_.pwlobj[k].var];
       if (j < 0) continue;
-      p.var = j;
-      pwlobj[out++] = std::move(p);
+      if (out != k) f_.pwlobj[out] = std::move(f_.pwlobj[k]);
+      f_.pwlobj[out++].var = j;
     }
-    pwlobj.resize(out);
+    f_.pwlobj.resize(out);
   }
-  for (Scenario &s : scenarios)
+  for (Scenario &s : f_.scenarios)
     for (auto *m : {&s.lb, &s.ub, &s.obj}) renumber_keys(*m, newpos);
 
-  keep_entries(vars.lb, newpos);
-  keep_entries(vars.ub, newpos);
-  keep_entries(vars.obj, newpos);
-  keep_entries(vars.vtype, newpos);
-  vars.names.renumber(newpos);
-  vars.extra.renumber(newpos);
+  keep_entries(f_.vars.lb, newpos);
+  keep_entries(f_.vars.ub, newpos);
+  keep_entries(f_.vars.obj, newpos);
+  keep_entries(f_.vars.vtype, newpos);
+  f_.vars.names.renumber(newpos);
+  f_.vars.extra.renumber(newpos);
 }
 
 void ModelData::delete_constrs(const Renumbering &newpos) {
-  constrs.rows.renumber(newpos, {});
-  keep_entries(constrs.sense, newpos);
-  keep_entries(constrs.rhs, newpos);
-  constrs.names.renumber(newpos);
-  constrs.extra.renumber(newpos);
-  for (Scenario &s : scenarios) renumber_keys(s.rhs, newpos);
+  f_.constrs.rows.renumber(newpos, {});
+  keep_entries(f_.constrs.sense, newpos);
+  keep_entries(f_.constrs.rhs, newpos);
+  f_.constrs.names.renumber(newpos);
+  f_.constrs.extra.renumber(newpos);
+  for (Scenario &s : f_.scenarios) renumber_keys(s.rhs, newpos);
 }
 
 void ModelData::delete_sos(const Renumbering &newpos) {
   compact_sos(
-      sos, [&](int s) { return newpos[s] >= 0; }, [](int j) { return j; });
-  keep_entries(sos.type, newpos);
-  sos.extra.renumber(newpos);
+      f_.sos, [&](int s) { return newpos[s] >= 0; }, [](int j) { return j; });
+  keep_entries(f_.sos.type, newpos);
+  f_.sos.extra.renumber(newpos);
 }
 
 void ModelData::delete_qconstrs(const Renumbering &newpos) {
-  keep_entries(qconstrs.items, newpos);
-  qconstrs.names.renumber(newpos);
-  qconstrs.extra.renumber(newpos);
+  keep_entries(f_.qconstrs.items, newpos);
+  f_.qconstrs.names.renumber(newpos);
+  f_.qconstrs.extra.renumber(newpos);
 }
 
 void ModelData::delete_gens(const Renumbering &newpos) {
-  keep_entries(gens.items, newpos);
-  gens.names.renumber(newpos);
-  gens.extra.renumber(newpos);
+  keep_entries(f_.gens.items, newpos);
+  f_.gens.names.renumber(newpos);
+  f_.gens.extra.renumber(newpos);
 }
 
 void ModelData::append(ModelData &&added, const std::vector<SparseMatrix::Entry> &cols) {
-  VarData &av = added.vars;
-  vars.lb.insert(vars.lb.end(), av.lb.begin(), av.lb.end());
-  vars.ub.insert(vars.ub.end(), av.ub.begin(), av.ub.end());
-  vars.obj.insert(vars.obj.end(), av.obj.begin(), av.obj.end());
-  vars.vtype.insert(vars.vtype.end(), av.vtype.begin(), av.vtype.end());
-  vars.names.append(av.names);
-  vars.extra.resize(vars.lb.size());
+  VarData &av = added.f_.vars;
+  f_.vars.lb.insert(f_.vars.lb.end(), av.lb.begin(), av.lb.end());
+  f_.vars.ub.insert(f_.vars.ub.end(), av.ub.begin(), av.ub.end());
+  f_.vars.obj.insert(f_.vars.obj.end(), av.obj.begin(), av.obj.end());
+  f_.vars.vtype.insert(f_.vars.vtype.end(), av.vtype.begin(), av.vtype.end());
+  f_.vars.names.append(av.names);
+  f_.vars.extra.resize(f_.vars.lb.size());
 
-  ConstrData &ac = added.constrs;
+  ConstrData &ac = added.f_.constrs;
   for (int r = 0; r < ac.size(); ++r)
-    constrs.rows.add_row(static_cast<int>(ac.rows.beg[r + 1] - ac.rows.beg[r]),
-                         ac.rows.ind.data() + ac.rows.beg[r], ac.rows.val.data() + ac.rows.beg[r]);
-  constrs.sense.insert(constrs.sense.end(), ac.sense.begin(), ac.sense.end());
-  constrs.rhs.insert(constrs.rhs.end(), ac.rhs.begin(), ac.rhs.end());
-  constrs.names.append(ac.names);
-  constrs.extra.resize(constrs.sense.size());
-  constrs.rows.append_entries(cols);
+    f_.constrs.rows.add_row(static_cast<int>(ac.rows.beg[r + 1] - ac.rows.beg[r]),
+                            ac.rows.ind.data() + ac.rows.beg[r],
+                            ac.rows.val.data() + ac.rows.beg[r]);
+  f_.constrs.sense.insert(f_.constrs.sense.end(), ac.sense.begin(), ac.sense.end());
+  f_.constrs.rhs.insert(f_.constrs.rhs.end(), ac.rhs.begin(), ac.rhs.end());
+  f_.constrs.names.append(ac.names);
+  f_.constrs.extra.resize(f_.constrs.sense.size());
+  f_.constrs.rows.append_entries(cols);
 
-  for (QConstr &qc : added.qconstrs.items) qconstrs.items.push_back(std::move(qc));
-  qconstrs.names.append(added.qconstrs.names);
-  qconstrs.extra.resize(qconstrs.items.size());
+  for (QConstr &qc : added.f_.qconstrs.items) f_.qconstrs.items.push_back(std::move(qc));
+  f_.qconstrs.names.append(added.f_.qconstrs.names);
+  f_.qconstrs.extra.resize(f_.qconstrs.items.size());
 
-  const int64_t base = sos.beg.back();
-  for (int s = 0; s < added.sos.size(); ++s) {
-    sos.type.push_back(added.sos.type[s]);
-    sos.beg.push_back(base + added.sos.beg[s + 1]);
+  const int64_t base = f_.sos.beg.back();
+  for (int s = 0; s < added.f_.sos.size(); ++s) {
+    f_.sos.type.push_back(added.f_.sos.type[s]);
+    f_.sos.beg.push_back(base + added.f_.sos.beg[s + 1]);
   }
-  sos.ind.insert(sos.ind.end(), added.sos.ind.begin(), added.sos.ind.end());
-  sos.weight.insert(sos.weight.end(), added.sos.weight.begin(), added.sos.weight.end());
-  sos.extra.resize(sos.type.size());
+  f_.sos.ind.insert(f_.sos.ind.end(), added.f_.sos.ind.begin(), added.f_.sos.ind.end());
+  f_.sos.weight.insert(f_.sos.weight.end(), added.f_.sos.weight.begin(), added.f_.sos.weight.end());
+  f_.sos.extra.resize(f_.sos.type.size());
 
-  for (GenConstr &g : added.gens.items) gens.items.push_back(std::move(g));
-  gens.names.append(added.gens.names);
-  gens.extra.resize(gens.items.size());
+  for (GenConstr &g : added.f_.gens.items) f_.gens.items.push_back(std::move(g));
+  f_.gens.names.append(added.f_.gens.names);
+  f_.gens.extra.resize(f_.gens.items.size());
 }
 
+// ---------------------------------------------------------------- ModelData changes
+
+ModelData::KindData ModelData::kind_data(AttrClass kind) {
+  switch (kind) {
+    case AttrClass::Var:
+      return {f_.vars.extra, &f_.vars.names, static_cast<size_t>(f_.vars.size())};
+    case AttrClass::Constr:
+      return {f_.constrs.extra, &f_.constrs.names, static_cast<size_t>(f_.constrs.size())};
+    case AttrClass::Sos:
+      return {f_.sos.extra, nullptr, static_cast<size_t>(f_.sos.size())};
+    case AttrClass::QConstr:
+      return {f_.qconstrs.extra, &f_.qconstrs.names, static_cast<size_t>(f_.qconstrs.size())};
+    case AttrClass::GenConstr:
+      return {f_.gens.extra, &f_.gens.names, static_cast<size_t>(f_.gens.size())};
+    default:
+      fail(KVR_ERROR_INTERNAL, "Model attributes have no element columns");
+  }
+}
+
+void ModelData::set_linear_objective(const std::vector<double> &coef, double constant) {
+  if (coef.size() != f_.vars.obj.size())
+    fail(KVR_ERROR_INTERNAL, "%zu objective coefficients for %d variables", coef.size(),
+         num_vars());
+  f_.vars.obj = coef;
+  f_.objcon = constant;
+}
+
+void ModelData::set_objective_n(int k, ObjectiveN o) {
+  if (static_cast<size_t>(k) >= f_.objn.size()) f_.objn.resize(static_cast<size_t>(k) + 1);
+  f_.objn[k] = std::move(o);
+}
+
+void ModelData::clear_objective() {
+  std::fill(f_.vars.obj.begin(), f_.vars.obj.end(), 0.0);
+  f_.objcon = 0.0;
+  f_.q.clear();
+  f_.objn.assign(1, ObjectiveN{});
+  f_.pwlobj.clear();
+  for (Scenario &s : f_.scenarios) s.obj.clear();
+}
+
+void ModelData::apply_scenario(const Scenario &s) {
+  for (const auto &[j, v] : s.lb) f_.vars.lb[j] = v;
+  for (const auto &[j, v] : s.ub) f_.vars.ub[j] = v;
+  for (const auto &[j, v] : s.obj) f_.vars.obj[j] = v;
+  for (const auto &[i, v] : s.rhs) f_.constrs.rhs[i] = v;
+}
+
+void ModelData::set_num_starts(int n) {
+  for (int k = n; k < std::max(f_.numstart, 1); ++k) f_.vars.extra.num.erase(start_key(k));
+  f_.numstart = n;
+}
+
+void ModelData::binary_to_integer(int j) {
+  if (f_.vars.vtype[j] != KVR_BINARY) return;
+  f_.vars.vtype[j] = KVR_INTEGER;
+  f_.vars.lb[j] = std::max(f_.vars.lb[j], 0.0);
+  f_.vars.ub[j] = std::min(f_.vars.ub[j], 1.0);
+}
+
+void ModelData::reserve_constrs(size_t rows, size_t nonzeros) {
+  f_.constrs.reserve(rows);
+  f_.constrs.rows.ind.reserve(nonzeros);
+  f_.constrs.rows.val.reserve(nonzeros);
+}
+
+void ModelData::add_qconstr_term(int i, int var, double coef) {
+  QConstr &qc = f_.qconstrs.items[i];
+  qc.lind.push_back(var);
+  qc.lval.push_back(coef);
+}
+
+void ModelData::set_element_name(AttrClass kind, int i, std::string_view s) {
+  KindData k = kind_data(kind);
+  if (!k.names) fail(KVR_ERROR_INTERNAL, "SOS constraints have no names");
+  k.names->set(static_cast<size_t>(i), s);
+}
+
+void ModelData::drop_names() {
+  for (NamePool *names : {&f_.vars.names, &f_.constrs.names, &f_.qconstrs.names, &f_.gens.names}) {
+    const size_t n = names->size();
+    names->clear();
+    names->resize(n);
+  }
+}
+
+void ModelData::set_extra(AttrClass kind, int key, int i, double v) {
+  KindData k = kind_data(kind);
+  k.extra.set(key, k.count, static_cast<size_t>(i), v);
+}
+
+void ModelData::set_extra_str(AttrClass kind, int key, int i, std::string_view s) {
+  KindData k = kind_data(kind);
+  k.extra.set_str(key, k.count, static_cast<size_t>(i), s);
+}
+
+void ModelData::set_extra_column(AttrClass kind, int key, std::vector<double> values) {
+  KindData k = kind_data(kind);
+  values.resize(k.count, extra_default(key));
+  k.extra.num[key] = std::move(values);
+}
+
+void ModelData::erase_extra(AttrClass kind, int key) {
+  KindData k = kind_data(kind);
+  k.extra.num.erase(key);
+  k.extra.str.erase(key);
+}
+
+void ModelData::clear_extras(AttrClass kind) { kind_data(kind).extra.clear(); }
+
 size_t ModelData::bytes() const {
-  size_t b = vars.lb.size() * (3 * sizeof(double) + 1 + 12) + vars.names.bytes();
-  b += constrs.rows.ind.size() * (sizeof(int) + sizeof(double)) +
-       constrs.rows.beg.size() * sizeof(int64_t) +
-       constrs.sense.size() * (1 + sizeof(double) + 12) + constrs.names.bytes();
-  b += q.size() * (2 * sizeof(int) + sizeof(double));
-  for (const QConstr &qc : qconstrs.items)
+  size_t b = f_.vars.lb.size() * (3 * sizeof(double) + 1 + 12) + f_.vars.names.bytes();
+  b += f_.constrs.rows.ind.size() * (sizeof(int) + sizeof(double)) +
+       f_.constrs.rows.beg.size() * sizeof(int64_t) +
+       f_.constrs.sense.size() * (1 + sizeof(double) + 12) + f_.constrs.names.bytes();
+  b += f_.q.size() * (2 * sizeof(int) + sizeof(double));
+  for (const QConstr &qc : f_.qconstrs.items)
     b += sizeof(QConstr) + qc.lind.size() * 12 + qc.q.size() * 16;
-  b += sos.ind.size() * 12 + gens.items.size() * sizeof(GenConstr);
+  b += f_.sos.ind.size() * 12 + f_.gens.items.size() * sizeof(GenConstr);
   return b;
 }
 

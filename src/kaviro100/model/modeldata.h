@@ -144,6 +144,9 @@ struct ExtraAttrs {
   void resize(size_t n, const std::unordered_map<int, double> &defaults);
   // Resizes every column, new entries taking extra_default of the column's key.
   void resize(size_t n);
+  // Sets entry i of column key, creating the column (n entries of its default) when needed.
+  void set(int key, size_t n, size_t i, double v);
+  void set_str(int key, size_t n, size_t i, std::string_view s);
   // Value of element i in column key, or the default when the column does not exist.
   double get(int key, size_t i) const;
   void renumber(const Renumbering &newpos);
@@ -290,7 +293,9 @@ struct Scenario {
   std::unordered_map<int, double> lb, ub, obj, rhs;
 };
 
-struct ModelData {
+// The fields of one model's data. ModelData shows them read-only and changes them only through
+// its member functions; the one other writer is the update's change log (apply_change_log).
+struct ModelFields {
   std::string name;
   int sense = KVR_MINIMIZE;
   double objcon = 0.0;
@@ -306,6 +311,44 @@ struct ModelData {
   std::vector<Scenario> scenarios;
   // Number of MIP starts (NumStart); start k lives in vars.extra under start_key(k).
   int numstart = 0;
+};
+
+struct PendingChanges;
+
+class ModelData {
+  ModelFields f_;
+
+ public:
+  // Read-only views of the fields, under the fields' names: readers write `d.vars.lb[j]`, and
+  // every change goes through the member functions below.
+  const std::string &name = f_.name;
+  const int &sense = f_.sense;
+  const double &objcon = f_.objcon;
+  const VarData &vars = f_.vars;
+  const ConstrData &constrs = f_.constrs;
+  const QuadTerms &q = f_.q;
+  const QConstrData &qconstrs = f_.qconstrs;
+  const SosData &sos = f_.sos;
+  const GenConstrData &gens = f_.gens;
+  const std::vector<ObjectiveN> &objn = f_.objn;
+  const std::vector<PwlObj> &pwlobj = f_.pwlobj;
+  const std::vector<Scenario> &scenarios = f_.scenarios;
+  // All fields at once, read-only (the attribute table addresses them by member pointer).
+  const ModelFields &fields() const { return f_; }
+  const int &numstart = f_.numstart;
+
+  // Copies copy the fields; the views always refer to the object's own fields.
+  ModelData() = default;
+  ModelData(const ModelData &o) : f_(o.f_) {}
+  ModelData(ModelData &&o) noexcept : f_(std::move(o.f_)) {}
+  ModelData &operator=(const ModelData &o) {
+    f_ = o.f_;
+    return *this;
+  }
+  ModelData &operator=(ModelData &&o) noexcept {
+    f_ = std::move(o.f_);
+    return *this;
+  }
 
   int num_vars() const { return vars.size(); }
   int num_constrs() const { return constrs.size(); }
@@ -316,6 +359,94 @@ struct ModelData {
     for (int j = 0; j < num_vars(); ++j) v += vars.obj[j] * x[j];
     return v;
   }
+
+  // ---- Changes. Code outside the store changes a model only through these: they keep the
+  // parallel arrays, the names and the extra attribute columns of each element kind in step.
+
+  void set_model_name(std::string_view s) { f_.name = s; }
+  void set_objsense(int s) { f_.sense = s; }
+  void set_objcon(double c) { f_.objcon = c; }
+  // Objective 0: coefficient j, all coefficients (one per variable) with the constant, the
+  // quadratic terms.
+  void set_obj(int j, double c) { f_.vars.obj[j] = c; }
+  void add_obj(int j, double c) { f_.vars.obj[j] += c; }
+  void set_linear_objective(const std::vector<double> &coef, double constant);
+  void set_q(QuadTerms terms) { f_.q = std::move(terms); }
+  // Objective k's record (k >= 1; objective 0's record holds only its settings and name); the
+  // list grows to k + 1 objectives when needed.
+  void set_objective_n(int k, ObjectiveN o);
+  // Removes every objective: coefficients, constant, quadratic and piecewise-linear parts, the
+  // further objectives and the scenarios' objective changes. The sense stays.
+  void clear_objective();
+  void add_pwl_obj(PwlObj p) { f_.pwlobj.push_back(std::move(p)); }
+  void clear_pwl_objs() { f_.pwlobj.clear(); }
+  void clear_scenarios() { f_.scenarios.clear(); }
+  // Writes the bounds, objective coefficients and right-hand sides a scenario changes.
+  void apply_scenario(const Scenario &s);
+  // Keeps MIP starts 0..n-1 and drops the values of the others.
+  void set_num_starts(int n);
+
+  int add_var(double lower, double upper, double cost, char type, std::string_view name = {}) {
+    return f_.vars.append(lower, upper, cost, type, name);
+  }
+  void reserve_vars(size_t n) { f_.vars.reserve(n); }
+  // Keeps the first n variables (undoes additions that no other element refers to yet).
+  void truncate_vars(int n) { f_.vars.truncate(n); }
+  void set_lb(int j, double v) { f_.vars.lb[j] = v; }
+  void set_ub(int j, double v) { f_.vars.ub[j] = v; }
+  void set_bounds(int j, double lower, double upper) {
+    f_.vars.lb[j] = lower, f_.vars.ub[j] = upper;
+  }
+  void set_vtype(int j, char t) { f_.vars.vtype[j] = t; }
+  // A binary variable becomes an integer one with its bounds clipped to [0, 1], so that its
+  // bounds can change on their own.
+  void binary_to_integer(int j);
+
+  int add_constr(int n, const int *ind, const double *val, char row_sense, double row_rhs,
+                 std::string_view name = {}) {
+    return f_.constrs.append(n, ind, val, row_sense, row_rhs, name);
+  }
+  int add_constr(const std::vector<int> &ind, const std::vector<double> &val, char row_sense,
+                 double row_rhs, std::string_view name = {}) {
+    return f_.constrs.append(ind, val, row_sense, row_rhs, name);
+  }
+  void reserve_constrs(size_t rows, size_t nonzeros);
+  // Adds entries (row, column, value) at the ends of their rows.
+  void add_matrix_entries(const std::vector<SparseMatrix::Entry> &entries) {
+    f_.constrs.rows.append_entries(entries);
+  }
+  void set_rhs(int i, double v) { f_.constrs.rhs[i] = v; }
+  void set_constr_sense(int i, char s) { f_.constrs.sense[i] = s; }
+
+  int add_qconstr(QConstr item, std::string_view name = {}) {
+    return f_.qconstrs.append(std::move(item), name);
+  }
+  // Adds the linear term coef * x[var] to quadratic constraint i.
+  void add_qconstr_term(int i, int var, double coef);
+  void clear_qconstrs() { f_.qconstrs = QConstrData{}; }
+
+  // Opens an empty SOS of this type; add_sos_member adds members to the last one.
+  int add_sos(int set_type) { return f_.sos.append(set_type); }
+  void add_sos_member(int var, double weight) { f_.sos.add_member(var, weight); }
+  void clear_sos() { f_.sos = SosData{}; }
+
+  int add_genconstr(GenConstr item, std::string_view name = {}) {
+    return f_.gens.append(std::move(item), name);
+  }
+  void clear_gens() { f_.gens = GenConstrData{}; }
+
+  // Name of element i of one kind (Var, Constr, QConstr or GenConstr).
+  void set_element_name(AttrClass kind, int i, std::string_view s);
+  // Removes the names of every element.
+  void drop_names();
+  // Extra attribute columns of one element kind (see ExtraAttrs): one value, a whole column
+  // (padded with the default or cut to the element count), a column removed, all removed.
+  void set_extra(AttrClass kind, int key, int i, double v);
+  void set_extra_str(AttrClass kind, int key, int i, std::string_view s);
+  void set_extra_column(AttrClass kind, int key, std::vector<double> values);
+  void erase_extra(AttrClass kind, int key);
+  void clear_extras(AttrClass kind);
+
   // Deletes the elements whose newpos entry is -1 and renumbers every reference to them.
   // General constraints whose resultant, binary, x or y variable is deleted are deleted too.
   void delete_vars(const Renumbering &newpos);
@@ -327,6 +458,15 @@ struct ModelData {
   // model's numbering followed by the added elements) and then the column entries `cols`.
   void append(ModelData &&added, const std::vector<SparseMatrix::Entry> &cols);
   size_t bytes() const;
+
+ private:
+  friend void apply_change_log(ModelData &data, PendingChanges &pending);
+  struct KindData {
+    ExtraAttrs &extra;
+    NamePool *names;  // null for SOS, which have no names
+    size_t count;
+  };
+  KindData kind_data(AttrClass kind);
 };
 
 // Fails with INVALID_ARGUMENT naming the first variable or constraint no value can satisfy (a

@@ -44,8 +44,8 @@ bool Builder::integral(int j) const {
 }
 
 int Builder::add_var(double lo, double hi, char vtype, const std::string &name) {
-  const int j = m_.vars.append(lo <= -kInf ? -KVR_INFINITY : lo, hi >= kInf ? KVR_INFINITY : hi,
-                               0.0, vtype, name);
+  const int j = m_.add_var(lo <= -kInf ? -KVR_INFINITY : lo, hi >= kInf ? KVR_INFINITY : hi, 0.0,
+                           vtype, name);
   lb_.push_back(implied_lb(lo));
   ub_.push_back(implied_ub(hi));
   return j;
@@ -65,7 +65,7 @@ void Builder::add_row(const std::vector<Term> &terms, char sense, double rhs,
     if (coef != 0.0) ind.push_back(sorted[k].var), val.push_back(coef);
     k = e;
   }
-  m_.constrs.append(ind, val, sense, rhs, name);
+  m_.add_constr(ind, val, sense, rhs, name);
 }
 
 double Builder::activity_bound(const std::vector<Term> &terms, bool upper, int *culprit) const {

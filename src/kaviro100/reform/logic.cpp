@@ -268,7 +268,7 @@ void rewrite_semicontinuous(Builder &b) {
   for (int j = 0; j < u.num_vars(); ++j) {
     char t = u.vars.vtype[j];
     if (t != KVR_SEMICONT && t != KVR_SEMIINT) continue;
-    m.vars.vtype[j] = t == KVR_SEMICONT ? KVR_CONTINUOUS : KVR_INTEGER;
+    m.set_vtype(j, t == KVR_SEMICONT ? KVR_CONTINUOUS : KVR_INTEGER);
     double lo = u.vars.lb[j], hi = u.vars.ub[j];
     if (lo <= 0 && hi >= 0) continue;  // 0 is within the bounds: an ordinary variable
     std::string what = std::string(t == KVR_SEMICONT ? "Semi-continuous" : "Semi-integer") +
@@ -283,7 +283,7 @@ void rewrite_semicontinuous(Builder &b) {
              "%s has no finite upper bound (none given and none implied by the constraints), "
              "which the rewriting needs",
              what.c_str());
-      m.vars.lb[j] = 0.0;
+      m.set_lb(j, 0.0);
       b.add_row({{j, 1.0}, {z, -lo}}, KVR_GREATER_EQUAL, 0.0, tag + "_lo");
       b.add_row({{j, 1.0}, {z, -top}}, KVR_LESS_EQUAL, 0.0, tag + "_up");
     } else {
@@ -293,7 +293,7 @@ void rewrite_semicontinuous(Builder &b) {
              "%s has no finite lower bound (none given and none implied by the constraints), "
              "which the rewriting needs",
              what.c_str());
-      m.vars.ub[j] = 0.0;
+      m.set_ub(j, 0.0);
       b.add_row({{j, 1.0}, {z, -hi}}, KVR_LESS_EQUAL, 0.0, tag + "_up");
       b.add_row({{j, 1.0}, {z, -bottom}}, KVR_GREATER_EQUAL, 0.0, tag + "_lo");
     }

@@ -158,7 +158,7 @@ void rewrite_pwl_objectives(Builder &b, const ParamValues &params) {
     check_points(p.x, p.y, KVR_ERROR_INVALID_PIECEWISE_OBJ, what);
   }
   // A piecewise-linear term replaces the variable's linear objective coefficient.
-  for (const PwlObj &p : u.pwlobj) m.vars.obj[p.var] = 0.0;
+  for (const PwlObj &p : u.pwlobj) m.set_obj(p.var, 0.0);
   for (size_t k = 0; k < u.pwlobj.size(); ++k) {
     const PwlObj &p = u.pwlobj[k];
     int x = p.var;
@@ -169,7 +169,7 @@ void rewrite_pwl_objectives(Builder &b, const ParamValues &params) {
         xs.push_back(p.x[i]), ys.push_back(p.y[i]);
     size_t n = xs.size();
     if (n == 1) {
-      m.objcon += ys[0];
+      m.set_objcon(m.objcon + ys[0]);
       continue;
     }
     bool jump = false;
@@ -188,8 +188,8 @@ void rewrite_pwl_objectives(Builder &b, const ParamValues &params) {
       if (std::fabs(slope[i + 1] - slope[i]) > tol) linear = false;
     }
     if (linear) {
-      m.vars.obj[x] += slope[0];
-      m.objcon += ys[0] - slope[0] * xs[0];
+      m.add_obj(x, slope[0]);
+      m.set_objcon(m.objcon + ys[0] - slope[0] * xs[0]);
       continue;
     }
     bool minimize = u.sense != KVR_MAXIMIZE;
@@ -197,7 +197,7 @@ void rewrite_pwl_objectives(Builder &b, const ParamValues &params) {
       // The function is the maximum (minimum) of its segments' lines; the objective pushes t onto
       // it, so t >= every line (t <= every line) is exact and stays linear.
       int t = b.add_var(-KVR_INFINITY, KVR_INFINITY, KVR_CONTINUOUS, owner + "_t");
-      m.vars.obj[t] = 1.0;
+      m.set_obj(t, 1.0);
       for (size_t i = 0; i + 1 < n; ++i)
         b.add_row({{t, 1.0}, {x, -slope[i]}}, minimize ? KVR_GREATER_EQUAL : KVR_LESS_EQUAL,
                   ys[i] - slope[i] * xs[i], owner + "_" + std::to_string(i));
@@ -212,7 +212,7 @@ void rewrite_pwl_objectives(Builder &b, const ParamValues &params) {
       continue;
     }
     int y = b.add_var(-KVR_INFINITY, KVR_INFINITY, KVR_CONTINUOUS, owner + "_y");
-    m.vars.obj[y] = 1.0;
+    m.set_obj(y, 1.0);
     add_pwl(b, x, y, pieces, owner);
   }
 }

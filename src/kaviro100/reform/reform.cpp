@@ -149,13 +149,13 @@ void check_references(const ModelData &m) {
 // Appends an epigraph column t (objective coefficient `cost`) and the constraint
 // scale * (q - t) <= 0.
 void add_epigraph(ModelData &m, QuadTerms q, double cost, double scale = 1.0) {
-  const int t = m.vars.append(-KVR_INFINITY, KVR_INFINITY, cost, KVR_CONTINUOUS);
+  const int t = m.add_var(-KVR_INFINITY, KVR_INFINITY, cost, KVR_CONTINUOUS);
   QConstr epi;
   epi.q = std::move(q);
   for (double &v : epi.q.val) v *= scale;
   epi.lind = {t};
   epi.lval = {-scale};
-  m.qconstrs.append(std::move(epi));
+  m.add_qconstr(std::move(epi));
 }
 
 // The engine's QP method takes neither integers nor quadratic rows: a quadratic objective then
@@ -192,8 +192,8 @@ void move_objective_to_epigraph(Reformulated &r, const ParamValues &params,
     for (double &v : q.val) v *= sign;
     add_epigraph(m, std::move(q), sign);
   }
-  r.moved_q = std::move(m.q);
-  m.q = QuadTerms{};
+  r.moved_q = m.q;
+  m.set_q(QuadTerms{});
   r.epigraph = first;
   r.changed = true;
 }
@@ -224,13 +224,12 @@ Reformulated reformulate(const ModelData &user, const ParamValues &params,
 
   // What is left is what the engine takes: a plain model plus its native constructs.
   ModelData &m = r.own();
-  if (!caps.sos) m.sos = SosData{};
-  GenConstrData kept;
+  if (!caps.sos) m.clear_sos();
+  m.clear_gens();
   for (int i = 0; i < user.gens.size(); ++i)
     if (native_gen(user.gens.items[i], caps))
-      kept.append(user.gens.items[i], user.gens.names.get(static_cast<size_t>(i)));
-  m.gens = std::move(kept);
-  m.pwlobj.clear();
+      m.add_genconstr(user.gens.items[i], user.gens.names.get(static_cast<size_t>(i)));
+  m.clear_pwl_objs();
   move_objective_to_epigraph(r, params, caps, epigraph);
   return r;
 }

@@ -8,10 +8,6 @@
 
 namespace kvr {
 
-// Removes every objective of d (coefficients, constant, quadratic and piecewise-linear parts,
-// further objectives, scenario objective changes) and makes it a minimization.
-void clear_objective(ModelData &d);
-
 // The body of a derived-model entry point: checks the arguments, applies the pending changes when
 // update_first (else reads the data as of the last update), and hands out a new model holding
 // build(model) with a copy of the model's environment. build only reads the model (and may log).
@@ -27,11 +23,6 @@ int derive_model(kvr_model *model, kvr_model **resultP, bool update_first, Build
       check_queryable(model);
     }
     ModelData derived = build(*model);
-    // Element attributes (starts, hints, ...) of added elements take their defaults.
-    derived.vars.extra.resize(static_cast<size_t>(derived.num_vars()));
-    derived.constrs.extra.resize(static_cast<size_t>(derived.num_constrs()));
-    derived.qconstrs.extra.resize(static_cast<size_t>(derived.qconstrs.size()));
-    derived.gens.extra.resize(static_cast<size_t>(derived.gens.size()));
     *resultP = new kvr_model(model->env, std::move(derived));
   });
 }

@@ -46,13 +46,13 @@ ModelData dual_of(const ModelData &p) {
   // Dual objective D (to be maximized); the dual model minimizes -D for a maximization primal,
   // else maximizes D.
   ModelData d;
-  d.name = p.name;
-  d.sense = p.sense == KVR_MAXIMIZE ? KVR_MINIMIZE : KVR_MAXIMIZE;
+  d.set_model_name(p.name);
+  d.set_objsense(p.sense == KVR_MAXIMIZE ? KVR_MINIMIZE : KVR_MAXIMIZE);
   const double out = p.sense == KVR_MAXIMIZE ? -1.0 : 1.0;  // D -> the dual model's objective
-  d.objcon = out * flip * p.objcon;
+  d.set_objcon(out * flip * p.objcon);
 
   auto add_var = [&](double lb, double ub, double obj, const std::string &name) {
-    return d.vars.append(lb, ub, out * obj, KVR_CONTINUOUS, name);
+    return d.add_var(lb, ub, out * obj, KVR_CONTINUOUS, name);
   };
   for (int i = 0; i < m; ++i) {
     char s = p.constrs.sense[i];
@@ -77,7 +77,7 @@ ModelData dual_of(const ModelData &p) {
       ind.push_back(add_var(-KVR_INFINITY, 0.0, p.vars.ub[j], "ub_" + name));
       val.push_back(1.0);
     }
-    d.constrs.append(ind, val, KVR_EQUAL, flip * p.vars.obj[j], name);
+    d.add_constr(ind, val, KVR_EQUAL, flip * p.vars.obj[j], name);
   }
   return d;
 }

@@ -70,13 +70,13 @@ class ProductLinearizer {
 // Quadratic objective and quadratic constraints made linear.
 ModelData without_products(const ModelData &m) {
   ModelData out = m;
-  out.q.clear();
-  out.qconstrs = QConstrData{};
+  out.set_q(QuadTerms{});
+  out.clear_qconstrs();
   ProductLinearizer lin(out, m);
   std::vector<Term> terms;
   for (size_t k = 0; k < m.q.size(); ++k)
     lin.add_term(m.q.row[k], m.q.col[k], m.q.val[k], "the objective", terms);
-  for (const Term &t : terms) out.vars.obj[t.var] += t.coef;
+  for (const Term &t : terms) out.add_obj(t.var, t.coef);
   for (int i = 0; i < m.qconstrs.size(); ++i) {
     const QConstr &qc = m.qconstrs.items[i];
     std::string name = reform::qconstr_name(m, i);

@@ -104,17 +104,18 @@ bool Presolve::drop_empty_row(int i) {
 }
 
 bool Presolve::check_bounds(int j) {
-  double &lb = d_.vars.lb[j], &ub = d_.vars.ub[j];
+  double lb = d_.vars.lb[j], ub = d_.vars.ub[j];
   if (integral(j)) {
     if (!is_infinite(lb)) lb = std::ceil(lb - tol_);
     if (!is_infinite(ub)) ub = std::floor(ub + tol_);
   }
+  d_.set_bounds(j, lb, ub);
   if (lb > ub + tol_) {
     reason_ = format("variable %s has bounds [%s, %s]", reform::var_name(d_, j).c_str(),
                      reform::num(lb).c_str(), reform::num(ub).c_str());
     return false;
   }
-  if (lb > ub) lb = ub = 0.5 * (lb + ub);  // crossed within the tolerance
+  if (lb > ub) d_.set_bounds(j, 0.5 * (lb + ub), 0.5 * (lb + ub));  // crossed within the tolerance
   return true;
 }
 
@@ -122,10 +123,11 @@ bool Presolve::bound_from_singleton(int i, int j, double a) {
   double v = d_.constrs.rhs[i] / a;
   char s = d_.constrs.sense[i];
   if (a < 0 && s != KVR_EQUAL) s = s == KVR_LESS_EQUAL ? KVR_GREATER_EQUAL : KVR_LESS_EQUAL;
-  double &lb = d_.vars.lb[j], &ub = d_.vars.ub[j];
+  double lb = d_.vars.lb[j], ub = d_.vars.ub[j];
   if (d_.vars.vtype[j] == KVR_BINARY) lb = std::max(lb, 0.0), ub = std::min(ub, 1.0);
   if (s != KVR_LESS_EQUAL && v > lb) lb = v;
   if (s != KVR_GREATER_EQUAL && v < ub) ub = v;
+  d_.set_bounds(j, lb, ub);
   row_gone_[i] = true;
   return check_bounds(j);
 }
@@ -135,9 +137,9 @@ void Presolve::substitute(int j) {
   double v = d_.vars.lb[j];
   for (int64_t k = cols_.beg[j]; k < cols_.beg[j + 1]; ++k) {
     int i = cols_.ind[k];
-    if (!row_gone_[i]) d_.constrs.rhs[i] -= cols_.val[k] * v;
+    if (!row_gone_[i]) d_.set_rhs(i, d_.constrs.rhs[i] - cols_.val[k] * v);
   }
-  d_.objcon += d_.vars.obj[j] * v;
+  d_.set_objcon(d_.objcon + d_.vars.obj[j] * v);
   var_gone_[j] = true;
 }
 
@@ -188,11 +190,11 @@ ModelData Presolve::result() {
 // A model that states the infeasibility found: one variable fixed at 0 and the row x >= 1.
 ModelData infeasible_model(const ModelData &m) {
   ModelData d;
-  d.name = m.name;
-  d.sense = m.sense;
-  const int column = d.vars.append(0.0, 0.0, 0.0, KVR_CONTINUOUS, "Infeasible");
+  d.set_model_name(m.name);
+  d.set_objsense(m.sense);
+  const int column = d.add_var(0.0, 0.0, 0.0, KVR_CONTINUOUS, "Infeasible");
   const double one = 1.0;
-  d.constrs.append(1, &column, &one, KVR_GREATER_EQUAL, 1.0, "Infeasible");
+  d.add_constr(1, &column, &one, KVR_GREATER_EQUAL, 1.0, "Infeasible");
   return d;
 }
 

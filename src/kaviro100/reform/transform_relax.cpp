@@ -52,31 +52,28 @@ void relax_general(Builder &b, int i, const ParamValues &params) {
 ModelData relaxed(const ModelData &m, const ParamValues &params) {
   ModelData r = m;
   for (int j = 0; j < r.num_vars(); ++j) {
-    double &lb = r.vars.lb[j], &ub = r.vars.ub[j];
+    const double lb = r.vars.lb[j], ub = r.vars.ub[j];
     switch (r.vars.vtype[j]) {
       case KVR_BINARY:
-        lb = std::max(lb, 0.0), ub = std::min(ub, 1.0);
+        r.set_bounds(j, std::max(lb, 0.0), std::min(ub, 1.0));
         break;
       case KVR_SEMICONT:
       case KVR_SEMIINT:
-        lb = std::min(lb, 0.0), ub = std::max(ub, 0.0);
+        r.set_bounds(j, std::min(lb, 0.0), std::max(ub, 0.0));
         break;
       default:
         break;
     }
-    r.vars.vtype[j] = KVR_CONTINUOUS;
+    r.set_vtype(j, KVR_CONTINUOUS);
   }
-  r.sos = SosData{};
-  r.gens = GenConstrData{};
+  r.clear_sos();
+  r.clear_gens();
   Builder b(r, m);
   for (int i = 0; i < m.gens.size(); ++i) relax_general(b, i, params);
   return r;
 }
 
-void fix_at(ModelData &d, int j, double v) {
-  d.vars.lb[j] = v;
-  d.vars.ub[j] = v;
-}
+void fix_at(ModelData &d, int j, double v) { d.set_bounds(j, v, v); }
 
 ModelData fixed(const kvr_model &model) {
   const ModelData &m = model.data;
@@ -99,14 +96,14 @@ ModelData fixed(const kvr_model &model) {
       default:
         break;
     }
-    f.vars.vtype[j] = KVR_CONTINUOUS;
+    f.set_vtype(j, KVR_CONTINUOUS);
   }
   for (int64_t k = 0; k < m.sos.beg.back(); ++k) {
     int j = m.sos.ind[k];
     if (std::fabs(x[j]) <= zero_tol) fix_at(f, j, 0.0);
   }
-  f.sos = SosData{};
-  f.gens = GenConstrData{};
+  f.clear_sos();
+  f.clear_gens();
   Builder b(f, m);
   for (int i = 0; i < m.gens.size(); ++i) {
     const GenConstr &g = m.gens.items[i];
@@ -128,17 +125,6 @@ ModelData fixed(const kvr_model &model) {
 
 }  // namespace
 
-void clear_objective(ModelData &d) {
-  std::fill(d.vars.obj.begin(), d.vars.obj.end(), 0.0);
-  d.objcon = 0.0;
-  d.sense = KVR_MINIMIZE;
-  d.q.clear();
-  d.objn.resize(1);
-  d.objn[0] = ObjectiveN{};
-  d.pwlobj.clear();
-  for (Scenario &s : d.scenarios) s.obj.clear();
-}
-
 }  // namespace kvr
 
 extern "C" {
@@ -155,7 +141,8 @@ int KVRfixmodel(KVRmodel *model, KVRmodel **resultP) {
 int KVRfeasibility(KVRmodel *model, KVRmodel **resultP) {
   return kvr::derive_model(model, resultP, false, [](const kvr_model &m) {
     kvr::ModelData f = m.data;
-    kvr::clear_objective(f);
+    f.clear_objective();
+    f.set_objsense(KVR_MINIMIZE);
     return f;
   });
 }

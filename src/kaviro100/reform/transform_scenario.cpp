@@ -18,12 +18,8 @@ ModelData single_scenario(const kvr_model &model) {
          "%d",
          k, count);
   ModelData s = m;
-  s.scenarios.clear();
-  const Scenario &sc = m.scenarios[k];
-  for (const auto &[j, v] : sc.lb) s.vars.lb[j] = v;
-  for (const auto &[j, v] : sc.ub) s.vars.ub[j] = v;
-  for (const auto &[j, v] : sc.obj) s.vars.obj[j] = v;
-  for (const auto &[i, v] : sc.rhs) s.constrs.rhs[i] = v;
+  s.clear_scenarios();
+  s.apply_scenario(m.scenarios[k]);
   return s;
 }
 
