@@ -19,11 +19,11 @@
 #include <thread>
 
 #include "engine/engine.h"
+#include "engine/highs_api.h"
 #include "engine/highs_instance.h"
 #include "engine/outer_approx.h"
 #include "engine/registry.h"
 #include "engine/solve.h"
-#include "interfaces/highs_c_api.h"
 #include "util/error.h"
 #include "util/strings.h"
 
@@ -1279,6 +1279,7 @@ EngineResult HighsEngine::solve_kept(const EngineProblem &problem, const ParamVa
   }
   state.reset();  // rebuilt below from the instance that ends the solve
   EngineResult r = solve_on(*use, params, ctx, hi, static_cast<bool>(hi));
+  if (hi) hi->note_basis();
   if (ctx.lazy_in_engine == 0 && hi) {
     // The run's event state is gone; the engine logs while its model is changed later on.
     Highs_setCallback(hi->get(), idle_event, nullptr);
@@ -1338,6 +1339,8 @@ bool HighsEngine::infeasible_subsystem(const ModelData &lp, const ParamValues &p
 
 std::unique_ptr<Engine> make_highs_engine() { return std::make_unique<HighsEngine>(); }
 
-std::string highs_version() { return Highs_version(); }
+std::string highs_version() {
+  return highs::unavailable_reason().empty() ? highs::api().version : std::string();
+}
 
 }  // namespace kvr

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "engine/highs_api.h"
 #include "engine/scip/scip_api.h"
 #include "reform/psd.h"
 #include "util/error.h"
@@ -65,7 +66,7 @@ const std::vector<EngineEntry> &engines() {
       {"HiGHS",
        highs_caps(),
        [] { return highs_version(); },
-       [] { return std::string(); },
+       highs::unavailable_reason,
        [] { return make_highs_engine(); },
        {}},
       {"SCIP",
