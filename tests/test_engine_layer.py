@@ -1,6 +1,8 @@
 """The engine layer: engines loaded at run time, what each engine reports about itself, and the
 steps that make up for what an engine lacks."""
 
+import importlib.util
+import math
 import os
 import pathlib
 import subprocess
@@ -51,3 +53,42 @@ def test_highs_library_missing_or_wrong_is_refused_at_first_use(tmp_path):
     # A directory without the library is passed over: the package's highsbox is found next.
     (tmp_path / "empty").mkdir()
     assert run_with_highs_library(tmp_path / "empty")[0] == "solved -1.0"
+
+
+ENGINES = ["highs"] + (["scip"] if importlib.util.find_spec("pyscipopt") else [])
+
+
+@pytest.mark.parametrize("engine", ENGINES)
+def test_lazy_rows_and_quadratic_constraints_together(m, engine, monkeypatch, tmp_path):
+    # HiGHS lacks both lazy rows in its search and quadratic constraints: the restart and the
+    # outer approximation steps run side by side (their rows screen the same incumbents). SCIP
+    # takes both as they are: neither step runs, and the answer is the same.
+    monkeypatch.setenv("KAVIRO_ENGINE_OPTIONS", f"engine={engine}")
+    x = m.addVar(vtype=KVR.INTEGER, lb=-5, ub=5, name="x")
+    y = m.addVar(vtype=KVR.INTEGER, lb=-5, ub=5, name="y")
+    z = m.addVar(lb=-10, ub=10, name="z")
+    m.addQConstr(x * x + y * y <= 10)
+    m.addQConstr(z * z <= 2 + x)
+    m.setObjective(x + 2 * y + z, KVR.MAXIMIZE)
+    m.Params.LazyConstraints = 1
+    m.Params.LogFile = str(tmp_path / "both.log")
+    m.Params.OutputFlag = 1
+    m.Params.LogToConsole = 0
+    added = []
+
+    def cb(model, where):
+        if where == KVR.Callback.MIPSOL:
+            vx, vy = model.cbGetSolution([x, y])
+            if vx + vy > 2.5:
+                model.cbLazy(x + y <= 2)
+                added.append((vx, vy))
+
+    m.optimize(cb)
+    best = max(a + 2 * b + math.sqrt(2 + a) for a in range(-2, 6) for b in range(-5, 6)
+               if a * a + b * b <= 10 and a + b <= 2)
+    assert m.Status == KVR.OPTIMAL and added
+    assert m.ObjVal == pytest.approx(best, abs=1e-4) and m.ObjBound >= m.ObjVal - 1e-6
+    assert x.X + y.X <= 2 + 1e-6 and x.X**2 + y.X**2 <= 10 + 1e-6 and z.X**2 <= 2 + x.X + 1e-5
+    log = (tmp_path / "both.log").read_text()
+    emulated = "restarting the search" in log and "Outer approximation:" in log
+    assert emulated == (engine == "highs")
