@@ -92,3 +92,55 @@ def test_lazy_rows_and_quadratic_constraints_together(m, engine, monkeypatch, tm
     log = (tmp_path / "both.log").read_text()
     emulated = "restarting the search" in log and "Outer approximation:" in log
     assert emulated == (engine == "highs")
+
+
+def help_text(capsys, name):
+    capsys.readouterr()
+    kp.paramHelp(name)
+    return " ".join(capsys.readouterr().out.split())
+
+
+def test_settings_not_applied_and_limits_come_from_the_engine_in_use(env, capsys, monkeypatch):
+    # HiGHS applies Method and Threads; SCIP, forced, does not. Cut classes neither engine has.
+    def flagged(name):
+        return bool(env._getParamInfo(name)[6] & 4)
+
+    for engine, method_applied in [("highs", True), ("scip", False), ("auto", True)]:
+        monkeypatch.setenv("KAVIRO_ENGINE_OPTIONS", f"engine={engine}")
+        assert flagged("Method") != method_applied and flagged("Threads") != method_applied
+        assert flagged("MIRCuts") and not flagged("TimeLimit")
+        assert ("does not act on this setting" in help_text(capsys, "Method")) != method_applied
+    # The engines' limits are stated per engine, whichever is in use.
+    text = help_text(capsys, "NonConvex")
+    assert "Note for engine HiGHS: solves convex models only" in text
+    assert "Note for engine SCIP: with 2, solves nonconvex" in text
+    assert "Note for engine" not in help_text(capsys, "MIPGap")
+    # A malformed setting is the solve's error, not the help's.
+    monkeypatch.setenv("KAVIRO_ENGINE_OPTIONS", "engine")
+    assert not flagged("Method")
+
+
+def test_engine_notes_through_the_c_interface(env):
+    import ctypes as C
+
+    import clib
+
+    get = clib.lib.KVRgetparamenginenotes
+    get.argtypes = [C.c_void_p, C.c_char_p, C.POINTER(C.c_char_p)]
+    cenv = C.c_void_p(env._cenv)
+    notes = C.c_char_p()
+    assert get(cenv, b"threads", C.byref(notes)) == 0
+    assert notes.value.decode() == "SCIP: runs on one thread whatever the value."
+    assert get(cenv, b"MIPGap", C.byref(notes)) == 0 and notes.value == b""
+    assert get(cenv, b"NoSuchParam", C.byref(notes)) == KVR.ERROR_UNKNOWN_PARAMETER
+    assert get(cenv, b"Threads", None) == KVR.ERROR_NULL_ARGUMENT
+
+
+def test_log_names_settings_the_engine_leaves_alone(m, monkeypatch, tmp_path):
+    m.addVar(obj=1)
+    m.Params.MIRCuts = 1
+    m.Params.LogFile = str(tmp_path / "na.log")
+    m.Params.OutputFlag = 1
+    m.Params.LogToConsole = 0
+    m.optimize()
+    assert "Not applied by engine HiGHS: MIRCuts" in (tmp_path / "na.log").read_text()

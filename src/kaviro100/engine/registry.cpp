@@ -63,20 +63,10 @@ std::string forced_engine() {
 
 const std::vector<EngineEntry> &engines() {
   static const std::vector<EngineEntry> list = {
-      {"HiGHS",
-       highs_caps(),
-       [] { return highs_version(); },
-       highs::unavailable_reason,
-       [] { return make_highs_engine(); },
-       {}},
-      {"SCIP",
-       scip_caps(),
-       scip_version,
-       scip::unavailable_reason,
-       [] { return make_scip_engine(); },
-       {ParamId::Method, ParamId::IntFeasTol, ParamId::BarConvTol, ParamId::BarIterLimit,
-        ParamId::Crossover, ParamId::ScaleFlag, ParamId::Threads, ParamId::DisplayInterval,
-        ParamId::QCPDual}},
+      {"HiGHS", highs_caps(), [] { return highs_version(); }, highs::unavailable_reason,
+       [] { return make_highs_engine(); }, highs_params},
+      {"SCIP", scip_caps(), scip_version, scip::unavailable_reason,
+       [] { return make_scip_engine(); }, scip_params},
   };
   return list;
 }
@@ -93,6 +83,16 @@ EngineCapabilities Engine::capabilities() const {
   return e ? e->caps : EngineCapabilities();
 }
 
+const EngineEntry &engine_in_use() {
+  const EngineEntry *e = nullptr;
+  try {
+    e = find_engine(forced_engine());
+  } catch (const Error &) {
+    // A malformed KAVIRO_ENGINE_OPTIONS fails the solve that reads it, not this question.
+  }
+  return e ? *e : engines()[0];
+}
+
 std::vector<std::pair<std::string, std::string>> engine_options() {
   auto out = all_options();
   std::erase_if(out, [](const auto &item) { return item.first == "engine"; });
@@ -101,7 +101,7 @@ std::vector<std::pair<std::string, std::string>> engine_options() {
 
 std::string unapplied_settings(const EngineEntry &engine, const ParamValues &params) {
   std::string names;
-  for (ParamId id : engine.not_applied)
+  for (ParamId id : engine.params().not_applied)
     if (!params.is_default(id))
       names += std::string(names.empty() ? "" : ", ") + param_def(id).name;
   if (names.empty()) return "";

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "engine/applied_params.h"
 #include "engine/engine.h"
 
 namespace kvr {
@@ -15,14 +16,18 @@ struct EngineEntry {
   std::string (*version)();      // "" when not loaded
   std::string (*unavailable)();  // "" when the engine can be used, else why not
   std::unique_ptr<Engine> (*make)();
-  // Parameters this engine leaves alone although the library has a meaning for them.
-  std::vector<ParamId> not_applied;
+  // The parameters it leaves alone and its limits (engine/highs_params.cpp, scip/scip_params.cpp).
+  const EngineParams &(*params)();
 };
 
 // Every engine the library knows, HiGHS first.
 const std::vector<EngineEntry> &engines();
 // The engine of that name (any letter case), or nullptr.
 const EngineEntry *find_engine(std::string_view name);
+
+// The engine that solves a model needing nothing else: the one named in KAVIRO_ENGINE_OPTIONS
+// (when it is known), else HiGHS.
+const EngineEntry &engine_in_use();
 
 // The engine for a solve and why it was chosen (for the log header).
 struct EngineChoice {
@@ -50,5 +55,7 @@ bool quadratics_convex(const ModelData &m, const ParamValues &params);
 std::vector<std::pair<std::string, std::string>> engine_options();
 
 std::unique_ptr<Engine> make_scip_engine();
+const EngineParams &highs_params();
+const EngineParams &scip_params();
 
 }  // namespace kvr

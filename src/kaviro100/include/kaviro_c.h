@@ -258,8 +258,13 @@ KVR_API void KVRfree(void *ptr);
 /* Names are case-insensitive. */
 KVR_API int KVRgetparamtype(KVRenv *env, const char *paramname); /* KVR_PARAM_* or -1 */
 /* Flags: 1 the value is a credential (never shown), 2 only meaningful with a remote service,
-   4 accepted and stored, but neither the library nor its engine acts on it. */
+   4 accepted and stored, but neither the library nor the engine in use (the one named in
+   KAVIRO_ENGINE_OPTIONS, else HiGHS) acts on it. */
 KVR_API int KVRgetparamflags(KVRenv *env, const char *paramname, int *flagsP);
+/* What the engines say about a parameter where they differ from its description: one line
+   "<engine>: <sentence>" per engine that has something to say, "" when none has. The text stays
+   valid until the next call of this function on the same thread. */
+KVR_API int KVRgetparamenginenotes(KVRenv *env, const char *paramname, const char **notesP);
 KVR_API int KVRgetintparam(KVRenv *env, const char *paramname, int *valueP);
 KVR_API int KVRgetdblparam(KVRenv *env, const char *paramname, double *valueP);
 /* value must hold KVR_MAX_STRLEN bytes; a longer value (string parameters have no length limit)
