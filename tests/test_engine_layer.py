@@ -144,3 +144,79 @@ def test_log_names_settings_the_engine_leaves_alone(m, monkeypatch, tmp_path):
     m.Params.LogToConsole = 0
     m.optimize()
     assert "Not applied by engine HiGHS: MIRCuts" in (tmp_path / "na.log").read_text()
+
+
+def knapsack(m, n=30):
+    w = [(7 * j) % 11 + 3 for j in range(n)]
+    x = [m.addVar(vtype=KVR.BINARY, obj=(5 * j) % 13 + 1) for j in range(n)]
+    m.addConstr(kp.quicksum(wj * xj for wj, xj in zip(w, x)) <= sum(w) / 3)
+    m.ModelSense = KVR.MAXIMIZE
+    m.Params.Presolve = 0
+    m.Params.Heuristics = 0
+    return x
+
+
+def solve_logged(m, cb, tmp_path, name):
+    m.Params.LogFile = str(tmp_path / name)
+    m.Params.OutputFlag = 1
+    m.Params.LogToConsole = 0
+    m.optimize(cb)
+    return [line for line in (tmp_path / name).read_text().splitlines()
+            if line.startswith("Engine ")]
+
+
+@pytest.mark.skipif("scip" not in ENGINES, reason="needs pyscipopt")
+def test_engine_choice_sees_a_callback_acting_at_mipnode(m, monkeypatch, tmp_path):
+    x = knapsack(m)
+    seen = {"node": 0, "sol": 0}
+
+    def at_nodes(model, where):
+        if where == KVR.Callback.MIPNODE:
+            model.cbGetNodeRel(x[0])
+            seen["node"] += 1
+
+    def helper_based(model, where):
+        def count():  # a function defined inside the callback counts as its code
+            if where == KVR.Callback.MIPNODE:
+                seen["node"] += 1
+        count()
+
+    def at_solutions(model, where):
+        if where == KVR.Callback.MIPSOL:
+            seen["sol"] += 1
+
+    monkeypatch.delenv("KAVIRO_ENGINE_OPTIONS", raising=False)
+    header = solve_logged(m, at_nodes, tmp_path, "auto.log")
+    assert header == ["Engine SCIP: the callback acts at MIPNODE (node relaxations, user cuts)"]
+    assert m.Status == KVR.OPTIMAL and seen["node"] > 0
+    seen["node"] = 0
+    m.reset()
+    assert solve_logged(m, helper_based, tmp_path, "helper.log")[0].startswith("Engine SCIP")
+    assert seen["node"] > 0
+    # Forced onto HiGHS the callback never runs there, and the log says so.
+    monkeypatch.setenv("KAVIRO_ENGINE_OPTIONS", "engine=highs")
+    seen["node"] = 0
+    m.reset()
+    header = solve_logged(m, at_nodes, tmp_path, "highs.log")
+    assert header == ["Engine HiGHS: chosen with KAVIRO_ENGINE_OPTIONS; HiGHS never calls the "
+                      "callback at MIPNODE, where it acts (no node relaxations, no user cuts)"]
+    assert m.Status == KVR.OPTIMAL and seen["node"] == 0
+    # A callback that only looks at solutions stays on HiGHS, and nothing is said about nodes.
+    monkeypatch.delenv("KAVIRO_ENGINE_OPTIONS")
+    m.reset()
+    header = solve_logged(m, at_solutions, tmp_path, "sol.log")
+    assert header == ["Engine HiGHS: the model needs nothing beyond it"] and seen["sol"] > 0
+
+
+def test_callback_places_through_the_c_interface(m):
+    import ctypes as C
+
+    import clib
+
+    put = clib.lib.KVRsetcallbackwheres
+    put.argtypes = [C.c_void_p, C.c_int]
+    cm = C.c_void_p(m._cmodel)
+    assert put(cm, 1 << 5) == 0 and put(cm, 0) == 0
+    for bad in (-1, 1 << 10):
+        assert put(cm, bad) == KVR.ERROR_INVALID_ARGUMENT
+        assert "not a set of where codes" in clib.lib.KVRgetmerrormsg(cm).decode()

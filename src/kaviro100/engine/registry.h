@@ -39,9 +39,11 @@ struct EngineChoice {
 // else HiGHS when it can do the job and SCIP when the model or the callback needs what only SCIP
 // gives: nonconvex quadratics under NonConvex 2, quadratic constraints with integer variables, or
 // a MIP callback with LazyConstraints 1 or PreCrush 1 (lazy rows and user cuts during the
-// search). Fails with INVALID_ARGUMENT for an unknown name and NOT_SUPPORTED when the named
+// search) or that acts at MIPNODE (callback_wheres, bits 1 << where, as declared with the
+// callback). Fails with INVALID_ARGUMENT for an unknown name and NOT_SUPPORTED when the named
 // engine cannot be loaded.
-EngineChoice choose_engine(const ModelData &m, const ParamValues &params, bool has_callback);
+EngineChoice choose_engine(const ModelData &m, const ParamValues &params, bool has_callback,
+                           int callback_wheres = 0);
 
 // The log line naming the parameters set away from their defaults that the chosen engine does not
 // apply ("" when there are none).

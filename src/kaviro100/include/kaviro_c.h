@@ -525,6 +525,10 @@ KVR_API int KVRcomputeIIS(KVRmodel *model);
 typedef int (*KVRcallback)(KVRmodel *model, void *cbdata, int where, void *usrdata);
 KVR_API int KVRsetcallbackfunc(KVRmodel *model, KVRcallback cb, void *usrdata);
 KVR_API int KVRgetcallbackfunc(KVRmodel *model, KVRcallback *cbP);
+/* Declares where the model's callback acts, as bits 1 << where (0, the default after every
+   KVRsetcallbackfunc, declares nothing). The automatic engine choice reads it: a MIP whose
+   callback acts at MIPNODE is solved by SCIP, the engine that calls it there. */
+KVR_API int KVRsetcallbackwheres(KVRmodel *model, int wheremask);
 /* Type (1 int, 2 double, 3 string) and size (number of values) of a "what". */
 KVR_API int KVRgetcbwhatinfo(void *cbdata, int what, int *typeP, int *sizeP);
 KVR_API int KVRcbget(void *cbdata, int where, int what, void *resultP);
