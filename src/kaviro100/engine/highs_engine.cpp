@@ -428,7 +428,10 @@ void HighsEngine::set_options(HighsInstance &hi, const ParamValues &p, SolveCont
   if (mip) {
     hi.set_dbl("mip_rel_gap", p.get_dbl(ParamId::MIPGap));
     hi.set_dbl("mip_abs_gap", p.get_dbl(ParamId::MIPGapAbs));
-    hi.set_dbl("mip_feasibility_tolerance", p.get_dbl(ParamId::IntFeasTol));
+    // One tolerance covers both integrality and the rows of a MIP: the stricter of the two
+    // settings keeps both promises.
+    hi.set_dbl("mip_feasibility_tolerance",
+               std::min(p.get_dbl(ParamId::IntFeasTol), p.get_dbl(ParamId::FeasibilityTol)));
     double nl = p.get_dbl(ParamId::NodeLimit);
     if (nl < KVR_INFINITY) hi.set_int("mip_max_nodes", static_cast<long long>(nl));
     int sl = p.get_int(ParamId::SolutionLimit);

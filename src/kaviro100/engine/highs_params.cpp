@@ -20,6 +20,9 @@ const EngineParams &highs_params() {
         "automatic engine choice takes SCIP."},
        {ParamId::NodefileStart, "keeps its whole search tree in memory and writes no node files."},
        {ParamId::NodefileDir, "keeps its whole search tree in memory and writes no node files."},
+       {ParamId::IntFeasTol,
+        "has one tolerance for the integrality and the rows of a MIP, and is given the smaller of "
+        "IntFeasTol and FeasibilityTol."},
        {ParamId::QCPDual,
         "gives the multipliers of quadratic constraints from the duals of their outer "
         "approximation's cuts, for continuous models."}}};
