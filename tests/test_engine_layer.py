@@ -220,3 +220,27 @@ def test_callback_places_through_the_c_interface(m):
     for bad in (-1, 1 << 10):
         assert put(cm, bad) == KVR.ERROR_INVALID_ARGUMENT
         assert "not a set of where codes" in clib.lib.KVRgetmerrormsg(cm).decode()
+
+
+def test_kept_basis_survives_deleting_a_slack_row_only(m):
+    # A large LP re-solved after deletions starts from its basis (simplex, no barrier run) when
+    # the engine keeps the basis through them: deleting a basic row keeps it, deleting a basic
+    # column does not (the automatic method then takes barrier for an LP this size).
+    import random
+
+    rng = random.Random(3)
+    n, rows = 60, 200
+    x = [m.addVar(ub=10, obj=-rng.uniform(1, 2)) for _ in range(n)]
+    cons = [m.addConstr(kp.quicksum(rng.uniform(0.1, 1) * v for v in x) <= rng.uniform(50, 100))
+            for _ in range(rows)]
+    slack = m.addConstr(kp.quicksum(x) <= 1e6)
+    m.optimize()
+    assert m.Status == KVR.OPTIMAL and m.NumNZs >= 10000
+    m.remove(slack)
+    m.optimize()
+    assert m.Status == KVR.OPTIMAL and m.BarIterCount == 0 and m.IterCount <= 1
+    basic = next(v for v in x if v.VBasis == KVR.BASIC)
+    m.remove(basic)
+    m.optimize()
+    assert m.Status == KVR.OPTIMAL and m.BarIterCount > 0
+    assert len(cons) == rows
