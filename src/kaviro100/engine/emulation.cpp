@@ -89,7 +89,7 @@ class OuterApproximation final : public EmulationStep {
       oa_.initial_cuts(kInitialCircleCuts, limit, ctx.lazy);
       EngineResult relaxed = solve_continuous(e, e.params, nullptr);
       if (relaxed.status == KVR_INFEASIBLE) return relaxed;
-      e.extra_iters_ += relaxed.itercount;
+      e.extra_iters += relaxed.itercount;
     } else {
       // Tangents at the point of the bounds nearest the origin: without them each epigraph
       // variable is unbounded below, and the rounds would block one ray at a time.
@@ -296,7 +296,7 @@ class OuterApproximation final : public EmulationStep {
       if (tl < KVR_INFINITY)
         sub_params.set_dbl(ParamId::TimeLimit, std::max(0.0, tl - ctx.elapsed()));
       EngineResult fixed = solve_continuous(e, sub_params, x.data());
-      e.extra_iters_ += fixed.itercount;
+      e.extra_iters += fixed.itercount;
       if (fixed.status != KVR_OPTIMAL || fixed.x.empty() ||
           oa_.max_violation(fixed.x.data()) > ftol_ || violates_lazy(ctx, 0, fixed.x.data()))
         continue;

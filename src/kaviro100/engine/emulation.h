@@ -79,22 +79,22 @@ class Emulation {
   // method that re-solves warm and gives rays).
   bool rounds_of_rows() const;
   // Iterations spent outside the engine's runs (relaxation and repair solves).
-  double extra_iterations() const { return extra_iters_; }
+  double extra_iterations() const { return extra_iters; }
   // Screens an incumbent of objective obj (best: the best accepted so far, NaN when none).
   IncumbentVerdict screen(const double *x, double obj, double best);
   // After a run: true when the engine must run again (rows were added, a start may be set).
   bool after_run(EngineRun &run);
   // Maps the final result: status, kept solutions, messages. has_x says whether r may show the
-  // engine's last point; pstat_feasible whether the engine called that point feasible.
+  // engine's last point; engine_point_feasible whether the engine called that point feasible.
   void finish(EngineRun &run, EngineResult &r, bool &has_x, bool engine_point_feasible);
 
   // Shared by the steps.
   const ModelData &model;
   const ParamValues &params;
   SolveContext &ctx;
-  Engine *engine = nullptr;
-  double extra_iters_ = 0;
-  bool timed_out = false;  // a round or restart found no time left
+  Engine *engine = nullptr;  // the engine of the solve (set by prepare), for side solves
+  double extra_iters = 0;    // iterations of the side solves
+  bool timed_out = false;    // a round or restart found no time left
 
  private:
   std::vector<std::unique_ptr<EmulationStep>> steps_;
