@@ -3,6 +3,9 @@
 // of concurrent and multi-objective passes.
 #include "model_optimize.h"
 
+#include <string>
+#include <vector>
+
 #include "callback.h"
 #include "containers.h"
 #include "expr.h"
@@ -31,6 +34,25 @@ CallbackState &state_of(nb::handle self) {
   return callback_state(cb);
 }
 
+// Where the callback acts, as far as its code shows (bits 1 << where): MIPNODE when it names
+// MIPNODE (to compare where with it), itself or in a function defined inside it. The engine
+// choice reads it; what the code does not show (a helper defined elsewhere) goes unseen.
+int callback_wheres(nb::handle fn) {
+  int mask = 0;
+  std::vector<nb::object> codes{fn.attr("__code__")};
+  while (!codes.empty()) {
+    nb::object code = std::move(codes.back());
+    codes.pop_back();
+    for (nb::handle name : code.attr("co_names")) {
+      std::string n = nb::cast<std::string>(name);
+      if (n == "MIPNODE") mask |= 1 << KVR_CB_MIPNODE;
+    }
+    for (nb::handle c : code.attr("co_consts"))
+      if (PyCode_Check(c.ptr())) codes.push_back(nb::borrow(c));
+  }
+  return mask;
+}
+
 // The sequence optimize and computeIIS share: update, install the callback, run the library call
 // with the interpreter lock released, unregister the callback, raise on failure.
 void run_solver(nb::handle self, nb::handle callback, int (*call)(KVRmodel *)) {
@@ -47,6 +69,7 @@ void run_solver(nb::handle self, nb::handle callback, int (*call)(KVRmodel *)) {
   if (with_callback) {
     map[key] = self;
     int code = KVRsetcallbackfunc(cm, callback_function(), nullptr);
+    if (!code) code = KVRsetcallbackwheres(cm, callback_wheres(callback));
     if (code) {
       PyDict_DelItem(map.ptr(), key.ptr());
       self.attr("_callback") = nb::none();

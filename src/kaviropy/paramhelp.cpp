@@ -80,6 +80,18 @@ std::string param_help_text(nb::handle env, const std::string &name) {
         "Note: the engine in use does not act on this setting. The value is accepted, "
         "checked against its range and stored, but it has no effect on solves.",
         72, "    ");
+  // The engines' own limits, as the library states them.
+  const char *notes = nullptr;
+  if (KVRgetparamenginenotes(nb::cast<Env &>(env).cenv, shown.c_str(), &notes) == 0 && notes &&
+      *notes) {
+    std::string all(notes);
+    for (size_t pos = 0; pos < all.size();) {
+      size_t end = all.find('\n', pos);
+      if (end == std::string::npos) end = all.size();
+      s += wrap("Note for engine " + all.substr(pos, end - pos), 72, "    ");
+      pos = end + 1;
+    }
+  }
   return s;
 }
 

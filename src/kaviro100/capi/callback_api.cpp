@@ -197,6 +197,16 @@ int KVRsetcallbackfunc(KVRmodel *model, KVRcallback cb, void *usrdata) {
   return kvr::run_on_model(model, [&] {
     model->callback = cb;
     model->cbusrdata = cb ? usrdata : nullptr;
+    model->callback_wheres = 0;
+  });
+}
+
+int KVRsetcallbackwheres(KVRmodel *model, int wheremask) {
+  return kvr::run_on_model(model, [&] {
+    if (wheremask < 0 || wheremask >= (1 << (KVR_CB_IIS + 1)))
+      fail(KVR_ERROR_INVALID_ARGUMENT, "Callback places %d: not a set of where codes 0 to %d",
+           wheremask, KVR_CB_IIS);
+    model->callback_wheres = wheremask;
   });
 }
 

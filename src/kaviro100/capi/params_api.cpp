@@ -64,6 +64,17 @@ int KVRgetparamflags(KVRenv *env, const char *paramname, int *flagsP) {
   });
 }
 
+int KVRgetparamenginenotes(KVRenv *env, const char *paramname, const char **notesP) {
+  return with_env(env, [&] {
+    ParamId id = lookup(paramname);
+    if (!notesP)
+      kvr::fail(KVR_ERROR_NULL_ARGUMENT, "No place given for the notes of %s", paramname);
+    thread_local std::string notes;
+    notes = kvr::param_engine_notes(id);
+    *notesP = notes.c_str();
+  });
+}
+
 int KVRgetintparam(KVRenv *env, const char *paramname, int *valueP) {
   return with_env(env, [&] {
     ParamId id = lookup_typed(paramname, ParamType::Int);

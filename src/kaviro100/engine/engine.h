@@ -183,6 +183,8 @@ struct SolveContext {
   void logf(const char *fmt, ...) const __attribute__((format(printf, 2, 3)));
 };
 
+// An engine whose capabilities lack lazy rows during the search or quadratic constraints runs
+// the steps of engine/emulation.h around its runs (HiGHS does; SCIP needs none).
 class Engine {
  public:
   virtual ~Engine() = default;

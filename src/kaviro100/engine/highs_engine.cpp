@@ -1,13 +1,8 @@
 // The HiGHS engine, driven through its C interface: passes the model, maps the library's
 // parameters onto engine options, routes the engine's events (log lines, simplex, interior point
 // and MIP progress, new incumbents, solution queries) to the SolveContext, and reads the results.
-//
-// Lazy constraints: the engine has none of its own. An incumbent that violates a lazy constraint
-// added by the callback stops the run; the new rows join the engine's model and the run starts
-// again from the best incumbent that satisfies all of them, so the final solution satisfies every
-// lazy constraint and the bound stays valid (rows that are not yet in the model only weaken it).
-// Quadratic constraints use the same path: their outer-approximation cuts reject incumbents like
-// lazy constraints; a continuous model is re-solved warm after each round of cuts.
+// What the engine lacks (lazy rows during the search, quadratic constraints) is made up for by
+// the steps of engine/emulation.h, which it runs the model for again as long as they ask.
 #include <algorithm>
 #include <atomic>
 #include <cmath>
@@ -15,15 +10,14 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
-#include <set>
 #include <thread>
 
+#include "engine/emulation.h"
 #include "engine/engine.h"
+#include "engine/highs_api.h"
 #include "engine/highs_instance.h"
-#include "engine/outer_approx.h"
 #include "engine/registry.h"
 #include "engine/solve.h"
-#include "interfaces/highs_c_api.h"
 #include "util/error.h"
 #include "util/strings.h"
 
@@ -51,41 +45,12 @@ struct RunState {
   std::vector<std::vector<double>> *found = nullptr;
   // Set while a concurrent LP solve runs: raised by whichever method finishes first.
   std::atomic<bool> *race_over = nullptr;
-  const OuterApprox *oa = nullptr;  // the quadratic constraints, when the model has any
-  // Incumbents rejected for violating a quadratic constraint in the current run.
-  std::vector<std::vector<double>> rejected;
+  Emulation *emulation = nullptr;  // screens incumbents, when the solve has steps
 };
-
-// An improving direction of an LP without rows, which the engine solves without giving a ray:
-// each variable moves against its cost towards an infinite bound. False when there are rows.
-bool rowless_ray(const ModelData &m, size_t added_rows, std::vector<double> &ray) {
-  if (m.num_constrs() > 0 || added_rows > 0) return false;
-  const double dir = m.sense == KVR_MAXIMIZE ? 1.0 : -1.0;
-  bool any = false;
-  for (int j = 0; j < m.num_vars(); ++j) {
-    double d = dir * m.vars.obj[j];
-    bool open = d > 0 ? m.vars.ub[j] >= KVR_INFINITY : m.vars.lb[j] <= -KVR_INFINITY;
-    ray[j] = d != 0.0 && open ? d : 0.0;
-    any = any || ray[j] != 0.0;
-  }
-  return any;
-}
-
-// Rounds of outer-approximation cuts before a solve gives up.
-constexpr int kMaxCutRounds = 1000;
-// Planes around the circle for each two-dimensional cone before a MIP search starts.
-constexpr int kInitialCircleCuts = 8;
 
 bool better(int sense, double a, double b) {  // a strictly better than b
   if (std::isnan(b)) return !std::isnan(a);
   return sense == KVR_MINIMIZE ? a < b : a > b;
-}
-
-bool violates_lazy(const SolveContext &ctx, size_t from, const double *x) {
-  double tol = ctx.params->get_dbl(ParamId::FeasibilityTol);
-  for (size_t k = from; k < ctx.lazy.size(); ++k)
-    if (ctx.lazy[k].violation(x) > tol) return true;
-  return false;
 }
 
 // "Presolve reductions: rows 673(-148); columns 1439(-132); ..." -> deleted rows and columns.
@@ -178,23 +143,12 @@ void engine_event(int type, const char *msg, const HighsCallbackDataOut *out,
       case kHighsCallbackMipSolution: {
         if (!out->mip_solution || out->mip_solution_size < st.ncols) break;
         const double *x = out->mip_solution;
-        // An incumbent that violates a lazy constraint the engine does not know yet is rejected.
+        // An incumbent that violates a row the engine does not have yet is rejected.
         double obj = st.model->objective_value(x);
-        const bool lazy_violated = violates_lazy(ctx, ctx.lazy_in_engine, x);
-        if (!lazy_violated && st.oa &&
-            st.oa->separate(x, ctx.params->get_dbl(ParamId::FeasibilityTol), ctx.lazy) > 0) {
-          st.rejected.emplace_back(x, x + st.ncols);
-          // A solution no better than the engine's incumbent does not move its cutoff, so the
-          // search goes on; its cuts and its repair wait for the next restart.
-          const double slack = 1e-9 * (1.0 + std::fabs(st.best_obj));
-          if (!std::isnan(st.best_obj) &&
-              !better(ctx.sense, obj, st.best_obj + (ctx.sense == KVR_MINIMIZE ? slack : -slack)))
-            break;
-          ctx.lazy_violated = true;
-          ctx.stop = StopReason::Restart;
-          break;
-        }
-        if (lazy_violated) {
+        const IncumbentVerdict verdict =
+            st.emulation ? st.emulation->screen(x, obj, st.best_obj) : IncumbentVerdict::Accept;
+        if (verdict == IncumbentVerdict::Ignore) break;
+        if (verdict == IncumbentVerdict::Restart) {
           ctx.lazy_violated = true;
           ctx.stop = StopReason::Restart;
           break;
@@ -386,45 +340,7 @@ class HighsEngine final : public Engine {
   // model already (kept from an earlier solve). hi ends as the instance whose result counts.
   EngineResult solve_on(const EngineProblem &problem, const ParamValues &params, SolveContext &ctx,
                         std::shared_ptr<HighsInstance> &hi, bool loaded);
-  EngineResult solve_continuous(const ModelData &m, const ParamValues &params, SolveContext &ctx,
-                                const double *fix_at);
 };
-
-// The continuous model of a MIP with quadratic constraints: its relaxation, or, given fix_at, the
-// model with every integer variable fixed at its value there. The rows in ctx.lazy hold in it as
-// well, and the cuts its outer approximation adds on the way are appended to them: they support
-// the constraints at points of the whole model, so they are valid for the MIP too.
-EngineResult HighsEngine::solve_continuous(const ModelData &m, const ParamValues &params,
-                                           SolveContext &ctx, const double *fix_at) {
-  ModelData relaxed = m;
-  for (int j = 0; j < m.num_vars(); ++j) {
-    if (m.vars.vtype[j] == KVR_CONTINUOUS) continue;
-    if (fix_at) {
-      relaxed.set_bounds(j, std::round(fix_at[j]), std::round(fix_at[j]));
-    } else {
-      relaxed.binary_to_integer(j);  // keeps the bounds 0 and 1 as the type goes
-    }
-    relaxed.set_vtype(j, KVR_CONTINUOUS);
-  }
-  SolveContext sub = ctx.side(params, relaxed);
-  sub.lazy = std::move(ctx.lazy);
-  EngineProblem problem;
-  problem.model = &relaxed;
-  problem.user_vars = ctx.user_vars;
-  EngineResult r = solve(problem, params, sub);
-  ctx.absorb_memory(sub);
-  ctx.lazy = std::move(sub.lazy);
-  if (fix_at) return r;
-  ctx.logf(
-      "Continuous relaxation: %s, %zu cuts to start the search from\n",
-      r.status == KVR_OPTIMAL ? format("bound %.10e", r.objval).c_str() : status_text(r.status),
-      ctx.lazy.size());
-  if (r.status == KVR_INFEASIBLE) {
-    r.objbound = ctx.sense == KVR_MINIMIZE ? KVR_INFINITY : -KVR_INFINITY;
-    r.x.clear();
-  }
-  return r;
-}
 
 void HighsEngine::pass_model(HighsInstance &hi, const ModelData &m, bool mip) {
   const int n = m.num_vars(), rows = m.num_constrs();
@@ -512,7 +428,10 @@ void HighsEngine::set_options(HighsInstance &hi, const ParamValues &p, SolveCont
   if (mip) {
     hi.set_dbl("mip_rel_gap", p.get_dbl(ParamId::MIPGap));
     hi.set_dbl("mip_abs_gap", p.get_dbl(ParamId::MIPGapAbs));
-    hi.set_dbl("mip_feasibility_tolerance", p.get_dbl(ParamId::IntFeasTol));
+    // One tolerance covers both integrality and the rows of a MIP: the stricter of the two
+    // settings keeps both promises.
+    hi.set_dbl("mip_feasibility_tolerance",
+               std::min(p.get_dbl(ParamId::IntFeasTol), p.get_dbl(ParamId::FeasibilityTol)));
     double nl = p.get_dbl(ParamId::NodeLimit);
     if (nl < KVR_INFINITY) hi.set_int("mip_max_nodes", static_cast<long long>(nl));
     int sl = p.get_int(ParamId::SolutionLimit);
@@ -655,6 +574,75 @@ HighsInt run_race(std::shared_ptr<HighsInstance> &simplex, std::shared_ptr<Highs
   return status;
 }
 
+// The engine's instance as the emulation steps see it between runs.
+class HighsRun final : public EngineRun {
+ public:
+  HighsRun(std::shared_ptr<HighsInstance> &hi, const ParamValues &params, SolveContext &ctx, int n,
+           bool &undecided_resolved, const std::function<void()> &add_rows)
+      : hi_(hi),
+        params_(params),
+        ctx_(ctx),
+        n_(n),
+        undecided_resolved_(undecided_resolved),
+        add_rows_(add_rows) {}
+
+  int outcome() const override {
+    switch (Highs_getModelStatus(hi_->get())) {
+      case kHighsModelStatusOptimal:
+        return KVR_OPTIMAL;
+      case kHighsModelStatusUnbounded:
+        return KVR_UNBOUNDED;
+      case kHighsModelStatusUnboundedOrInfeasible:
+        return KVR_INF_OR_UNBD;
+      default:
+        return KVR_LOADED;  // anything else: no round of rows helps
+    }
+  }
+  bool point(std::vector<double> &x) const override {
+    HighsInt pstat = 0;
+    Highs_getIntInfoValue(hi_->get(), "primal_solution_status", &pstat);
+    if (pstat != kHighsSolutionStatusFeasible) return false;
+    x.resize(n_);
+    Highs_getSolution(hi_->get(), x.data(), nullptr, nullptr, nullptr);
+    return true;
+  }
+  bool ray(std::vector<double> &d) const override {
+    HighsInt has_ray = 0;
+    d.resize(n_);
+    return Highs_getPrimalRay(hi_->get(), &has_ray, d.data()) == kHighsStatusOk && has_ray;
+  }
+  double objective() const override { return Highs_getObjectiveValue(hi_->get()); }
+  bool retry_without_presolve() override {
+    if (undecided_resolved_) return false;
+    undecided_resolved_ = true;
+    hi_->set_str("presolve", "off");
+    return true;
+  }
+  void add_rows() override { add_rows_(); }
+  void set_start(const std::vector<double> &x) override {
+    if (Highs_setSolution(hi_->get(), x.data(), nullptr, nullptr, nullptr) == kHighsStatusError)
+      ctx_.log("The best solution so far was not accepted as a start\n");
+  }
+  // The time limit counts from the start of optimize.
+  bool limit_to_time_left() override {
+    double tl = params_.get_dbl(ParamId::TimeLimit);
+    if (tl >= KVR_INFINITY) return true;
+    double left = tl - ctx_.elapsed();
+    if (left <= 0) return false;
+    hi_->set_dbl("time_limit", left);
+    return true;
+  }
+  void quiet() override { hi_->set_bool("output_flag", false); }
+
+ private:
+  std::shared_ptr<HighsInstance> &hi_;
+  const ParamValues &params_;
+  SolveContext &ctx_;
+  const int n_;
+  bool &undecided_resolved_;
+  const std::function<void()> &add_rows_;
+};
+
 EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues &params,
                                 SolveContext &ctx) {
   std::shared_ptr<HighsInstance> hi;
@@ -673,29 +661,11 @@ EngineResult HighsEngine::solve_on(const EngineProblem &problem, const ParamValu
          "Quadratic objectives with integer variables (MIQP) are not supported by the engine in "
          "use; relax the integrality or linearize the objective");
 
-  // A model with integers and quadratic constraints starts from the cuts that approximate its
-  // continuous relaxation: they bound the search from the first node (an epigraph variable
-  // would otherwise leave it unbounded), and an infeasible relaxation settles the model.
-  std::unique_ptr<OuterApprox> oa;
-  if (m.qconstrs.size() > 0) oa = std::make_unique<OuterApprox>(m, params);
-  double relaxation_iters = 0;
-  if (mip && oa && ctx.lazy.empty()) {
-    // Fixed planes around each cone give the first search a close polyhedral approximation
-    // whatever its incumbents are; their number is bounded by the size of the model.
-    const size_t limit = 4 * static_cast<size_t>(m.num_vars() + m.num_constrs()) + 1000;
-    oa->initial_cuts(kInitialCircleCuts, limit, ctx.lazy);
-    EngineResult relaxed = solve_continuous(m, params, ctx, nullptr);
-    if (relaxed.status == KVR_INFEASIBLE) return relaxed;
-    relaxation_iters = relaxed.itercount;
-  }
-
-  if (!mip && oa && ctx.lazy.empty()) {
-    // Tangents at the point of the bounds nearest the origin: without them each epigraph
-    // variable is unbounded below, and the rounds would block one ray at a time.
-    std::vector<double> x0(static_cast<size_t>(m.num_vars()));
-    for (int j = 0; j < m.num_vars(); ++j) x0[j] = std::clamp(0.0, m.vars.lb[j], m.vars.ub[j]);
-    oa->tangents_at(x0.data(), ctx.lazy);
-  }
+  // The steps that make up for what the engine lacks; they may settle the model up front.
+  Emulation emulation(m, params, capabilities(), ctx);
+  const bool rounds = emulation.rounds_of_rows();
+  if (!emulation.empty())
+    if (auto settled = emulation.prepare(*this)) return std::move(*settled);
 
   // Threads 0 leaves the count to the engine (it uses part of the machine's threads).
   SchedulerUse sched(params.get_int(ParamId::Threads), ctx);
@@ -709,6 +679,7 @@ EngineResult HighsEngine::solve_on(const EngineProblem &problem, const ParamValu
   st.ncols = n;
   st.threads = sched.threads_used;
   st.found = &found;
+  if (!emulation.empty()) st.emulation = &emulation;
   Highs_setCallback(hi->get(), engine_event, &st);
   Highs_startCallback(hi->get(), kHighsCallbackLogging);
   Highs_startCallback(hi->get(), kHighsCallbackSimplexInterrupt);
@@ -729,13 +700,9 @@ EngineResult HighsEngine::solve_on(const EngineProblem &problem, const ParamValu
   const bool basis_at_hand = loaded && warm && !mip && hi->has_basis();
   // With a basis at hand the automatic choice is the simplex method, which starts from it.
   if (basis_at_hand && params.get_int(ParamId::Method) == -1) hi->set_str("solver", "simplex");
-  if (oa) {
-    st.oa = oa.get();
-    // Rounds of cuts re-solve from the last basis; an unbounded round needs the simplex ray.
-    if (!mip) hi->set_str("solver", "simplex");
-    // Cuts are met more tightly than the constraints they approximate, so that a point the
-    // engine calls feasible is within FeasibilityTol of the quadratic constraints.
-    const double cut_tol = std::max(0.1 * params.get_dbl(ParamId::FeasibilityTol), 1e-10);
+  // Rounds of rows re-solve from the last basis; an unbounded round needs the simplex ray.
+  if (emulation.rounds_of_rows()) hi->set_str("solver", "simplex");
+  if (const double cut_tol = emulation.row_tolerance(); cut_tol > 0) {
     hi->set_dbl("primal_feasibility_tolerance", cut_tol);
     // The MIP solver accepts incumbents within its own tolerance; a looser one would hand back,
     // round after round, an incumbent that the cuts already exclude.
@@ -750,7 +717,7 @@ EngineResult HighsEngine::solve_on(const EngineProblem &problem, const ParamValu
       qp && !mip ? std::max<long long>(10000, 10LL * (n + m.num_constrs())) : 0;
   if (qp_cap > 0) hi->set_int("qp_iteration_limit", qp_cap);
   // Rows added in earlier solves of this optimize (lazy constraints, cuts) hold here as well.
-  auto add_new_rows = [&] {
+  const std::function<void()> add_new_rows = [&] {
     std::vector<double> lo, up, val;
     std::vector<HighsInt> start, idx;
     for (size_t k = ctx.lazy_in_engine; k < ctx.lazy.size(); ++k) {
@@ -771,12 +738,12 @@ EngineResult HighsEngine::solve_on(const EngineProblem &problem, const ParamValu
 
   std::shared_ptr<HighsInstance> race_with;
   std::atomic<bool> race_over{false};
-  if (!mip && !qp && !oa && !basis_at_hand && prefer_barrier(params, m, problem)) {
+  if (!mip && !qp && !rounds && !basis_at_hand && prefer_barrier(params, m, problem)) {
     hi->set_str("solver", "ipm");
     ctx.logf("Automatic method: barrier for an LP of %lld nonzeros\n",
              static_cast<long long>(m.constrs.rows.nnz()));
   }
-  if (!mip && !qp && !oa && !basis_at_hand && use_race(params, sched.threads_used)) {
+  if (!mip && !qp && !rounds && !basis_at_hand && use_race(params, sched.threads_used)) {
     race_with = std::make_shared<HighsInstance>();
     set_options(*race_with, params, ctx, mip, qp, sched.threads_used);
     race_with->set_bool("output_flag", false);
@@ -833,61 +800,11 @@ EngineResult HighsEngine::solve_on(const EngineProblem &problem, const ParamValu
   }
 
   EngineResult r;
-  r.itercount = relaxation_iters;
   HighsInt run_status = kHighsStatusOk;
-  int restarts = 0;
   bool undecided_resolved = false, retried_unknown = false;
-  // Outer approximation: rounds of cuts, and how the last round ended.
-  const double ftol = params.get_dbl(ParamId::FeasibilityTol);
-  int cut_rounds = 0;
-  size_t cuts_total = 0;
-  bool rounds_exhausted = false, unbounded_unproven = false, timed_out = false;
-  double last_violation = 0.0;
-  std::vector<double> last_x;
-  auto engine_x = [&] {
-    std::vector<double> x(n, 0.0);
-    HighsInt pstat = 0;
-    Highs_getIntInfoValue(hi->get(), "primal_solution_status", &pstat);
-    if (pstat == kHighsSolutionStatusFeasible)
-      Highs_getSolution(hi->get(), x.data(), nullptr, nullptr, nullptr);
-    return std::make_pair(pstat == kHighsSolutionStatusFeasible, x);
-  };
-  // Before another run of a restarted solve: the time limit counts from the start of optimize.
-  auto time_left = [&] {
-    double tl = params.get_dbl(ParamId::TimeLimit);
-    if (tl >= KVR_INFINITY) return true;
-    double left = tl - ctx.elapsed();
-    if (left <= 0) return false;
-    hi->set_dbl("time_limit", left);
-    return true;
-  };
-  // An incumbent rejected for its quadratic constraints keeps its integer values: the continuous
-  // model they leave is solved by its own approximation, which gives a solution of the model
-  // when those values allow one, and cuts at the points where the search is heading.
-  std::set<std::vector<double>> repaired;
-  auto repair_rejected = [&] {
-    std::vector<double> key;
-    for (const std::vector<double> &x : st.rejected) {
-      key.clear();
-      for (int j = 0; j < n; ++j)
-        if (m.vars.vtype[j] != KVR_CONTINUOUS) key.push_back(std::round(x[j]));
-      if (!repaired.insert(key).second) continue;
-      ParamValues sub_params = params;
-      const double tl = params.get_dbl(ParamId::TimeLimit);
-      if (tl < KVR_INFINITY)
-        sub_params.set_dbl(ParamId::TimeLimit, std::max(0.0, tl - ctx.elapsed()));
-      EngineResult fixed = solve_continuous(m, sub_params, ctx, x.data());
-      r.itercount += fixed.itercount;
-      if (fixed.status != KVR_OPTIMAL || fixed.x.empty() ||
-          oa->max_violation(fixed.x.data()) > ftol || violates_lazy(ctx, 0, fixed.x.data()))
-        continue;
-      const double obj = m.objective_value(fixed.x.data());
-      if (better(ctx.sense, obj, st.best_obj))
-        ctx.logf("Repaired a rejected incumbent: objective %.10e\n", obj);
-      found.push_back(std::move(fixed.x));
-    }
-    st.rejected.clear();
-  };
+  HighsRun run(hi, params, ctx, n, undecided_resolved, add_new_rows);
+  run.found = &found;
+  run.best_obj = &st.best_obj;
   for (;;) {
     ctx.stop = StopReason::None;
     ctx.lazy_violated = false;
@@ -933,124 +850,9 @@ EngineResult HighsEngine::solve_on(const EngineProblem &problem, const ParamValu
                ipm > 0 ? "the simplex method" : "the interior point method");
       continue;
     }
-    if (!mip) {
-      if (!oa || ctx.stop != StopReason::None) break;
-      // A round of cuts at the LP optimum, or along the ray of an unbounded LP.
-      const HighsInt status = Highs_getModelStatus(hi->get());
-      const size_t before = ctx.lazy.size();
-      auto [has_x, x] = engine_x();
-      if (status == kHighsModelStatusOptimal) {
-        last_violation = oa->max_violation(x.data());
-        // The same point twice: the engine takes the new cuts as met, no progress is possible.
-        if (x == last_x) break;
-        last_x = x;
-        if (last_violation > ftol) oa->separate(x.data(), ftol, ctx.lazy);
-      } else if (status == kHighsModelStatusUnboundedOrInfeasible && !undecided_resolved) {
-        undecided_resolved = true;
-        hi->set_str("presolve", "off");
-        continue;
-      } else if (status == kHighsModelStatusUnbounded) {
-        HighsInt has_ray = 0;
-        std::vector<double> ray(n);
-        if (Highs_getPrimalRay(hi->get(), &has_ray, ray.data()) != kHighsStatusOk || !has_ray)
-          has_ray = rowless_ray(m, ctx.lazy_in_engine, ray);
-        if (!has_ray) {
-          if (!undecided_resolved) {  // the presolved model gave no ray: solve it as it is
-            undecided_resolved = true;
-            hi->set_str("presolve", "off");
-            continue;
-          }
-          unbounded_unproven = true;
-          break;
-        }
-        if (!has_x && m.num_constrs() == 0 && ctx.lazy_in_engine == 0) {
-          // Without rows, the point nearest the origin within the bounds is feasible.
-          for (int j = 0; j < n; ++j) x[j] = std::clamp(0.0, m.vars.lb[j], m.vars.ub[j]);
-          has_x = true;
-        }
-        last_violation = oa->max_violation(x.data());
-        if (oa->block_ray(x.data(), ray.data(), n, ctx.lazy) < 0) {
-          // Every quadratic constraint recedes along the ray: unbounded once a point of the
-          // model is known, which the next rounds look for.
-          if (last_violation <= ftol && has_x) break;
-          if (oa->separate(x.data(), ftol, ctx.lazy) == 0) {
-            unbounded_unproven = true;
-            break;
-          }
-        }
-      }
-      const size_t added = ctx.lazy.size() - before;
-      if (added == 0) break;
-      cuts_total += added;
-      ++cut_rounds;
-      if (status == kHighsModelStatusOptimal)
-        ctx.logf("Cut round %3d: %4zu cuts, largest violation %.3e, objective %.10e\n", cut_rounds,
-                 added, last_violation, Highs_getObjectiveValue(hi->get()));
-      else
-        ctx.logf("Cut round %3d: %4zu cuts against a ray of the unbounded relaxation\n", cut_rounds,
-                 added);
-      if (cut_rounds >= kMaxCutRounds) {
-        rounds_exhausted = true;
-        ctx.lazy.resize(before);
-        break;
-      }
-      add_new_rows();
-      hi->set_bool("output_flag", false);  // the rounds log their own line
-      if (!time_left()) {
-        timed_out = true;
-        break;
-      }
-      continue;
-    }
-    // Lazy constraints and cuts: restart when an incumbent was rejected, or when the final
-    // solution violates a constraint that is not yet a row of the engine's model.
-    bool need_restart = ctx.stop == StopReason::Restart;
-    if (!need_restart && (ctx.lazy_in_engine < ctx.lazy.size() || oa) &&
-        ctx.stop == StopReason::None) {
-      auto [has_x, x] = engine_x();
-      if (has_x && violates_lazy(ctx, ctx.lazy_in_engine, x.data())) {
-        need_restart = true;
-      } else if (has_x && oa && oa->separate(x.data(), ftol, ctx.lazy) > 0) {
-        need_restart = true;
-        st.rejected.push_back(std::move(x));
-      }
-    }
-    if (!need_restart) break;
-    if (++restarts > 100000)
-      fail(KVR_ERROR_CALLBACK, "Lazy constraints: no progress after %d restarts", restarts - 1);
-    repair_rejected();
-    size_t cuts = 0;
-    for (size_t k = ctx.lazy_in_engine; k < ctx.lazy.size(); ++k) cuts += ctx.lazy[k].qconstr >= 0;
-    const size_t lazy_rows = ctx.lazy.size() - ctx.lazy_in_engine - cuts;
-    if (lazy_rows > 0) ctx.logf("Lazy constraints: %zu added; restarting the search\n", lazy_rows);
-    if (cuts > 0) {
-      cuts_total += cuts;
-      ctx.logf("Cut round %3d: %4zu cuts at a rejected incumbent; restarting the search\n",
-               ++cut_rounds, cuts);
-    }
-    add_new_rows();
-    if (cut_rounds >= kMaxCutRounds) {
-      rounds_exhausted = true;
-      break;
-    }
-    if (!time_left()) {
-      timed_out = true;
-      break;
-    }
-    // Keep only solutions that satisfy every lazy constraint; restart from the best of them.
-    std::erase_if(found,
-                  [&](const std::vector<double> &x) { return violates_lazy(ctx, 0, x.data()); });
-    st.best_obj = kNaN;
-    const std::vector<double> *best = nullptr;
-    for (const auto &x : found) {
-      double obj = m.objective_value(x.data());
-      if (better(ctx.sense, obj, st.best_obj)) st.best_obj = obj, best = &x;
-    }
-    ctx.solcount = static_cast<double>(found.size());
-    if (best &&
-        Highs_setSolution(hi->get(), best->data(), nullptr, nullptr, nullptr) == kHighsStatusError)
-      ctx.log("The best solution so far was not accepted as a start\n");
+    if (emulation.empty() || !emulation.after_run(run)) break;
   }
+  r.itercount += emulation.extra_iterations();
 
   // Results.
   HighsInt model_status = Highs_getModelStatus(hi->get());
@@ -1075,35 +877,7 @@ EngineResult HighsEngine::solve_on(const EngineProblem &problem, const ParamValu
     has_x = false;
   }
   r.status = ctx.status_after_stop(r.status);
-  if (oa) {
-    // The approximation decides only when its last point satisfies the quadratic constraints.
-    if (!mip && r.status == KVR_OPTIMAL) {
-      last_violation = oa->max_violation(engine_x().second.data());
-      if (last_violation > ftol) rounds_exhausted = true;
-    }
-    if (mip) {
-      std::erase_if(found, [&](const std::vector<double> &x) {
-        return oa->max_violation(x.data()) > ftol || violates_lazy(ctx, 0, x.data());
-      });
-      if (pstat == kHighsSolutionStatusFeasible && rounds_exhausted) has_x = false;
-    }
-    if (timed_out) {
-      r.status = KVR_TIME_LIMIT;
-    } else if (unbounded_unproven) {
-      r.status = KVR_INF_OR_UNBD;
-      ctx.log(
-          "The relaxation is unbounded, but no point satisfying the quadratic constraints "
-          "was found to prove the model unbounded\n");
-    } else if (rounds_exhausted) {
-      const bool have = mip ? !found.empty() : has_x;
-      r.status = have ? KVR_SUBOPTIMAL : KVR_NUMERIC;
-      ctx.logf("Outer approximation stopped after %d rounds with a violation of %.3e left%s\n",
-               cut_rounds, last_violation,
-               have ? "; the solution is the best found" : "; no solution");
-    }
-    if (cut_rounds > 0 || cuts_total > 0)
-      ctx.logf("Outer approximation: %d rounds, %zu cuts\n", cut_rounds, cuts_total);
-  }
+  if (!emulation.empty()) emulation.finish(run, r, has_x, pstat == kHighsSolutionStatusFeasible);
   if (mip && r.status == KVR_SOLUTION_LIMIT) {
     double nl = params.get_dbl(ParamId::NodeLimit);
     if (nl < KVR_INFINITY && st.base_nodes >= nl) r.status = KVR_NODE_LIMIT;
@@ -1160,7 +934,7 @@ EngineResult HighsEngine::solve_on(const EngineProblem &problem, const ParamValu
   } else if (r.status == KVR_OPTIMAL && !r.x.empty()) {
     r.objbound = r.objval;
   }
-  if (!mip && !qp && !oa) {
+  if (!mip && !qp && !rounds) {
     HighsInt valid = 0;
     Highs_getIntInfoValue(hi->get(), "basis_validity", &valid);
     if (valid == kHighsBasisValidityValid) {
@@ -1278,6 +1052,7 @@ EngineResult HighsEngine::solve_kept(const EngineProblem &problem, const ParamVa
   }
   state.reset();  // rebuilt below from the instance that ends the solve
   EngineResult r = solve_on(*use, params, ctx, hi, static_cast<bool>(hi));
+  if (hi) hi->note_basis();
   if (ctx.lazy_in_engine == 0 && hi) {
     // The run's event state is gone; the engine logs while its model is changed later on.
     Highs_setCallback(hi->get(), idle_event, nullptr);
@@ -1337,6 +1112,8 @@ bool HighsEngine::infeasible_subsystem(const ModelData &lp, const ParamValues &p
 
 std::unique_ptr<Engine> make_highs_engine() { return std::make_unique<HighsEngine>(); }
 
-std::string highs_version() { return Highs_version(); }
+std::string highs_version() {
+  return highs::unavailable_reason().empty() ? highs::api().version : std::string();
+}
 
 }  // namespace kvr

@@ -4,17 +4,9 @@
 #include <limits>
 #include <numeric>
 
-// The engine's C++ class is needed only to free an instance the way its C interface does minus
-// the scheduler shutdown that comes with it there.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wunused-variable"
-#pragma GCC diagnostic ignored "-Wunused-parameter"
-#include "Highs.h"
-#pragma GCC diagnostic pop
-
 namespace kvr {
 
-void release_highs(void *highs) { delete static_cast<Highs *>(highs); }
+void release_highs(void *highs) { highs_delete_instance(highs); }
 
 double HighsInstance::info_dbl(const char *name) const {
   double v = kNaN;
@@ -34,7 +26,25 @@ long long HighsInstance::info_int(const char *name) const {
   return Highs_getIntInfoValue(h_, name, &v) == kHighsStatusOk ? std::max<HighsInt>(v, 0) : 0;
 }
 
-bool HighsInstance::has_basis() const { return static_cast<const Highs *>(h_)->getBasis().valid; }
+void HighsInstance::note_basis() {
+  HighsInt valid = 0;
+  basis_valid_ = Highs_getIntInfoValue(h_, "basis_validity", &valid) == kHighsStatusOk &&
+                 valid == kHighsBasisValidityValid;
+}
+
+void HighsInstance::before_deletion(const std::vector<HighsInt> &delcols,
+                                    const std::vector<HighsInt> &delrows) {
+  if (!basis_valid_) return;
+  std::vector<HighsInt> cs(delcols.size()), rs(delrows.size());
+  if (Highs_getBasis(h_, cs.data(), rs.data()) != kHighsStatusOk) {
+    basis_valid_ = false;
+    return;
+  }
+  for (size_t j = 0; j < cs.size(); ++j)
+    if (delcols[j] && cs[j] == kHighsBasisStatusBasic) basis_valid_ = false;
+  for (size_t i = 0; i < rs.size(); ++i)
+    if (delrows[i] && rs[i] != kHighsBasisStatusBasic) basis_valid_ = false;
+}
 
 namespace {
 constexpr double kInf = std::numeric_limits<double>::infinity();
@@ -185,7 +195,6 @@ bool compare_listed(void *h, const HighsState &state, const ModelData &m, int nk
   auto rows = listed(state.changed_constrs, [&](int i) { return i < mkeep; });
   if (!compare_cols(h, m, std::vector<HighsInt>(cols.begin(), cols.end()), mip, d)) return false;
   if (!compare_sides(h, m, std::vector<HighsInt>(rows.begin(), rows.end()), d)) return false;
-  const Highs &engine = *static_cast<const Highs *>(h);
   const SparseMatrix &a = m.constrs.rows;
   for (auto [i, j] : listed(state.changed_coeffs, [&](std::pair<int, int> c) {
          return c.first < mkeep && c.second < nkeep;
@@ -193,7 +202,7 @@ bool compare_listed(void *h, const HighsState &state, const ModelData &m, int nk
     double want = 0.0, have = 0.0;
     for (int64_t k = a.beg[i]; k < a.beg[i + 1]; ++k)
       if (a.ind[k] == j) want = a.val[k];
-    if (engine.getCoeff(i, j, have) == HighsStatus::kError) return false;
+    if (Highs_getCoeff(h, i, j, &have) == kHighsStatusError) return false;
     if (want != have) d.coeffs.push_back({i, j, want});
   }
   return true;
@@ -226,6 +235,7 @@ bool update_instance(HighsState &state, const ModelData &m, InstanceUpdate &out)
     if (nkeep > n || mkeep > rows) return false;  // not the model the engine was given
     // Many new elements are handed over faster in one piece.
     if (n - nkeep + rows - mkeep > n0 + m0 + 100) return false;
+    state.instance->before_deletion(delcols, delrows);
     if (nkeep < n0 && Highs_deleteColsByMask(h, delcols.data()) != kHighsStatusOk) return false;
     if (mkeep < m0 && Highs_deleteRowsByMask(h, delrows.data()) != kHighsStatusOk) return false;
   }
@@ -345,7 +355,7 @@ SchedulerUse::~SchedulerUse() {
   // The outermost solve of the thread stops the scheduler's workers, so that no thread outlives
   // the solves and the next one may choose another size.
   if (--t_sched.depth == 0) {
-    Highs_resetGlobalScheduler(1);
+    highs_reset_scheduler();
     t_sched.threads = -1;
   }
 }

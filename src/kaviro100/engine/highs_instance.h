@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "engine/engine.h"
-#include "interfaces/highs_c_api.h"
+#include "engine/highs_api.h"
 #include "util/error.h"
 
 namespace kvr {
@@ -44,7 +44,12 @@ class HighsInstance {
   double info_dbl(const char *name) const;
   long long info_int(const char *name) const;
   // Whether the instance holds a basis for its model (kept through changes of the model).
-  bool has_basis() const;
+  bool has_basis() const { return basis_valid_; }
+  // Records whether the last run ended with a valid basis; call right after a run.
+  void note_basis();
+  // Before deleting the columns and rows marked in the masks: the engine keeps its basis only
+  // when no basic column and no nonbasic row goes.
+  void before_deletion(const std::vector<HighsInt> &delcols, const std::vector<HighsInt> &delrows);
 
  private:
   static void check(HighsInt status, const char *name) {
@@ -52,6 +57,7 @@ class HighsInstance {
       fail(KVR_ERROR_INTERNAL, "The engine rejected its option '%s'", name);
   }
   void *h_;
+  bool basis_valid_ = false;
 };
 
 // The engine's bounds of variable j of m (a binary within [0, 1]), its type, and the bounds of

@@ -625,7 +625,8 @@ void optimize(kvr_model *model) {
   update_model(model);
   check_remote_settings(&model->env);
   const ParamValues &params = model->env.params;
-  const EngineChoice choice = choose_engine(model->data, params, model->callback != nullptr);
+  const EngineChoice choice = choose_engine(model->data, params, model->callback != nullptr,
+                                            model->callback_wheres);
   const EngineCapabilities &caps = choice.entry->caps;
   // Spatial branch and bound takes quadratic equalities too.
   const bool global = caps.nonconvex && params.get_int(ParamId::NonConvex) == 2;

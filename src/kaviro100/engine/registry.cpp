@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "engine/highs_api.h"
 #include "engine/scip/scip_api.h"
 #include "reform/psd.h"
 #include "util/error.h"
@@ -62,20 +63,10 @@ std::string forced_engine() {
 
 const std::vector<EngineEntry> &engines() {
   static const std::vector<EngineEntry> list = {
-      {"HiGHS",
-       highs_caps(),
-       [] { return highs_version(); },
-       [] { return std::string(); },
-       [] { return make_highs_engine(); },
-       {}},
-      {"SCIP",
-       scip_caps(),
-       scip_version,
-       scip::unavailable_reason,
-       [] { return make_scip_engine(); },
-       {ParamId::Method, ParamId::IntFeasTol, ParamId::BarConvTol, ParamId::BarIterLimit,
-        ParamId::Crossover, ParamId::ScaleFlag, ParamId::Threads, ParamId::DisplayInterval,
-        ParamId::QCPDual}},
+      {"HiGHS", highs_caps(), [] { return highs_version(); }, highs::unavailable_reason,
+       [] { return make_highs_engine(); }, highs_params},
+      {"SCIP", scip_caps(), scip_version, scip::unavailable_reason,
+       [] { return make_scip_engine(); }, scip_params},
   };
   return list;
 }
@@ -92,6 +83,16 @@ EngineCapabilities Engine::capabilities() const {
   return e ? e->caps : EngineCapabilities();
 }
 
+const EngineEntry &engine_in_use() {
+  const EngineEntry *e = nullptr;
+  try {
+    e = find_engine(forced_engine());
+  } catch (const Error &) {
+    // A malformed KAVIRO_ENGINE_OPTIONS fails the solve that reads it, not this question.
+  }
+  return e ? *e : engines()[0];
+}
+
 std::vector<std::pair<std::string, std::string>> engine_options() {
   auto out = all_options();
   std::erase_if(out, [](const auto &item) { return item.first == "engine"; });
@@ -100,7 +101,7 @@ std::vector<std::pair<std::string, std::string>> engine_options() {
 
 std::string unapplied_settings(const EngineEntry &engine, const ParamValues &params) {
   std::string names;
-  for (ParamId id : engine.not_applied)
+  for (ParamId id : engine.params().not_applied)
     if (!params.is_default(id))
       names += std::string(names.empty() ? "" : ", ") + param_def(id).name;
   if (names.empty()) return "";
@@ -120,8 +121,16 @@ bool quadratics_convex(const ModelData &m, const ParamValues &params) {
   return true;
 }
 
-EngineChoice choose_engine(const ModelData &m, const ParamValues &params, bool has_callback) {
+EngineChoice choose_engine(const ModelData &m, const ParamValues &params, bool has_callback,
+                           int callback_wheres) {
   const EngineEntry *highs = &engines()[0], *scip = find_engine("SCIP");
+  const bool mip = m.is_mip();
+  const bool at_nodes = mip && has_callback && (callback_wheres & (1 << KVR_CB_MIPNODE)) != 0;
+  // What HiGHS cannot give this callback, said where HiGHS solves the model all the same.
+  const char *no_nodes =
+      at_nodes ? "; HiGHS never calls the callback at MIPNODE, where it acts (no node "
+                 "relaxations, no user cuts)"
+               : "";
   std::string forced = forced_engine();
   if (!forced.empty() && forced != "auto") {
     const EngineEntry *e = find_engine(forced);
@@ -131,10 +140,9 @@ EngineChoice choose_engine(const ModelData &m, const ParamValues &params, bool h
     std::string why = e->unavailable();
     if (!why.empty())
       fail(KVR_ERROR_NOT_SUPPORTED, "Engine %s is not available: %s", e->name, why.c_str());
-    return {e, "chosen with KAVIRO_ENGINE_OPTIONS"};
+    return {e, std::string("chosen with KAVIRO_ENGINE_OPTIONS") + (e == highs ? no_nodes : "")};
   }
   std::string need;
-  const bool mip = m.is_mip();
   if (params.get_int(ParamId::NonConvex) == 2 && (m.q.size() > 0 || m.qconstrs.size() > 0) &&
       !quadratics_convex(m, params))
     need = "nonconvex quadratic terms with NonConvex 2 need spatial branch and bound";
@@ -144,9 +152,12 @@ EngineChoice choose_engine(const ModelData &m, const ParamValues &params, bool h
     need = "lazy constraints from the callback join the running search";
   else if (mip && has_callback && params.get_int(ParamId::PreCrush) == 1)
     need = "user cuts and node relaxations in callbacks (PreCrush 1)";
+  else if (at_nodes)
+    need = "the callback acts at MIPNODE (node relaxations, user cuts)";
   if (need.empty()) return {highs, "the model needs nothing beyond it"};
   std::string why = scip->unavailable();
-  if (!why.empty()) return {highs, need + " would call for SCIP, which is not available: " + why};
+  if (!why.empty())
+    return {highs, need + " would call for SCIP, which is not available: " + why + no_nodes};
   return {scip, need};
 }
 

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "engine/applied_params.h"
 #include "engine/engine.h"
 
 namespace kvr {
@@ -15,14 +16,18 @@ struct EngineEntry {
   std::string (*version)();      // "" when not loaded
   std::string (*unavailable)();  // "" when the engine can be used, else why not
   std::unique_ptr<Engine> (*make)();
-  // Parameters this engine leaves alone although the library has a meaning for them.
-  std::vector<ParamId> not_applied;
+  // The parameters it leaves alone and its limits (engine/highs_params.cpp, scip/scip_params.cpp).
+  const EngineParams &(*params)();
 };
 
 // Every engine the library knows, HiGHS first.
 const std::vector<EngineEntry> &engines();
 // The engine of that name (any letter case), or nullptr.
 const EngineEntry *find_engine(std::string_view name);
+
+// The engine that solves a model needing nothing else: the one named in KAVIRO_ENGINE_OPTIONS
+// (when it is known), else HiGHS.
+const EngineEntry &engine_in_use();
 
 // The engine for a solve and why it was chosen (for the log header).
 struct EngineChoice {
@@ -34,9 +39,11 @@ struct EngineChoice {
 // else HiGHS when it can do the job and SCIP when the model or the callback needs what only SCIP
 // gives: nonconvex quadratics under NonConvex 2, quadratic constraints with integer variables, or
 // a MIP callback with LazyConstraints 1 or PreCrush 1 (lazy rows and user cuts during the
-// search). Fails with INVALID_ARGUMENT for an unknown name and NOT_SUPPORTED when the named
+// search) or that acts at MIPNODE (callback_wheres, bits 1 << where, as declared with the
+// callback). Fails with INVALID_ARGUMENT for an unknown name and NOT_SUPPORTED when the named
 // engine cannot be loaded.
-EngineChoice choose_engine(const ModelData &m, const ParamValues &params, bool has_callback);
+EngineChoice choose_engine(const ModelData &m, const ParamValues &params, bool has_callback,
+                           int callback_wheres = 0);
 
 // The log line naming the parameters set away from their defaults that the chosen engine does not
 // apply ("" when there are none).
@@ -50,5 +57,7 @@ bool quadratics_convex(const ModelData &m, const ParamValues &params);
 std::vector<std::pair<std::string, std::string>> engine_options();
 
 std::unique_ptr<Engine> make_scip_engine();
+const EngineParams &highs_params();
+const EngineParams &scip_params();
 
 }  // namespace kvr

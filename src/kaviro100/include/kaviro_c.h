@@ -258,8 +258,13 @@ KVR_API void KVRfree(void *ptr);
 /* Names are case-insensitive. */
 KVR_API int KVRgetparamtype(KVRenv *env, const char *paramname); /* KVR_PARAM_* or -1 */
 /* Flags: 1 the value is a credential (never shown), 2 only meaningful with a remote service,
-   4 accepted and stored, but neither the library nor its engine acts on it. */
+   4 accepted and stored, but neither the library nor the engine in use (the one named in
+   KAVIRO_ENGINE_OPTIONS, else HiGHS) acts on it. */
 KVR_API int KVRgetparamflags(KVRenv *env, const char *paramname, int *flagsP);
+/* What the engines say about a parameter where they differ from its description: one line
+   "<engine>: <sentence>" per engine that has something to say, "" when none has. The text stays
+   valid until the next call of this function on the same thread. */
+KVR_API int KVRgetparamenginenotes(KVRenv *env, const char *paramname, const char **notesP);
 KVR_API int KVRgetintparam(KVRenv *env, const char *paramname, int *valueP);
 KVR_API int KVRgetdblparam(KVRenv *env, const char *paramname, double *valueP);
 /* value must hold KVR_MAX_STRLEN bytes; a longer value (string parameters have no length limit)
@@ -520,6 +525,10 @@ KVR_API int KVRcomputeIIS(KVRmodel *model);
 typedef int (*KVRcallback)(KVRmodel *model, void *cbdata, int where, void *usrdata);
 KVR_API int KVRsetcallbackfunc(KVRmodel *model, KVRcallback cb, void *usrdata);
 KVR_API int KVRgetcallbackfunc(KVRmodel *model, KVRcallback *cbP);
+/* Declares where the model's callback acts, as bits 1 << where (0, the default after every
+   KVRsetcallbackfunc, declares nothing). The automatic engine choice reads it: a MIP whose
+   callback acts at MIPNODE is solved by SCIP, the engine that calls it there. */
+KVR_API int KVRsetcallbackwheres(KVRmodel *model, int wheremask);
 /* Type (1 int, 2 double, 3 string) and size (number of values) of a "what". */
 KVR_API int KVRgetcbwhatinfo(void *cbdata, int what, int *typeP, int *sizeP);
 KVR_API int KVRcbget(void *cbdata, int where, int what, void *resultP);

@@ -63,6 +63,7 @@ struct kvr_model {
   // Optimization callback and its state.
   KVRcallback callback = nullptr;
   void *cbusrdata = nullptr;
+  int callback_wheres = 0;  // where the callback acts, as declared (bits 1 << where)
   std::atomic<bool> terminate_requested{false};
   std::atomic<bool> optimizing{false};
 

@@ -4,22 +4,24 @@ import importlib.util as _importlib_util
 import os as _os
 
 
-def _point_at_scip_library():
-    """Tells the library where pyscipopt's bundled SCIP library is (its extension is not imported)."""
-    if _os.environ.get("KAVIRO_SCIP_LIBRARY"):
+def _point_at_engine_library(variable, package, relative):
+    """Tells the library where an engine's shared library is: the directory `relative` to where
+    `package` is installed (the package itself is not imported)."""
+    if _os.environ.get(variable):
         return
     try:
-        spec = _importlib_util.find_spec("pyscipopt")
+        spec = _importlib_util.find_spec(package)
     except (ImportError, ValueError):
         return
     if spec is None or not spec.origin:
         return
-    libs = _os.path.join(_os.path.dirname(_os.path.dirname(spec.origin)), "pyscipopt.libs")
+    libs = _os.path.normpath(_os.path.join(_os.path.dirname(spec.origin), relative))
     if _os.path.isdir(libs):
-        _os.environ["KAVIRO_SCIP_LIBRARY"] = libs
+        _os.environ[variable] = libs
 
 
-_point_at_scip_library()
+_point_at_engine_library("KAVIRO_HIGHS_LIBRARY", "highsbox", "highs_dist/lib")
+_point_at_engine_library("KAVIRO_SCIP_LIBRARY", "pyscipopt", "../pyscipopt.libs")
 
 from . import _core  # noqa: E402
 from ._core import *  # noqa: F401,F403

@@ -5,31 +5,15 @@
 // this library was installed into.
 #include "engine/scip/scip_api.h"
 
-#include <dlfcn.h>
-#include <glob.h>
-
 #include <cstdlib>
 #include <mutex>
 #include <vector>
 
+#include "engine/shared_library.h"
 #include "util/error.h"
 
 namespace kvr::scip {
 namespace {
-
-std::vector<std::string> glob_files(const std::string &pattern) {
-  std::vector<std::string> out;
-  glob_t g{};
-  if (::glob(pattern.c_str(), 0, nullptr, &g) == 0)
-    for (size_t i = 0; i < g.gl_pathc; ++i) out.emplace_back(g.gl_pathv[i]);
-  ::globfree(&g);
-  return out;
-}
-
-std::string dirname_of(const std::string &path) {
-  size_t slash = path.rfind('/');
-  return slash == std::string::npos ? std::string(".") : path.substr(0, slash);
-}
 
 // Directories that may hold the library, most specific first.
 std::vector<std::string> candidate_dirs() {
@@ -39,9 +23,8 @@ std::vector<std::string> candidate_dirs() {
     dirs.push_back(g);
     dirs.push_back(g + "/pyscipopt.libs");
   }
-  Dl_info info{};
-  if (::dladdr(reinterpret_cast<void *>(&candidate_dirs), &info) && info.dli_fname) {
-    std::string here = dirname_of(info.dli_fname);  // <site-packages>/kaviropy (or lib/ below it)
+  if (std::string here = library_dir(); !here.empty()) {
+    // here is <site-packages>/kaviropy (or a directory below it)
     for (int up = 0; up < 3; ++up) {
       dirs.push_back(here + "/pyscipopt.libs");
       here = dirname_of(here);
@@ -78,29 +61,31 @@ Loaded load() {
   // Older wheels lack a run path to their sibling libraries: load those by path first.
   const std::string dir = dirname_of(path);
   for (const char *sibling : {"/libquadmath-*.so*", "/libgfortran-*.so*"})
-    for (const std::string &f : glob_files(dir + sibling))
-      ::dlopen(f.c_str(), RTLD_NOW | RTLD_LOCAL);
-  void *handle = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    for (const std::string &f : glob_files(dir + sibling)) {
+      std::string ignored;  // the library's own load below reports what is missing
+      open_library(f, ignored);
+    }
+  std::string why;
+  void *handle = open_library(path, why);
   if (!handle) {
-    const char *why = ::dlerror();
-    out.error = "the SCIP library " + path + " could not be loaded: " + (why ? why : "unknown");
+    out.error = "the SCIP library " + path + " could not be loaded: " + why;
     return out;
   }
   Api &a = out.api;
   a.path = path;
   std::string missing;
-#define KVR_SCIP_RESOLVE(name, type)                       \
-  a.name = reinterpret_cast<type>(::dlsym(handle, #name)); \
+#define KVR_SCIP_RESOLVE(name, type)                              \
+  a.name = reinterpret_cast<type>(library_symbol(handle, #name)); \
   if (!a.name) missing += (missing.empty() ? "" : ", ") + std::string(#name);
   KVR_SCIP_FUNCTIONS(KVR_SCIP_RESOLVE)
 #undef KVR_SCIP_RESOLVE
 #define KVR_SCIP_RESOLVE_OPTIONAL(name, type) \
-  a.name = reinterpret_cast<type>(::dlsym(handle, #name));
+  a.name = reinterpret_cast<type>(library_symbol(handle, #name));
   KVR_SCIP_OPTIONAL_FUNCTIONS(KVR_SCIP_RESOLVE_OPTIONAL)
 #undef KVR_SCIP_RESOLVE_OPTIONAL
   if (!missing.empty()) {
     out.error = "the SCIP library " + path + " lacks " + missing;
-    ::dlclose(handle);
+    close_library(handle);
     return out;
   }
   const int major = a.SCIPmajorVersion();
@@ -109,7 +94,7 @@ Loaded load() {
   if (major != 10) {
     out.error = "the SCIP library " + path + " is version " + a.version +
                 "; the engine needs SCIP 10 (pyscipopt==6.3.0)";
-    ::dlclose(handle);
+    close_library(handle);
   }
   return out;
 }
