@@ -291,3 +291,40 @@ def test_in_place_changes_reach_the_engine_through_every_call(env):
     undone()
     m.optimize()
     assert m.IterCount == 0
+
+
+def test_options_of_the_last_solve_do_not_linger(env):
+    """A kept engine instance is given only the options that changed; one that the last solve
+    set and this one leaves at its default goes back to the default."""
+    m, x, cons = build(env)
+    m.optimize()
+    optimum = m.ObjVal
+    for v in x[:8]:
+        v.UB = 0.0
+    m.Params.IterationLimit = 1
+    m.optimize()
+    assert m.Status == KVR.ITERATION_LIMIT
+    m.Params.IterationLimit = float("inf")
+    m.optimize()
+    assert m.Status == KVR.OPTIMAL
+    for v in x[:8]:
+        v.UB = 5.0
+    m.Params.Method = 2          # barrier on the kept instance, then the dual simplex again
+    m.Params.Presolve = 0
+    m.optimize()
+    assert m.Status == KVR.OPTIMAL and m.ObjVal == pytest.approx(optimum, abs=1e-6)
+    m.Params.Method = 1
+    m.Params.Presolve = -1
+    x[0].UB = 4.0
+    m.optimize()
+    assert m.Status == KVR.OPTIMAL and m.BarIterCount == 0
+    m.Params.IterationLimit = 0  # a limit given once and taken back
+    x[0].UB = 0.0
+    m.optimize()
+    assert m.Status == KVR.ITERATION_LIMIT
+    x[0].UB = 3.0
+    m.Params.IterationLimit = float("inf")
+    m.optimize()
+    ref, rx, _ = build(env, changes=[("ub", [(0, 3.0)])])
+    ref.optimize()
+    assert m.Status == KVR.OPTIMAL and m.ObjVal == pytest.approx(ref.ObjVal, abs=1e-7)
