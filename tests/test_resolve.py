@@ -328,3 +328,25 @@ def test_options_of_the_last_solve_do_not_linger(env):
     ref, rx, _ = build(env, changes=[("ub", [(0, 3.0)])])
     ref.optimize()
     assert m.Status == KVR.OPTIMAL and m.ObjVal == pytest.approx(ref.ObjVal, abs=1e-7)
+
+
+def test_sensitivity_ranges_belong_to_the_solve_they_come_from(env):
+    """Ranges are read from the engine's kept copy on first use: a copy of the model made before
+    a re-solve keeps those of its own solution, and the re-solved model gets its new ones."""
+    attrs = ("SAObjLow", "SAObjUp", "SALBUp", "SAUBLow", "SARHSLow", "SARHSUp")
+
+    def ranges(model):
+        v, c = model.getVars(), model.getConstrs()
+        return [model.getAttr(a, c if a.startswith("SARHS") else v) for a in attrs]
+
+    m, _, cons = build(env)
+    m.optimize()
+    before = m.copy()
+    cons[2].RHS = 3.0
+    m.optimize()
+    ref, _, _ = build(env)
+    ref.optimize()
+    changed, _, _ = build(env, changes=[("rhs", [(2, 3.0)])])
+    changed.optimize()
+    for got, want in zip(ranges(before) + ranges(m), ranges(ref) + ranges(changed)):
+        assert got == pytest.approx(want, abs=1e-7)

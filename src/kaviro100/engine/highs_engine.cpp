@@ -1179,15 +1179,24 @@ EngineResult HighsEngine::solve_on(const EngineProblem &problem, const ParamValu
         r.cbasis.clear();
       }
       if (r.status == KVR_OPTIMAL) {
-        std::vector<double> x = r.x;
-        std::vector<int> vb = r.vbasis;
-        std::vector<double> lbv = m.vars.lb, ubv = m.vars.ub;
-        r.sensitivity = [hi, n, rows, x, vb, lbv, ubv](Sensitivity &s) {
+        // Computed on request from what the instance holds, until it starts another solve.
+        r.sensitivity = [hi, n, rows, solve = hi->generation()](Sensitivity &s) {
+          void *h = hi->get();
+          if (hi->generation() != solve || Highs_getNumCol(h) != n) return false;
+          std::vector<double> x(n), lbv(n), ubv(n), cost(n);
+          std::vector<HighsInt> vb(n), rb(Highs_getNumRow(h));
+          HighsInt got = 0, nz = 0;
+          if (Highs_getSolution(h, x.data(), nullptr, nullptr, nullptr) != kHighsStatusOk ||
+              Highs_getBasis(h, vb.data(), rb.data()) != kHighsStatusOk ||
+              (n > 0 && Highs_getColsByRange(h, 0, n - 1, &got, cost.data(), lbv.data(),
+                                             ubv.data(), &nz, nullptr, nullptr,
+                                             nullptr) != kHighsStatusOk))
+            return false;
           std::vector<double> cuv(n), cuo(n), cdv(n), cdo(n), buv(n), buo(n), bdv(n), bdo(n);
           std::vector<double> ruv(rows), ruo(rows), rdv(rows), rdo(rows);
           std::vector<HighsInt> i1(n), i2(n), i3(n), i4(n), i5(n), i6(n), i7(n), i8(n);
           std::vector<HighsInt> r1(rows), r2(rows), r3(rows), r4(rows);
-          if (Highs_getRanging(hi->get(), cuv.data(), cuo.data(), i1.data(), i2.data(), cdv.data(),
+          if (Highs_getRanging(h, cuv.data(), cuo.data(), i1.data(), i2.data(), cdv.data(),
                                cdo.data(), i3.data(), i4.data(), buv.data(), buo.data(), i5.data(),
                                i6.data(), bdv.data(), bdo.data(), i7.data(), i8.data(), ruv.data(),
                                ruo.data(), r1.data(), r2.data(), rdv.data(), rdo.data(), r3.data(),
@@ -1205,10 +1214,11 @@ EngineResult HighsEngine::solve_on(const EngineProblem &problem, const ParamValu
             // freely on its own side of the solution value.
             s.lbup[j] = x[j];
             s.ublow[j] = x[j];
-            if (vb[j] == KVR_NONBASIC_LOWER && lbv[j] > -KVR_INFINITY) {
+            const int status = basis_from_engine_col(vb[j]);
+            if (status == KVR_NONBASIC_LOWER && lbv[j] > -kInf) {
               s.lblow[j] = from_engine(bdv[j]);
               s.lbup[j] = from_engine(buv[j]);
-            } else if (vb[j] == KVR_NONBASIC_UPPER && ubv[j] < KVR_INFINITY) {
+            } else if (status == KVR_NONBASIC_UPPER && ubv[j] < kInf) {
               s.ublow[j] = from_engine(bdv[j]);
               s.ubup[j] = from_engine(buv[j]);
             }

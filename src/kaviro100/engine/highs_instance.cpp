@@ -39,16 +39,22 @@ bool HighsInstance::unchanged(const char *name, char type, double num, const cha
     return g.type == type && (text ? g.text == text : g.num == num);
   };
   auto named = [&](const Given &g) { return g.name == name; };
+  // An option is in one list at most. Solves give their options in the same order, so the one
+  // asked for is usually the first left over from the last solve.
+  if (auto it = std::find_if(previous_.begin(), previous_.end(), named); it != previous_.end()) {
+    const bool kept = same(*it);
+    given_.push_back(std::move(*it));
+    previous_.erase(it);
+    if (!kept) given_.back() = Given{name, type, num, text ? text : ""};
+    return kept;
+  }
   if (auto it = std::find_if(given_.begin(), given_.end(), named); it != given_.end()) {
     if (same(*it)) return true;
     *it = Given{name, type, num, text ? text : ""};
     return false;
   }
-  auto it = std::find_if(previous_.begin(), previous_.end(), named);
-  const bool kept = it != previous_.end() && same(*it);
-  if (it != previous_.end()) previous_.erase(it);
   given_.push_back(Given{name, type, num, text ? text : ""});
-  return kept;
+  return false;
 }
 
 void HighsInstance::forget(const char *name) {
@@ -56,6 +62,7 @@ void HighsInstance::forget(const char *name) {
 }
 
 void HighsInstance::begin_options() {
+  ++generation_;
   previous_ = std::move(given_);
   given_.clear();
 }

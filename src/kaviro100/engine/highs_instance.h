@@ -10,6 +10,7 @@
 #pragma once
 
 #include <algorithm>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -53,11 +54,14 @@ class HighsInstance {
     forget(name);
     return false;
   }
-  // The options of a solve on this instance are set between begin_options() and
-  // end_options(): options the last solve gave with the same value are not passed again, and
-  // those it gave that this one does not go back to their defaults.
+  // The options of a solve on this instance are set between begin_options(), which starts the
+  // solve, and end_options(): options the last solve gave with the same value are not passed
+  // again, and those it gave that this one does not go back to their defaults.
   void begin_options();
   void end_options();
+  // Counts the solves started on the instance: what was read from it for one solve is valid
+  // while the count has not moved on.
+  uint64_t generation() const { return generation_; }
   double info_dbl(const char *name) const;
   long long info_int(const char *name) const;
   // Whether the instance holds a basis for its model (kept through changes of the model).
@@ -74,6 +78,7 @@ class HighsInstance {
   bool unchanged(const char *name, char type, double num, const char *text);
   void forget(const char *name);
   void *h_;
+  uint64_t generation_ = 0;
   struct Given {
     std::string name;
     char type;
