@@ -14,11 +14,13 @@ MIP is a multi-constraint knapsack of 40 binaries and 8 rows. Every package runs
 method (kaviropy Method 1; the peers get the engine options it maps to, ENGINE_OPTIONS, with the
 tolerances of kaviropy's defaults) with output off and the engine's other defaults; the data come from the same seeded generator in every process. Each
 loop of each package runs in a fresh process; the time covers the rounds only (not the first
-build and solve), and the process's peak resident memory is reported beside it. The table gives
-the times, the ratio kaviropy/peer, and the final objectives, which must agree.
+build and solve), and the process's peak resident memory is reported beside it. Each
+measurement is repeated (--repeat, in turns so that a change of the machine's load meets every
+package) and the median is shown. The table gives the times, the ratio kaviropy/peer, and the
+final objectives, which must agree.
 
-    python benchmarks/bench_resolve.py [--rounds 60] [--loops addcol,addrow,ub,obj,mip]
-                                       [--peer-python PATH]
+    python benchmarks/bench_resolve.py [--rounds 60] [--repeat 3] [--loops addcol,addrow,ub,obj,mip]
+                                       [--peer-python PATH] [--kaviropy-python PATH]
 """
 
 import argparse
@@ -26,6 +28,7 @@ import json
 import os
 import random
 import resource
+import statistics
 import subprocess
 import sys
 import time
@@ -227,23 +230,40 @@ def measure(python, package, loop, rounds):
     return json.loads(out.stdout.strip().splitlines()[-1])
 
 
+def median_of(runs):
+    """The median time and peak memory of repeated measurements (an error if any failed)."""
+    for r in runs:
+        if "error" in r:
+            return r
+    return {"time": statistics.median(r["time"] for r in runs),
+            "peak_mb": statistics.median(r["peak_mb"] for r in runs), "obj": runs[0]["obj"]}
+
+
 def main():
     if len(sys.argv) > 1 and sys.argv[1] == "--worker":
         worker(sys.argv[2], sys.argv[3], int(sys.argv[4]))
         return
     ap = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     ap.add_argument("--rounds", type=int, default=60)
+    ap.add_argument("--repeat", type=int, default=3)
     ap.add_argument("--loops", default=",".join(LOOPS))
     ap.add_argument("--peer-python", default=DEFAULT_PEER_PYTHON)
+    ap.add_argument("--kaviropy-python", default=sys.executable)
     args = ap.parse_args()
-    print(f"{args.rounds} rounds a loop; every side: the engine options {ENGINE_OPTIONS}, "
-          "output off; times of the rounds only (s), peak resident memory of the process (MB)")
+    print(f"{args.rounds} rounds a loop, median of {args.repeat} runs; every side: the engine "
+          f"options {ENGINE_OPTIONS}, output off; times of the rounds only (s), peak resident "
+          "memory of the process (MB)")
     header = (f"{'loop':8} {'kaviropy':>9} {'MB':>6} {'pyoptinterface':>15} {'MB':>6} {'ratio':>6} "
               f"{'highspy':>8} {'MB':>6} {'ratio':>6}  objectives")
     print(header)
+    pythons = {"kaviropy": args.kaviropy_python, "pyoptinterface": args.peer_python,
+               "highspy": args.peer_python}
     for loop in args.loops.split(","):
-        res = {p: measure(sys.executable if p == "kaviropy" else args.peer_python, p, loop,
-                          args.rounds) for p in PACKAGES}
+        runs = {p: [] for p in PACKAGES}
+        for _ in range(args.repeat):
+            for p in PACKAGES:
+                runs[p].append(measure(pythons[p], p, loop, args.rounds))
+        res = {p: median_of(runs[p]) for p in PACKAGES}
         k = res["kaviropy"]
         cells = [f"{loop:8}"]
         cells.append(f"{k.get('time', float('nan')):9.3f} {k.get('peak_mb', float('nan')):6.0f}")
