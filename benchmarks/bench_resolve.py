@@ -76,6 +76,17 @@ def changes(loop, rounds, n, nrows, seed=5):
     return out
 
 
+def clocks():
+    """Wall-clock and CPU time of the process now."""
+    return time.perf_counter(), time.process_time()
+
+
+def since(start):
+    """Wall-clock and CPU seconds since clocks() gave start."""
+    wall, cpu = clocks()
+    return wall - start[0], cpu - start[1]
+
+
 def cut_rhs(cols, x):
     """A row sum x[cols] <= 0.9 * its value at x (cuts x off when positive)."""
     return 0.9 * sum(x[j] for j in cols)
@@ -99,7 +110,7 @@ def run_kaviropy(loop, rounds):
     m.ModelSense = KVR.MAXIMIZE
     m.optimize()
     todo = changes(loop, rounds, n, len(rows))
-    t0 = time.perf_counter()
+    t0 = clocks()
     for ch in todo:
         if loop == "addcol":
             coeffs, cost = ch
@@ -113,7 +124,7 @@ def run_kaviropy(loop, rounds):
         else:
             x[ch].Obj = x[ch].Obj * 1.1
         m.optimize()
-    return time.perf_counter() - t0, m.ObjVal
+    return since(t0), m.ObjVal
 
 
 # ---------------------------------------------------------------- pyoptinterface
@@ -141,7 +152,7 @@ def run_pyoptinterface(loop, rounds):
     m.optimize()
     todo = changes(loop, rounds, n, len(rows))
     value = poi.VariableAttribute.Value
-    t0 = time.perf_counter()
+    t0 = clocks()
     for ch in todo:
         if loop == "addcol":
             coeffs, cost = ch
@@ -161,7 +172,7 @@ def run_pyoptinterface(loop, rounds):
             costs[ch] *= 1.1
             m.set_objective_coefficient(x[ch], costs[ch])
         m.optimize()
-    return time.perf_counter() - t0, m.get_model_attribute(poi.ModelAttribute.ObjectiveValue)
+    return since(t0), m.get_model_attribute(poi.ModelAttribute.ObjectiveValue)
 
 
 # ---------------------------------------------------------------- highspy
@@ -193,7 +204,7 @@ def run_highspy(loop, rounds):
     todo = changes(loop, rounds, n, len(rows))
     costs = list(obj)
     ubs = [ub] * n
-    t0 = time.perf_counter()
+    t0 = clocks()
     for ch in todo:
         if loop == "addcol":
             coeffs, cost = ch
@@ -210,15 +221,15 @@ def run_highspy(loop, rounds):
             costs[ch] *= 1.1
             h.changeColCost(ch, costs[ch])
         h.run()
-    return time.perf_counter() - t0, h.getInfo().objective_function_value
+    return since(t0), h.getInfo().objective_function_value
 
 
 # ---------------------------------------------------------------- driver
 
 def worker(package, loop, rounds):
-    seconds, objective = globals()[f"run_{package}"](loop, rounds)
+    (seconds, cpu), objective = globals()[f"run_{package}"](loop, rounds)
     peak = resource.getrusage(resource.RUSAGE_SELF).ru_maxrss / 1024.0
-    print(json.dumps({"time": seconds, "obj": objective, "peak_mb": peak}))
+    print(json.dumps({"time": seconds, "cpu": cpu, "obj": objective, "peak_mb": peak}))
 
 
 def measure(python, package, loop, rounds):
@@ -235,8 +246,8 @@ def median_of(runs):
     for r in runs:
         if "error" in r:
             return r
-    return {"time": statistics.median(r["time"] for r in runs),
-            "peak_mb": statistics.median(r["peak_mb"] for r in runs), "obj": runs[0]["obj"]}
+    return {key: statistics.median(r[key] for r in runs) for key in ("time", "cpu", "peak_mb")} | {
+        "obj": runs[0]["obj"]}
 
 
 def main():
@@ -251,10 +262,11 @@ def main():
     ap.add_argument("--kaviropy-python", default=sys.executable)
     args = ap.parse_args()
     print(f"{args.rounds} rounds a loop, median of {args.repeat} runs; every side: the engine "
-          f"options {ENGINE_OPTIONS}, output off; times of the rounds only (s), peak resident "
-          "memory of the process (MB)")
-    header = (f"{'loop':8} {'kaviropy':>9} {'MB':>6} {'pyoptinterface':>15} {'MB':>6} {'ratio':>6} "
-              f"{'highspy':>8} {'MB':>6} {'ratio':>6}  objectives")
+          f"options {ENGINE_OPTIONS}, output off. Times of the rounds only: CPU seconds of the "
+          "process (wall-clock seconds in brackets; the ratios are of CPU time, which a busy "
+          "machine disturbs less), peak resident memory of the process (MB)")
+    header = (f"{'loop':8} {'kaviropy':>16} {'MB':>4} {'pyoptinterface':>16} {'MB':>4} {'ratio':>5} "
+              f"{'highspy':>16} {'MB':>4} {'ratio':>5}  objectives")
     print(header)
     pythons = {"kaviropy": args.kaviropy_python, "pyoptinterface": args.peer_python,
                "highspy": args.peer_python}
@@ -265,15 +277,16 @@ def main():
                 runs[p].append(measure(pythons[p], p, loop, args.rounds))
         res = {p: median_of(runs[p]) for p in PACKAGES}
         k = res["kaviropy"]
-        cells = [f"{loop:8}"]
-        cells.append(f"{k.get('time', float('nan')):9.3f} {k.get('peak_mb', float('nan')):6.0f}")
+
+        def cell(r):
+            return (f"{r['cpu']:7.3f} ({r['time']:6.3f}) {r['peak_mb']:4.0f}" if "cpu" in r
+                    else f"{'failed':>16} {'':4}")
+
+        cells = [f"{loop:8}", cell(k)]
         for p in ("pyoptinterface", "highspy"):
             r = res[p]
-            if "time" in r and "time" in k:
-                cells.append(f"{r['time']:{15 if p == 'pyoptinterface' else 8}.3f} "
-                             f"{r['peak_mb']:6.0f} {k['time'] / r['time']:6.2f}")
-            else:
-                cells.append(f"{'failed':>{15 if p == 'pyoptinterface' else 8}} {'':6} {'':6}")
+            ratio = f"{k['cpu'] / r['cpu']:5.2f}" if "cpu" in r and "cpu" in k else f"{'':5}"
+            cells.append(f"{cell(r)} {ratio}")
         objs = [res[p].get("obj") for p in PACKAGES]
         same = all(o is not None for o in objs) and max(objs) - min(objs) <= 1e-6 * (1 + abs(objs[0]))
         cells.append(" ".join("-" if o is None else f"{o:.6f}" for o in objs) +
