@@ -390,3 +390,24 @@ def test_sensitivity_ranges_belong_to_the_solve_they_come_from(env):
     changed.optimize()
     for got, want in zip(ranges(before) + ranges(m), ranges(ref) + ranges(changed)):
         assert got == pytest.approx(want, abs=1e-7)
+
+
+def test_engine_options_on_a_kept_instance(env, monkeypatch):
+    """Options given through the environment reach a kept instance, a rejected one fails the
+    solve with the model as it was, and one given no more goes back to the engine's default."""
+    m, x, _ = build(env)
+    m.optimize()
+    optimum = m.ObjVal
+    monkeypatch.setenv("KAVIRO_ENGINE_OPTIONS", "simplex_iteration_limit=0")
+    x[0].UB = 0.0
+    m.optimize()
+    assert m.Status == KVR.ITERATION_LIMIT
+    monkeypatch.setenv("KAVIRO_ENGINE_OPTIONS", "simplex_iteration_limit=-5")
+    with pytest.raises(kp.KaviroError) as err:
+        m.optimize()
+    assert err.value.errno == KVR.ERROR_INVALID_ARGUMENT and "simplex_iteration_limit" in str(err.value)
+    assert m.NumVars == 40 and x[0].UB == 0.0
+    monkeypatch.delenv("KAVIRO_ENGINE_OPTIONS")
+    x[0].UB = 5.0
+    m.optimize()
+    assert m.Status == KVR.OPTIMAL and m.ObjVal == pytest.approx(optimum, abs=1e-7)
