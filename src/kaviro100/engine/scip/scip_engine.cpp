@@ -789,12 +789,18 @@ bool update_kept(KeptScip &k, EngineState &changes, const ModelData &m, ScipRun 
     }
     k.lhs[i] = l, k.rhs[i] = r;
   };
-  for (int j : changes.changed_vars)
+  // Each changed element once.
+  auto once = [](auto list) {
+    std::sort(list.begin(), list.end());
+    list.erase(std::unique(list.begin(), list.end()), list.end());
+    return list;
+  };
+  for (int j : once(changes.changed_vars))
     if (j < n0) set_var(j), ++out.changed;
-  for (int i : changes.changed_constrs)
+  for (int i : once(changes.changed_constrs))
     if (i < m0) set_sides(i), ++out.changed;
   const SparseMatrix &A = m.constrs.rows;
-  for (auto [i, j] : changes.changed_coeffs) {
+  for (auto [i, j] : once(changes.changed_coeffs)) {
     if (i >= m0 || j >= n0) continue;  // a new row or column brings it
     double val = 0.0;
     for (int64_t e = A.beg[i]; e < A.beg[i + 1]; ++e)
