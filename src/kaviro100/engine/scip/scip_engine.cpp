@@ -638,9 +638,12 @@ struct KeptScip {
   int sense = KVR_MINIMIZE;
   double objcon = 0.0;
   ~KeptScip() {
+    if (!inst) return;
     const Api &a = inst->a;
-    for (Cons *&c : rows) a.SCIPreleaseCons(inst->scip, &c);
-    for (Var *&v : vars) a.SCIPreleaseVar(inst->scip, &v);
+    for (Cons *&c : rows)
+      if (c) a.SCIPreleaseCons(inst->scip, &c);
+    for (Var *&v : vars)
+      if (v) a.SCIPreleaseVar(inst->scip, &v);
   }
 };
 
@@ -742,18 +745,21 @@ bool update_kept(KeptScip &k, EngineState &changes, const ModelData &m, ScipRun 
   const int n = m.num_vars(), rows = m.num_constrs();
   if (n < n0) return false;
   for (const auto &[kind, renumbering] : changes.deletions) {
-    size_t kept = 0;
+    std::vector<Cons *> rows_left;
+    std::vector<double> lhs_left, rhs_left;
     for (size_t i = 0; i < k.rows.size(); ++i) {
       if (i < renumbering.size() && renumbering[i] >= 0) {
-        k.rows[kept] = k.rows[i], k.lhs[kept] = k.lhs[i], k.rhs[kept] = k.rhs[i];
-        ++kept;
+        rows_left.push_back(k.rows[i]), lhs_left.push_back(k.lhs[i]), rhs_left.push_back(k.rhs[i]);
         continue;
       }
-      check(a.SCIPdelCons(s, k.rows[i]), "deleting a constraint");
-      a.SCIPreleaseCons(s, &k.rows[i]);
+      Cons *gone = k.rows[i];
+      k.rows[i] = nullptr;  // released here, whatever happens next
+      const Retcode rc = a.SCIPdelCons(s, gone);
+      a.SCIPreleaseCons(s, &gone);
+      check(rc, "deleting a constraint");
       ++out.deleted;
     }
-    k.rows.resize(kept), k.lhs.resize(kept), k.rhs.resize(kept);
+    k.rows = std::move(rows_left), k.lhs = std::move(lhs_left), k.rhs = std::move(rhs_left);
   }
   const int m0 = static_cast<int>(k.rows.size());
   if (rows < m0) return false;
