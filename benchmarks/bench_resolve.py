@@ -14,11 +14,13 @@ MIP is a multi-constraint knapsack of 40 binaries and 8 rows. Every package runs
 method (kaviropy Method 1; the peers get the engine options it maps to, ENGINE_OPTIONS, with the
 tolerances of kaviropy's defaults) with output off and the engine's other defaults; the data come from the same seeded generator in every process. Each
 loop of each package runs in a fresh process; the time covers the rounds only (not the first
-build and solve), and the process's peak resident memory is reported beside it. The table gives
-the times, the ratio kaviropy/peer, and the final objectives, which must agree.
+build and solve), and the process's peak resident memory is reported beside it. Each
+measurement is repeated (--repeat, in turns so that a change of the machine's load meets every
+package) and the median is shown. The table gives the times, the ratio kaviropy/peer, and the
+final objectives, which must agree.
 
-    python benchmarks/bench_resolve.py [--rounds 60] [--loops addcol,addrow,ub,obj,mip]
-                                       [--peer-python PATH]
+    python benchmarks/bench_resolve.py [--rounds 60] [--repeat 3] [--loops addcol,addrow,ub,obj,mip]
+                                       [--peer-python PATH] [--kaviropy-python PATH]
 """
 
 import argparse
@@ -26,6 +28,7 @@ import json
 import os
 import random
 import resource
+import statistics
 import subprocess
 import sys
 import time
@@ -73,6 +76,17 @@ def changes(loop, rounds, n, nrows, seed=5):
     return out
 
 
+def clocks():
+    """Wall-clock and CPU time of the process now."""
+    return time.perf_counter(), time.process_time()
+
+
+def since(start):
+    """Wall-clock and CPU seconds since clocks() gave start."""
+    wall, cpu = clocks()
+    return wall - start[0], cpu - start[1]
+
+
 def cut_rhs(cols, x):
     """A row sum x[cols] <= 0.9 * its value at x (cuts x off when positive)."""
     return 0.9 * sum(x[j] for j in cols)
@@ -96,7 +110,7 @@ def run_kaviropy(loop, rounds):
     m.ModelSense = KVR.MAXIMIZE
     m.optimize()
     todo = changes(loop, rounds, n, len(rows))
-    t0 = time.perf_counter()
+    t0 = clocks()
     for ch in todo:
         if loop == "addcol":
             coeffs, cost = ch
@@ -110,7 +124,7 @@ def run_kaviropy(loop, rounds):
         else:
             x[ch].Obj = x[ch].Obj * 1.1
         m.optimize()
-    return time.perf_counter() - t0, m.ObjVal
+    return since(t0), m.ObjVal
 
 
 # ---------------------------------------------------------------- pyoptinterface
@@ -138,7 +152,7 @@ def run_pyoptinterface(loop, rounds):
     m.optimize()
     todo = changes(loop, rounds, n, len(rows))
     value = poi.VariableAttribute.Value
-    t0 = time.perf_counter()
+    t0 = clocks()
     for ch in todo:
         if loop == "addcol":
             coeffs, cost = ch
@@ -158,7 +172,7 @@ def run_pyoptinterface(loop, rounds):
             costs[ch] *= 1.1
             m.set_objective_coefficient(x[ch], costs[ch])
         m.optimize()
-    return time.perf_counter() - t0, m.get_model_attribute(poi.ModelAttribute.ObjectiveValue)
+    return since(t0), m.get_model_attribute(poi.ModelAttribute.ObjectiveValue)
 
 
 # ---------------------------------------------------------------- highspy
@@ -190,7 +204,7 @@ def run_highspy(loop, rounds):
     todo = changes(loop, rounds, n, len(rows))
     costs = list(obj)
     ubs = [ub] * n
-    t0 = time.perf_counter()
+    t0 = clocks()
     for ch in todo:
         if loop == "addcol":
             coeffs, cost = ch
@@ -207,15 +221,15 @@ def run_highspy(loop, rounds):
             costs[ch] *= 1.1
             h.changeColCost(ch, costs[ch])
         h.run()
-    return time.perf_counter() - t0, h.getInfo().objective_function_value
+    return since(t0), h.getInfo().objective_function_value
 
 
 # ---------------------------------------------------------------- driver
 
 def worker(package, loop, rounds):
-    seconds, objective = globals()[f"run_{package}"](loop, rounds)
+    (seconds, cpu), objective = globals()[f"run_{package}"](loop, rounds)
     peak = resource.getrusage(resource.RUSAGE_SELF).ru_maxrss / 1024.0
-    print(json.dumps({"time": seconds, "obj": objective, "peak_mb": peak}))
+    print(json.dumps({"time": seconds, "cpu": cpu, "obj": objective, "peak_mb": peak}))
 
 
 def measure(python, package, loop, rounds):
@@ -227,33 +241,52 @@ def measure(python, package, loop, rounds):
     return json.loads(out.stdout.strip().splitlines()[-1])
 
 
+def median_of(runs):
+    """The median time and peak memory of repeated measurements (an error if any failed)."""
+    for r in runs:
+        if "error" in r:
+            return r
+    return {key: statistics.median(r[key] for r in runs) for key in ("time", "cpu", "peak_mb")} | {
+        "obj": runs[0]["obj"]}
+
+
 def main():
     if len(sys.argv) > 1 and sys.argv[1] == "--worker":
         worker(sys.argv[2], sys.argv[3], int(sys.argv[4]))
         return
     ap = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     ap.add_argument("--rounds", type=int, default=60)
+    ap.add_argument("--repeat", type=int, default=3)
     ap.add_argument("--loops", default=",".join(LOOPS))
     ap.add_argument("--peer-python", default=DEFAULT_PEER_PYTHON)
+    ap.add_argument("--kaviropy-python", default=sys.executable)
     args = ap.parse_args()
-    print(f"{args.rounds} rounds a loop; every side: the engine options {ENGINE_OPTIONS}, "
-          "output off; times of the rounds only (s), peak resident memory of the process (MB)")
-    header = (f"{'loop':8} {'kaviropy':>9} {'MB':>6} {'pyoptinterface':>15} {'MB':>6} {'ratio':>6} "
-              f"{'highspy':>8} {'MB':>6} {'ratio':>6}  objectives")
+    print(f"{args.rounds} rounds a loop, median of {args.repeat} runs; every side: the engine "
+          f"options {ENGINE_OPTIONS}, output off. Times of the rounds only: CPU seconds of the "
+          "process (wall-clock seconds in brackets; the ratios are of CPU time, which a busy "
+          "machine disturbs less), peak resident memory of the process (MB)")
+    header = (f"{'loop':8} {'kaviropy':>16} {'MB':>4} {'pyoptinterface':>16} {'MB':>4} {'ratio':>5} "
+              f"{'highspy':>16} {'MB':>4} {'ratio':>5}  objectives")
     print(header)
+    pythons = {"kaviropy": args.kaviropy_python, "pyoptinterface": args.peer_python,
+               "highspy": args.peer_python}
     for loop in args.loops.split(","):
-        res = {p: measure(sys.executable if p == "kaviropy" else args.peer_python, p, loop,
-                          args.rounds) for p in PACKAGES}
+        runs = {p: [] for p in PACKAGES}
+        for _ in range(args.repeat):
+            for p in PACKAGES:
+                runs[p].append(measure(pythons[p], p, loop, args.rounds))
+        res = {p: median_of(runs[p]) for p in PACKAGES}
         k = res["kaviropy"]
-        cells = [f"{loop:8}"]
-        cells.append(f"{k.get('time', float('nan')):9.3f} {k.get('peak_mb', float('nan')):6.0f}")
+
+        def cell(r):
+            return (f"{r['cpu']:7.3f} ({r['time']:6.3f}) {r['peak_mb']:4.0f}" if "cpu" in r
+                    else f"{'failed':>16} {'':4}")
+
+        cells = [f"{loop:8}", cell(k)]
         for p in ("pyoptinterface", "highspy"):
             r = res[p]
-            if "time" in r and "time" in k:
-                cells.append(f"{r['time']:{15 if p == 'pyoptinterface' else 8}.3f} "
-                             f"{r['peak_mb']:6.0f} {k['time'] / r['time']:6.2f}")
-            else:
-                cells.append(f"{'failed':>{15 if p == 'pyoptinterface' else 8}} {'':6} {'':6}")
+            ratio = f"{k['cpu'] / r['cpu']:5.2f}" if "cpu" in r and "cpu" in k else f"{'':5}"
+            cells.append(f"{cell(r)} {ratio}")
         objs = [res[p].get("obj") for p in PACKAGES]
         same = all(o is not None for o in objs) and max(objs) - min(objs) <= 1e-6 * (1 + abs(objs[0]))
         cells.append(" ".join("-" if o is None else f"{o:.6f}" for o in objs) +

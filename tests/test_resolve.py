@@ -1,7 +1,9 @@
 """Re-solves of a changed model: the engine keeps its copy of the model and its basis between
 optimize() calls and receives only the changes. Each kind of change must give the optimum of a
-fresh model built with the change; warm starts follow LPWarmStart, reset() and a user's basis."""
+fresh model built with the change, on every engine (forced through KAVIRO_ENGINE_OPTIONS); warm
+starts follow LPWarmStart, reset() and a user's basis."""
 
+import importlib.util
 import random
 
 import pytest
@@ -10,6 +12,18 @@ import kaviropy as kp
 from kaviropy import KVR
 
 MODEL_NAME = "resolve"
+ENGINES = ["highs"] + (["scip"] if importlib.util.find_spec("pyscipopt") else [])
+
+
+@pytest.fixture(params=ENGINES)
+def engine(request, monkeypatch):
+    monkeypatch.setenv("KAVIRO_ENGINE_OPTIONS", f"engine={request.param}")
+    return request.param
+
+
+def logged(m, path):
+    """Sends the model's log to the file at path (and not to the console)."""
+    m.Params.LogFile, m.Params.OutputFlag, m.Params.LogToConsole = str(path), 1, 0
 
 
 def lp_data(n=40, seed=3):
@@ -63,7 +77,7 @@ CHANGES = {
 }
 
 
-def apply(m, x, cons, kind):
+def apply(m, x, cons, kind, vtype=KVR.CONTINUOUS):
     """Applies CHANGES[kind] to a solved model built without it."""
     if kind == "ub":
         for j, v in CHANGES[kind]:
@@ -79,15 +93,15 @@ def apply(m, x, cons, kind):
             m.chgCoeff(cons[i], x[j], v)
     elif kind == "newcol":
         for coeffs, cost in CHANGES[kind]:
-            x.append(m.addVar(ub=5, obj=cost, column=kp.Column(
+            x.append(m.addVar(ub=5, obj=cost, vtype=vtype, column=kp.Column(
                 [v for _, v in coeffs], [cons[i] for i, _ in coeffs])))
     elif kind == "newrow":
         for terms, rhs in CHANGES[kind]:
             cons.append(m.addConstr(kp.quicksum(v * x[j] for j, v in terms) <= rhs))
 
 
-def cold_optimum(env, changes, vtype=KVR.CONTINUOUS):
-    m, _, _ = build(env, changes=changes, vtype=vtype)
+def cold_optimum(env, changes, vtype=KVR.CONTINUOUS, n=40):
+    m, _, _ = build(env, n=n, changes=changes, vtype=vtype)
     m.optimize()
     assert m.Status == KVR.OPTIMAL
     value, iters = m.ObjVal, m.IterCount
@@ -107,30 +121,45 @@ def test_unchanged_model_resolves_without_iterations(env):
     assert m.IterCount == 0 and m.ObjVal == pytest.approx(first)
 
 
-def test_each_change_resolves_to_the_optimum_of_a_fresh_model(env):
-    m, x, cons = build(env)
+@pytest.mark.parametrize("vtype", [KVR.CONTINUOUS, KVR.INTEGER])
+def test_each_change_resolves_to_the_optimum_of_a_fresh_model(env, engine, vtype, tmp_path):
+    n = 40 if vtype == KVR.CONTINUOUS else 20   # a MIP of 20 integers solves fast enough
+    m, x, cons = build(env, n=n, vtype=vtype)
     m.optimize()
+    logged(m, tmp_path / "changes.log")
     applied = []
     for kind in CHANGES:
-        apply(m, x, cons, kind)
+        apply(m, x, cons, kind, vtype)
         applied.append((kind, CHANGES[kind]))
         m.optimize()
-        expected, cold_iters = cold_optimum(env, applied)
+        expected, cold_iters = cold_optimum(env, applied, vtype, n)
         assert m.Status == KVR.OPTIMAL, kind
         assert m.ObjVal == pytest.approx(expected, abs=1e-7), kind
-        assert m.IterCount <= cold_iters, kind
-    # Values and duals are those of the changed model.
-    assert len(m.getAttr("X", x)) == 41 and len(m.getAttr("Pi", cons)) == 41
-    assert max(c.Slack < -1e-7 for c in cons) is False
+        if engine == "highs" and vtype == KVR.CONTINUOUS:   # the basis is kept
+            assert m.IterCount <= cold_iters, kind
+    # Every change reached the engine's kept copy: none was handed over in full.
+    text = (tmp_path / "changes.log").read_text()
+    assert text.count("Re-solve: 0 deleted") == len(CHANGES) and "in full" not in text
+    # Values and slacks are those of the changed model; the duals too where the engine gives them.
+    assert len(m.getAttr("X", x)) == n + 1 and min(c.Slack for c in cons) > -1e-6
+    if engine == "highs" and vtype == KVR.CONTINUOUS:
+        assert len(m.getAttr("Pi", cons)) == n + 1
 
 
-def test_removed_rows_and_columns_are_handled(env):
+def test_removed_rows_and_columns_are_handled(env, engine, tmp_path):
     m, x, cons = build(env)
     m.optimize()
-    m.remove([cons[3], cons[10], x[2], x[30]])
+    logged(m, tmp_path / "removed.log")
+    m.remove([cons[3], cons[10]])        # rows alone are deleted from the engine's copy
     m.optimize()
     ref, rx, rc = build(env)
-    ref.remove([rc[3], rc[10], rx[2], rx[30]])
+    ref.remove([rc[3], rc[10]])
+    ref.optimize()
+    assert m.ObjVal == pytest.approx(ref.ObjVal, abs=1e-7)
+    assert "Re-solve: 2 deleted, 0 added" in (tmp_path / "removed.log").read_text()
+    m.remove([x[2], x[30]])
+    m.optimize()
+    ref.remove([rx[2], rx[30]])
     ref.optimize()
     assert m.NumVars == 38 and m.NumConstrs == 38
     assert m.ObjVal == pytest.approx(ref.ObjVal, abs=1e-7)
@@ -179,19 +208,17 @@ def test_user_basis_set_between_solves_is_used(env):
     assert m.IterCount == 0 and m.ObjVal == pytest.approx(ref.ObjVal)
 
 
-def test_mip_resolve_offers_the_previous_incumbent(env, tmp_path):
-    m, x, cons = build(env, vtype=KVR.INTEGER)
+def test_mip_resolve_offers_the_previous_incumbent(env, engine, tmp_path):
+    m, x, cons = build(env, n=20, vtype=KVR.INTEGER)
     m.optimize()
     first = m.ObjVal
     log = tmp_path / "mip.log"
-    m.Params.LogFile = str(log)
-    m.Params.OutputFlag = 1
-    m.Params.LogToConsole = 0
+    logged(m, log)
     x[0].Obj = x[0].Obj + 0.5   # the incumbent stays feasible
     m.optimize()
     text = log.read_text()
-    assert "previous solution is still feasible" in text
-    expected, _ = cold_optimum(env, [("obj", [(0, lp_data()[1][0] + 0.5)])], vtype=KVR.INTEGER)
+    assert "previous solution is" in text
+    expected, _ = cold_optimum(env, [("obj", [(0, lp_data(20)[1][0] + 0.5)])], KVR.INTEGER, 20)
     assert m.ObjVal == pytest.approx(expected) and m.ObjVal >= first
     # A bound that cuts the incumbent off: not offered, still the right optimum.
     log.write_text("")
@@ -199,15 +226,17 @@ def test_mip_resolve_offers_the_previous_incumbent(env, tmp_path):
     j = max(range(len(x)), key=lambda k: best[k])
     x[j].UB = best[j] - 1
     m.optimize()
-    assert "previous solution is still feasible" not in log.read_text()
+    if engine == "highs":   # SCIP is offered the solution and finds it infeasible itself
+        assert "previous solution is" not in log.read_text()
     m.Params.OutputFlag = 0
-    ref, rx, _ = build(env, changes=[("obj", [(0, lp_data()[1][0] + 0.5)])], vtype=KVR.INTEGER)
+    ref, rx, _ = build(env, n=20, changes=[("obj", [(0, lp_data(20)[1][0] + 0.5)])],
+                       vtype=KVR.INTEGER)
     rx[j].UB = best[j] - 1
     ref.optimize()
     assert m.ObjVal == pytest.approx(ref.ObjVal)
 
 
-def test_type_and_sense_changes(env):
+def test_type_and_sense_changes(env, engine):
     m, x, _ = build(env)
     m.optimize()
     lp_value = m.ObjVal
@@ -227,9 +256,20 @@ def test_type_and_sense_changes(env):
     m.ModelSense = KVR.MAXIMIZE
     m.optimize()
     assert m.ObjVal == pytest.approx(lp_value)
+    # Binaries take bounds within [0, 1]: to a binary and back to an integer with bound 5.
+    for kind in (KVR.BINARY, KVR.INTEGER):
+        for v in x[10:16]:
+            v.VType = kind
+        m.optimize()
+        ref, rx, _ = build(env)
+        for v in rx[10:16]:
+            v.VType = kind
+        ref.optimize()
+        assert m.ObjVal == pytest.approx(ref.ObjVal), kind
+        assert max(v.X for v in x[10:16]) <= (1 if kind == KVR.BINARY else 5) + 1e-9
 
 
-def test_rewritten_model_is_handed_over_in_full(env, tmp_path):
+def test_rewritten_model_is_handed_over_in_full(env, engine, tmp_path):
     m, x, _ = build(env)
     m.optimize()
     log = tmp_path / "sos.log"
@@ -243,7 +283,7 @@ def test_rewritten_model_is_handed_over_in_full(env, tmp_path):
     assert m.ObjVal == pytest.approx(ref.ObjVal) and sum(v.X > 1e-9 for v in x[:3]) <= 1
 
 
-def test_in_place_changes_reach_the_engine_through_every_call(env):
+def test_in_place_changes_reach_the_engine_through_every_call(env, engine):
     """A re-solve hands the engine only the elements changed in place since its last solve: every
     kind of write must be found, also when renumbered by a deletion in the same update, undone
     before a solve, or replacing the whole objective. The copy of the model solves cold."""
@@ -290,4 +330,84 @@ def test_in_place_changes_reach_the_engine_through_every_call(env):
     # An undone change leaves the model as the engine has it: no iterations.
     undone()
     m.optimize()
-    assert m.IterCount == 0
+    assert m.IterCount == 0 or engine != "highs"
+
+
+def test_options_of_the_last_solve_do_not_linger(env):
+    """A kept engine instance is given only the options that changed; one that the last solve
+    set and this one leaves at its default goes back to the default."""
+    m, x, cons = build(env)
+    m.optimize()
+    optimum = m.ObjVal
+    for v in x[:8]:
+        v.UB = 0.0
+    m.Params.IterationLimit = 1
+    m.optimize()
+    assert m.Status == KVR.ITERATION_LIMIT
+    m.Params.IterationLimit = float("inf")
+    m.optimize()
+    assert m.Status == KVR.OPTIMAL
+    for v in x[:8]:
+        v.UB = 5.0
+    m.Params.Method = 2          # barrier on the kept instance, then the dual simplex again
+    m.Params.Presolve = 0
+    m.optimize()
+    assert m.Status == KVR.OPTIMAL and m.ObjVal == pytest.approx(optimum, abs=1e-6)
+    m.Params.Method = 1
+    m.Params.Presolve = -1
+    x[0].UB = 4.0
+    m.optimize()
+    assert m.Status == KVR.OPTIMAL and m.BarIterCount == 0
+    m.Params.IterationLimit = 0  # a limit given once and taken back
+    x[0].UB = 0.0
+    m.optimize()
+    assert m.Status == KVR.ITERATION_LIMIT
+    x[0].UB = 3.0
+    m.Params.IterationLimit = float("inf")
+    m.optimize()
+    ref, rx, _ = build(env, changes=[("ub", [(0, 3.0)])])
+    ref.optimize()
+    assert m.Status == KVR.OPTIMAL and m.ObjVal == pytest.approx(ref.ObjVal, abs=1e-7)
+
+
+def test_sensitivity_ranges_belong_to_the_solve_they_come_from(env):
+    """Ranges are read from the engine's kept copy on first use: a copy of the model made before
+    a re-solve keeps those of its own solution, and the re-solved model gets its new ones."""
+    attrs = ("SAObjLow", "SAObjUp", "SALBUp", "SAUBLow", "SARHSLow", "SARHSUp")
+
+    def ranges(model):
+        v, c = model.getVars(), model.getConstrs()
+        return [model.getAttr(a, c if a.startswith("SARHS") else v) for a in attrs]
+
+    m, _, cons = build(env)
+    m.optimize()
+    before = m.copy()
+    cons[2].RHS = 3.0
+    m.optimize()
+    ref, _, _ = build(env)
+    ref.optimize()
+    changed, _, _ = build(env, changes=[("rhs", [(2, 3.0)])])
+    changed.optimize()
+    for got, want in zip(ranges(before) + ranges(m), ranges(ref) + ranges(changed)):
+        assert got == pytest.approx(want, abs=1e-7)
+
+
+def test_engine_options_on_a_kept_instance(env, monkeypatch):
+    """Options given through the environment reach a kept instance, a rejected one fails the
+    solve with the model as it was, and one given no more goes back to the engine's default."""
+    m, x, _ = build(env)
+    m.optimize()
+    optimum = m.ObjVal
+    monkeypatch.setenv("KAVIRO_ENGINE_OPTIONS", "simplex_iteration_limit=0")
+    x[0].UB = 0.0
+    m.optimize()
+    assert m.Status == KVR.ITERATION_LIMIT
+    monkeypatch.setenv("KAVIRO_ENGINE_OPTIONS", "simplex_iteration_limit=-5")
+    with pytest.raises(kp.KaviroError) as err:
+        m.optimize()
+    assert err.value.errno == KVR.ERROR_INVALID_ARGUMENT and "simplex_iteration_limit" in str(err.value)
+    assert m.NumVars == 40 and x[0].UB == 0.0
+    monkeypatch.delenv("KAVIRO_ENGINE_OPTIONS")
+    x[0].UB = 5.0
+    m.optimize()
+    assert m.Status == KVR.OPTIMAL and m.ObjVal == pytest.approx(optimum, abs=1e-7)

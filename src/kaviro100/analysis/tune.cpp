@@ -342,6 +342,8 @@ Tuner::Outcome Tuner::measure_trials(const ChangeSet &set, const std::string &la
       const bool mip = copy.data.is_mip();
       if (mip && target_gap_ > 0)
         p.set_dbl(ParamId::MIPGap, std::max(p.get_dbl(ParamId::MIPGap), target_gap_));
+      // Every trial solves from scratch: a start kept from the last trial would favour it.
+      copy.engine_state.reset();
       optimize(&copy);
       const int status = copy.sol.status;
       if (status == KVR_INTERRUPTED) {

@@ -57,6 +57,11 @@ using HighsCCallbackType = void (*)(int, const char *, const HighsCallbackDataOu
 
 constexpr HighsInt kHighsStatusError = -1;
 constexpr HighsInt kHighsStatusOk = 0;
+constexpr HighsInt kHighsMaximumStringLength = 512;
+constexpr HighsInt kHighsOptionTypeBool = 0;
+constexpr HighsInt kHighsOptionTypeInt = 1;
+constexpr HighsInt kHighsOptionTypeDouble = 2;
+constexpr HighsInt kHighsOptionTypeString = 3;
 
 constexpr HighsInt kHighsVarTypeContinuous = 0;
 constexpr HighsInt kHighsVarTypeInteger = 1;
@@ -174,6 +179,16 @@ constexpr HighsInt kHighsIisBoundBoxed = 4;
                  double *, HighsInt *, HighsInt *, HighsInt *, double *))                          \
   X(Highs_getRowsBySet,                                                                            \
     HighsInt (*)(const void *, HighsInt, const HighsInt *, HighsInt *, double *, double *,         \
+                 HighsInt *, HighsInt *, HighsInt *, double *))                                    \
+  X(Highs_getOptionType, HighsInt (*)(const void *, const char *, HighsInt *))                     \
+  X(Highs_getBoolOptionValues, HighsInt (*)(const void *, const char *, HighsInt *, HighsInt *))   \
+  X(Highs_getIntOptionValues,                                                                      \
+    HighsInt (*)(const void *, const char *, HighsInt *, HighsInt *, HighsInt *, HighsInt *))      \
+  X(Highs_getDoubleOptionValues,                                                                   \
+    HighsInt (*)(const void *, const char *, double *, double *, double *, double *))              \
+  X(Highs_getStringOptionValues, HighsInt (*)(const void *, const char *, char *, char *))         \
+  X(Highs_getColsByRange,                                                                          \
+    HighsInt (*)(const void *, HighsInt, HighsInt, HighsInt *, double *, double *, double *,       \
                  HighsInt *, HighsInt *, HighsInt *, double *))                                    \
   X(Highs_getRowsByRange, HighsInt (*)(const void *, HighsInt, HighsInt, HighsInt *, double *,     \
                                        double *, HighsInt *, HighsInt *, HighsInt *, double *))

@@ -314,7 +314,7 @@ HighsInt basis_to_engine_row(int s, char sense) {
 void apply_passthrough_options(HighsInstance &hi, SolveContext &ctx) {
   for (const auto &[name, value] : engine_options()) {
     if (name.find('/') != std::string::npos) continue;  // another engine's option
-    if (Highs_setOptionValue(hi.get(), name.c_str(), value.c_str()) == kHighsStatusError)
+    if (!hi.set_text(name.c_str(), value.c_str()))
       fail(KVR_ERROR_INVALID_ARGUMENT, "KAVIRO_ENGINE_OPTIONS: the engine rejects %s=%s",
            name.c_str(), value.c_str());
     ctx.logf("Engine option %s=%s\n", name.c_str(), value.c_str());
@@ -654,7 +654,7 @@ EngineResult HighsEngine::solve_on(const EngineProblem &problem, const ParamValu
                                    bool loaded) {
   const ModelData &m = *problem.model;
   const int n = m.num_vars(), rows = m.num_constrs();
-  const bool mip = m.is_mip();
+  const bool mip = ctx.engine_model == &m ? ctx.is_mip : m.is_mip();
   const bool qp = m.q.size() > 0;
   if (mip && qp)
     fail(KVR_ERROR_NOT_SUPPORTED,
@@ -691,9 +691,9 @@ EngineResult HighsEngine::solve_on(const EngineProblem &problem, const ParamValu
     if (ctx.has_callback() || !ctx.user_solutions.empty())
       Highs_startCallback(hi->get(), kHighsCallbackCallbackMipUserSolution);
   }
-  // A kept instance holds the model and its last basis; its options are set afresh.
+  // A kept instance holds the model and its last basis; only changed options are passed on.
   const bool warm = params.get_int(ParamId::LPWarmStart) != 0;
-  if (loaded) Highs_resetOptions(hi->get());
+  hi->begin_options();
   set_options(*hi, params, ctx, mip, qp, sched.threads_used);
   if (!loaded) pass_model(*hi, m, mip);
   if (loaded && !warm) Highs_clearSolver(hi->get());
@@ -805,6 +805,7 @@ EngineResult HighsEngine::solve_on(const EngineProblem &problem, const ParamValu
   HighsRun run(hi, params, ctx, n, undecided_resolved, add_new_rows);
   run.found = &found;
   run.best_obj = &st.best_obj;
+  hi->end_options();
   for (;;) {
     ctx.stop = StopReason::None;
     ctx.lazy_violated = false;
@@ -912,8 +913,10 @@ EngineResult HighsEngine::solve_on(const EngineProblem &problem, const ParamValu
   if (has_x && (mip ? pstat == kHighsSolutionStatusFeasible : lp_keeps_x)) {
     r.x.resize(n);
     r.row_activity.resize(rows + (ctx.lazy_in_engine));
-    std::vector<double> cd(n), rd(r.row_activity.size());
-    Highs_getSolution(hi->get(), r.x.data(), cd.data(), r.row_activity.data(), rd.data());
+    // A MIP has no duals to read.
+    std::vector<double> cd(mip ? 0 : n), rd(mip ? 0 : r.row_activity.size());
+    Highs_getSolution(hi->get(), r.x.data(), mip ? nullptr : cd.data(), r.row_activity.data(),
+                      mip ? nullptr : rd.data());
     r.row_activity.resize(rows);
     r.objval = m.objective_value(r.x.data());
     if (!mip && dstat == kHighsSolutionStatusFeasible && r.status == KVR_OPTIMAL) {
@@ -938,24 +941,34 @@ EngineResult HighsEngine::solve_on(const EngineProblem &problem, const ParamValu
     HighsInt valid = 0;
     Highs_getIntInfoValue(hi->get(), "basis_validity", &valid);
     if (valid == kHighsBasisValidityValid) {
-      std::vector<HighsInt> cs(n), rs(rows);
-      if (Highs_getBasis(hi->get(), cs.data(), rs.data()) == kHighsStatusOk) {
-        r.vbasis.resize(n);
-        r.cbasis.resize(rows);
-        for (int j = 0; j < n; ++j) r.vbasis[j] = basis_from_engine_col(cs[j]);
-        for (int i = 0; i < rows; ++i)
-          r.cbasis[i] = rs[i] == kHighsBasisStatusBasic ? KVR_BASIC : KVR_NONBASIC_LOWER;
+      // Read into the result's arrays and mapped in place.
+      r.vbasis.resize(n);
+      r.cbasis.resize(rows);
+      if (Highs_getBasis(hi->get(), r.vbasis.data(), r.cbasis.data()) == kHighsStatusOk) {
+        for (int &b : r.vbasis) b = basis_from_engine_col(b);
+        for (int &b : r.cbasis) b = b == kHighsBasisStatusBasic ? KVR_BASIC : KVR_NONBASIC_LOWER;
+      } else {
+        r.vbasis.clear();
+        r.cbasis.clear();
       }
       if (r.status == KVR_OPTIMAL) {
-        std::vector<double> x = r.x;
-        std::vector<int> vb = r.vbasis;
-        std::vector<double> lbv = m.vars.lb, ubv = m.vars.ub;
-        r.sensitivity = [hi, n, rows, x, vb, lbv, ubv](Sensitivity &s) {
+        // Computed on request from what the instance holds, until it starts another solve.
+        r.sensitivity = [hi, n, rows, solve = hi->generation()](Sensitivity &s) {
+          void *h = hi->get();
+          if (hi->generation() != solve || Highs_getNumCol(h) != n) return false;
+          std::vector<double> x(n), lbv(n), ubv(n), cost(n);
+          std::vector<HighsInt> vb(n), rb(Highs_getNumRow(h));
+          HighsInt got = 0, nz = 0;
+          if (Highs_getSolution(h, x.data(), nullptr, nullptr, nullptr) != kHighsStatusOk ||
+              Highs_getBasis(h, vb.data(), rb.data()) != kHighsStatusOk ||
+              (n > 0 && Highs_getColsByRange(h, 0, n - 1, &got, cost.data(), lbv.data(), ubv.data(),
+                                             &nz, nullptr, nullptr, nullptr) != kHighsStatusOk))
+            return false;
           std::vector<double> cuv(n), cuo(n), cdv(n), cdo(n), buv(n), buo(n), bdv(n), bdo(n);
           std::vector<double> ruv(rows), ruo(rows), rdv(rows), rdo(rows);
           std::vector<HighsInt> i1(n), i2(n), i3(n), i4(n), i5(n), i6(n), i7(n), i8(n);
           std::vector<HighsInt> r1(rows), r2(rows), r3(rows), r4(rows);
-          if (Highs_getRanging(hi->get(), cuv.data(), cuo.data(), i1.data(), i2.data(), cdv.data(),
+          if (Highs_getRanging(h, cuv.data(), cuo.data(), i1.data(), i2.data(), cdv.data(),
                                cdo.data(), i3.data(), i4.data(), buv.data(), buo.data(), i5.data(),
                                i6.data(), bdv.data(), bdo.data(), i7.data(), i8.data(), ruv.data(),
                                ruo.data(), r1.data(), r2.data(), rdv.data(), rdo.data(), r3.data(),
@@ -973,10 +986,11 @@ EngineResult HighsEngine::solve_on(const EngineProblem &problem, const ParamValu
             // freely on its own side of the solution value.
             s.lbup[j] = x[j];
             s.ublow[j] = x[j];
-            if (vb[j] == KVR_NONBASIC_LOWER && lbv[j] > -KVR_INFINITY) {
+            const int status = basis_from_engine_col(vb[j]);
+            if (status == KVR_NONBASIC_LOWER && lbv[j] > -kInf) {
               s.lblow[j] = from_engine(bdv[j]);
               s.lbup[j] = from_engine(buv[j]);
-            } else if (vb[j] == KVR_NONBASIC_UPPER && ubv[j] < KVR_INFINITY) {
+            } else if (status == KVR_NONBASIC_UPPER && ubv[j] < kInf) {
               s.ublow[j] = from_engine(bdv[j]);
               s.ubup[j] = from_engine(buv[j]);
             }
@@ -1023,6 +1037,7 @@ EngineResult HighsEngine::solve_kept(const EngineProblem &problem, const ParamVa
     return solve(problem, params, ctx);
   }
   auto *kept = dynamic_cast<HighsState *>(state.get());
+  const bool mip = ctx.engine_model == &m ? ctx.is_mip : m.is_mip();
   std::shared_ptr<HighsInstance> hi;
   EngineProblem offered;
   const EngineProblem *use = &problem;
@@ -1030,7 +1045,7 @@ EngineResult HighsEngine::solve_kept(const EngineProblem &problem, const ParamVa
     InstanceUpdate update;
     bool updated = false;
     try {
-      updated = update_instance(*kept, m, update);
+      updated = update_instance(*kept, m, mip, update);
     } catch (const std::bad_alloc &) {
       updated = false;
     }
@@ -1039,7 +1054,7 @@ EngineResult HighsEngine::solve_kept(const EngineProblem &problem, const ParamVa
       ctx.logf("Re-solve: %zu deleted, %zu added and %zu changed elements handed to the engine\n",
                update.deleted, update.added, update.changed);
       // The last incumbent starts the search again when it is still feasible.
-      if (m.is_mip() && problem.mip_start.empty() && !update.incumbent.empty() &&
+      if (mip && problem.mip_start.empty() && !update.incumbent.empty() &&
           satisfies(m, update.incumbent, params)) {
         offered = problem;
         offered.mip_start = std::move(update.incumbent);
@@ -1059,8 +1074,8 @@ EngineResult HighsEngine::solve_kept(const EngineProblem &problem, const ParamVa
     hi->set_bool("output_flag", false);
     auto next = std::make_shared<HighsState>();
     next->instance = std::move(hi);
-    if (m.is_mip() && !r.x.empty()) next->incumbent = r.x;
-    next->mip = m.is_mip();
+    if (mip && !r.x.empty()) next->incumbent = r.x;
+    next->mip = mip;
     state = std::move(next);
   }
   return r;

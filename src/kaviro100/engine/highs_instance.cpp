@@ -46,6 +46,64 @@ void HighsInstance::before_deletion(const std::vector<HighsInt> &delcols,
     if (delrows[i] && rs[i] != kHighsBasisStatusBasic) basis_valid_ = false;
 }
 
+bool HighsInstance::unchanged(const char *name, char type, double num, const char *text) {
+  auto same = [&](const Given &g) {
+    return g.type == type && (text ? g.text == text : g.num == num);
+  };
+  auto named = [&](const Given &g) { return g.name == name; };
+  // An option is in one list at most. Solves give their options in the same order, so the one
+  // asked for is usually the first left over from the last solve.
+  if (auto it = std::find_if(previous_.begin(), previous_.end(), named); it != previous_.end()) {
+    const bool kept = same(*it);
+    given_.push_back(std::move(*it));
+    previous_.erase(it);
+    if (!kept) given_.back() = Given{name, type, num, text ? text : ""};
+    return kept;
+  }
+  if (auto it = std::find_if(given_.begin(), given_.end(), named); it != given_.end()) {
+    if (same(*it)) return true;
+    *it = Given{name, type, num, text ? text : ""};
+    return false;
+  }
+  given_.push_back(Given{name, type, num, text ? text : ""});
+  return false;
+}
+
+void HighsInstance::forget(const char *name) {
+  std::erase_if(given_, [&](const Given &g) { return g.name == name; });
+}
+
+void HighsInstance::begin_options() {
+  ++generation_;
+  previous_ = std::move(given_);
+  given_.clear();
+}
+
+void HighsInstance::end_options() {
+  // Back to the default: the options the last solve gave and this one does not.
+  for (const Given &g : previous_) {
+    const char *name = g.name.c_str();
+    HighsInt type = -1;
+    if (Highs_getOptionType(h_, name, &type) != kHighsStatusOk) continue;
+    HighsInt icur = 0, imin = 0, imax = 0, idef = 0;
+    double dcur = 0, dmin = 0, dmax = 0, ddef = 0;
+    std::string scur(kHighsMaximumStringLength, '\0'), sdef(kHighsMaximumStringLength, '\0');
+    // An option's own default is always accepted.
+    if (type == kHighsOptionTypeBool && Highs_getBoolOptionValues(h_, name, &icur, &idef) == 0)
+      Highs_setBoolOptionValue(h_, name, idef);
+    else if (type == kHighsOptionTypeInt &&
+             Highs_getIntOptionValues(h_, name, &icur, &imin, &imax, &idef) == 0)
+      Highs_setIntOptionValue(h_, name, idef);
+    else if (type == kHighsOptionTypeDouble &&
+             Highs_getDoubleOptionValues(h_, name, &dcur, &dmin, &dmax, &ddef) == 0)
+      Highs_setDoubleOptionValue(h_, name, ddef);
+    else if (type == kHighsOptionTypeString &&
+             Highs_getStringOptionValues(h_, name, scur.data(), sdef.data()) == 0)
+      Highs_setStringOptionValue(h_, name, sdef.c_str());
+  }
+  previous_.clear();
+}
+
 namespace {
 constexpr double kInf = std::numeric_limits<double>::infinity();
 double to_engine(double v) {
@@ -210,7 +268,7 @@ bool compare_listed(void *h, const HighsState &state, const ModelData &m, int nk
 
 }  // namespace
 
-bool update_instance(HighsState &state, const ModelData &m, InstanceUpdate &out) {
+bool update_instance(HighsState &state, const ModelData &m, bool mip, InstanceUpdate &out) {
   void *h = state.instance->get();
   const int n0 = Highs_getNumCol(h), m0 = Highs_getNumRow(h);
   const int n = m.num_vars(), rows = m.num_constrs();
@@ -252,7 +310,6 @@ bool update_instance(HighsState &state, const ModelData &m, InstanceUpdate &out)
     for (int j = nkeep; j < n; ++j) out.incumbent[j] = std::clamp(0.0, m.vars.lb[j], m.vars.ub[j]);
   }
 
-  const bool mip = m.is_mip();
   const SparseMatrix &a = m.constrs.rows;
   Differences diff;
   const bool compared = state.scan_all || mip != state.mip

@@ -10,7 +10,9 @@
 #pragma once
 
 #include <algorithm>
+#include <cstdint>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "engine/engine.h"
@@ -32,15 +34,34 @@ class HighsInstance {
   HighsInstance &operator=(const HighsInstance &) = delete;
   void *get() const { return h_; }
 
-  void set_bool(const char *name, bool v) { check(Highs_setBoolOptionValue(h_, name, v), name); }
+  void set_bool(const char *name, bool v) {
+    if (!unchanged(name, 'b', v, nullptr)) check(Highs_setBoolOptionValue(h_, name, v), name);
+  }
   void set_int(const char *name, long long v) {
     HighsInt iv = static_cast<HighsInt>(std::clamp<long long>(v, 0, 2147483647LL));
-    check(Highs_setIntOptionValue(h_, name, iv), name);
+    if (!unchanged(name, 'i', iv, nullptr)) check(Highs_setIntOptionValue(h_, name, iv), name);
   }
-  void set_dbl(const char *name, double v) { check(Highs_setDoubleOptionValue(h_, name, v), name); }
+  void set_dbl(const char *name, double v) {
+    if (!unchanged(name, 'd', v, nullptr)) check(Highs_setDoubleOptionValue(h_, name, v), name);
+  }
   void set_str(const char *name, const char *v) {
-    check(Highs_setStringOptionValue(h_, name, v), name);
+    if (!unchanged(name, 's', 0, v)) check(Highs_setStringOptionValue(h_, name, v), name);
   }
+  // An option given as text (any type); returns false when the engine rejects it.
+  bool set_text(const char *name, const char *v) {
+    if (unchanged(name, 't', 0, v)) return true;
+    if (Highs_setOptionValue(h_, name, v) != kHighsStatusError) return true;
+    forget(name);
+    return false;
+  }
+  // The options of a solve on this instance are set between begin_options(), which starts the
+  // solve, and end_options(): options the last solve gave with the same value are not passed
+  // again, and those it gave that this one does not go back to their defaults.
+  void begin_options();
+  void end_options();
+  // Counts the solves started on the instance: what was read from it for one solve is valid
+  // while the count has not moved on.
+  uint64_t generation() const { return generation_; }
   double info_dbl(const char *name) const;
   long long info_int(const char *name) const;
   // Whether the instance holds a basis for its model (kept through changes of the model).
@@ -52,12 +73,25 @@ class HighsInstance {
   void before_deletion(const std::vector<HighsInt> &delcols, const std::vector<HighsInt> &delrows);
 
  private:
-  static void check(HighsInt status, const char *name) {
-    if (status == kHighsStatusError)
-      fail(KVR_ERROR_INTERNAL, "The engine rejected its option '%s'", name);
+  void check(HighsInt status, const char *name) {
+    if (status != kHighsStatusError) return;
+    forget(name);
+    fail(KVR_ERROR_INTERNAL, "The engine rejected its option '%s'", name);
   }
+  // Whether option `name` holds the value given already in this solve or the last one; notes
+  // the value as given in this solve either way.
+  bool unchanged(const char *name, char type, double num, const char *text);
+  void forget(const char *name);
   void *h_;
   bool basis_valid_ = false;
+  uint64_t generation_ = 0;
+  struct Given {
+    std::string name;
+    char type;
+    double num;
+    std::string text;
+  };
+  std::vector<Given> given_, previous_;  // options given in this solve, and in the last one
 };
 
 // The engine's bounds of variable j of m (a binary within [0, 1]), its type, and the bounds of
@@ -82,9 +116,9 @@ struct InstanceUpdate {
 
 // Brings the kept instance's model up to date with m: the deletions recorded in the state, then
 // changed bounds, sides, objective, coefficients and types, then the added columns and rows.
-// Returns false when that is more work than handing the model over in full; the instance is
-// then to be dropped.
-bool update_instance(HighsState &state, const ModelData &m, InstanceUpdate &out);
+// `mip` tells whether m has integer variables. Returns false when that is more work than handing
+// the model over in full; the instance is then to be dropped.
+bool update_instance(HighsState &state, const ModelData &m, bool mip, InstanceUpdate &out);
 
 // Marks the calling thread as running a solve with the Threads value `threads` for the lifetime
 // of the object. threads_used is the threads option the solve must give the engine: the value

@@ -317,7 +317,7 @@ void fill_solution(const kvr_model *model, const Reformulated &rf, const SolveCo
                    EngineResult &&r, Solution &sol, const PolishFunction &polish) {
   const ModelData &user = model->data;
   const int nu = rf.user_vars, mu = rf.user_constrs;
-  const bool mip = rf.model().is_mip();
+  const bool mip = ctx.engine_model == &rf.model() ? ctx.is_mip : rf.model().is_mip();
   auto truncate = [](std::vector<double> &v, size_t n) {
     if (v.size() > n) v.resize(n);
   };
@@ -399,7 +399,7 @@ void fill_solution(const kvr_model *model, const Reformulated &rf, const SolveCo
     // A model without variables has an empty solution whose objective is the constant.
     if (!r.x.empty() || (rf.model().num_vars() == 0 && r.status == KVR_OPTIMAL)) {
       sol.objval = true_objective(rf, rf.model(), r.x);
-      sol.x = r.x;
+      sol.x = std::move(r.x);
       truncate(sol.x, nu);
       if (r.status == KVR_OPTIMAL || r.status == KVR_SUBOPTIMAL) {
         sol.pool_x.push_back(sol.x);
@@ -431,8 +431,7 @@ void fill_solution(const kvr_model *model, const Reformulated &rf, const SolveCo
       sol.farkasdual = std::move(r.farkasdual);
       sol.farkasproof = r.farkasproof;
       if (r.sensitivity) {
-        auto source = std::move(r.sensitivity);
-        sol.sensitivity_source = [source](Solution &s) {
+        sol.sensitivity_source = [source = std::move(r.sensitivity)](Solution &s) {
           Sensitivity sa;
           if (!source(sa)) return;
           s.saobjlow = std::move(sa.objlow), s.saobjup = std::move(sa.objup);
@@ -443,8 +442,14 @@ void fill_solution(const kvr_model *model, const Reformulated &rf, const SolveCo
       }
     }
   }
-  // Slacks of the user's rows: right-hand side minus activity.
-  if (!sol.x.empty()) {
+  // Slacks of the user's rows: right-hand side minus activity, which the engine reports for the
+  // solution it returned when it solved the user's model itself.
+  const bool engine_activity =
+      !mip && !rf.changed && r.row_activity.size() >= size_t(mu) && user.num_constrs() == mu;
+  if (engine_activity && !sol.x.empty()) {
+    sol.slack.resize(mu);
+    for (int i = 0; i < mu; ++i) sol.slack[i] = user.constrs.rhs[i] - r.row_activity[i];
+  } else if (!sol.x.empty()) {
     sol.slack.resize(mu);
     const SparseMatrix &A = user.constrs.rows;
     for (int i = 0; i < mu; ++i) {

@@ -182,7 +182,25 @@ using ErrorPrinting = void (*)(void *, FILE *, const char *);
   X(SCIPvarGetLbGlobal, double (*)(Var *))                        \
   X(SCIPvarGetUbGlobal, double (*)(Var *))                        \
   X(SCIPgetNNodesLeft, int (*)(Scip *))                           \
-  X(SCIPgetNCutsApplied, int (*)(Scip *))
+  X(SCIPgetNCutsApplied, int (*)(Scip *))                         \
+  KVR_SCIP_KEEP_FUNCTIONS(X)
+
+// What keeping a problem between solves and changing it needs (all of them, or no keeping).
+#define KVR_SCIP_KEEP_FUNCTIONS(X)                                 \
+  X(SCIPfreeTransform, Retcode (*)(Scip *))                        \
+  X(SCIPresetParams, Retcode (*)(Scip *))                          \
+  X(SCIPchgVarLb, Retcode (*)(Scip *, Var *, double))              \
+  X(SCIPchgVarUb, Retcode (*)(Scip *, Var *, double))              \
+  X(SCIPchgVarObj, Retcode (*)(Scip *, Var *, double))             \
+  X(SCIPchgVarType, Retcode (*)(Scip *, Var *, int, Bool *))       \
+  X(SCIPchgLhsLinear, Retcode (*)(Scip *, Cons *, double))         \
+  X(SCIPchgRhsLinear, Retcode (*)(Scip *, Cons *, double))         \
+  X(SCIPchgCoefLinear, Retcode (*)(Scip *, Cons *, Var *, double)) \
+  X(SCIPaddCoefLinear, Retcode (*)(Scip *, Cons *, Var *, double)) \
+  X(SCIPdelCons, Retcode (*)(Scip *, Cons *))                      \
+  X(SCIPcaptureCons, Retcode (*)(Scip *, Cons *))                  \
+  X(SCIPgetOrigConss, Cons **(*)(Scip *))                          \
+  X(SCIPgetNOrigConss, int (*)(Scip *))
 
 // The resolved functions.
 struct Api {

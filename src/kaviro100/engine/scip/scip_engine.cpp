@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -394,15 +395,23 @@ int map_status(int status, bool has_x) {
   }
 }
 
+struct KeptScip;
+
 class ScipEngine final : public Engine {
  public:
   const char *name() const override { return "SCIP"; }
   EngineResult solve(const EngineProblem &problem, const ParamValues &params,
                      SolveContext &ctx) override;
+  EngineResult solve_kept(const EngineProblem &problem, const ParamValues &params,
+                          SolveContext &ctx, std::shared_ptr<EngineState> &state) override;
 
  private:
   static void pass_model(ScipRun &run);
   static void set_params(ScipRun &run, const ParamValues &p);
+  // Solves on the problem `kept` holds (brought up to date already), or on a new one when it
+  // is null; with keep set, `kept` ends as the problem to keep for the next solve.
+  EngineResult solve_on(const EngineProblem &problem, const ParamValues &params, SolveContext &ctx,
+                        std::shared_ptr<KeptScip> &kept, bool keep);
 };
 
 void ScipEngine::pass_model(ScipRun &run) {
@@ -615,30 +624,343 @@ struct Instance {
   Instance &operator=(const Instance &) = delete;
 };
 
+// ---------------------------------------------------------------- problems kept between solves
+
+// SCIP's problem of a model kept between its solves, in SCIP's problem stage (the transformed
+// problem is freed after each solve): its variables and linear constraints in the model's order,
+// and what SCIP was given for them.
+struct KeptScip {
+  std::unique_ptr<Instance> inst;
+  std::vector<Var *> vars;
+  std::vector<Cons *> rows;
+  std::vector<int> types;        // SCIP's variable types
+  std::vector<double> lhs, rhs;  // the rows' sides as given (SCIP's infinity)
+  int sense = KVR_MINIMIZE;
+  double objcon = 0.0;
+  ~KeptScip() {
+    if (!inst) return;
+    const Api &a = inst->a;
+    for (Cons *&c : rows)
+      if (c) a.SCIPreleaseCons(inst->scip, &c);
+    for (Var *&v : vars)
+      if (v) a.SCIPreleaseVar(inst->scip, &v);
+  }
+};
+
+struct ScipState final : EngineState {
+  std::shared_ptr<KeptScip> kept;
+  std::vector<double> incumbent;  // the last solution of a MIP (empty when none)
+};
+
+bool keeping_possible(const Api &a) {
+#define KVR_SCIP_PRESENT(name, type) &&a.name
+  return true KVR_SCIP_KEEP_FUNCTIONS(KVR_SCIP_PRESENT);
+#undef KVR_SCIP_PRESENT
+}
+
+// Why the problem of m is not kept between solves ("" when it is): kept are linear models whose
+// rows and variables reach SCIP as they are, solved without callbacks or a cutoff.
+const char *not_kept_because(const Api &a, const EngineProblem &problem, const ParamValues &params,
+                             const SolveContext &ctx) {
+  const ModelData &m = *problem.model;
+  if (!keeping_possible(a)) return "the SCIP library lacks what changing a problem needs";
+  if (m.q.size() > 0 || m.qconstrs.size() > 0 || m.sos.size() > 0 || m.gens.size() > 0)
+    return "quadratic, SOS or general constraints";
+  for (char t : m.vars.vtype)
+    if (t == KVR_SEMICONT || t == KVR_SEMIINT) return "semi-continuous variables";
+  if (ctx.has_callback() || !ctx.lazy.empty() || problem.user_vars != m.num_vars())
+    return "a callback";
+  if (std::fabs(params.get_dbl(ParamId::Cutoff)) < KVR_INFINITY) return "a cutoff";
+  return "";
+}
+
+// What SCIP is given for variable j of m: its type and bounds.
+int scip_type(const ModelData &m, int j, double &lb, double &ub) {
+  lb = m.vars.lb[j], ub = m.vars.ub[j];
+  switch (m.vars.vtype[j]) {
+    case KVR_BINARY:
+      lb = std::max(lb, 0.0), ub = std::min(ub, 1.0);
+      return kBinary;
+    case KVR_INTEGER:
+      return kInteger;
+    default:
+      return kContinuous;
+  }
+}
+
+void row_sides(const ScipRun &run, const ModelData &m, int i, double &lhs, double &rhs) {
+  const char sense = m.constrs.sense[i];
+  const double b = run.to_scip(m.constrs.rhs[i]);
+  lhs = sense == KVR_LESS_EQUAL ? -run.infinity : b;
+  rhs = sense == KVR_GREATER_EQUAL ? run.infinity : b;
+}
+
+// Takes over the problem just solved (or solved on kept already) for the next solve: frees the
+// transformed problem, and on first use notes the variables and rows pass_model made.
+void keep_problem(std::shared_ptr<KeptScip> &kept, std::unique_ptr<Instance> made, ScipRun &run) {
+  const Api &a = run.a;
+  check(a.SCIPfreeTransform(run.scip), "freeing the transformed problem");
+  if (kept) return;
+  auto k = std::make_shared<KeptScip>();
+  made->run = nullptr;  // the kept problem releases its variables itself
+  k->inst = std::move(made);
+  k->vars = std::move(run.vars);
+  run.vars.clear();
+  const ModelData &m = run.m;
+  // The model's rows are the problem's only constraints, in order.
+  if (a.SCIPgetNOrigConss(run.scip) != m.num_constrs()) return;
+  Cons **conss = a.SCIPgetOrigConss(run.scip);
+  for (int i = 0; i < m.num_constrs(); ++i) {
+    check(a.SCIPcaptureCons(run.scip, conss[i]), "keeping a constraint");
+    k->rows.push_back(conss[i]);
+    double l, r;
+    row_sides(run, m, i, l, r);
+    k->lhs.push_back(l), k->rhs.push_back(r);
+  }
+  for (int j = 0; j < m.num_vars(); ++j) {
+    double lb, ub;
+    k->types.push_back(scip_type(m, j, lb, ub));
+  }
+  k->sense = m.sense;
+  k->objcon = m.objcon;
+  kept = std::move(k);
+}
+
+// Counts of what bringing a kept problem up to date handed over.
+struct ScipUpdate {
+  size_t deleted = 0, added = 0, changed = 0;
+};
+
+// Brings the kept problem up to date with m: the deleted rows, the variables and rows changed in
+// place, then the new variables and rows. Returns false when the change is better handed over in
+// full (deleted variables, a replaced objective, more new elements than the problem had).
+bool update_kept(KeptScip &k, EngineState &changes, const ModelData &m, ScipRun &run,
+                 ScipUpdate &out) {
+  const Api &a = run.a;
+  Scip *s = run.scip;
+  const int n0 = static_cast<int>(k.vars.size());
+  if (changes.scan_all) return false;
+  for (const auto &[kind, renumbering] : changes.deletions)
+    if (kind == 'V') return false;
+  const int n = m.num_vars(), rows = m.num_constrs();
+  if (n < n0) return false;
+  for (const auto &[kind, renumbering] : changes.deletions) {
+    std::vector<Cons *> rows_left;
+    std::vector<double> lhs_left, rhs_left;
+    for (size_t i = 0; i < k.rows.size(); ++i) {
+      if (i < renumbering.size() && renumbering[i] >= 0) {
+        rows_left.push_back(k.rows[i]), lhs_left.push_back(k.lhs[i]), rhs_left.push_back(k.rhs[i]);
+        continue;
+      }
+      Cons *gone = k.rows[i];
+      k.rows[i] = nullptr;  // released here, whatever happens next
+      const Retcode rc = a.SCIPdelCons(s, gone);
+      a.SCIPreleaseCons(s, &gone);
+      check(rc, "deleting a constraint");
+      ++out.deleted;
+    }
+    k.rows = std::move(rows_left), k.lhs = std::move(lhs_left), k.rhs = std::move(rhs_left);
+  }
+  const int m0 = static_cast<int>(k.rows.size());
+  if (rows < m0) return false;
+  out.added = static_cast<size_t>(n - n0 + rows - m0);
+  if (out.added > static_cast<size_t>(n0 + m0) + 100) return false;
+
+  Bool infeasible = 0;
+  auto set_var = [&](int j) {
+    double lb, ub;
+    const int type = scip_type(m, j, lb, ub);
+    // A binary variable takes bounds within [0, 1] only: its type changes first when it stops
+    // being one, last when it becomes one.
+    const bool type_first = k.types[j] == kBinary;
+    if (type != k.types[j] && type_first)
+      check(a.SCIPchgVarType(s, k.vars[j], type, &infeasible), "changing a variable's type");
+    check(a.SCIPchgVarLb(s, k.vars[j], run.to_scip(lb)), "changing a bound");
+    check(a.SCIPchgVarUb(s, k.vars[j], run.to_scip(ub)), "changing a bound");
+    if (type != k.types[j] && !type_first)
+      check(a.SCIPchgVarType(s, k.vars[j], type, &infeasible), "changing a variable's type");
+    k.types[j] = type;
+    check(a.SCIPchgVarObj(s, k.vars[j], m.vars.obj[j]), "changing an objective coefficient");
+  };
+  auto set_sides = [&](int i) {
+    double l, r;
+    row_sides(run, m, i, l, r);
+    // Sides that cross the old ones are set in the order that keeps lhs <= rhs.
+    if (l > k.rhs[i]) {
+      check(a.SCIPchgRhsLinear(s, k.rows[i], r), "changing a side");
+      check(a.SCIPchgLhsLinear(s, k.rows[i], l), "changing a side");
+    } else {
+      check(a.SCIPchgLhsLinear(s, k.rows[i], l), "changing a side");
+      check(a.SCIPchgRhsLinear(s, k.rows[i], r), "changing a side");
+    }
+    k.lhs[i] = l, k.rhs[i] = r;
+  };
+  // Each changed element once.
+  auto once = [](auto list) {
+    std::sort(list.begin(), list.end());
+    list.erase(std::unique(list.begin(), list.end()), list.end());
+    return list;
+  };
+  for (int j : once(changes.changed_vars))
+    if (j < n0) set_var(j), ++out.changed;
+  for (int i : once(changes.changed_constrs))
+    if (i < m0) set_sides(i), ++out.changed;
+  const SparseMatrix &A = m.constrs.rows;
+  for (auto [i, j] : once(changes.changed_coeffs)) {
+    if (i >= m0 || j >= n0) continue;  // a new row or column brings it
+    double val = 0.0;
+    for (int64_t e = A.beg[i]; e < A.beg[i + 1]; ++e)
+      if (A.ind[e] == j) val = A.val[e];
+    check(a.SCIPchgCoefLinear(s, k.rows[i], k.vars[j], val), "changing a coefficient");
+    ++out.changed;
+  }
+  // New variables, with their coefficients in the rows SCIP has.
+  for (int j = n0; j < n; ++j) {
+    double lb, ub;
+    const int type = scip_type(m, j, lb, ub);
+    Var *v = nullptr;
+    const std::string name = format("x%d", j);
+    check(a.SCIPcreateVarBasic(s, &v, name.c_str(), run.to_scip(lb), run.to_scip(ub), m.vars.obj[j],
+                               type),
+          "creating a variable");
+    k.vars.push_back(v);
+    k.types.push_back(type);
+    check(a.SCIPaddVar(s, v), "adding a variable");
+  }
+  if (n > n0)
+    for (int i = 0; i < m0; ++i)
+      for (int64_t e = A.beg[i]; e < A.beg[i + 1]; ++e)
+        if (A.ind[e] >= n0)
+          check(a.SCIPaddCoefLinear(s, k.rows[i], k.vars[A.ind[e]], A.val[e]),
+                "adding a coefficient");
+  // New rows.
+  std::vector<Var *> v;
+  std::vector<double> val;
+  for (int i = m0; i < rows; ++i) {
+    v.clear(), val.clear();
+    for (int64_t e = A.beg[i]; e < A.beg[i + 1]; ++e)
+      v.push_back(k.vars[A.ind[e]]), val.push_back(A.val[e]);
+    double l, r;
+    row_sides(run, m, i, l, r);
+    Cons *cons = nullptr;
+    const std::string name = format("r%d", i);
+    check(a.SCIPcreateConsBasicLinear(s, &cons, name.c_str(), static_cast<int>(v.size()), v.data(),
+                                      val.data(), l, r),
+          "creating a linear constraint");
+    k.rows.push_back(cons);  // kept captured
+    k.lhs.push_back(l), k.rhs.push_back(r);
+    check(a.SCIPaddCons(s, cons), "adding a linear constraint");
+  }
+  if (m.sense != k.sense) {
+    check(a.SCIPsetObjsense(s, m.sense == KVR_MAXIMIZE ? kMaximize : kMinimize), "the sense");
+    k.sense = m.sense;
+    ++out.changed;
+  }
+  if (m.objcon != k.objcon) {
+    check(a.SCIPaddOrigObjoffset(s, m.objcon - k.objcon), "the objective constant");
+    k.objcon = m.objcon;
+    ++out.changed;
+  }
+  run.vars = k.vars;
+  changes.clear_changes();
+  return true;
+}
+
+EngineResult ScipEngine::solve_kept(const EngineProblem &problem, const ParamValues &params,
+                                    SolveContext &ctx, std::shared_ptr<EngineState> &state) {
+  const Api &a = api();
+  const ModelData &m = *problem.model;
+  auto *previous = dynamic_cast<ScipState *>(state.get());
+  if (const char *why = not_kept_because(a, problem, params, ctx); *why) {
+    if (previous) ctx.logf("Re-solve: the model is handed to the engine in full (%s)\n", why);
+    state.reset();
+    return solve(problem, params, ctx);
+  }
+  std::shared_ptr<KeptScip> kept;
+  EngineProblem offered;
+  const EngineProblem *use = &problem;
+  if (previous && previous->kept) {
+    ScipRun run(a, ctx, m);
+    run.scip = previous->kept->inst->scip;
+    run.infinity = a.SCIPinfinity(run.scip);
+    RunScope scope(&run);
+    ScipUpdate update;
+    bool updated = false;
+    try {
+      updated = update_kept(*previous->kept, *previous, m, run, update);
+    } catch (const Error &) {
+      updated = false;  // the problem is dropped below and handed over in full
+    }
+    if (updated) {
+      kept = previous->kept;
+      ctx.logf("Re-solve: %zu deleted, %zu added and %zu changed elements handed to the engine\n",
+               update.deleted, update.added, update.changed);
+      std::vector<double> &x = previous->incumbent;
+      if (m.is_mip() && problem.mip_start.empty() && !x.empty() &&
+          x.size() <= static_cast<size_t>(m.num_vars())) {
+        offered = problem;
+        offered.mip_start = std::move(x);
+        for (int j = static_cast<int>(offered.mip_start.size()); j < m.num_vars(); ++j)
+          offered.mip_start.push_back(std::clamp(0.0, m.vars.lb[j], m.vars.ub[j]));
+        use = &offered;
+        ctx.log("The previous solution is offered as a start\n");
+      }
+    } else {
+      ctx.log("Re-solve: the model is handed to the engine in full (too many changes)\n");
+    }
+  }
+  state.reset();  // rebuilt below from the problem that ends the solve
+  EngineResult r = solve_on(*use, params, ctx, kept, true);
+  if (kept && kept->rows.size() == static_cast<size_t>(m.num_constrs())) {
+    auto next = std::make_shared<ScipState>();
+    next->kept = std::move(kept);
+    if (m.is_mip()) next->incumbent = r.x;
+    state = std::move(next);
+  }
+  return r;
+}
+
 EngineResult ScipEngine::solve(const EngineProblem &problem, const ParamValues &params,
                                SolveContext &ctx) {
+  std::shared_ptr<KeptScip> none;
+  return solve_on(problem, params, ctx, none, false);
+}
+
+EngineResult ScipEngine::solve_on(const EngineProblem &problem, const ParamValues &params,
+                                  SolveContext &ctx, std::shared_ptr<KeptScip> &kept, bool keep) {
   const Api &a = api();
   if (a.SCIPmessageSetErrorPrinting) a.SCIPmessageSetErrorPrinting(on_error, nullptr);
   const ModelData &m = *problem.model;
   const bool mip = m.is_mip() || m.sos.size() > 0 || m.gens.size() > 0;
   ScipRun run(a, ctx, m);
-  Instance inst(a);
-  inst.run = &run;
+  std::unique_ptr<Instance> made;
+  if (!kept) {
+    made = std::make_unique<Instance>(a);
+    made->run = &run;
+  }
+  Instance &inst = kept ? *kept->inst : *made;
+  if (kept) run.vars = kept->vars;
   run.scip = inst.scip;
   RunScope scope(&run);
-  check(a.SCIPincludeDefaultPlugins(run.scip), "SCIPincludeDefaultPlugins");
-  check(a.SCIPmessagehdlrCreate(&inst.msg, 1, nullptr, 0, on_message, on_message, on_message,
-                                nullptr, nullptr),
-        "creating the message handler");
-  check(a.SCIPsetMessagehdlr(run.scip, inst.msg), "setting the message handler");
+  if (kept) {
+    check(a.SCIPresetParams(run.scip), "resetting the parameters");
+  } else {
+    check(a.SCIPincludeDefaultPlugins(run.scip), "SCIPincludeDefaultPlugins");
+    check(a.SCIPmessagehdlrCreate(&inst.msg, 1, nullptr, 0, on_message, on_message, on_message,
+                                  nullptr, nullptr),
+          "creating the message handler");
+    check(a.SCIPsetMessagehdlr(run.scip, inst.msg), "setting the message handler");
+  }
   a.SCIPsetMessagehdlrQuiet(run.scip, ctx.quiet || !ctx.env->output_on());
   run.infinity = a.SCIPinfinity(run.scip);
 
   Eventhdlr *events = nullptr;
-  check(a.SCIPincludeEventhdlrBasic(run.scip, &events, "kaviro_events", "progress and stops",
-                                    on_event, nullptr),
-        "adding the event handler");
-  check(a.SCIPsetEventhdlrInit(run.scip, events, on_event_init), "adding the event handler");
+  if (!kept)
+    check(a.SCIPincludeEventhdlrBasic(run.scip, &events, "kaviro_events", "progress and stops",
+                                      on_event, nullptr),
+          "adding the event handler");
+  if (!kept)
+    check(a.SCIPsetEventhdlrInit(run.scip, events, on_event_init), "adding the event handler");
   if (ctx.has_callback() && mip) {
     // Enforced and checked after every other constraint: it sees only integral candidates.
     check(a.SCIPincludeConshdlrBasic(run.scip, &run.hdlr, "kaviro_callback",
@@ -649,7 +971,7 @@ EngineResult ScipEngine::solve(const EngineProblem &problem, const ParamValues &
           "adding the constraint handler");
   }
   set_params(run, params);
-  pass_model(run);
+  if (!kept) pass_model(run);
   const double cutoff = params.get_dbl(ParamId::Cutoff);
   if (std::fabs(cutoff) < KVR_INFINITY) check(a.SCIPsetObjlimit(run.scip, cutoff), "the cutoff");
 
@@ -681,6 +1003,13 @@ EngineResult ScipEngine::solve(const EngineProblem &problem, const ParamValues &
     r.objval = a.SCIPgetSolOrigObj(run.scip, sols[0]);
   }
   ctx.solcount = nsols;
+  if (keep) {
+    try {
+      keep_problem(kept, std::move(made), run);
+    } catch (const Error &) {
+      kept.reset();  // the next solve starts from scratch
+    }
+  }
   return r;
 }
 
