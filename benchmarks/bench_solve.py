@@ -24,18 +24,21 @@ measuring process; `NonConvex` 2) three ways: HiGHS forced, SCIP forced and the 
 (KAVIRO_ENGINE_OPTIONS), same parameters otherwise; the table shows median seconds and the
 automatic choice's time over the better of the two engines.
 
-With --methods the LP instances and lp-N (N from --lp-sizes; see ../shared/benchmarks.md) are
-solved by kaviropy alone with each value of Method: -1 (automatic), 0 primal simplex, 1 dual
-simplex, 2 barrier, 3 concurrent. One process per model reads or builds it once and solves it
-cold (reset() between solves) with the methods in turn, each round starting with another one,
-RUNS rounds (at least 5 puts each method first once); the table gives median wall
-times and the ratio of the automatic choice to the best of the single methods 0, 1 and 2, marked
-when it exceeds 1.10 by more than 10 ms (below that the clock's noise dominates), and the same
-ratio of process CPU times (less sensitive to the load of a shared machine; the concurrent
-method's two threads make its CPU time larger than its wall time); the largest ratio is taken
-over models whose best single method needs 50 ms or more.
+With --methods the LP instances and lp-N (N from --lp-sizes; see ../shared/benchmarks.md; once with
+presolve as set by default and once with Presolve 0, as bench_build solves it) are solved by
+kaviropy alone with each value of Method that runs one method: -1 (automatic), 0 primal simplex,
+1 dual simplex, 2 barrier with crossover; with --families also generated LPs of other shapes (see
+FAMILIES). Every method runs with Threads 1, so that none gets more of the machine than another.
+One process per model reads or builds it once and solves it cold (reset() between solves) with the
+methods in turn, each round starting with another one, RUNS rounds; a method that reaches --cap
+seconds is stopped there and not repeated. The table names the method the automatic choice took
+(from its log), gives median process CPU times (less sensitive than the wall clock to the load of a
+shared machine) and the ratio of the automatic choice to the best of the single methods by CPU and
+by wall time, marked when the CPU ratio exceeds 1.10 by more than 10 ms (below that the clock's
+noise dominates); the last lines give the largest ratio over models whose best single method needs
+50 ms or more and the models that miss 1.10.
 
-    python benchmarks/bench_solve.py --methods [--runs N] [--lp-sizes 100,300,500] [name.mps ...]
+    python benchmarks/bench_solve.py --methods [--families] [--runs N] [--cap S] [--lp-sizes 100,300,500] [name.mps ...]
 
 highspy comes from benchmarks/requirements.txt, usually in an environment of its own: give its
 interpreter with --peer-python (kaviropy runs under --python, default the current interpreter).
@@ -230,7 +233,7 @@ def run_methods(args, chosen):
     print("Each model is read or built once in a process of its own and solved cold (reset() in")
     print(f"between) with each Method in turn, Threads 1, presolve as set (default, or the Presolve")
     print(f"given), {args.runs} rounds, each round starting with another method; medians of the")
-    print(f"process CPU time (s) are shown, and the ratio automatic / best of the single methods")
+    print(f"process CPU time (ms) are shown, and the ratio automatic / best of the single methods")
     print(f"0 (primal simplex), 1 (dual simplex), 2 (barrier with crossover) by CPU and by wall time.")
     print(f"A method that reaches {args.cap:g} s is stopped there (shown as >) and not repeated.")
     print(f"'auto ran' is the method the automatic choice took (from its log).\n")
@@ -256,7 +259,7 @@ def run_methods(args, chosen):
         label = pathlib.Path(model).stem if model.endswith(".mps") else model
         if lost:
             missed.append(f"{label} (auto ran {r['auto']}, best {METHOD_NAMES[best]})")
-        cells = " ".join((">" if k in capped else " ") + f"{cpu[k]:7.3f}" for k in METHOD_NAMES)
+        cells = " ".join((">" if k in capped else " ") + f"{1000 * cpu[k]:7.1f}" for k in METHOD_NAMES)
         print(f"{label:22} {r['rows']:7} {r['cols']:7} {r['nnz']:8} {r['auto']:>8} {cells} "
               f"{cpu_ratio:5.2f} {wall_ratio:5.2f}" + (f" > {GOAL:.2f}" if lost else "")
               + ("" if agree else "  objectives differ"))
