@@ -231,12 +231,12 @@ def run_methods(args, chosen):
     if args.families:
         models += FAMILIES
     print("Each model is read or built once in a process of its own and solved cold (reset() in")
-    print(f"between) with each Method in turn, Threads 1, presolve as set (default, or the Presolve")
+    print("between) with each Method in turn, Threads 1, presolve as set (default, or the Presolve")
     print(f"given), {args.runs} rounds, each round starting with another method; medians of the")
-    print(f"process CPU time (ms) are shown, and the ratio automatic / best of the single methods")
-    print(f"0 (primal simplex), 1 (dual simplex), 2 (barrier with crossover) by CPU and by wall time.")
+    print("process CPU time (ms) are shown, and the ratio automatic / best of the single methods")
+    print("0 (primal simplex), 1 (dual simplex), 2 (barrier with crossover) by CPU and by wall time.")
     print(f"A method that reaches {args.cap:g} s is stopped there (shown as >) and not repeated.")
-    print(f"'auto ran' is the method the automatic choice took (from its log).\n")
+    print("'auto ran' is the method the automatic choice took (from its log).\n")
     print(f"{'model':22} {'rows':>7} {'cols':>7} {'nonzeros':>8} {'auto ran':>8} "
           + " ".join(f"{v:>8}" for v in METHOD_NAMES.values()) + f" {'cpu':>5} {'wall':>5}")
     missed = []

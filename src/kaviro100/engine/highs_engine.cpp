@@ -610,22 +610,22 @@ bool use_race(const ParamValues &p, int threads) {
 // The automatic LP method (Method -1) picks from cheap features of the model as given. Measured
 // against every single method (bench_solve --methods --families: Threads 1, CPU time) on the
 // shared LPs, lp-N and generated transportation, network flow, packing and heat-equation LPs:
+// - with fewer than kAutoEquationRows rows, nearly all of them equations (transportation and
+//   network flow models, greenbea, qap04), the simplex methods finish in 0.7 to 2 iterations per
+//   row, before the barrier method's 15 to 50 iterations over the whole matrix: the dual simplex
+//   method wins by up to two times, the primal one when most columns are free as well
+//   (discretized differential equations), where the dual one took up to 1.5 times as long;
 // - below kAutoSmallNonzeros every method takes a few milliseconds and the dual simplex method is
 //   the fastest or within the clock's noise of it;
-// - the simplex method needs one to three iterations per row, the barrier method 15 to 50
-//   iterations that each work on the whole matrix: with fewer than kAutoEquationRows rows, nearly
-//   all of them equations (transportation and network flow models, greenbea), the simplex method
-//   wins by up to two times; the primal one when most columns are free as well (discretized
-//   differential equations), where the dual one starts far from feasible;
 // - otherwise (more rows, or inequality rows: 25fv47, packing LPs, lp-N without presolve, larger
-//   networks) the barrier method with crossover, by up to ten times.
+//   networks and heat models) the barrier method with crossover wins, by up to ten times.
 // The dual simplex method is also taken whenever only the simplex method gives what is asked: an
 // infeasibility or unboundedness certificate, an iteration or work limit (counted in simplex
 // iterations), or a start from a basis or start vectors.
-constexpr int64_t kAutoSmallNonzeros = 10000;
 constexpr int kAutoEquationRows = 3000;
 constexpr double kAutoEquationShare = 0.8;
 constexpr double kAutoFreeShare = 0.5;
+constexpr int64_t kAutoSmallNonzeros = 10000;
 
 enum class AutoLpMethod { Primal, Dual, Barrier };
 
@@ -645,17 +645,18 @@ AutoLpChoice auto_lp_method(const ParamValues &p, const ModelData &m, const Engi
       (!problem.vbasis.empty() || !problem.pstart.empty() || !problem.dstart.empty()))
     return {AutoLpMethod::Dual, "from the given start"};
   const int rows = m.num_constrs(), cols = m.num_vars();
-  if (m.constrs.rows.nnz() < kAutoSmallNonzeros) return {AutoLpMethod::Dual, "for a small LP"};
   const auto equations = std::count(m.constrs.sense.begin(), m.constrs.sense.end(), KVR_EQUAL);
+  if (rows > 0 && rows < kAutoEquationRows && equations >= kAutoEquationShare * rows) {
+    int free = 0;
+    for (int j = 0; j < cols; ++j)
+      free += m.vars.lb[j] <= -KVR_INFINITY && m.vars.ub[j] >= KVR_INFINITY;
+    if (free >= kAutoFreeShare * cols)
+      return {AutoLpMethod::Primal, "for an LP of equations over mostly free columns"};
+    return {AutoLpMethod::Dual, "for an LP of equations"};
+  }
+  if (m.constrs.rows.nnz() < kAutoSmallNonzeros) return {AutoLpMethod::Dual, "for a small LP"};
   if (rows >= kAutoEquationRows) return {AutoLpMethod::Barrier, "for an LP of many rows"};
-  if (equations < kAutoEquationShare * rows)
-    return {AutoLpMethod::Barrier, "for an LP with inequality rows"};
-  int free = 0;
-  for (int j = 0; j < cols; ++j)
-    free += m.vars.lb[j] <= -KVR_INFINITY && m.vars.ub[j] >= KVR_INFINITY;
-  if (free >= kAutoFreeShare * cols)
-    return {AutoLpMethod::Primal, "for an LP of equations over mostly free columns"};
-  return {AutoLpMethod::Dual, "for an LP of equations"};
+  return {AutoLpMethod::Barrier, "for an LP with inequality rows"};
 }
 
 // Sets the engine up for the automatic method's choice and says in the log what it took.
