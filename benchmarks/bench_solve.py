@@ -224,12 +224,19 @@ FAMILIES = ["transp-50-100", "transp-100-200", "transp-30-1000", "flow-40", "flo
             "heat-60"]
 
 
+def engine_version(python):
+    script = "import importlib.metadata as m; print(m.version('highsbox'))"
+    out = subprocess.run([python, "-c", script], capture_output=True, text=True).stdout
+    return out.strip() or "?"
+
+
 def run_methods(args, chosen):
     models = [str(path) for path, kind in chosen if kind == "LP"]
     sizes = [n for n in args.lp_sizes.split(",") if n]
     models += [f"lp-{n}" for n in sizes] + [f"lp-{n}/presolve=0" for n in sizes]
     if args.families:
         models += FAMILIES
+    print(f"kaviropy on HiGHS (highsbox {engine_version(args.python)}).")
     print("Each model is read or built once in a process of its own and solved cold (reset() in")
     print("between) with each Method in turn, Threads 1, presolve as set (default, or the Presolve")
     print(f"given), {args.runs} rounds, each round starting with another method; medians of the")
