@@ -38,7 +38,8 @@ by wall time, marked when the CPU ratio exceeds 1.10 by more than 10 ms (below t
 noise dominates); the last lines give the largest ratio over models whose best single method needs
 50 ms or more and the models that miss 1.10.
 
-    python benchmarks/bench_solve.py --methods [--families] [--runs N] [--cap S] [--lp-sizes 100,300,500] [name.mps ...]
+    python benchmarks/bench_solve.py --methods [--families] [--runs N] [--cap S]
+                                     [--lp-sizes 100,300,500] [name.mps ...]
 
 highspy comes from benchmarks/requirements.txt, usually in an environment of its own: give its
 interpreter with --peer-python (kaviropy runs under --python, default the current interpreter).
@@ -91,11 +92,11 @@ print(json.dumps({"time": t, "cpu": c, "status": str(h.getModelStatus()),
 
 # The models of --methods besides the shared LPs. lp-N is the sparse LP of ../shared/benchmarks.md,
 # solved with presolve as set by default and with Presolve 0 (as bench_build solves it); the others
-# are families with other shapes: transp-S-D a balanced transportation problem (S + D equality rows,
-# S D columns), flow-N a minimum-cost flow on an N x N grid with arcs both ways between
-# neighbours (one equation per node, capacities on the arcs), pack-R-C-K a random packing LP (R rows of K random columns each, C columns in
-# [0, 1]) and heat-N the heat-equation constraints of lqcp-N with an L1 tracking objective (mostly
-# equality rows over free columns).
+# are families with other shapes: transp-S-D a balanced transportation problem (S + D equation
+# rows, S D columns), flow-N a minimum-cost flow on an N x N grid with arcs both ways between
+# neighbours (one equation per node, capacities on the arcs), pack-R-C-K a random packing LP (R
+# rows of K random columns each, C columns in [0, 1]) and heat-N the heat-equation constraints of
+# lqcp-N with an L1 tracking objective (mostly equation rows over free columns).
 BUILDERS = r"""
 import random
 import kaviropy as kp
@@ -241,7 +242,8 @@ def run_methods(args, chosen):
     print("between) with each Method in turn, Threads 1, presolve as set (default, or the Presolve")
     print(f"given), {args.runs} rounds, each round starting with another method; medians of the")
     print("process CPU time (ms) are shown, and the ratio automatic / best of the single methods")
-    print("0 (primal simplex), 1 (dual simplex), 2 (barrier with crossover) by CPU and by wall time.")
+    print("0 (primal simplex), 1 (dual simplex), 2 (barrier with crossover), by CPU and by wall")
+    print("time.")
     print(f"A method that reaches {args.cap:g} s is stopped there (shown as >) and not repeated.")
     print("'auto ran' is the method the automatic choice took (from its log).\n")
     print(f"{'model':22} {'rows':>7} {'cols':>7} {'nonzeros':>8} {'auto ran':>8} "
@@ -266,7 +268,8 @@ def run_methods(args, chosen):
         label = pathlib.Path(model).stem if model.endswith(".mps") else model
         if lost:
             missed.append(f"{label} (auto ran {r['auto']}, best {METHOD_NAMES[best]})")
-        cells = " ".join((">" if k in capped else " ") + f"{1000 * cpu[k]:7.1f}" for k in METHOD_NAMES)
+        cells = " ".join((">" if k in capped else " ") + f"{1000 * cpu[k]:7.1f}"
+                         for k in METHOD_NAMES)
         print(f"{label:22} {r['rows']:7} {r['cols']:7} {r['nnz']:8} {r['auto']:>8} {cells} "
               f"{cpu_ratio:5.2f} {wall_ratio:5.2f}" + (f" > {GOAL:.2f}" if lost else "")
               + ("" if agree else "  objectives differ"))
