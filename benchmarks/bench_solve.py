@@ -222,7 +222,7 @@ SINGLE = ("0", "1", "2")
 GOAL, NOISE = 1.10, 0.01
 FAMILIES = ["transp-50-100", "transp-100-200", "transp-30-1000", "flow-40", "flow-60",
             "flow-120", "pack-1000-8000-20", "pack-3000-6000-8", "pack-6000-3000-6", "heat-40",
-            "heat-60"]
+            "heat-60", "heat-70"]
 
 
 def engine_version(python):

@@ -207,10 +207,10 @@ def test_concurrent_lp_takes_the_first_method_to_finish(env, tmp_path):
 
 
 def shaped_lp(m, kind):
-    """An LP of at least 10,000 nonzeros and fewer than 3,000 rows: "packing" has inequality rows,
-    "transport" only equations (a balanced transportation problem), "chain" equations over free
-    columns (each determined by the next four, the last four boxed); or 7,200 inequality rows
-    ("pairs")."""
+    """An LP of at least 10,000 nonzeros: "packing" has 1,000 inequality rows, "transport" 170
+    equations (a balanced transportation problem), "chain" 4,000 equations over free columns (each
+    determined by the next four, the last four boxed), "nonnegative chain" 3,200 of them over
+    nonnegative columns; "pairs" 7,200 inequality rows."""
     if kind == "pairs":
         pair_lp(m, 60)
     elif kind == "packing":
@@ -225,11 +225,12 @@ def shaped_lp(m, kind):
         m.setObjective(kp.quicksum((3 * i + 7 * j) % 11 * x[i, j] for i in range(50)
                                    for j in range(120)))
     else:
-        y = m.addVars(2604, lb=-KVR.INFINITY)
-        for j in range(2600, 2604):
+        n = 4000 if kind == "chain" else 3200
+        y = m.addVars(n + 4, lb=-KVR.INFINITY if kind == "chain" else 0.0)
+        for j in range(n, n + 4):
             y[j].LB, y[j].UB = 0, 1
         m.addConstrs(y[i] - 0.25 * kp.quicksum(y[i + k] for k in range(1, 5)) == 1
-                     for i in range(2600))
+                     for i in range(n))
         m.setObjective(y[0] + y.sum())
 
 
@@ -242,7 +243,8 @@ def test_automatic_method_follows_the_shape_of_the_lp(env, tmp_path, monkeypatch
                 ("pairs", "barrier with crossover for an LP of many rows"),
                 ("packing", "barrier with crossover for an LP with inequality rows"),
                 ("transport", "dual simplex for an LP of equations"),
-                ("chain", "primal simplex for an LP of equations over mostly free columns")]
+                ("chain", "primal simplex for an LP of equations over mostly free columns"),
+                ("nonnegative chain", "barrier with crossover for an LP of many rows")]
     for kind, method in expected:
         with kp.Model(env=env) as m:
             if kind == "small":

@@ -613,8 +613,11 @@ bool use_race(const ParamValues &p, int threads) {
 // - with fewer than kAutoEquationRows rows, nearly all of them equations (transportation and
 //   network flow models, greenbea, qap04), the simplex methods finish in 0.7 to 2 iterations per
 //   row, before the barrier method's 15 to 50 iterations over the whole matrix: the dual simplex
-//   method wins by up to two times, the primal one when most columns are free as well
-//   (discretized differential equations), where the dual one took up to 1.5 times as long;
+//   method wins by up to two times (network flows with 3,600 rows are even, with 14,400 the
+//   barrier method wins); when most columns are free as well (discretized differential
+//   equations) the primal simplex method wins, by up to 1.5 times over the dual one, up to
+//   kAutoFreeEquationRows rows (heat models: even at 4,600 rows, barrier 1.2 times as fast at
+//   5,300);
 // - below kAutoSmallNonzeros every method takes a few milliseconds and the dual simplex method is
 //   the fastest or within the clock's noise of it;
 // - otherwise (more rows, or inequality rows: 25fv47, packing LPs, lp-N without presolve, larger
@@ -623,6 +626,7 @@ bool use_race(const ParamValues &p, int threads) {
 // infeasibility or unboundedness certificate, an iteration or work limit (counted in simplex
 // iterations), or a start from a basis or start vectors.
 constexpr int kAutoEquationRows = 3000;
+constexpr int kAutoFreeEquationRows = 4500;
 constexpr double kAutoEquationShare = 0.8;
 constexpr double kAutoFreeShare = 0.5;
 constexpr int64_t kAutoSmallNonzeros = 10000;
@@ -646,13 +650,13 @@ AutoLpChoice auto_lp_method(const ParamValues &p, const ModelData &m, const Engi
     return {AutoLpMethod::Dual, "from the given start"};
   const int rows = m.num_constrs(), cols = m.num_vars();
   const auto equations = std::count(m.constrs.sense.begin(), m.constrs.sense.end(), KVR_EQUAL);
-  if (rows > 0 && rows < kAutoEquationRows && equations >= kAutoEquationShare * rows) {
+  if (rows > 0 && rows < kAutoFreeEquationRows && equations >= kAutoEquationShare * rows) {
     int free = 0;
     for (int j = 0; j < cols; ++j)
       free += m.vars.lb[j] <= -KVR_INFINITY && m.vars.ub[j] >= KVR_INFINITY;
     if (free >= kAutoFreeShare * cols)
       return {AutoLpMethod::Primal, "for an LP of equations over mostly free columns"};
-    return {AutoLpMethod::Dual, "for an LP of equations"};
+    if (rows < kAutoEquationRows) return {AutoLpMethod::Dual, "for an LP of equations"};
   }
   if (m.constrs.rows.nnz() < kAutoSmallNonzeros) return {AutoLpMethod::Dual, "for a small LP"};
   if (rows >= kAutoEquationRows) return {AutoLpMethod::Barrier, "for an LP of many rows"};
