@@ -195,13 +195,16 @@ with tempfile.TemporaryDirectory() as tmp:
     m.Params.LogFile, m.Params.OutputFlag = "", 0
     chosen = re.search(r"Automatic method: (barrier|primal|dual)", open(log).read())
 m.Params.TimeLimit = cap
-times, cpus, objs, capped = {}, {}, {}, set()
+model = m
+times, cpus, objs, iters, capped = {}, {}, {}, {}, set()
 for r in range(runs):
     # Each round starts with another method: the first solve in a process pays for warming up.
     for method in [(-1, 0, 1, 2)[(r + k) % 4] for k in range(4)]:
         if method in capped:
             continue
-        m.reset()
+        # A fresh copy each time: a solve after reset() may keep engine state that changes the
+        # path of the next one (the dual simplex method's iteration counts differ by half).
+        m = model.copy()
         m.Params.Method = method
         t, c = time.perf_counter(), time.process_time()
         m.optimize()
@@ -210,9 +213,12 @@ for r in range(runs):
         if m.Status == KVR.TIME_LIMIT:
             capped.add(method)
         objs[method] = m.ObjVal if m.SolCount and m.Status == KVR.OPTIMAL else None
+        iters.setdefault(method, []).append(m.IterCount + m.BarIterCount)
+        m.dispose()
+m = model
 print(json.dumps({"rows": m.NumConstrs, "cols": m.NumVars, "nnz": m.NumNZs,
                   "auto": chosen.group(1) if chosen else "?", "times": times,
-                  "cpus": cpus, "objs": objs, "capped": sorted(capped)}))
+                  "cpus": cpus, "objs": objs, "iters": iters, "capped": sorted(capped)}))
 """
 
 METHOD_NAMES = {"-1": "auto", "0": "primal", "1": "dual", "2": "barrier"}

@@ -209,7 +209,7 @@ def test_concurrent_lp_takes_the_first_method_to_finish(env, tmp_path):
 def shaped_lp(m, kind):
     """An LP of at least 10,000 nonzeros: "packing" has 1,000 inequality rows, "transport" 170
     equations (a balanced transportation problem), "chain" 4,000 equations over free columns (each
-    determined by the next four, the last four boxed), "nonnegative chain" 3,200 of them over
+    determined by the next four, the last four boxed), "nonnegative chain" 4,600 of them over
     nonnegative columns; "pairs" 7,200 inequality rows."""
     if kind == "pairs":
         pair_lp(m, 60)
@@ -225,7 +225,7 @@ def shaped_lp(m, kind):
         m.setObjective(kp.quicksum((3 * i + 7 * j) % 11 * x[i, j] for i in range(50)
                                    for j in range(120)))
     else:
-        n = 4000 if kind == "chain" else 3200
+        n = 4000 if kind == "chain" else 4600
         y = m.addVars(n + 4, lb=-KVR.INFINITY if kind == "chain" else 0.0)
         for j in range(n, n + 4):
             y[j].LB, y[j].UB = 0, 1
@@ -240,11 +240,11 @@ def test_automatic_method_follows_the_shape_of_the_lp(env, tmp_path, monkeypatch
     # simplex method's.
     log = tmp_path / "auto.log"
     expected = [("small", "dual simplex for a small LP"),
-                ("pairs", "barrier with crossover for an LP of many rows"),
+                ("pairs", "barrier with crossover for an LP with inequality rows"),
                 ("packing", "barrier with crossover for an LP with inequality rows"),
                 ("transport", "dual simplex for an LP of equations"),
                 ("chain", "primal simplex for an LP of equations over mostly free columns"),
-                ("nonnegative chain", "barrier with crossover for an LP of many rows")]
+                ("nonnegative chain", "barrier with crossover for a large LP of equations")]
     for kind, method in expected:
         with kp.Model(env=env) as m:
             if kind == "small":

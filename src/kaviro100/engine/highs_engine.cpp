@@ -608,26 +608,28 @@ bool use_race(const ParamValues &p, int threads) {
 }
 
 // The automatic LP method (Method -1) picks from cheap features of the model as given. Measured
-// against every single method (bench_solve --methods --families: Threads 1, CPU time) on the
-// shared LPs, lp-N and generated transportation, network flow, packing and heat-equation LPs:
-// - with fewer than kAutoEquationRows rows, nearly all of them equations (transportation and
-//   network flow models, greenbea, qap04), the simplex methods finish in 0.7 to 2 iterations per
-//   row, before the barrier method's 15 to 50 iterations over the whole matrix: the dual simplex
-//   method wins by up to two times (network flows with 3,600 rows are even, with 14,400 the
-//   barrier method wins); when most columns are free as well (discretized differential
-//   equations) the primal simplex method wins, by up to 1.5 times over the dual one, up to
-//   kAutoFreeEquationRows rows (heat models: even at 4,600 rows, barrier 1.2 times as fast at
-//   5,300);
+// against every single method (bench_solve --methods --families: Threads 1, CPU time of cold
+// solves) on the shared LPs, lp-N and generated transportation, network flow, packing and
+// heat-equation LPs:
+// - when nearly all rows are equations, the simplex methods need 0.7 to 2.3 iterations per row,
+//   each pricing all columns, while the barrier method takes 15 to 50 iterations over the whole
+//   matrix. Below kAutoEquationWork rows times columns the dual simplex method wins, by up to two
+//   times (transportation problems, greenbea by 1.2; network flows of 1e7 and 5e7 are even; a
+//   transportation problem of 3e7 goes to barrier by 1.13). When most columns are free as well
+//   (discretized differential equations) the primal simplex method wins, by up to 1.5 times over
+//   the dual one, up to kAutoFreeEquationRows rows (heat models: even at 4,600 rows, barrier 1.2
+//   times as fast at 5,300);
 // - below kAutoSmallNonzeros every method takes a few milliseconds and the dual simplex method is
 //   the fastest or within the clock's noise of it;
-// - otherwise (more rows, or inequality rows: 25fv47, packing LPs, lp-N without presolve, larger
-//   networks and heat models) the barrier method with crossover wins, by up to ten times.
+// - otherwise (inequality rows, or large models of equations: 25fv47, packing LPs, lp-N without
+//   presolve, larger networks and heat models) the barrier method with crossover wins, by up to
+//   ten times.
 // The dual simplex method is also taken whenever only the simplex method gives what is asked: an
 // infeasibility or unboundedness certificate, an iteration or work limit (counted in simplex
 // iterations), or a start from a basis or start vectors.
-constexpr int kAutoEquationRows = 3000;
-constexpr int kAutoFreeEquationRows = 4500;
 constexpr double kAutoEquationShare = 0.8;
+constexpr double kAutoEquationWork = 2e7;
+constexpr int kAutoFreeEquationRows = 4500;
 constexpr double kAutoFreeShare = 0.5;
 constexpr int64_t kAutoSmallNonzeros = 10000;
 
@@ -650,16 +652,18 @@ AutoLpChoice auto_lp_method(const ParamValues &p, const ModelData &m, const Engi
     return {AutoLpMethod::Dual, "from the given start"};
   const int rows = m.num_constrs(), cols = m.num_vars();
   const auto equations = std::count(m.constrs.sense.begin(), m.constrs.sense.end(), KVR_EQUAL);
-  if (rows > 0 && rows < kAutoFreeEquationRows && equations >= kAutoEquationShare * rows) {
+  const bool of_equations = rows > 0 && equations >= kAutoEquationShare * rows;
+  if (of_equations) {
     int free = 0;
     for (int j = 0; j < cols; ++j)
       free += m.vars.lb[j] <= -KVR_INFINITY && m.vars.ub[j] >= KVR_INFINITY;
-    if (free >= kAutoFreeShare * cols)
+    if (rows < kAutoFreeEquationRows && free >= kAutoFreeShare * cols)
       return {AutoLpMethod::Primal, "for an LP of equations over mostly free columns"};
-    if (rows < kAutoEquationRows) return {AutoLpMethod::Dual, "for an LP of equations"};
+    if (static_cast<double>(rows) * cols < kAutoEquationWork)
+      return {AutoLpMethod::Dual, "for an LP of equations"};
   }
   if (m.constrs.rows.nnz() < kAutoSmallNonzeros) return {AutoLpMethod::Dual, "for a small LP"};
-  if (rows >= kAutoEquationRows) return {AutoLpMethod::Barrier, "for an LP of many rows"};
+  if (of_equations) return {AutoLpMethod::Barrier, "for a large LP of equations"};
   return {AutoLpMethod::Barrier, "for an LP with inequality rows"};
 }
 
