@@ -29,7 +29,8 @@ presolve as set by default and once with Presolve 0, as bench_build solves it) a
 kaviropy alone with each value of Method that runs one method: -1 (automatic), 0 primal simplex,
 1 dual simplex, 2 barrier with crossover; with --families also generated LPs of other shapes (see
 FAMILIES). Every method runs with Threads 1, so that none gets more of the machine than another.
-One process per model reads or builds it once and solves it cold (reset() between solves) with the
+One process per model reads or builds it once and solves fresh copies of it cold (a model solved
+again after reset() may keep engine state that changes the path of the next solve) with the
 methods in turn, each round starting with another one, RUNS rounds; a method that reaches --cap
 seconds is stopped there and not repeated. The table names the method the automatic choice took
 (from its log), gives median process CPU times (less sensitive than the wall clock to the load of a
@@ -244,12 +245,12 @@ def run_methods(args, chosen):
     if args.families:
         models += FAMILIES
     print(f"kaviropy on HiGHS (highsbox {engine_version(args.python)}).")
-    print("Each model is read or built once in a process of its own and solved cold (reset() in")
-    print("between) with each Method in turn, Threads 1, presolve as set (default, or the Presolve")
-    print(f"given), {args.runs} rounds, each round starting with another method; medians of the")
-    print("process CPU time (ms) are shown, and the ratio automatic / best of the single methods")
-    print("0 (primal simplex), 1 (dual simplex), 2 (barrier with crossover), by CPU and by wall")
-    print("time.")
+    print("Each model is read or built once in a process of its own and fresh copies of it are")
+    print("solved cold with each Method in turn, Threads 1, presolve as set (default, or the")
+    print(f"Presolve given), {args.runs} rounds, each round starting with another method; medians")
+    print("of the process CPU time (ms) are shown, and the ratio automatic / best of the single")
+    print("methods 0 (primal simplex), 1 (dual simplex), 2 (barrier with crossover), by CPU and by")
+    print("wall time.")
     print(f"A method that reaches {args.cap:g} s is stopped there (shown as >) and not repeated.")
     print("'auto ran' is the method the automatic choice took (from its log).\n")
     print(f"{'model':22} {'rows':>7} {'cols':>7} {'nonzeros':>8} {'auto ran':>8} "
