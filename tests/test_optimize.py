@@ -206,6 +206,85 @@ def test_concurrent_lp_takes_the_first_method_to_finish(env, tmp_path):
             assert (m.BarIterCount > 0) == cold
 
 
+def shaped_lp(m, kind):
+    """An LP of at least 10,000 nonzeros: "packing" has 1,000 inequality rows, "transport" 170
+    equations (a balanced transportation problem), "chain" 4,000 equations over free columns (each
+    determined by the next four, the last four boxed), "nonnegative chain" 4,600 of them over
+    nonnegative columns; "pairs" 7,200 inequality rows."""
+    if kind == "pairs":
+        pair_lp(m, 60)
+    elif kind == "packing":
+        x = m.addVars(2000, ub=1.0)
+        m.addConstrs(kp.quicksum(x[(7 * i + 13 * k) % 2000] for k in range(12)) <= 5
+                     for i in range(1000))
+        m.setObjective(kp.quicksum((j % 5 + 1) * x[j] for j in range(2000)), KVR.MAXIMIZE)
+    elif kind == "transport":
+        x = m.addVars(50, 120)
+        m.addConstrs(x.sum(i, "*") == 12 for i in range(50))
+        m.addConstrs(x.sum("*", j) == 5 for j in range(120))
+        m.setObjective(kp.quicksum((3 * i + 7 * j) % 11 * x[i, j] for i in range(50)
+                                   for j in range(120)))
+    else:
+        n = 4000 if kind == "chain" else 4600
+        y = m.addVars(n + 4, lb=-KVR.INFINITY if kind == "chain" else 0.0)
+        for j in range(n, n + 4):
+            y[j].LB, y[j].UB = 0, 1
+        m.addConstrs(y[i] - 0.25 * kp.quicksum(y[i + k] for k in range(1, 5)) == 1
+                     for i in range(n))
+        m.setObjective(y[0] + y.sum())
+
+
+def test_automatic_method_follows_the_shape_of_the_lp(env, tmp_path, monkeypatch):
+    # Each LP solved cold with the automatic method: the log names the method taken, barrier
+    # iterations happen exactly when it is the barrier method, and the optimum is the dual
+    # simplex method's.
+    log = tmp_path / "auto.log"
+    expected = [("small", "dual simplex for a small LP"),
+                ("pairs", "barrier with crossover for an LP with inequality rows"),
+                ("packing", "barrier with crossover for an LP with inequality rows"),
+                ("transport", "dual simplex for an LP of equations"),
+                ("chain", "primal simplex for an LP of equations over mostly free columns"),
+                ("nonnegative chain", "barrier with crossover for a large LP of equations")]
+    for kind, method in expected:
+        with kp.Model(env=env) as m:
+            if kind == "small":
+                small_lp(m)
+            else:
+                shaped_lp(m, kind)
+            m.Params.LogFile, m.Params.OutputFlag, m.Params.LogToConsole = str(log), 1, 0
+            m.Params.Presolve = 0
+            m.Params.Method = 1
+            m.optimize()
+            optimum = m.ObjVal
+            log.write_text("")
+            m.reset()
+            m.Params.Method = -1
+            m.optimize()
+            text = log.read_text()
+            assert f"Automatic method: {method} ({m.NumConstrs} rows" in text, kind
+            assert text.count("Automatic method") == 1
+            assert m.Status == KVR.OPTIMAL and m.ObjVal == pytest.approx(optimum), kind
+            assert (m.BarIterCount > 0) == method.startswith("barrier"), kind
+            if method.startswith("barrier"):
+                # Only the simplex method gives a certificate or honours an iteration limit.
+                for param, value, default in (("InfUnbdInfo", 1, 0),
+                                              ("IterationLimit", 1e9, KVR.INFINITY)):
+                    log.write_text("")
+                    m.reset()
+                    m.setParam(param, value)
+                    m.optimize()
+                    m.setParam(param, default)
+                    assert "Automatic method: dual simplex" in log.read_text(), param
+                    assert m.BarIterCount == 0 and m.ObjVal == pytest.approx(optimum)
+                # A method named in the engine options is the user's: no automatic choice.
+                monkeypatch.setenv("KAVIRO_ENGINE_OPTIONS", "solver=simplex")
+                log.write_text("")
+                m.reset()
+                m.optimize()
+                monkeypatch.delenv("KAVIRO_ENGINE_OPTIONS")
+                assert "Automatic method" not in log.read_text() and m.BarIterCount == 0
+
+
 @pytest.mark.parametrize(
     "param, value, status",
     [

@@ -440,11 +440,11 @@ void HighsEngine::set_options(HighsInstance &hi, const ParamValues &p, SolveCont
     hi.set_dbl("mip_min_logging_interval", p.get_int(ParamId::DisplayInterval));
     if (p.get_int(ParamId::Symmetry) == 0) hi.set_bool("mip_detect_symmetry", false);
   } else if (!qp) {
-    // Method: -1 automatic (the engine's choice; the barrier method for large LPs solved cold,
-    // see prefer_barrier), 0 primal simplex, 1 dual simplex, 2 barrier (interior point);
-    // 3 (concurrent) races the dual simplex against the barrier method where two threads are
-    // free (see use_race); 4 (deterministic concurrent) leaves the choice to the engine, which
-    // runs one method; 5 (deterministic concurrent simplex) runs the dual simplex.
+    // Method: -1 automatic (chosen from the model's shape, see auto_lp_method), 0 primal
+    // simplex, 1 dual simplex, 2 barrier (interior point); 3 (concurrent) races the dual simplex
+    // against the barrier method where two threads are free (see use_race); 4 (deterministic
+    // concurrent) leaves the choice to the engine, which runs one method; 5 (deterministic
+    // concurrent simplex) runs the dual simplex.
     switch (p.get_int(ParamId::Method)) {
       case 0:
         hi.set_str("solver", "simplex");
@@ -525,22 +525,85 @@ bool use_race(const ParamValues &p, int threads) {
   return threads != 1 && std::thread::hardware_concurrency() >= 2;
 }
 
-// The automatic method solves an LP of at least this many nonzeros with the barrier method.
-constexpr int64_t kBarrierNonzeros = 10000;
+// The automatic LP method (Method -1) picks from cheap features of the model as given. Measured
+// against every single method (bench_solve --methods --families: Threads 1, CPU time of cold
+// solves) on the shared LPs, lp-N and generated transportation, network flow, packing and
+// heat-equation LPs:
+// - when nearly all rows are equations, the simplex methods need 0.7 to 2.3 iterations per row,
+//   each pricing all columns, while the barrier method takes 15 to 50 iterations over the whole
+//   matrix. Below kAutoEquationWork rows times columns the dual simplex method wins, by up to two
+//   times (transportation problems, greenbea by 1.2; network flows of 1e7 and 5e7 are even; a
+//   transportation problem of 3e7 goes to barrier by 1.13). When most columns are free as well
+//   (discretized differential equations) the primal simplex method wins, by up to 1.5 times over
+//   the dual one, up to kAutoFreeEquationRows rows (heat models: even at 4,600 rows, barrier 1.2
+//   times as fast at 5,300);
+// - below kAutoSmallNonzeros every method takes a few milliseconds and the dual simplex method is
+//   the fastest or within the clock's noise of it;
+// - otherwise (inequality rows, or large models of equations: 25fv47, packing LPs, lp-N without
+//   presolve, larger networks and heat models) the barrier method with crossover wins, by up to
+//   ten times.
+// The dual simplex method is also taken whenever only the simplex method gives what is asked: an
+// infeasibility or unboundedness certificate, an iteration or work limit (counted in simplex
+// iterations), or a start from a basis or start vectors.
+constexpr double kAutoEquationShare = 0.8;
+constexpr double kAutoEquationWork = 2e7;
+constexpr int kAutoFreeEquationRows = 4500;
+constexpr double kAutoFreeShare = 0.5;
+constexpr int64_t kAutoSmallNonzeros = 10000;
 
-// Whether the automatic method takes the barrier method (with crossover): for a large LP solved
-// cold, when neither an infeasibility certificate nor an iteration or work limit (counted in
-// simplex iterations) is asked for. Measured on the shared LPs and lp-N (the
-// methods table of bench_solve), the barrier method is the fastest or close to it there and the
-// engine's own choice below; racing both methods lost to either alone on two cores.
-bool prefer_barrier(const ParamValues &p, const ModelData &m, const EngineProblem &problem) {
-  if (p.get_int(ParamId::Method) != -1 || p.get_int(ParamId::InfUnbdInfo) != 0 ||
-      p.get_dbl(ParamId::IterationLimit) < KVR_INFINITY ||
+enum class AutoLpMethod { Primal, Dual, Barrier };
+
+struct AutoLpChoice {
+  AutoLpMethod method;
+  const char *why;
+};
+
+AutoLpChoice auto_lp_method(const ParamValues &p, const ModelData &m, const EngineProblem &problem,
+                            bool basis_at_hand) {
+  if (basis_at_hand) return {AutoLpMethod::Dual, "from the last basis"};
+  if (p.get_int(ParamId::InfUnbdInfo) != 0) return {AutoLpMethod::Dual, "for a certificate"};
+  if (p.get_dbl(ParamId::IterationLimit) < KVR_INFINITY ||
       p.get_dbl(ParamId::WorkLimit) < KVR_INFINITY)
-    return false;
-  const bool warm = p.get_int(ParamId::LPWarmStart) != 0 &&
-                    (!problem.vbasis.empty() || !problem.pstart.empty() || !problem.dstart.empty());
-  return !warm && m.constrs.rows.nnz() >= kBarrierNonzeros;
+    return {AutoLpMethod::Dual, "under an iteration or work limit"};
+  if (p.get_int(ParamId::LPWarmStart) != 0 &&
+      (!problem.vbasis.empty() || !problem.pstart.empty() || !problem.dstart.empty()))
+    return {AutoLpMethod::Dual, "from the given start"};
+  const int rows = m.num_constrs(), cols = m.num_vars();
+  const auto equations = std::count(m.constrs.sense.begin(), m.constrs.sense.end(), KVR_EQUAL);
+  const bool of_equations = rows > 0 && equations >= kAutoEquationShare * rows;
+  if (of_equations) {
+    int free = 0;
+    for (int j = 0; j < cols; ++j)
+      free += m.vars.lb[j] <= -KVR_INFINITY && m.vars.ub[j] >= KVR_INFINITY;
+    if (rows < kAutoFreeEquationRows && free >= kAutoFreeShare * cols)
+      return {AutoLpMethod::Primal, "for an LP of equations over mostly free columns"};
+    if (static_cast<double>(rows) * cols < kAutoEquationWork)
+      return {AutoLpMethod::Dual, "for an LP of equations"};
+  }
+  if (m.constrs.rows.nnz() < kAutoSmallNonzeros) return {AutoLpMethod::Dual, "for a small LP"};
+  if (of_equations) return {AutoLpMethod::Barrier, "for a large LP of equations"};
+  return {AutoLpMethod::Barrier, "for an LP with inequality rows"};
+}
+
+// Sets the engine up for the automatic method's choice and says in the log what it took.
+void apply_auto_lp_method(HighsInstance &hi, const ParamValues &p, const ModelData &m,
+                          const EngineProblem &problem, bool basis_at_hand, SolveContext &ctx) {
+  // A method named in the engine options (KAVIRO_ENGINE_OPTIONS) is the user's choice.
+  for (const auto &option : engine_options())
+    if (option.first == "solver" || option.first == "simplex_strategy") return;
+  const AutoLpChoice choice = auto_lp_method(p, m, problem, basis_at_hand);
+  if (choice.method == AutoLpMethod::Barrier) {
+    hi.set_str("solver", "ipm");
+    hi.set_str("run_crossover", p.get_int(ParamId::Crossover) == 0 ? "off" : "on");
+  } else {
+    hi.set_str("solver", "simplex");
+    hi.set_int("simplex_strategy", choice.method == AutoLpMethod::Primal ? 4 : 1);
+  }
+  ctx.logf("Automatic method: %s %s (%d rows, %d columns, %lld nonzeros)\n",
+           choice.method == AutoLpMethod::Barrier  ? "barrier with crossover"
+           : choice.method == AutoLpMethod::Primal ? "primal simplex"
+                                                   : "dual simplex",
+           choice.why, m.num_constrs(), m.num_vars(), static_cast<long long>(m.constrs.rows.nnz()));
 }
 
 // Runs `simplex` on this thread and `barrier` on another until one settles the model, then stops
@@ -698,8 +761,6 @@ EngineResult HighsEngine::solve_on(const EngineProblem &problem, const ParamValu
   if (!loaded) pass_model(*hi, m, mip);
   if (loaded && !warm) Highs_clearSolver(hi->get());
   const bool basis_at_hand = loaded && warm && !mip && hi->has_basis();
-  // With a basis at hand the automatic choice is the simplex method, which starts from it.
-  if (basis_at_hand && params.get_int(ParamId::Method) == -1) hi->set_str("solver", "simplex");
   // Rounds of rows re-solve from the last basis; an unbounded round needs the simplex ray.
   if (emulation.rounds_of_rows()) hi->set_str("solver", "simplex");
   if (const double cut_tol = emulation.row_tolerance(); cut_tol > 0) {
@@ -738,11 +799,8 @@ EngineResult HighsEngine::solve_on(const EngineProblem &problem, const ParamValu
 
   std::shared_ptr<HighsInstance> race_with;
   std::atomic<bool> race_over{false};
-  if (!mip && !qp && !rounds && !basis_at_hand && prefer_barrier(params, m, problem)) {
-    hi->set_str("solver", "ipm");
-    ctx.logf("Automatic method: barrier for an LP of %lld nonzeros\n",
-             static_cast<long long>(m.constrs.rows.nnz()));
-  }
+  if (!mip && !qp && !rounds && params.get_int(ParamId::Method) == -1)
+    apply_auto_lp_method(*hi, params, m, problem, basis_at_hand, ctx);
   if (!mip && !qp && !rounds && !basis_at_hand && use_race(params, sched.threads_used)) {
     race_with = std::make_shared<HighsInstance>();
     set_options(*race_with, params, ctx, mip, qp, sched.threads_used);
