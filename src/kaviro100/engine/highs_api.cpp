@@ -35,16 +35,6 @@ std::vector<std::string> candidate_dirs() {
   return dirs;
 }
 
-std::string find_library(std::string &searched) {
-  for (const std::string &dir : candidate_dirs()) {
-    // The variable may name the file itself.
-    if (dir.ends_with(".so") || dir.find(".so.") != std::string::npos) return dir;
-    for (const std::string &f : glob_files(dir + "/libhighs.so")) return f;
-    searched += (searched.empty() ? "" : ", ") + dir;
-  }
-  return "";
-}
-
 struct Loaded {
   Api api;
   std::string error;  // why the library cannot be used ("" when it can)
@@ -52,31 +42,26 @@ struct Loaded {
 
 Loaded load() {
   Loaded out;
-  std::string searched;
-  std::string path = find_library(searched);
-  if (path.empty()) {
-    out.error =
-        "the HiGHS library was not found (install highsbox==1.15.1; searched " + searched + ")";
+  EngineLibrary lib =
+      open_engine_library("HiGHS", "highsbox==1.15.1", candidate_dirs(), {"libhighs.so"});
+  if (!lib.handle) {
+    out.error = lib.error;
     return out;
   }
-  std::string why;
-  void *handle = open_library(path, why);
-  if (!handle) {
-    out.error = "the HiGHS library " + path + " could not be loaded: " + why;
-    return out;
-  }
+  void *handle = lib.handle;
+  const std::string &path = lib.path;
   Api &a = out.api;
   a.path = path;
   std::string missing;
 #define KVR_HIGHS_RESOLVE(name, type)                             \
   a.name = reinterpret_cast<type>(library_symbol(handle, #name)); \
-  if (!a.name) missing += (missing.empty() ? "" : ", ") + std::string(#name);
+  if (!a.name) note_missing(missing, #name);
   KVR_HIGHS_FUNCTIONS(KVR_HIGHS_RESOLVE)
 #undef KVR_HIGHS_RESOLVE
   // HighsStatus Highs::getCoeff(HighsInt, HighsInt, double &) const
   a.get_coeff =
       reinterpret_cast<decltype(a.get_coeff)>(library_symbol(handle, "_ZNK5Highs8getCoeffEiiRd"));
-  if (!a.get_coeff) missing += (missing.empty() ? "" : ", ") + std::string("Highs::getCoeff");
+  if (!a.get_coeff) note_missing(missing, "Highs::getCoeff");
   if (!missing.empty()) {
     out.error = "the library " + path + " is not a usable HiGHS library: it lacks " + missing;
     close_library(handle);

@@ -3,6 +3,8 @@
 #include <dlfcn.h>
 #include <glob.h>
 
+#include <filesystem>
+
 namespace kvr {
 
 std::vector<std::string> glob_files(const std::string &pattern) {
@@ -40,5 +42,45 @@ void *open_library(const std::string &path, std::string &error) {
 void *library_symbol(void *handle, const char *name) { return ::dlsym(handle, name); }
 
 void close_library(void *handle) { ::dlclose(handle); }
+
+EngineLibrary open_engine_library(const char *engine, const char *package,
+                                  const std::vector<std::string> &dirs,
+                                  std::initializer_list<const char *> names,
+                                  void (*before_open)(const std::string &path)) {
+  EngineLibrary out;
+  std::string searched;
+  for (const std::string &dir : dirs) {
+    std::error_code ec;
+    if (std::filesystem::is_regular_file(dir, ec)) {
+      out.path = dir;
+      break;
+    }
+    for (const char *name : names) {
+      std::vector<std::string> files = glob_files(dir + "/" + name);
+      if (!files.empty()) {
+        out.path = files.front();
+        break;
+      }
+    }
+    if (!out.path.empty()) break;
+    searched += (searched.empty() ? "" : ", ") + dir;
+  }
+  if (out.path.empty()) {
+    out.error = std::string("the ") + engine + " library was not found (install " + package +
+                "; searched " + searched + ")";
+    return out;
+  }
+  if (before_open) before_open(out.path);
+  std::string why;
+  out.handle = open_library(out.path, why);
+  if (!out.handle)
+    out.error =
+        std::string("the ") + engine + " library " + out.path + " could not be loaded: " + why;
+  return out;
+}
+
+void note_missing(std::string &missing, const char *name) {
+  missing += (missing.empty() ? "" : ", ") + std::string(name);
+}
 
 }  // namespace kvr

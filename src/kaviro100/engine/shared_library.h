@@ -1,6 +1,7 @@
 // Helpers for engines loaded at run time: finding a library file and opening it.
 #pragma once
 
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -18,5 +19,22 @@ void *open_library(const std::string &path, std::string &error);
 // The address of a symbol of an opened library (nullptr when it has none).
 void *library_symbol(void *handle, const char *name);
 void close_library(void *handle);
+
+// An engine's library, opened; handle is nullptr and error says why when it cannot be used.
+struct EngineLibrary {
+  void *handle = nullptr;
+  std::string path;
+  std::string error;
+};
+// Opens the first file matching one of `names` (shell patterns) in the first of `dirs` that has
+// one; an entry of dirs may also be the library file itself. `before_open`, when given, runs with
+// the file's path first (to load libraries it needs). The messages name the engine and the
+// `package` that provides it.
+EngineLibrary open_engine_library(const char *engine, const char *package,
+                                  const std::vector<std::string> &dirs,
+                                  std::initializer_list<const char *> names,
+                                  void (*before_open)(const std::string &path) = nullptr);
+// Adds `name` to a comma-separated list of missing symbols.
+void note_missing(std::string &missing, const char *name);
 
 }  // namespace kvr

@@ -33,15 +33,14 @@ std::vector<std::string> candidate_dirs() {
   return dirs;
 }
 
-std::string find_library(std::string &searched) {
-  for (const std::string &dir : candidate_dirs()) {
-    // The variable may name the file itself.
-    if (dir.find("libscip") != std::string::npos && glob_files(dir).size() == 1) return dir;
-    for (const std::string &f : glob_files(dir + "/libscip-*.so*")) return f;
-    for (const std::string &f : glob_files(dir + "/libscip.so*")) return f;
-    searched += (searched.empty() ? "" : ", ") + dir;
-  }
-  return "";
+// Older wheels lack a run path to their sibling libraries: those are loaded by path first.
+void load_siblings(const std::string &path) {
+  const std::string dir = dirname_of(path);
+  for (const char *sibling : {"/libquadmath-*.so*", "/libgfortran-*.so*"})
+    for (const std::string &f : glob_files(dir + sibling)) {
+      std::string ignored;  // the library's own load reports what is missing
+      open_library(f, ignored);
+    }
 }
 
 struct Loaded {
@@ -51,32 +50,20 @@ struct Loaded {
 
 Loaded load() {
   Loaded out;
-  std::string searched;
-  std::string path = find_library(searched);
-  if (path.empty()) {
-    out.error =
-        "the SCIP library was not found (install pyscipopt==6.3.0; searched " + searched + ")";
+  EngineLibrary lib = open_engine_library("SCIP", "pyscipopt==6.3.0", candidate_dirs(),
+                                          {"libscip-*.so*", "libscip.so*"}, load_siblings);
+  if (!lib.handle) {
+    out.error = lib.error;
     return out;
   }
-  // Older wheels lack a run path to their sibling libraries: load those by path first.
-  const std::string dir = dirname_of(path);
-  for (const char *sibling : {"/libquadmath-*.so*", "/libgfortran-*.so*"})
-    for (const std::string &f : glob_files(dir + sibling)) {
-      std::string ignored;  // the library's own load below reports what is missing
-      open_library(f, ignored);
-    }
-  std::string why;
-  void *handle = open_library(path, why);
-  if (!handle) {
-    out.error = "the SCIP library " + path + " could not be loaded: " + why;
-    return out;
-  }
+  void *handle = lib.handle;
+  const std::string &path = lib.path;
   Api &a = out.api;
   a.path = path;
   std::string missing;
 #define KVR_SCIP_RESOLVE(name, type)                              \
   a.name = reinterpret_cast<type>(library_symbol(handle, #name)); \
-  if (!a.name) missing += (missing.empty() ? "" : ", ") + std::string(#name);
+  if (!a.name) note_missing(missing, #name);
   KVR_SCIP_FUNCTIONS(KVR_SCIP_RESOLVE)
 #undef KVR_SCIP_RESOLVE
 #define KVR_SCIP_RESOLVE_OPTIONAL(name, type) \
