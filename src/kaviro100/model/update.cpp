@@ -37,22 +37,9 @@ void note_changes(EngineState &e, const PendingChanges &p, const ModelData &d) {
       e.changed_coeffs.emplace_back(c.elem, c.sub);
     } else if (c.kind != ChangeKind::Attr) {
       e.scan_all = true;  // a whole objective or quadratic terms
-    } else {
-      switch (c.attr) {
-        case AttrId::LB:
-        case AttrId::UB:
-        case AttrId::Obj:
-        case AttrId::VType:
-        case AttrId::ObjN:
-          e.changed_vars.push_back(c.elem);
-          break;
-        case AttrId::Sense:
-        case AttrId::RHS:
-          e.changed_constrs.push_back(c.elem);
-          break;
-        default:  // the objective's sense and constant are always compared; others are not given
-          break;
-      }
+    } else if (const AttrDef &def = attr_def(c.attr); def.compared) {
+      // The objective's sense and constant are always compared; other writes are not given.
+      (def.cls == AttrClass::Var ? e.changed_vars : e.changed_constrs).push_back(c.elem);
     }
   }
   // A long list costs more than comparing everything.
