@@ -260,28 +260,34 @@ void init_genexpr(nb::module_ &m) {
   m.def(
       "abs_", [](nb::handle argvar) { return gen_new(GenKind::Abs, nb::make_tuple(argvar)); },
       nb::arg("argvar").none(), "The absolute value of a variable, for resvar == abs_(x).");
-  m.def(
-      "and_",
-      [](nb::args args) { return gen_new(GenKind::And, nb::make_tuple(gcargs_concat(args))); },
-      nb::arg("args"), "The logical and of binary variables, for resvar == and_(x, y, ...).");
-  m.def(
-      "or_",
-      [](nb::args args) { return gen_new(GenKind::Or, nb::make_tuple(gcargs_concat(args))); },
-      nb::arg("args"), "The logical or of binary variables, for resvar == or_(x, y, ...).");
-  m.def(
-      "max_",
-      [](nb::args args, nb::handle constant) {
-        return gen_new(GenKind::Max, nb::make_tuple(gcargs_concat(args), constant));
-      },
-      nb::arg("args"), nb::arg("constant").none() = nb::none(),
-      "The maximum of variables (and of constant when given), for resvar == max_(x, y, ...).");
-  m.def(
-      "min_",
-      [](nb::args args, nb::handle constant) {
-        return gen_new(GenKind::Min, nb::make_tuple(gcargs_concat(args), constant));
-      },
-      nb::arg("args"), nb::arg("constant").none() = nb::none(),
-      "The minimum of variables (and of constant when given), for resvar == min_(x, y, ...).");
+  // and_, or_: the operands only; max_, min_: the operands and an optional constant.
+  struct Variadic {
+    const char *name;
+    GenKind kind;
+    const char *doc;
+  };
+  const Variadic logic[] = {
+      {"and_", GenKind::And, "The logical and of binary variables, for resvar == and_(x, y, ...)."},
+      {"or_", GenKind::Or, "The logical or of binary variables, for resvar == or_(x, y, ...)."}};
+  for (const Variadic &f : logic)
+    m.def(
+        f.name,
+        [kind = f.kind](nb::args args) {
+          return gen_new(kind, nb::make_tuple(gcargs_concat(args)));
+        },
+        nb::arg("args"), f.doc);
+  const Variadic extrema[] = {
+      {"max_", GenKind::Max,
+       "The maximum of variables (and of constant when given), for resvar == max_(x, y, ...)."},
+      {"min_", GenKind::Min,
+       "The minimum of variables (and of constant when given), for resvar == min_(x, y, ...)."}};
+  for (const Variadic &f : extrema)
+    m.def(
+        f.name,
+        [kind = f.kind](nb::args args, nb::handle constant) {
+          return gen_new(kind, nb::make_tuple(gcargs_concat(args), constant));
+        },
+        nb::arg("args"), nb::arg("constant").none() = nb::none(), f.doc);
   m.def(
       "norm",
       [](nb::handle argvars, nb::handle which) {

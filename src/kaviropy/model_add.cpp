@@ -598,7 +598,7 @@ void def_function_adds(nb::class_<Model> &cls) {
             return gen_added(self, fn(model, name_ptr(n), x, y, o.c_str()), model);
           },
           nb::arg("xvar").none(), nb::arg("yvar").none(), nb::arg("name").none() = "",
-          nb::arg("options").none() = "", kind.add_doc);
+          nb::arg("options").none() = "", function_add_doc(kind).c_str());
     } else {
       cls.def(
           method.c_str(),
@@ -611,7 +611,8 @@ void def_function_adds(nb::class_<Model> &cls) {
             return gen_added(self, fn(model, name_ptr(n), x, y, av, o.c_str()), model);
           },
           nb::arg("xvar").none(), nb::arg("yvar").none(), nb::arg("a").none(),
-          nb::arg("name").none() = "", nb::arg("options").none() = "", kind.add_doc);
+          nb::arg("name").none() = "", nb::arg("options").none() = "",
+          function_add_doc(kind).c_str());
     }
   }
 }

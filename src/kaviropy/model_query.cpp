@@ -263,7 +263,7 @@ void def_function_gets(nb::class_<Model> &cls) {
   for (const FunctionKind &kind : kFunctionKinds) {
     std::string method = std::string("getGenConstr") + kind.suffix;
     if (kind.get) {
-      def_pair(cls, method.c_str(), kind.get, kind.get_doc);
+      def_pair(cls, method.c_str(), kind.get, function_get_doc(kind).c_str());
       continue;
     }
     cls.def(
@@ -275,7 +275,7 @@ void def_function_gets(nb::class_<Model> &cls) {
           check_model(fn(model, id, &x, &y, &a), model);
           return nb::make_tuple(var_at(self, x), var_at(self, y), a);
         },
-        nb::arg("genconstr").none(), kind.get_doc);
+        nb::arg("genconstr").none(), function_get_doc(kind).c_str());
   }
 }
 
