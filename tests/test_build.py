@@ -79,6 +79,9 @@ def test_add_var_with_column(m):
     col = m.getCol(y)
     assert col.size() == 2
     assert [(col.getCoeff(i), col.getConstr(i).ConstrName) for i in range(2)] == [(2.0, "c0"), (5.0, "c1")]
+    alone = m.addVar()
+    assert m.getCol(alone).size() == 0
+    m.remove(alone)
     m.remove(c1)
     m.update()
     before = snapshot(m)

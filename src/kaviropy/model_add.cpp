@@ -930,18 +930,16 @@ void init_model_add(nb::class_<Model> &cls) {
       nb::arg("type").none(), nb::arg("vars").none(), nb::arg("wts").none() = nb::none(),
       "Adds an SOS constraint of type KVR.SOS_TYPE1 or KVR.SOS_TYPE2 (default weights 1, 2, ...).");
 
-  cls.def(
-      "addGenConstrMax",
-      [](nb::handle self, nb::handle resvar, nb::handle vars, nb::handle constant,
-         nb::handle name) { return add_maxmin(self, resvar, vars, constant, name, true); },
-      nb::arg("resvar").none(), nb::arg("vars").none(), nb::arg("constant").none() = nb::none(),
-      nb::arg("name").none() = "", "Adds resvar = max(vars, constant).");
-  cls.def(
-      "addGenConstrMin",
-      [](nb::handle self, nb::handle resvar, nb::handle vars, nb::handle constant,
-         nb::handle name) { return add_maxmin(self, resvar, vars, constant, name, false); },
-      nb::arg("resvar").none(), nb::arg("vars").none(), nb::arg("constant").none() = nb::none(),
-      nb::arg("name").none() = "", "Adds resvar = min(vars, constant).");
+  for (bool is_max : {true, false})
+    cls.def(
+        is_max ? "addGenConstrMax" : "addGenConstrMin",
+        [is_max](nb::handle self, nb::handle resvar, nb::handle vars, nb::handle constant,
+                 nb::handle name) {
+          return add_maxmin(self, resvar, vars, constant, name, is_max);
+        },
+        nb::arg("resvar").none(), nb::arg("vars").none(), nb::arg("constant").none() = nb::none(),
+        nb::arg("name").none() = "",
+        is_max ? "Adds resvar = max(vars, constant)." : "Adds resvar = min(vars, constant).");
   cls.def(
       "addGenConstrAbs",
       [](nb::handle self, nb::handle resvar, nb::handle argvar, nb::handle name) {

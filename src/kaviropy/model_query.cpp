@@ -258,6 +258,20 @@ void def_pair(nb::class_<Model> &cls, const char *name, FunctionGetFn fn, const 
       nb::arg("genconstr").none(), doc);
 }
 
+// The entries of one column (KVRXgetvars) or row (KVRXgetconstrs) at position pos: the count
+// first, then the arrays, never null even when empty (the library takes all three or none).
+using EntriesFn = int (*)(KVRmodel *, size_t *, size_t *, int *, double *, int, int);
+void fetch_entries(KVRmodel *model, EntriesFn fn, int pos, std::vector<int> &ind,
+                   std::vector<double> &val) {
+  size_t nnz = 0, beg[1] = {0};
+  check_model(fn(model, &nnz, nullptr, nullptr, nullptr, pos, 1), model);
+  ind.resize(nnz + 1);
+  val.resize(nnz + 1);
+  check_model(fn(model, &nnz, beg, ind.data(), val.data(), pos, 1), model);
+  ind.resize(nnz);
+  val.resize(nnz);
+}
+
 // Model.getGenConstr<Suffix>(genconstr) for every function kind: (xvar, yvar[, a]).
 void def_function_gets(nb::class_<Model> &cls) {
   for (const FunctionKind &kind : kFunctionKinds) {
@@ -378,15 +392,11 @@ void init_model_query(nb::class_<Model> &cls) {
       "getCol",
       [](nb::handle self, nb::handle var) {
         KVRmodel *model = prepared_model(self);
-        int col = live_position(var, kVar, model);
-        size_t nnz = 0, beg[1] = {0};
-        check_model(KVRXgetvars(model, &nnz, nullptr, nullptr, nullptr, col, 1), model);
-        // Never null arrays, even for an empty column: the library takes all three or none.
-        std::vector<int> ind(nnz + 1);
-        std::vector<double> val(nnz + 1);
-        check_model(KVRXgetvars(model, &nnz, beg, ind.data(), val.data(), col, 1), model);
+        std::vector<int> ind;
+        std::vector<double> val;
+        fetch_entries(model, KVRXgetvars, live_position(var, kVar, model), ind, val);
         nb::list coeffs, constrs;
-        for (size_t i = 0; i < nnz; ++i) {
+        for (size_t i = 0; i < ind.size(); ++i) {
           coeffs.append(val[i]);
           constrs.append(model_handle(self, kConstr, ind[i]));
         }
@@ -398,14 +408,10 @@ void init_model_query(nb::class_<Model> &cls) {
       "getRow",
       [](nb::handle self, nb::handle constr) {
         KVRmodel *model = prepared_model(self);
-        int row = live_position(constr, kConstr, model);
-        size_t nnz = 0, beg[1] = {0};
-        check_model(KVRXgetconstrs(model, &nnz, nullptr, nullptr, nullptr, row, 1), model);
-        std::vector<int> ind(nnz + 1);
-        std::vector<double> val(nnz + 1);
-        check_model(KVRXgetconstrs(model, &nnz, beg, ind.data(), val.data(), row, 1), model);
-        val.resize(nnz);
-        return make_linexpr(std::move(val), vars_at(self, ind.data(), nnz), 0.0);
+        std::vector<int> ind;
+        std::vector<double> val;
+        fetch_entries(model, KVRXgetconstrs, live_position(constr, kConstr, model), ind, val);
+        return make_linexpr(std::move(val), vars_at(self, ind.data(), ind.size()), 0.0);
       },
       nb::arg("constr").none(), "The left-hand side of a linear constraint as a LinExpr.");
   cls.def(
