@@ -1,6 +1,7 @@
 // Model: reading the objective, coefficients, rows, columns and the data of SOS, quadratic and
 // general constraints; attributes of many elements at once; removal of elements.
 #include <cmath>
+#include <type_traits>
 
 #include "attrutil.h"
 #include "containers.h"
@@ -215,33 +216,29 @@ int gen_position(nb::handle self, nb::handle gc) {
 using ListFn = int (*)(KVRmodel *, int, int *, int *, int *);                 // And, Or
 using ListConstFn = int (*)(KVRmodel *, int, int *, int *, int *, double *);  // Max, Min, Norm
 
-nb::tuple read_list_const(nb::handle self, nb::handle gc, ListConstFn fn, bool with_constant) {
-  KVRmodel *model = prepared_model(self);
-  int id = gen_position(self, gc), res = 0, n = 0;
-  double c = 0;
-  check_model(fn(model, id, &res, &n, nullptr, &c), model);
-  auto ind = out_array<int>(n);
-  check_model(fn(model, id, &res, &n, ind.data(), &c), model);
-  if (!with_constant) return nb::make_tuple(var_at(self, res), var_list_of(self, ind));
-  return nb::make_tuple(var_at(self, res), var_list_of(self, ind), from_library(c));
-}
-
-void def_list_const(nb::class_<Model> &cls, const char *name, ListConstFn fn, const char *doc) {
-  cls.def(
-      name, [fn](nb::handle self, nb::handle gc) { return read_list_const(self, gc, fn, true); },
-      nb::arg("genconstr").none(), doc);
-}
-
-void def_list(nb::class_<Model> &cls, const char *name, ListFn fn, const char *doc) {
+// Model.getGenConstr<Kind>(genconstr): (resvar, vars) of and/or, (resvar, vars, constant or
+// which) of max/min/norm. The count comes first, then the operands.
+template <class Fn>
+void def_list(nb::class_<Model> &cls, const char *name, Fn fn, const char *doc) {
+  constexpr bool with_constant = std::is_same_v<Fn, ListConstFn>;
   cls.def(
       name,
       [fn](nb::handle self, nb::handle gc) {
         KVRmodel *model = prepared_model(self);
         int id = gen_position(self, gc), res = 0, n = 0;
-        check_model(fn(model, id, &res, &n, nullptr), model);
+        double c = 0;
+        auto read = [&](int *ind) {
+          if constexpr (with_constant)
+            check_model(fn(model, id, &res, &n, ind, &c), model);
+          else
+            check_model(fn(model, id, &res, &n, ind), model);
+        };
+        read(nullptr);
         auto ind = out_array<int>(n);
-        check_model(fn(model, id, &res, &n, ind.data()), model);
-        return nb::make_tuple(var_at(self, res), var_list_of(self, ind));
+        read(ind.data());
+        nb::tuple head = nb::make_tuple(var_at(self, res), var_list_of(self, ind));
+        if constexpr (with_constant) return nb::make_tuple(head[0], head[1], from_library(c));
+        return head;
       },
       nb::arg("genconstr").none(), doc);
 }
@@ -446,12 +443,12 @@ void init_model_query(nb::class_<Model> &cls) {
       },
       nb::arg("sos").none(), "(type, variables, weights) of an SOS constraint.");
 
-  def_list_const(cls, "getGenConstrMax", KVRgetgenconstrMax,
-                 "(resvar, vars, constant) of a max constraint.");
-  def_list_const(cls, "getGenConstrMin", KVRgetgenconstrMin,
-                 "(resvar, vars, constant) of a min constraint.");
-  def_list_const(cls, "getGenConstrNorm", KVRgetgenconstrNorm,
-                 "(resvar, vars, which) of a norm constraint.");
+  def_list(cls, "getGenConstrMax", KVRgetgenconstrMax,
+           "(resvar, vars, constant) of a max constraint.");
+  def_list(cls, "getGenConstrMin", KVRgetgenconstrMin,
+           "(resvar, vars, constant) of a min constraint.");
+  def_list(cls, "getGenConstrNorm", KVRgetgenconstrNorm,
+           "(resvar, vars, which) of a norm constraint.");
   def_pair(cls, "getGenConstrAbs", KVRgetgenconstrAbs, "(resvar, argvar) of an abs constraint.");
   def_list(cls, "getGenConstrAnd", KVRgetgenconstrAnd, "(resvar, vars) of an and constraint.");
   def_list(cls, "getGenConstrOr", KVRgetgenconstrOr, "(resvar, vars) of an or constraint.");
