@@ -258,15 +258,18 @@ void def_pair(nb::class_<Model> &cls, const char *name, FunctionGetFn fn, const 
 // The entries of one column (KVRXgetvars) or row (KVRXgetconstrs) at position pos: the count
 // first, then the arrays, never null even when empty (the library takes all three or none).
 using EntriesFn = int (*)(KVRmodel *, size_t *, size_t *, int *, double *, int, int);
-void fetch_entries(KVRmodel *model, EntriesFn fn, int pos, std::vector<int> &ind,
-                   std::vector<double> &val) {
+struct Entries {
+  std::vector<int> ind;
+  std::vector<double> val;
+};
+Entries fetch_entries(KVRmodel *model, EntriesFn fn, int pos) {
   size_t nnz = 0, beg[1] = {0};
   check_model(fn(model, &nnz, nullptr, nullptr, nullptr, pos, 1), model);
-  ind.resize(nnz + 1);
-  val.resize(nnz + 1);
-  check_model(fn(model, &nnz, beg, ind.data(), val.data(), pos, 1), model);
-  ind.resize(nnz);
-  val.resize(nnz);
+  Entries e{std::vector<int>(nnz + 1), std::vector<double>(nnz + 1)};
+  check_model(fn(model, &nnz, beg, e.ind.data(), e.val.data(), pos, 1), model);
+  e.ind.resize(nnz);
+  e.val.resize(nnz);
+  return e;
 }
 
 // Model.getGenConstr<Suffix>(genconstr) for every function kind: (xvar, yvar[, a]).
@@ -389,9 +392,7 @@ void init_model_query(nb::class_<Model> &cls) {
       "getCol",
       [](nb::handle self, nb::handle var) {
         KVRmodel *model = prepared_model(self);
-        std::vector<int> ind;
-        std::vector<double> val;
-        fetch_entries(model, KVRXgetvars, live_position(var, kVar, model), ind, val);
+        auto [ind, val] = fetch_entries(model, KVRXgetvars, live_position(var, kVar, model));
         nb::list coeffs, constrs;
         for (size_t i = 0; i < ind.size(); ++i) {
           coeffs.append(val[i]);
@@ -405,9 +406,8 @@ void init_model_query(nb::class_<Model> &cls) {
       "getRow",
       [](nb::handle self, nb::handle constr) {
         KVRmodel *model = prepared_model(self);
-        std::vector<int> ind;
-        std::vector<double> val;
-        fetch_entries(model, KVRXgetconstrs, live_position(constr, kConstr, model), ind, val);
+        auto [ind, val] =
+            fetch_entries(model, KVRXgetconstrs, live_position(constr, kConstr, model));
         return make_linexpr(std::move(val), vars_at(self, ind.data(), ind.size()), 0.0);
       },
       nb::arg("constr").none(), "The left-hand side of a linear constraint as a LinExpr.");

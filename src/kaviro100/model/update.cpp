@@ -53,24 +53,23 @@ void note_changes(EngineState &e, const PendingChanges &p, const ModelData &d) {
   }
 }
 
-// Renumbers a list of changed elements after a deletion, dropping the deleted ones.
-void renumber(std::vector<int> &list, const Renumbering &r) {
+// Renumbers a list of changed elements, or of changed coefficients by their row or column
+// (`index` picks it from an entry), after a deletion, dropping the entries deleted.
+template <class T, class Index>
+void renumber(std::vector<T> &list, const Renumbering &r, Index index) {
   size_t out = 0;
-  for (int i : list)
-    if (i < static_cast<int>(r.size()) && r[i] >= 0) list[out++] = r[i];
-  list.resize(out);
-}
-
-void renumber_coeffs(std::vector<std::pair<int, int>> &list, const Renumbering &r, bool rows) {
-  size_t out = 0;
-  for (auto c : list) {
-    int &i = rows ? c.first : c.second;
+  for (T entry : list) {
+    int &i = index(entry);
     if (i >= static_cast<int>(r.size()) || r[i] < 0) continue;
     i = r[i];
-    list[out++] = c;
+    list[out++] = entry;
   }
   list.resize(out);
 }
+
+int &itself(int &i) { return i; }
+int &row_of(std::pair<int, int> &c) { return c.first; }
+int &column_of(std::pair<int, int> &c) { return c.second; }
 
 void delete_elements(ModelData &d, const PendingChanges &p, EngineState *engine) {
   // General constraints first: deleting variables deletes (and renumbers) the general
@@ -81,16 +80,16 @@ void delete_elements(ModelData &d, const PendingChanges &p, EngineState *engine)
   if (auto r = renumbering(d.num_constrs(), p.del_constrs); !r.empty()) {
     d.delete_constrs(r);
     if (engine) {
-      renumber(engine->changed_constrs, r);
-      renumber_coeffs(engine->changed_coeffs, r, true);
+      renumber(engine->changed_constrs, r, itself);
+      renumber(engine->changed_coeffs, r, row_of);
       engine->deletions.emplace_back('C', std::move(r));
     }
   }
   if (auto r = renumbering(d.num_vars(), p.del_vars); !r.empty()) {
     d.delete_vars(r);
     if (engine) {
-      renumber(engine->changed_vars, r);
-      renumber_coeffs(engine->changed_coeffs, r, false);
+      renumber(engine->changed_vars, r, itself);
+      renumber(engine->changed_coeffs, r, column_of);
       engine->deletions.emplace_back('V', std::move(r));
     }
   }
