@@ -71,6 +71,15 @@ int &itself(int &i) { return i; }
 int &row_of(std::pair<int, int> &c) { return c.first; }
 int &column_of(std::pair<int, int> &c) { return c.second; }
 
+// Renumbers the engine's lists after deleting variables ('V') or constraints ('C') and records
+// the deletion for it.
+void note_deletion(EngineState *engine, char kind, Renumbering r) {
+  if (!engine) return;
+  renumber(kind == 'V' ? engine->changed_vars : engine->changed_constrs, r, itself);
+  renumber(engine->changed_coeffs, r, kind == 'V' ? column_of : row_of);
+  engine->deletions.emplace_back(kind, std::move(r));
+}
+
 void delete_elements(ModelData &d, const PendingChanges &p, EngineState *engine) {
   // General constraints first: deleting variables deletes (and renumbers) the general
   // constraints that lose their resultant, so the user's indices must be applied before.
@@ -79,19 +88,11 @@ void delete_elements(ModelData &d, const PendingChanges &p, EngineState *engine)
   if (auto r = renumbering(d.sos.size(), p.del_sos); !r.empty()) d.delete_sos(r);
   if (auto r = renumbering(d.num_constrs(), p.del_constrs); !r.empty()) {
     d.delete_constrs(r);
-    if (engine) {
-      renumber(engine->changed_constrs, r, itself);
-      renumber(engine->changed_coeffs, r, row_of);
-      engine->deletions.emplace_back('C', std::move(r));
-    }
+    note_deletion(engine, 'C', std::move(r));
   }
   if (auto r = renumbering(d.num_vars(), p.del_vars); !r.empty()) {
     d.delete_vars(r);
-    if (engine) {
-      renumber(engine->changed_vars, r, itself);
-      renumber(engine->changed_coeffs, r, column_of);
-      engine->deletions.emplace_back('V', std::move(r));
-    }
+    note_deletion(engine, 'V', std::move(r));
   }
 }
 
