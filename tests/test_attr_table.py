@@ -92,6 +92,9 @@ def test_every_shared_attribute_is_in_the_table():
     ("Status", {"values": "finite"}, "Status: only settable attributes have accepted values"),
     ("LB", {"default": "1"}, "LB: only extra columns have a default"),
     ("UB", {"name": "LB"}, "attributes listed twice: LB"),
+    ("LB", {"compared": "yes"}, "LB: compared is 1 or empty"),
+    ("X", {"compared": "1"}, "X: only settable variable and constraint attributes are compared"),
+    ("ModelSense", {"compared": "1"}, "ModelSense: only settable variable and constraint"),
 ])
 def test_generator_refuses_rows_it_cannot_carry_out(lib_copy, name, change, message):
     rows = read_tsv(lib_copy / "model/attrs.tsv")

@@ -79,6 +79,9 @@ def test_add_var_with_column(m):
     col = m.getCol(y)
     assert col.size() == 2
     assert [(col.getCoeff(i), col.getConstr(i).ConstrName) for i in range(2)] == [(2.0, "c0"), (5.0, "c1")]
+    alone = m.addVar()
+    assert m.getCol(alone).size() == 0
+    m.remove(alone)
     m.remove(c1)
     m.update()
     before = snapshot(m)
@@ -291,6 +294,14 @@ def test_every_general_constraint_round_trips(m):
     assert (bv, val, sense, rhs) == (b[0], 1, "<", 3.0) and expr.size() == 2
     assert ind.GenConstrName == "ind" and added["Tan"][0].GenConstrName == "tan"
     assert added["Abs"][0].GenConstrType == KVR.GENCONSTR_ABS
+    # The help texts name the arguments in the formula: x becomes xvar only where it stands alone.
+    docs = {"Exp": ("exp(xvar)", "(xvar, yvar) of y = exp(x)."),
+            "LogA": ("log_a(xvar)", "(xvar, yvar, a) of y = log_a(x)."),
+            "Pow": ("xvar^a", "(xvar, yvar, a) of y = x^a."),
+            "Logistic": ("1 / (1 + exp(-xvar))", "(xvar, yvar) of y = 1 / (1 + exp(-x)).")}
+    for kind, (formula, get_doc) in docs.items():
+        assert "Adds yvar = " + formula + "." in getattr(kp.Model, "addGenConstr" + kind).__doc__
+        assert get_doc in getattr(kp.Model, "getGenConstr" + kind).__doc__
 
 
 def test_general_constraint_errors_change_nothing(m):

@@ -54,6 +54,18 @@ BASE = {"include/pub.h": "", "util/u.h": "", "model/m.h": '#include "util/u.h"\n
       "io/d.cpp": 'const char *s = "KVRname()";\nint g(KVRmodel *m) {\n'
                   "  return KVRsetattr (m, 2) + !KVRname();\n}\n"},
      ["io/d.cpp:3: KVRsetattr(...)", "io/d.cpp:3: KVRname(...)"]),
+    # A header below the top declares only what its folder or a lower one defines: not a function
+    # defined only above it (the public header declares the entry points; a call in an inline
+    # body is no declaration; a name also defined in the header's folder passes).
+    ({"model/b.h": "void grow(int n);\nint kept(const char *s,\n         int k) const;\n"
+                   "inline int use() { return shrink(1); }\n",
+      "model/b.cpp": "int Store::kept(const char *s, int k) const {\n  return k;\n}\n",
+      "capi/b_api.cpp": "void grow(int n) {}\nint kept(const char *s, int k) { return k; }\n"
+                        "int shrink(int v) { return v; }\nint KVRgrow(int n) { grow(n); }\n",
+      "include/pub3.h": "int KVRgrow(int n);\n",
+      "reform/r2.h": "// scale(2.0);\nstd::vector<double> &\nscale(double v);\n",
+      "engine/s.cpp": "std::vector<double> &scale(double v)\n{\n  return {};\n}\n"},
+     ["model/b.h:1: grow(...) declared", "reform/r2.h:3: scale(...) declared"]),
     # The public header includes nothing of the library; a folder without a layer fails.
     ({"include/pub2.h": '#include "util/u.h"\n', "extra/z.cpp": ""},
      ["extra/z.cpp: folder 'extra' has no layer", 'include/pub2.h:1: #include "util/u.h"']),

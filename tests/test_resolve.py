@@ -316,10 +316,14 @@ def test_in_place_changes_reach_the_engine_through_every_call(env, engine):
         cons[7].Sense = KVR.GREATER_EQUAL
         cons[7].RHS = 1.0
 
+    def objn():          # the selected objective's coefficients: objective 0 is Obj
+        m.Params.ObjNumber = 0
+        m.setAttr("ObjN", x[25:28], [60.0, 0.0, 45.0])
+
     def objective():     # the whole objective replaced
         m.setObjective(kp.quicksum((j % 3) * v for j, v in enumerate(x[1:])), KVR.MAXIMIZE)
 
-    for step in (undone, renumbered, coefficient_added, bulk, sense, objective):
+    for step in (undone, renumbered, coefficient_added, bulk, sense, objn, objective):
         step()
         m.optimize()
         ref = m.copy()

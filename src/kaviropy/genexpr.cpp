@@ -22,17 +22,28 @@ struct GenClass {
   GenKind kind;
   const char *qualname;      // "kaviropy." + class name (the type keeps this pointer)
   const char *model_method;  // Model method that adds the constraint
+  // The attributes passed to model_method after resvar: the operands, then a number (or none).
+  const char *operands;
+  const char *value;
+  const char *repr;   // str.format pattern of the repr: {0} the operands' text, {1} the number
+  const char *parse;  // the constructor's arguments (operands, value) as PyArg formats them
   PyTypeObject *type = nullptr;
   const char *name() const { return qualname + 9; }
 };
 
 GenClass g_classes[] = {
-    {GenKind::Abs, "kaviropy.GenExprAbs", "addGenConstrAbs"},
-    {GenKind::And, "kaviropy.GenExprAnd", "addGenConstrAnd"},
-    {GenKind::Or, "kaviropy.GenExprOr", "addGenConstrOr"},
-    {GenKind::Max, "kaviropy.GenExprMax", "addGenConstrMax"},
-    {GenKind::Min, "kaviropy.GenExprMin", "addGenConstrMin"},
-    {GenKind::Norm, "kaviropy.GenExprNorm", "addGenConstrNorm"},
+    {GenKind::Abs, "kaviropy.GenExprAbs", "addGenConstrAbs", "argvar", nullptr,
+     "<kaviro.GenExprAbs: ({0:s})>", "O"},
+    {GenKind::And, "kaviropy.GenExprAnd", "addGenConstrAnd", "argvars", nullptr,
+     "<kaviro.GenExprAnd: ({0:s})>", "O"},
+    {GenKind::Or, "kaviropy.GenExprOr", "addGenConstrOr", "argvars", nullptr,
+     "<kaviro.GenExprOr: ({0:s})>", "O"},
+    {GenKind::Max, "kaviropy.GenExprMax", "addGenConstrMax", "argvars", "constant",
+     "<kaviro.GenExprMax: ({0:s}), constant={1:s}>", "O|O"},
+    {GenKind::Min, "kaviropy.GenExprMin", "addGenConstrMin", "argvars", "constant",
+     "<kaviro.GenExprMin: ({0:s}), constant={1:s}>", "O|O"},
+    {GenKind::Norm, "kaviropy.GenExprNorm", "addGenConstrNorm", "argvars", "which",
+     "<kaviro.GenExprNorm-{1:s}: ({0:s})>", "OO"},
 };
 
 const GenClass &gen_class(PyObject *self) {
@@ -68,35 +79,16 @@ PyObject *ge_tp_richcompare(PyObject *, PyObject *, int op) {
   });
 }
 
-// The operand fields of each kind, in constructor order.
-std::vector<const char *> fields(GenKind kind) {
-  switch (kind) {
-    case GenKind::Abs:
-      return {"argvar"};
-    case GenKind::And:
-    case GenKind::Or:
-      return {"argvars"};
-    case GenKind::Max:
-    case GenKind::Min:
-      return {"argvars", "constant"};
-    case GenKind::Norm:
-      return {"argvars", "which"};
-  }
-  return {};
-}
-
 int ge_tp_init(PyObject *self, PyObject *args, PyObject *kwds) {
   PyObject *r = guard([&]() -> PyObject * {
     const GenClass &cls = gen_class(self);
-    std::vector<const char *> names = fields(cls.kind);
-    PyObject *values[2] = {nullptr, Py_None};
+    std::vector<const char *> names = {cls.operands};
+    if (cls.value) names.push_back(cls.value);
+    PyObject *values[2] = {nullptr, Py_None};  // an optional value left out: None
     std::vector<char *> kwlist;
     for (const char *n : names) kwlist.push_back(const_cast<char *>(n));
     kwlist.push_back(nullptr);
-    // max and min take the constant as an optional argument (None: no constant).
-    std::string format = names.size() == 1 ? "O" : (cls.kind == GenKind::Norm ? "OO" : "O|O");
-    format += ":";
-    format += cls.name();
+    std::string format = std::string(cls.parse) + ":" + cls.name();
     if (!PyArg_ParseTupleAndKeywords(args, kwds, format.c_str(), kwlist.data(), &values[0],
                                      &values[1]))
       return nullptr;
@@ -127,51 +119,18 @@ PyObject *ge_tp_repr(PyObject *self) {
   return guard([&] {
     const GenClass &cls = gen_class(self);
     nb::handle h(self);
-    nb::object text;
-    switch (cls.kind) {
-      case GenKind::Abs:
-        text = nb::str("<kaviro.GenExprAbs: ({:s})>")
-                   .attr("format")(nb::str(operand_text(h.attr("argvar")).c_str()));
-        break;
-      case GenKind::And:
-      case GenKind::Or:
-        text = nb::str(cls.kind == GenKind::And ? "<kaviro.GenExprAnd: ({:s})>"
-                                                : "<kaviro.GenExprOr: ({:s})>")
-                   .attr("format")(nb::str(operand_text(h.attr("argvars")).c_str()));
-        break;
-      case GenKind::Max:
-      case GenKind::Min:
-        text = nb::str(cls.kind == GenKind::Max ? "<kaviro.GenExprMax: ({:s}), constant={:s}>"
-                                                : "<kaviro.GenExprMin: ({:s}), constant={:s}>")
-                   .attr("format")(nb::str(operand_text(h.attr("argvars")).c_str()),
-                                   nb::str(py_str(h.attr("constant")).c_str()));
-        break;
-      case GenKind::Norm:
-        text = nb::str("<kaviro.GenExprNorm-{:s}: ({:s})>")
-                   .attr("format")(nb::str(py_str(h.attr("which")).c_str()),
-                                   nb::str(operand_text(h.attr("argvars")).c_str()));
-        break;
-    }
-    return text.release().ptr();
+    nb::str operands(operand_text(h.attr(cls.operands)).c_str());
+    nb::str value(cls.value ? py_str(h.attr(cls.value)).c_str() : "");
+    return nb::str(cls.repr).attr("format")(operands, value).release().ptr();
   });
 }
 
 nb::object add_as_constr(nb::handle self, nb::handle model, nb::handle resvar, nb::handle name) {
   const GenClass &cls = gen_class(self.ptr());
   nb::object method = model.attr(cls.model_method);
-  switch (cls.kind) {
-    case GenKind::Abs:
-      return method(resvar, self.attr("argvar"), name);
-    case GenKind::And:
-    case GenKind::Or:
-      return method(resvar, self.attr("argvars"), name);
-    case GenKind::Max:
-    case GenKind::Min:
-      return method(resvar, self.attr("argvars"), self.attr("constant"), name);
-    case GenKind::Norm:
-      return method(resvar, self.attr("argvars"), self.attr("which"), name);
-  }
-  return nb::none();
+  nb::object operands = self.attr(cls.operands);
+  if (!cls.value) return method(resvar, operands, name);
+  return method(resvar, operands, self.attr(cls.value), name);
 }
 
 // One list of operands from the positional arguments: lists and tuples contribute their items,
@@ -260,28 +219,34 @@ void init_genexpr(nb::module_ &m) {
   m.def(
       "abs_", [](nb::handle argvar) { return gen_new(GenKind::Abs, nb::make_tuple(argvar)); },
       nb::arg("argvar").none(), "The absolute value of a variable, for resvar == abs_(x).");
-  m.def(
-      "and_",
-      [](nb::args args) { return gen_new(GenKind::And, nb::make_tuple(gcargs_concat(args))); },
-      nb::arg("args"), "The logical and of binary variables, for resvar == and_(x, y, ...).");
-  m.def(
-      "or_",
-      [](nb::args args) { return gen_new(GenKind::Or, nb::make_tuple(gcargs_concat(args))); },
-      nb::arg("args"), "The logical or of binary variables, for resvar == or_(x, y, ...).");
-  m.def(
-      "max_",
-      [](nb::args args, nb::handle constant) {
-        return gen_new(GenKind::Max, nb::make_tuple(gcargs_concat(args), constant));
-      },
-      nb::arg("args"), nb::arg("constant").none() = nb::none(),
-      "The maximum of variables (and of constant when given), for resvar == max_(x, y, ...).");
-  m.def(
-      "min_",
-      [](nb::args args, nb::handle constant) {
-        return gen_new(GenKind::Min, nb::make_tuple(gcargs_concat(args), constant));
-      },
-      nb::arg("args"), nb::arg("constant").none() = nb::none(),
-      "The minimum of variables (and of constant when given), for resvar == min_(x, y, ...).");
+  // and_, or_: the operands only; max_, min_: the operands and an optional constant.
+  struct Variadic {
+    const char *name;
+    GenKind kind;
+    const char *doc;
+  };
+  const Variadic logic[] = {
+      {"and_", GenKind::And, "The logical and of binary variables, for resvar == and_(x, y, ...)."},
+      {"or_", GenKind::Or, "The logical or of binary variables, for resvar == or_(x, y, ...)."}};
+  for (const Variadic &f : logic)
+    m.def(
+        f.name,
+        [kind = f.kind](nb::args args) {
+          return gen_new(kind, nb::make_tuple(gcargs_concat(args)));
+        },
+        nb::arg("args"), f.doc);
+  const Variadic extrema[] = {
+      {"max_", GenKind::Max,
+       "The maximum of variables (and of constant when given), for resvar == max_(x, y, ...)."},
+      {"min_", GenKind::Min,
+       "The minimum of variables (and of constant when given), for resvar == min_(x, y, ...)."}};
+  for (const Variadic &f : extrema)
+    m.def(
+        f.name,
+        [kind = f.kind](nb::args args, nb::handle constant) {
+          return gen_new(kind, nb::make_tuple(gcargs_concat(args), constant));
+        },
+        nb::arg("args"), nb::arg("constant").none() = nb::none(), f.doc);
   m.def(
       "norm",
       [](nb::handle argvars, nb::handle which) {

@@ -826,37 +826,32 @@ nb::object slot_result(PyObject *r) {
 void install_var_operators() {
   PyTypeObject *type = var_type();
   MethodDefiner method{type};
-  auto def = [&](const char *name, auto &&fn, const char *doc) {
-    method(name, std::forward<decltype(fn)>(fn), nb::arg("other").none(), doc);
-  };
   using H = nb::handle;
-  def(
-      "__add__", [](H s, H o) { return slot_result(var_nb_add(s.ptr(), o.ptr())); },
-      "self + other");
-  def(
-      "__radd__", [](H s, H o) { return slot_result(var_nb_add(o.ptr(), s.ptr())); },
-      "other + self");
-  def(
-      "__sub__", [](H s, H o) { return slot_result(var_nb_subtract(s.ptr(), o.ptr())); },
-      "self - other");
-  def(
-      "__rsub__", [](H s, H o) { return slot_result(var_nb_subtract(o.ptr(), s.ptr())); },
-      "other - self");
-  def(
-      "__mul__", [](H s, H o) { return slot_result(var_nb_multiply(s.ptr(), o.ptr())); },
-      "self * other");
-  def(
-      "__rmul__", [](H s, H o) { return slot_result(var_nb_multiply(o.ptr(), s.ptr())); },
-      "other * self");
-  def(
-      "__truediv__", [](H s, H o) { return slot_result(var_nb_true_divide(s.ptr(), o.ptr())); },
-      "self / other (other a number)");
-  def(
-      "__div__", [](H s, H o) { return slot_result(var_nb_true_divide(s.ptr(), o.ptr())); },
-      "self / other (other a number)");
-  def(
-      "__rtruediv__", [](H s, H o) { return slot_result(var_nb_true_divide(o.ptr(), s.ptr())); },
-      "other / self: not supported");
+  // The binary operators, each as written (self on the left) or reflected (self on the right).
+  struct BinaryOp {
+    const char *name;
+    binaryfunc fn;
+    bool reflected;
+    const char *doc;
+  };
+  const BinaryOp binary[] = {
+      {"__add__", var_nb_add, false, "self + other"},
+      {"__radd__", var_nb_add, true, "other + self"},
+      {"__sub__", var_nb_subtract, false, "self - other"},
+      {"__rsub__", var_nb_subtract, true, "other - self"},
+      {"__mul__", var_nb_multiply, false, "self * other"},
+      {"__rmul__", var_nb_multiply, true, "other * self"},
+      {"__truediv__", var_nb_true_divide, false, "self / other (other a number)"},
+      {"__div__", var_nb_true_divide, false, "self / other (other a number)"},
+      {"__rtruediv__", var_nb_true_divide, true, "other / self: not supported"},
+  };
+  for (const BinaryOp &op : binary)
+    method(
+        op.name,
+        [fn = op.fn, reflected = op.reflected](H s, H o) {
+          return slot_result(reflected ? fn(o.ptr(), s.ptr()) : fn(s.ptr(), o.ptr()));
+        },
+        nb::arg("other").none(), op.doc);
   method(
       "__neg__", [](H s) { return slot_result(var_nb_negative(s.ptr())); }, "-self");
   method(

@@ -598,7 +598,7 @@ void def_function_adds(nb::class_<Model> &cls) {
             return gen_added(self, fn(model, name_ptr(n), x, y, o.c_str()), model);
           },
           nb::arg("xvar").none(), nb::arg("yvar").none(), nb::arg("name").none() = "",
-          nb::arg("options").none() = "", kind.add_doc);
+          nb::arg("options").none() = "", function_add_doc(kind).c_str());
     } else {
       cls.def(
           method.c_str(),
@@ -611,7 +611,8 @@ void def_function_adds(nb::class_<Model> &cls) {
             return gen_added(self, fn(model, name_ptr(n), x, y, av, o.c_str()), model);
           },
           nb::arg("xvar").none(), nb::arg("yvar").none(), nb::arg("a").none(),
-          nb::arg("name").none() = "", nb::arg("options").none() = "", kind.add_doc);
+          nb::arg("name").none() = "", nb::arg("options").none() = "",
+          function_add_doc(kind).c_str());
     }
   }
 }
@@ -929,18 +930,16 @@ void init_model_add(nb::class_<Model> &cls) {
       nb::arg("type").none(), nb::arg("vars").none(), nb::arg("wts").none() = nb::none(),
       "Adds an SOS constraint of type KVR.SOS_TYPE1 or KVR.SOS_TYPE2 (default weights 1, 2, ...).");
 
-  cls.def(
-      "addGenConstrMax",
-      [](nb::handle self, nb::handle resvar, nb::handle vars, nb::handle constant,
-         nb::handle name) { return add_maxmin(self, resvar, vars, constant, name, true); },
-      nb::arg("resvar").none(), nb::arg("vars").none(), nb::arg("constant").none() = nb::none(),
-      nb::arg("name").none() = "", "Adds resvar = max(vars, constant).");
-  cls.def(
-      "addGenConstrMin",
-      [](nb::handle self, nb::handle resvar, nb::handle vars, nb::handle constant,
-         nb::handle name) { return add_maxmin(self, resvar, vars, constant, name, false); },
-      nb::arg("resvar").none(), nb::arg("vars").none(), nb::arg("constant").none() = nb::none(),
-      nb::arg("name").none() = "", "Adds resvar = min(vars, constant).");
+  for (bool is_max : {true, false})
+    cls.def(
+        is_max ? "addGenConstrMax" : "addGenConstrMin",
+        [is_max](nb::handle self, nb::handle resvar, nb::handle vars, nb::handle constant,
+                 nb::handle name) {
+          return add_maxmin(self, resvar, vars, constant, name, is_max);
+        },
+        nb::arg("resvar").none(), nb::arg("vars").none(), nb::arg("constant").none() = nb::none(),
+        nb::arg("name").none() = "",
+        is_max ? "Adds resvar = max(vars, constant)." : "Adds resvar = min(vars, constant).");
   cls.def(
       "addGenConstrAbs",
       [](nb::handle self, nb::handle resvar, nb::handle argvar, nb::handle name) {

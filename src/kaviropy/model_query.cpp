@@ -1,6 +1,7 @@
 // Model: reading the objective, coefficients, rows, columns and the data of SOS, quadratic and
 // general constraints; attributes of many elements at once; removal of elements.
 #include <cmath>
+#include <type_traits>
 
 #include "attrutil.h"
 #include "containers.h"
@@ -215,33 +216,29 @@ int gen_position(nb::handle self, nb::handle gc) {
 using ListFn = int (*)(KVRmodel *, int, int *, int *, int *);                 // And, Or
 using ListConstFn = int (*)(KVRmodel *, int, int *, int *, int *, double *);  // Max, Min, Norm
 
-nb::tuple read_list_const(nb::handle self, nb::handle gc, ListConstFn fn, bool with_constant) {
-  KVRmodel *model = prepared_model(self);
-  int id = gen_position(self, gc), res = 0, n = 0;
-  double c = 0;
-  check_model(fn(model, id, &res, &n, nullptr, &c), model);
-  auto ind = out_array<int>(n);
-  check_model(fn(model, id, &res, &n, ind.data(), &c), model);
-  if (!with_constant) return nb::make_tuple(var_at(self, res), var_list_of(self, ind));
-  return nb::make_tuple(var_at(self, res), var_list_of(self, ind), from_library(c));
-}
-
-void def_list_const(nb::class_<Model> &cls, const char *name, ListConstFn fn, const char *doc) {
-  cls.def(
-      name, [fn](nb::handle self, nb::handle gc) { return read_list_const(self, gc, fn, true); },
-      nb::arg("genconstr").none(), doc);
-}
-
-void def_list(nb::class_<Model> &cls, const char *name, ListFn fn, const char *doc) {
+// Model.getGenConstr<Kind>(genconstr): (resvar, vars) of and/or, (resvar, vars, constant or
+// which) of max/min/norm. The count comes first, then the operands.
+template <class Fn>
+void def_list(nb::class_<Model> &cls, const char *name, Fn fn, const char *doc) {
+  constexpr bool with_constant = std::is_same_v<Fn, ListConstFn>;
   cls.def(
       name,
       [fn](nb::handle self, nb::handle gc) {
         KVRmodel *model = prepared_model(self);
         int id = gen_position(self, gc), res = 0, n = 0;
-        check_model(fn(model, id, &res, &n, nullptr), model);
+        double c = 0;
+        auto read = [&](int *ind) {
+          if constexpr (with_constant)
+            check_model(fn(model, id, &res, &n, ind, &c), model);
+          else
+            check_model(fn(model, id, &res, &n, ind), model);
+        };
+        read(nullptr);
         auto ind = out_array<int>(n);
-        check_model(fn(model, id, &res, &n, ind.data()), model);
-        return nb::make_tuple(var_at(self, res), var_list_of(self, ind));
+        read(ind.data());
+        nb::tuple head = nb::make_tuple(var_at(self, res), var_list_of(self, ind));
+        if constexpr (with_constant) return nb::make_tuple(head[0], head[1], from_library(c));
+        return head;
       },
       nb::arg("genconstr").none(), doc);
 }
@@ -258,12 +255,29 @@ void def_pair(nb::class_<Model> &cls, const char *name, FunctionGetFn fn, const 
       nb::arg("genconstr").none(), doc);
 }
 
+// The entries of one column (KVRXgetvars) or row (KVRXgetconstrs) at position pos: the count
+// first, then the arrays, never null even when empty (the library takes all three or none).
+using EntriesFn = int (*)(KVRmodel *, size_t *, size_t *, int *, double *, int, int);
+struct Entries {
+  std::vector<int> ind;
+  std::vector<double> val;
+};
+Entries fetch_entries(KVRmodel *model, EntriesFn fn, int pos) {
+  size_t nnz = 0, beg[1] = {0};
+  check_model(fn(model, &nnz, nullptr, nullptr, nullptr, pos, 1), model);
+  Entries e{std::vector<int>(nnz + 1), std::vector<double>(nnz + 1)};
+  check_model(fn(model, &nnz, beg, e.ind.data(), e.val.data(), pos, 1), model);
+  e.ind.resize(nnz);
+  e.val.resize(nnz);
+  return e;
+}
+
 // Model.getGenConstr<Suffix>(genconstr) for every function kind: (xvar, yvar[, a]).
 void def_function_gets(nb::class_<Model> &cls) {
   for (const FunctionKind &kind : kFunctionKinds) {
     std::string method = std::string("getGenConstr") + kind.suffix;
     if (kind.get) {
-      def_pair(cls, method.c_str(), kind.get, kind.get_doc);
+      def_pair(cls, method.c_str(), kind.get, function_get_doc(kind).c_str());
       continue;
     }
     cls.def(
@@ -275,7 +289,7 @@ void def_function_gets(nb::class_<Model> &cls) {
           check_model(fn(model, id, &x, &y, &a), model);
           return nb::make_tuple(var_at(self, x), var_at(self, y), a);
         },
-        nb::arg("genconstr").none(), kind.get_doc);
+        nb::arg("genconstr").none(), function_get_doc(kind).c_str());
   }
 }
 
@@ -378,15 +392,9 @@ void init_model_query(nb::class_<Model> &cls) {
       "getCol",
       [](nb::handle self, nb::handle var) {
         KVRmodel *model = prepared_model(self);
-        int col = live_position(var, kVar, model);
-        size_t nnz = 0, beg[1] = {0};
-        check_model(KVRXgetvars(model, &nnz, nullptr, nullptr, nullptr, col, 1), model);
-        // Never null arrays, even for an empty column: the library takes all three or none.
-        std::vector<int> ind(nnz + 1);
-        std::vector<double> val(nnz + 1);
-        check_model(KVRXgetvars(model, &nnz, beg, ind.data(), val.data(), col, 1), model);
+        auto [ind, val] = fetch_entries(model, KVRXgetvars, live_position(var, kVar, model));
         nb::list coeffs, constrs;
-        for (size_t i = 0; i < nnz; ++i) {
+        for (size_t i = 0; i < ind.size(); ++i) {
           coeffs.append(val[i]);
           constrs.append(model_handle(self, kConstr, ind[i]));
         }
@@ -398,14 +406,9 @@ void init_model_query(nb::class_<Model> &cls) {
       "getRow",
       [](nb::handle self, nb::handle constr) {
         KVRmodel *model = prepared_model(self);
-        int row = live_position(constr, kConstr, model);
-        size_t nnz = 0, beg[1] = {0};
-        check_model(KVRXgetconstrs(model, &nnz, nullptr, nullptr, nullptr, row, 1), model);
-        std::vector<int> ind(nnz + 1);
-        std::vector<double> val(nnz + 1);
-        check_model(KVRXgetconstrs(model, &nnz, beg, ind.data(), val.data(), row, 1), model);
-        val.resize(nnz);
-        return make_linexpr(std::move(val), vars_at(self, ind.data(), nnz), 0.0);
+        auto [ind, val] =
+            fetch_entries(model, KVRXgetconstrs, live_position(constr, kConstr, model));
+        return make_linexpr(std::move(val), vars_at(self, ind.data(), ind.size()), 0.0);
       },
       nb::arg("constr").none(), "The left-hand side of a linear constraint as a LinExpr.");
   cls.def(
@@ -440,12 +443,12 @@ void init_model_query(nb::class_<Model> &cls) {
       },
       nb::arg("sos").none(), "(type, variables, weights) of an SOS constraint.");
 
-  def_list_const(cls, "getGenConstrMax", KVRgetgenconstrMax,
-                 "(resvar, vars, constant) of a max constraint.");
-  def_list_const(cls, "getGenConstrMin", KVRgetgenconstrMin,
-                 "(resvar, vars, constant) of a min constraint.");
-  def_list_const(cls, "getGenConstrNorm", KVRgetgenconstrNorm,
-                 "(resvar, vars, which) of a norm constraint.");
+  def_list(cls, "getGenConstrMax", KVRgetgenconstrMax,
+           "(resvar, vars, constant) of a max constraint.");
+  def_list(cls, "getGenConstrMin", KVRgetgenconstrMin,
+           "(resvar, vars, constant) of a min constraint.");
+  def_list(cls, "getGenConstrNorm", KVRgetgenconstrNorm,
+           "(resvar, vars, which) of a norm constraint.");
   def_pair(cls, "getGenConstrAbs", KVRgetgenconstrAbs, "(resvar, argvar) of an abs constraint.");
   def_list(cls, "getGenConstrAnd", KVRgetgenconstrAnd, "(resvar, vars) of an and constraint.");
   def_list(cls, "getGenConstrOr", KVRgetgenconstrOr, "(resvar, vars) of an or constraint.");

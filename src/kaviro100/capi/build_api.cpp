@@ -5,7 +5,7 @@
 #include <cmath>
 #include <unordered_map>
 
-#include "model/build.h"
+#include "capi/build.h"
 #include "model/checks.h"
 
 namespace kvr {

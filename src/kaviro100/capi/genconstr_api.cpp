@@ -5,7 +5,7 @@
 #include <unordered_set>
 
 #include "attrs/attr_access.h"
-#include "model/build.h"
+#include "capi/build.h"
 #include "model/checks.h"
 #include "util/strings.h"
 

@@ -3,7 +3,7 @@
 #include <memory>
 #include <string_view>
 
-#include "model/build.h"
+#include "capi/build.h"
 #include "model/checks.h"
 #include "model/model.h"
 #include "util/live.h"

@@ -4,7 +4,7 @@
 #include <cctype>
 #include <charconv>
 
-#include "model/build.h"
+#include "capi/build.h"
 #include "model/checks.h"
 
 namespace {

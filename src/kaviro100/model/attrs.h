@@ -90,6 +90,7 @@ struct AttrDef {
   const char *missing_why;  // reason added to the message then, or nullptr
   AttrValueRule values;
   double extra_default;  // value of new entries of an extra column
+  bool compared;         // a write lists the variable or constraint for the engine to compare
 };
 
 const AttrDef &attr_def(AttrId id);

@@ -304,20 +304,6 @@ int SosData::append(int set_type) {
   return size() - 1;
 }
 
-int QConstrData::append(QConstr item, std::string_view name) {
-  items.push_back(std::move(item));
-  names.push_back(name);
-  extra.resize(items.size());
-  return size() - 1;
-}
-
-int GenConstrData::append(GenConstr item, std::string_view name) {
-  items.push_back(std::move(item));
-  names.push_back(name);
-  extra.resize(items.size());
-  return size() - 1;
-}
-
 void ExtraAttrs::set(int key, size_t n, size_t i, double v) {
   std::vector<double> &column = num[key];
   if (column.size() < n) column.resize(n, extra_default(key));

@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "kaviro_c.h"
@@ -207,14 +208,24 @@ struct QConstr {
   }
 };
 
-struct QConstrData {
-  std::vector<QConstr> items;
+// An element kind stored as one record per element (quadratic and general constraints), its
+// names and extra attributes kept in step with the records.
+template <class Item>
+struct RecordData {
+  std::vector<Item> items;
   NamePool names;
   ExtraAttrs extra;
   int size() const { return static_cast<int>(items.size()); }
-  // Appends one constraint with its name and extra attributes; returns its index.
-  int append(QConstr item, std::string_view name = {});
+  // Appends one element with its name and extra attributes; returns its index.
+  int append(Item item, std::string_view name = {}) {
+    items.push_back(std::move(item));
+    names.push_back(name);
+    extra.resize(items.size());
+    return size() - 1;
+  }
 };
+
+using QConstrData = RecordData<QConstr>;
 
 struct SosData {
   std::vector<int> type;  // KVR_SOS_TYPE1 or KVR_SOS_TYPE2
@@ -260,14 +271,7 @@ struct GenConstr {
   double funcpieceerror = -1.0, funcpiecelength = -1.0, funcpieceratio = -2.0;
 };
 
-struct GenConstrData {
-  std::vector<GenConstr> items;
-  NamePool names;
-  ExtraAttrs extra;
-  int size() const { return static_cast<int>(items.size()); }
-  // Appends one constraint with its name and extra attributes; returns its index.
-  int append(GenConstr item, std::string_view name = {});
-};
+using GenConstrData = RecordData<GenConstr>;
 
 // Objective n of a multi-objective model (n >= 1; objective 0 is the ordinary objective, whose
 // coefficients are VarData::obj and ModelData::objcon).

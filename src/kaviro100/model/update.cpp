@@ -37,22 +37,9 @@ void note_changes(EngineState &e, const PendingChanges &p, const ModelData &d) {
       e.changed_coeffs.emplace_back(c.elem, c.sub);
     } else if (c.kind != ChangeKind::Attr) {
       e.scan_all = true;  // a whole objective or quadratic terms
-    } else {
-      switch (c.attr) {
-        case AttrId::LB:
-        case AttrId::UB:
-        case AttrId::Obj:
-        case AttrId::VType:
-        case AttrId::ObjN:
-          e.changed_vars.push_back(c.elem);
-          break;
-        case AttrId::Sense:
-        case AttrId::RHS:
-          e.changed_constrs.push_back(c.elem);
-          break;
-        default:  // the objective's sense and constant are always compared; others are not given
-          break;
-      }
+    } else if (const AttrDef &def = attr_def(c.attr); def.compared) {
+      // The objective's sense and constant are always compared; other writes are not given.
+      (def.cls == AttrClass::Var ? e.changed_vars : e.changed_constrs).push_back(c.elem);
     }
   }
   // A long list costs more than comparing everything.
@@ -66,23 +53,31 @@ void note_changes(EngineState &e, const PendingChanges &p, const ModelData &d) {
   }
 }
 
-// Renumbers a list of changed elements after a deletion, dropping the deleted ones.
-void renumber(std::vector<int> &list, const Renumbering &r) {
+// Renumbers a list of changed elements, or of changed coefficients by their row or column
+// (`index` picks it from an entry), after a deletion, dropping the entries deleted.
+template <class T, class Index>
+void renumber(std::vector<T> &list, const Renumbering &r, Index index) {
   size_t out = 0;
-  for (int i : list)
-    if (i < static_cast<int>(r.size()) && r[i] >= 0) list[out++] = r[i];
+  for (T entry : list) {
+    int &i = index(entry);
+    if (i >= static_cast<int>(r.size()) || r[i] < 0) continue;
+    i = r[i];
+    list[out++] = entry;
+  }
   list.resize(out);
 }
 
-void renumber_coeffs(std::vector<std::pair<int, int>> &list, const Renumbering &r, bool rows) {
-  size_t out = 0;
-  for (auto c : list) {
-    int &i = rows ? c.first : c.second;
-    if (i >= static_cast<int>(r.size()) || r[i] < 0) continue;
-    i = r[i];
-    list[out++] = c;
-  }
-  list.resize(out);
+int &itself(int &i) { return i; }
+int &row_of(std::pair<int, int> &c) { return c.first; }
+int &column_of(std::pair<int, int> &c) { return c.second; }
+
+// Renumbers the engine's lists after deleting variables ('V') or constraints ('C') and records
+// the deletion for it.
+void note_deletion(EngineState *engine, char kind, Renumbering r) {
+  if (!engine) return;
+  renumber(kind == 'V' ? engine->changed_vars : engine->changed_constrs, r, itself);
+  renumber(engine->changed_coeffs, r, kind == 'V' ? column_of : row_of);
+  engine->deletions.emplace_back(kind, std::move(r));
 }
 
 void delete_elements(ModelData &d, const PendingChanges &p, EngineState *engine) {
@@ -93,19 +88,11 @@ void delete_elements(ModelData &d, const PendingChanges &p, EngineState *engine)
   if (auto r = renumbering(d.sos.size(), p.del_sos); !r.empty()) d.delete_sos(r);
   if (auto r = renumbering(d.num_constrs(), p.del_constrs); !r.empty()) {
     d.delete_constrs(r);
-    if (engine) {
-      renumber(engine->changed_constrs, r);
-      renumber_coeffs(engine->changed_coeffs, r, true);
-      engine->deletions.emplace_back('C', std::move(r));
-    }
+    note_deletion(engine, 'C', std::move(r));
   }
   if (auto r = renumbering(d.num_vars(), p.del_vars); !r.empty()) {
     d.delete_vars(r);
-    if (engine) {
-      renumber(engine->changed_vars, r);
-      renumber_coeffs(engine->changed_coeffs, r, false);
-      engine->deletions.emplace_back('V', std::move(r));
-    }
+    note_deletion(engine, 'V', std::move(r));
   }
 }
 

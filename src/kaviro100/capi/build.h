@@ -1,4 +1,4 @@
-// Helpers shared by the functions that add elements to a model.
+// Helpers shared by the C entry points that add elements to a model (defined in build_api.cpp).
 #pragma once
 
 #include <cstddef>
