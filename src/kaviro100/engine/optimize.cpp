@@ -491,8 +491,8 @@ OptimizingFlag::OptimizingFlag(kvr_model *m) : model(m) {
 
 OptimizingFlag::~OptimizingFlag() { model->optimizing.store(false); }
 
-void check_solvable(const ModelData &m) {
-  check_possible_values(m);
+void check_solvable(ModelData &m) {
+  m.check_values();
   for (int i = 0; i < m.qconstrs.size(); ++i)
     if (m.qconstrs.items[i].sense == KVR_EQUAL) {
       std::string_view name = m.qconstrs.names.get(static_cast<size_t>(i));
@@ -628,6 +628,7 @@ void optimize(kvr_model *model) {
   if (model->optimizing.load())
     fail(KVR_ERROR_OPTIMIZATION_IN_PROGRESS, "The model is being optimized already");
   update_model(model);
+  model->data.refresh_facts();
   check_remote_settings(&model->env);
   const ParamValues &params = model->env.params;
   const EngineChoice choice = choose_engine(model->data, params, model->callback != nullptr,
