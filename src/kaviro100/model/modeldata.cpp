@@ -531,8 +531,8 @@ void ModelData::append(ModelData &&added, const std::vector<SparseMatrix::Entry>
   ConstrData &ac = added.w().constrs;
   for (int r = 0; r < ac.size(); ++r)
     w().constrs.rows.add_row(static_cast<int>(ac.rows.beg[r + 1] - ac.rows.beg[r]),
-                            ac.rows.ind.data() + ac.rows.beg[r],
-                            ac.rows.val.data() + ac.rows.beg[r]);
+                             ac.rows.ind.data() + ac.rows.beg[r],
+                             ac.rows.val.data() + ac.rows.beg[r]);
   w().constrs.sense.insert(w().constrs.sense.end(), ac.sense.begin(), ac.sense.end());
   w().constrs.rhs.insert(w().constrs.rhs.end(), ac.rhs.begin(), ac.rhs.end());
   w().constrs.names.append(ac.names);
@@ -549,7 +549,8 @@ void ModelData::append(ModelData &&added, const std::vector<SparseMatrix::Entry>
     w().sos.beg.push_back(base + added.w().sos.beg[s + 1]);
   }
   w().sos.ind.insert(w().sos.ind.end(), added.w().sos.ind.begin(), added.w().sos.ind.end());
-  w().sos.weight.insert(w().sos.weight.end(), added.w().sos.weight.begin(), added.w().sos.weight.end());
+  w().sos.weight.insert(w().sos.weight.end(), added.w().sos.weight.begin(),
+                        added.w().sos.weight.end());
   w().sos.extra.resize(w().sos.type.size());
 
   for (GenConstr &g : added.w().gens.items) w().gens.items.push_back(std::move(g));
@@ -636,7 +637,8 @@ void ModelData::set_element_name(AttrClass kind, int i, std::string_view s) {
 }
 
 void ModelData::drop_names() {
-  for (NamePool *names : {&w().vars.names, &w().constrs.names, &w().qconstrs.names, &w().gens.names}) {
+  for (NamePool *names :
+       {&w().vars.names, &w().constrs.names, &w().qconstrs.names, &w().gens.names}) {
     const size_t n = names->size();
     names->clear();
     names->resize(n);
