@@ -48,6 +48,9 @@ def test_lp_values_duals_slacks_and_basis_agree_with_hand_computation(m):
     assert (c0.Slack, c1.Slack) == pytest.approx((0.0, 0.0), abs=1e-9)
     assert (x.VBasis, y.VBasis) == (KVR.BASIC, KVR.BASIC)
     assert (c0.CBasis, c1.CBasis) == (KVR.NONBASIC_LOWER, KVR.NONBASIC_LOWER)
+    # The solution is the pool's only entry.
+    m.Params.SolutionNumber = 0
+    assert m.PoolObjVal == pytest.approx(2.5) and (x.Xn, y.Xn) == pytest.approx((1.5, 0.5))
     assert m.IterCount >= 1 and m.BarIterCount == 0 and m.Runtime >= 0
     with pytest.raises(AttributeError):
         m.MIPGap  # not a MIP
@@ -638,3 +641,11 @@ def test_engine_options_reach_the_first_order_lp_method(m, monkeypatch):
             m.optimize()
         assert err.value.errno == KVR.ERROR_INVALID_ARGUMENT
         assert "KAVIRO_ENGINE_OPTIONS" in err.value.message
+
+
+def test_model_without_variables_has_one_empty_solution(m):
+    m.setObjective(kp.LinExpr(3.0))
+    m.optimize()
+    assert m.Status == KVR.OPTIMAL and m.SolCount == 1 and m.ObjVal == pytest.approx(3.0)
+    m.Params.SolutionNumber = 0
+    assert m.PoolObjVal == pytest.approx(3.0)

@@ -415,3 +415,47 @@ def test_engine_options_on_a_kept_instance(env, monkeypatch):
     x[0].UB = 5.0
     m.optimize()
     assert m.Status == KVR.OPTIMAL and m.ObjVal == pytest.approx(optimum, abs=1e-7)
+
+
+def test_values_and_types_changed_after_a_solve_are_seen(env):
+    """Bound, side and type changes between solves: what the model knew at the last solve
+    (possible values, no integer or semi-continuous variables) is not trusted afterwards."""
+    inf = float("inf")
+    m, x, cons = build(env)
+    m.optimize()
+    lp_value = m.ObjVal
+    for change, undo, message in [
+        (lambda: setattr(x[3], "LB", inf), lambda: setattr(x[3], "LB", 0.0),
+         "its lower bound is \\+infinity"),
+        (lambda: setattr(x[4], "UB", -inf), lambda: setattr(x[4], "UB", 5.0),
+         "its upper bound is -infinity"),
+    ]:
+        change()
+        with pytest.raises(kp.KaviroError, match=message):
+            m.optimize()
+        undo()
+        m.optimize()
+        assert m.ObjVal == pytest.approx(lp_value)
+    # A side that is possible with one sense and not with the other.
+    rhs = cons[0].RHS
+    cons[0].RHS = inf
+    m.optimize()
+    cons[0].Sense = ">"
+    with pytest.raises(kp.KaviroError, match="must be >= \\+infinity"):
+        m.optimize()
+    cons[0].Sense, cons[0].RHS = "<", rhs
+    m.optimize()
+    assert m.ObjVal == pytest.approx(lp_value)
+    # A bound and a type changed in one update: the type is seen.
+    x[0].UB = 4.0
+    x[0].VType = KVR.SEMICONT
+    x[0].LB = 4.0
+    m.optimize()
+    assert m.IsMIP == 1 and (x[0].X == pytest.approx(0.0) or x[0].X >= 4.0 - 1e-6)
+    ref, rx, _ = build(env)
+    rx[0].UB, rx[0].VType, rx[0].LB = 4.0, KVR.SEMICONT, 4.0
+    ref.optimize()
+    assert m.ObjVal == pytest.approx(ref.ObjVal)
+    x[0].VType, x[0].LB, x[0].UB = KVR.CONTINUOUS, 0.0, 5.0
+    m.optimize()
+    assert m.IsMIP == 0 and m.ObjVal == pytest.approx(lp_value)

@@ -64,9 +64,11 @@ void run_solver(nb::handle self, nb::handle callback, int (*call)(KVRmodel *)) {
     self.attr("_callback") = module_attr("CallbackClass")(self, callback);
   }
   bool with_callback = !self.attr("_callback").is_none();
-  nb::dict map = nb::borrow<nb::dict>(module().attr("__modelmap"));
-  nb::object key = handle_object(cm);
+  // The model map lets the callback trampoline find the model; without a callback it is untouched.
+  nb::object map, key;
   if (with_callback) {
+    map = module().attr("__modelmap");
+    key = handle_object(cm);
     map[key] = self;
     int code = KVRsetcallbackfunc(cm, callback_function(), nullptr);
     if (!code) code = KVRsetcallbackwheres(cm, callback_wheres(callback));
@@ -85,7 +87,7 @@ void run_solver(nb::handle self, nb::handle callback, int (*call)(KVRmodel *)) {
   if (with_callback) {
     // The text is saved first: unregistering may replace the model's latest message.
     std::string saved = KVRgetmerrormsg(cm);
-    if (map.contains(key)) PyDict_DelItem(map.ptr(), key.ptr());
+    if (PyDict_Contains(map.ptr(), key.ptr()) == 1) PyDict_DelItem(map.ptr(), key.ptr());
     KVRsetcallbackfunc(cm, nullptr, nullptr);
     self.attr("_callback") = nb::none();
     if (code) raise_error(code, saved);

@@ -860,6 +860,7 @@ EngineResult HighsEngine::solve_on(const EngineProblem &problem, const ParamValu
   EngineResult r;
   HighsInt run_status = kHighsStatusOk;
   bool undecided_resolved = false, retried_unknown = false;
+  long long last_ipm_iters = 0;
   HighsRun run(hi, params, ctx, n, undecided_resolved, add_new_rows);
   run.found = &found;
   run.best_obj = &st.best_obj;
@@ -879,12 +880,14 @@ EngineResult HighsEngine::solve_on(const EngineProblem &problem, const ParamValu
       iters = std::max(iters, ctx.iters_now - st.base_iters);
     }
     st.base_iters += iters;
-    st.base_nodes += static_cast<double>(std::max(0LL, hi->info_int("mip_node_count")));
-    r.baritercount += static_cast<double>(std::max(0LL, hi->info_int("ipm_iteration_count")));
+    // Counts of methods the run cannot have used are not asked for.
+    if (mip) st.base_nodes += static_cast<double>(std::max(0LL, hi->info_int("mip_node_count")));
+    last_ipm_iters = hi->info_int("ipm_iteration_count");
+    r.baritercount += static_cast<double>(std::max(0LL, last_ipm_iters));
     r.itercount += mip ? iters
                        : iters + hi->info_int("crossover_iteration_count") +
                              hi->info_int("pdlp_iteration_count") +
-                             hi->info_int("qp_iteration_count");
+                             (qp ? hi->info_int("qp_iteration_count") : 0);
     // A model found infeasible or unbounded in presolve is solved again without presolve when
     // the caller asks for a definite answer.
     if (!undecided_resolved && ctx.stop == StopReason::None &&
@@ -958,7 +961,7 @@ EngineResult HighsEngine::solve_on(const EngineProblem &problem, const ParamValu
   r.nodecount = st.base_nodes;
   r.work = SolveContext::work_units(r.itercount + r.baritercount, r.nodecount);
   if (!mip) {
-    long long ipm = hi->info_int("ipm_iteration_count");
+    const long long ipm = last_ipm_iters;
     HighsInt strategy = 0;
     Highs_getIntOptionValue(hi->get(), "simplex_strategy", &strategy);
     r.method_used = ipm > 0 ? 2 : strategy == 4 ? 0 : 1;

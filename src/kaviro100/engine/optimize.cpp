@@ -401,8 +401,10 @@ void fill_solution(const kvr_model *model, const Reformulated &rf, const SolveCo
       sol.objval = true_objective(rf, rf.model(), r.x);
       sol.x = std::move(r.x);
       truncate(sol.x, nu);
-      if (r.status == KVR_OPTIMAL || r.status == KVR_SUBOPTIMAL) {
-        sol.pool_x.push_back(sol.x);
+      // The pool of an LP is its solution, which the pool's readers fall back to; only the
+      // empty solution of a model without variables is stored, so that it counts.
+      if (sol.x.empty() && (r.status == KVR_OPTIMAL || r.status == KVR_SUBOPTIMAL)) {
+        sol.pool_x.emplace_back();
         sol.pool_obj.push_back(sol.objval);
       }
     }
@@ -447,8 +449,11 @@ void fill_solution(const kvr_model *model, const Reformulated &rf, const SolveCo
   const bool engine_activity =
       !mip && !rf.changed && r.row_activity.size() >= size_t(mu) && user.num_constrs() == mu;
   if (engine_activity && !sol.x.empty()) {
-    sol.slack.resize(mu);
-    for (int i = 0; i < mu; ++i) sol.slack[i] = user.constrs.rhs[i] - r.row_activity[i];
+    // Computed in place of the activities, which are not needed afterwards.
+    std::vector<double> &slack = r.row_activity;
+    slack.resize(mu);
+    for (int i = 0; i < mu; ++i) slack[i] = user.constrs.rhs[i] - slack[i];
+    sol.slack = std::move(slack);
   } else if (!sol.x.empty()) {
     sol.slack.resize(mu);
     const SparseMatrix &A = user.constrs.rows;
@@ -491,8 +496,8 @@ OptimizingFlag::OptimizingFlag(kvr_model *m) : model(m) {
 
 OptimizingFlag::~OptimizingFlag() { model->optimizing.store(false); }
 
-void check_solvable(const ModelData &m) {
-  check_possible_values(m);
+void check_solvable(ModelData &m) {
+  m.check_values();
   for (int i = 0; i < m.qconstrs.size(); ++i)
     if (m.qconstrs.items[i].sense == KVR_EQUAL) {
       std::string_view name = m.qconstrs.names.get(static_cast<size_t>(i));
@@ -628,10 +633,11 @@ void optimize(kvr_model *model) {
   if (model->optimizing.load())
     fail(KVR_ERROR_OPTIMIZATION_IN_PROGRESS, "The model is being optimized already");
   update_model(model);
+  model->data.refresh_facts();
   check_remote_settings(&model->env);
   const ParamValues &params = model->env.params;
-  const EngineChoice choice = choose_engine(model->data, params, model->callback != nullptr,
-                                            model->callback_wheres);
+  const EngineChoice choice =
+      choose_engine(model->data, params, model->callback != nullptr, model->callback_wheres);
   const EngineCapabilities &caps = choice.entry->caps;
   // Spatial branch and bound takes quadratic equalities too.
   const bool global = caps.nonconvex && params.get_int(ParamId::NonConvex) == 2;

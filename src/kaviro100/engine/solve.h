@@ -49,9 +49,10 @@ void solve_scenarios(kvr_model *model, const Reformulated &rf, Engine &engine, S
 // Short name of a status code ("optimal", "infeasible", ...).
 const char *status_text(int status);
 
-// What the engines cannot take whatever the rewriting does: fails with QCP_EQUALITY_CONSTRAINT
-// naming the first quadratic equality constraint.
-void check_solvable(const ModelData &m);
+// What the engines cannot take whatever the rewriting does: fails with INVALID_ARGUMENT for values
+// no element can take (checked again only after changes, see ModelData::check_values) and with
+// QCP_EQUALITY_CONSTRAINT naming the first quadratic equality constraint.
+void check_solvable(ModelData &m);
 
 // Memory limits at the start of a solve or analysis (`what` names it in messages): fails with
 // OUT_OF_MEMORY above MemLimit; above SoftMemLimit logs it and leaves ctx.memory_stop set, and

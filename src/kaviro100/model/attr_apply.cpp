@@ -7,6 +7,7 @@
 #include <type_traits>
 #include <unordered_map>
 
+#include "model/checks.h"
 #include "model/pending.h"
 #include "util/error.h"
 
@@ -308,8 +309,39 @@ void Applier::attr(const Change &c) {
   apply(*this, c);
 }
 
+// Whether the facts ModelData keeps (type counts, possible values) survive these changes: only
+// value changes of bounds, costs, right-hand sides and row senses, coefficients and objectives do
+// not touch the types; of these, the bounds and row data are checked again entry by entry.
+bool keeps_facts(const std::vector<Change> &log) {
+  for (const Change &c : log)
+    if (c.kind == ChangeKind::Attr && c.attr != AttrId::LB && c.attr != AttrId::UB &&
+        c.attr != AttrId::Obj && c.attr != AttrId::RHS && c.attr != AttrId::Sense)
+      return false;
+  return true;
+}
+
+bool changed_values_possible(const ModelFields &d, const std::vector<Change> &log) {
+  for (const Change &c : log) {
+    if (c.kind != ChangeKind::Attr) continue;
+    if ((c.attr == AttrId::LB || c.attr == AttrId::UB) &&
+        impossible_bounds(d.vars.lb[c.elem], d.vars.ub[c.elem]))
+      return false;
+    if ((c.attr == AttrId::RHS || c.attr == AttrId::Sense) &&
+        impossible_rhs(d.constrs.sense[c.elem], d.constrs.rhs[c.elem]))
+      return false;
+  }
+  return true;
+}
+
 }  // namespace
 
-void apply_change_log(ModelData &data, PendingChanges &pending) { Applier(data.f_, pending).run(); }
+void apply_change_log(ModelData &data, PendingChanges &pending) {
+  const std::optional<ModelFacts> facts = data.facts_;
+  const bool values_checked = data.values_checked_;
+  Applier(data.w(), pending).run();
+  if (!keeps_facts(pending.log)) return;
+  data.facts_ = facts;
+  data.values_checked_ = values_checked && changed_values_possible(data.f_, pending.log);
+}
 
 }  // namespace kvr

@@ -397,132 +397,151 @@ void ExtraAttrs::renumber(const Renumbering &newpos) {
 // ---------------------------------------------------------------- ModelData
 
 bool ModelData::is_mip() const {
-  for (char t : f_.vars.vtype)
-    if (t != KVR_CONTINUOUS) return true;
-  return f_.sos.size() > 0 || f_.gens.size() > 0;
+  return facts().non_continuous > 0 || f_.sos.size() > 0 || f_.gens.size() > 0;
+}
+
+ModelFacts ModelData::facts() const {
+  if (facts_) return *facts_;
+  ModelFacts f;
+  for (char t : f_.vars.vtype) {
+    f.non_continuous += t != KVR_CONTINUOUS;
+    f.semicontinuous += t == KVR_SEMICONT || t == KVR_SEMIINT;
+  }
+  return f;
+}
+
+void ModelData::refresh_facts() {
+  if (!facts_) facts_ = facts();
+}
+
+void ModelData::check_values() {
+  if (values_checked_) return;
+  check_possible_values(*this);
+  values_checked_ = true;
 }
 
 void ModelData::delete_vars(const Renumbering &newpos) {
   // General constraints lose their meaning without their resultant, binary, x or y variable.
-  Renumbering gennew(static_cast<size_t>(f_.gens.size()));
+  Renumbering gennew(static_cast<size_t>(w().gens.size()));
   int ng = 0;
   auto gone = [&](int v) { return v >= 0 && newpos[v] < 0; };
-  for (int i = 0; i < f_.gens.size(); ++i) {
-    const GenConstr &g = f_.gens.items[i];
+  for (int i = 0; i < w().gens.size(); ++i) {
+    const GenConstr &g = w().gens.items[i];
     // The argument of an absolute value is as essential as its resultant.
     bool lost_arg = g.type == KVR_GENCONSTR_ABS && !g.vars.empty() && gone(g.vars[0]);
     gennew[i] =
         gone(g.resvar) || gone(g.binvar) || gone(g.xvar) || gone(g.yvar) || lost_arg ? -1 : ng++;
   }
-  if (ng != f_.gens.size()) {
-    keep_entries(f_.gens.items, gennew);
-    f_.gens.names.renumber(gennew);
-    f_.gens.extra.renumber(gennew);
+  if (ng != w().gens.size()) {
+    keep_entries(w().gens.items, gennew);
+    w().gens.names.renumber(gennew);
+    w().gens.extra.renumber(gennew);
   }
   auto map_var = [&](int &v) {
     if (v >= 0) v = newpos[v];
   };
-  for (GenConstr &g : f_.gens.items) {
+  for (GenConstr &g : w().gens.items) {
     map_var(g.resvar), map_var(g.binvar), map_var(g.xvar), map_var(g.yvar);
     renumber_list(g.vars, nullptr, newpos);
     renumber_list(g.ind, &g.val, newpos);
   }
 
-  f_.constrs.rows.renumber({}, newpos);
-  f_.q.renumber(newpos);
-  for (QConstr &qc : f_.qconstrs.items) {
+  w().constrs.rows.renumber({}, newpos);
+  w().q.renumber(newpos);
+  for (QConstr &qc : w().qconstrs.items) {
     renumber_list(qc.lind, &qc.lval, newpos);
     qc.q.renumber(newpos);
   }
   // SOS members: entries of deleted variables go; the set itself stays.
   compact_sos(
-      f_.sos, [](int) { return true; }, [&](int j) { return newpos[j]; });
-  for (ObjectiveN &o : f_.objn) renumber_list(o.ind, &o.val, newpos);
+      w().sos, [](int) { return true; }, [&](int j) { return newpos[j]; });
+  for (ObjectiveN &o : w().objn) renumber_list(o.ind, &o.val, newpos);
   {
     size_t out = 0;
-    for (size_t k = 0; k < f_.pwlobj.size(); ++k) {
-      const int j = newpos[f_.pwlobj[k].var];
+    for (size_t k = 0; k < w().pwlobj.size(); ++k) {
+      const int j = newpos[w().pwlobj[k].var];
       if (j < 0) continue;
-      if (out != k) f_.pwlobj[out] = std::move(f_.pwlobj[k]);
-      f_.pwlobj[out++].var = j;
+      if (out != k) w().pwlobj[out] = std::move(w().pwlobj[k]);
+      w().pwlobj[out++].var = j;
     }
-    f_.pwlobj.resize(out);
+    w().pwlobj.resize(out);
   }
-  for (Scenario &s : f_.scenarios)
+  for (Scenario &s : w().scenarios)
     for (auto *m : {&s.lb, &s.ub, &s.obj}) renumber_keys(*m, newpos);
 
-  keep_entries(f_.vars.lb, newpos);
-  keep_entries(f_.vars.ub, newpos);
-  keep_entries(f_.vars.obj, newpos);
-  keep_entries(f_.vars.vtype, newpos);
-  f_.vars.names.renumber(newpos);
-  f_.vars.extra.renumber(newpos);
+  keep_entries(w().vars.lb, newpos);
+  keep_entries(w().vars.ub, newpos);
+  keep_entries(w().vars.obj, newpos);
+  keep_entries(w().vars.vtype, newpos);
+  w().vars.names.renumber(newpos);
+  w().vars.extra.renumber(newpos);
 }
 
 void ModelData::delete_constrs(const Renumbering &newpos) {
-  f_.constrs.rows.renumber(newpos, {});
-  keep_entries(f_.constrs.sense, newpos);
-  keep_entries(f_.constrs.rhs, newpos);
-  f_.constrs.names.renumber(newpos);
-  f_.constrs.extra.renumber(newpos);
-  for (Scenario &s : f_.scenarios) renumber_keys(s.rhs, newpos);
+  w().constrs.rows.renumber(newpos, {});
+  keep_entries(w().constrs.sense, newpos);
+  keep_entries(w().constrs.rhs, newpos);
+  w().constrs.names.renumber(newpos);
+  w().constrs.extra.renumber(newpos);
+  for (Scenario &s : w().scenarios) renumber_keys(s.rhs, newpos);
 }
 
 void ModelData::delete_sos(const Renumbering &newpos) {
   compact_sos(
-      f_.sos, [&](int s) { return newpos[s] >= 0; }, [](int j) { return j; });
-  keep_entries(f_.sos.type, newpos);
-  f_.sos.extra.renumber(newpos);
+      w().sos, [&](int s) { return newpos[s] >= 0; }, [](int j) { return j; });
+  keep_entries(w().sos.type, newpos);
+  w().sos.extra.renumber(newpos);
 }
 
 void ModelData::delete_qconstrs(const Renumbering &newpos) {
-  keep_entries(f_.qconstrs.items, newpos);
-  f_.qconstrs.names.renumber(newpos);
-  f_.qconstrs.extra.renumber(newpos);
+  keep_entries(w().qconstrs.items, newpos);
+  w().qconstrs.names.renumber(newpos);
+  w().qconstrs.extra.renumber(newpos);
 }
 
 void ModelData::delete_gens(const Renumbering &newpos) {
-  keep_entries(f_.gens.items, newpos);
-  f_.gens.names.renumber(newpos);
-  f_.gens.extra.renumber(newpos);
+  keep_entries(w().gens.items, newpos);
+  w().gens.names.renumber(newpos);
+  w().gens.extra.renumber(newpos);
 }
 
 void ModelData::append(ModelData &&added, const std::vector<SparseMatrix::Entry> &cols) {
-  VarData &av = added.f_.vars;
-  f_.vars.lb.insert(f_.vars.lb.end(), av.lb.begin(), av.lb.end());
-  f_.vars.ub.insert(f_.vars.ub.end(), av.ub.begin(), av.ub.end());
-  f_.vars.obj.insert(f_.vars.obj.end(), av.obj.begin(), av.obj.end());
-  f_.vars.vtype.insert(f_.vars.vtype.end(), av.vtype.begin(), av.vtype.end());
-  f_.vars.names.append(av.names);
-  f_.vars.extra.resize(f_.vars.lb.size());
+  VarData &av = added.w().vars;
+  w().vars.lb.insert(w().vars.lb.end(), av.lb.begin(), av.lb.end());
+  w().vars.ub.insert(w().vars.ub.end(), av.ub.begin(), av.ub.end());
+  w().vars.obj.insert(w().vars.obj.end(), av.obj.begin(), av.obj.end());
+  w().vars.vtype.insert(w().vars.vtype.end(), av.vtype.begin(), av.vtype.end());
+  w().vars.names.append(av.names);
+  w().vars.extra.resize(w().vars.lb.size());
 
-  ConstrData &ac = added.f_.constrs;
+  ConstrData &ac = added.w().constrs;
   for (int r = 0; r < ac.size(); ++r)
-    f_.constrs.rows.add_row(static_cast<int>(ac.rows.beg[r + 1] - ac.rows.beg[r]),
-                            ac.rows.ind.data() + ac.rows.beg[r],
-                            ac.rows.val.data() + ac.rows.beg[r]);
-  f_.constrs.sense.insert(f_.constrs.sense.end(), ac.sense.begin(), ac.sense.end());
-  f_.constrs.rhs.insert(f_.constrs.rhs.end(), ac.rhs.begin(), ac.rhs.end());
-  f_.constrs.names.append(ac.names);
-  f_.constrs.extra.resize(f_.constrs.sense.size());
-  f_.constrs.rows.append_entries(cols);
+    w().constrs.rows.add_row(static_cast<int>(ac.rows.beg[r + 1] - ac.rows.beg[r]),
+                             ac.rows.ind.data() + ac.rows.beg[r],
+                             ac.rows.val.data() + ac.rows.beg[r]);
+  w().constrs.sense.insert(w().constrs.sense.end(), ac.sense.begin(), ac.sense.end());
+  w().constrs.rhs.insert(w().constrs.rhs.end(), ac.rhs.begin(), ac.rhs.end());
+  w().constrs.names.append(ac.names);
+  w().constrs.extra.resize(w().constrs.sense.size());
+  w().constrs.rows.append_entries(cols);
 
-  for (QConstr &qc : added.f_.qconstrs.items) f_.qconstrs.items.push_back(std::move(qc));
-  f_.qconstrs.names.append(added.f_.qconstrs.names);
-  f_.qconstrs.extra.resize(f_.qconstrs.items.size());
+  for (QConstr &qc : added.w().qconstrs.items) w().qconstrs.items.push_back(std::move(qc));
+  w().qconstrs.names.append(added.w().qconstrs.names);
+  w().qconstrs.extra.resize(w().qconstrs.items.size());
 
-  const int64_t base = f_.sos.beg.back();
-  for (int s = 0; s < added.f_.sos.size(); ++s) {
-    f_.sos.type.push_back(added.f_.sos.type[s]);
-    f_.sos.beg.push_back(base + added.f_.sos.beg[s + 1]);
+  const int64_t base = w().sos.beg.back();
+  for (int s = 0; s < added.w().sos.size(); ++s) {
+    w().sos.type.push_back(added.w().sos.type[s]);
+    w().sos.beg.push_back(base + added.w().sos.beg[s + 1]);
   }
-  f_.sos.ind.insert(f_.sos.ind.end(), added.f_.sos.ind.begin(), added.f_.sos.ind.end());
-  f_.sos.weight.insert(f_.sos.weight.end(), added.f_.sos.weight.begin(), added.f_.sos.weight.end());
-  f_.sos.extra.resize(f_.sos.type.size());
+  w().sos.ind.insert(w().sos.ind.end(), added.w().sos.ind.begin(), added.w().sos.ind.end());
+  w().sos.weight.insert(w().sos.weight.end(), added.w().sos.weight.begin(),
+                        added.w().sos.weight.end());
+  w().sos.extra.resize(w().sos.type.size());
 
-  for (GenConstr &g : added.f_.gens.items) f_.gens.items.push_back(std::move(g));
-  f_.gens.names.append(added.f_.gens.names);
-  f_.gens.extra.resize(f_.gens.items.size());
+  for (GenConstr &g : added.w().gens.items) w().gens.items.push_back(std::move(g));
+  w().gens.names.append(added.w().gens.names);
+  w().gens.extra.resize(w().gens.items.size());
 }
 
 // ---------------------------------------------------------------- ModelData changes
@@ -530,69 +549,69 @@ void ModelData::append(ModelData &&added, const std::vector<SparseMatrix::Entry>
 ModelData::KindData ModelData::kind_data(AttrClass kind) {
   switch (kind) {
     case AttrClass::Var:
-      return {f_.vars.extra, &f_.vars.names, static_cast<size_t>(f_.vars.size())};
+      return {w().vars.extra, &w().vars.names, static_cast<size_t>(w().vars.size())};
     case AttrClass::Constr:
-      return {f_.constrs.extra, &f_.constrs.names, static_cast<size_t>(f_.constrs.size())};
+      return {w().constrs.extra, &w().constrs.names, static_cast<size_t>(w().constrs.size())};
     case AttrClass::Sos:
-      return {f_.sos.extra, nullptr, static_cast<size_t>(f_.sos.size())};
+      return {w().sos.extra, nullptr, static_cast<size_t>(w().sos.size())};
     case AttrClass::QConstr:
-      return {f_.qconstrs.extra, &f_.qconstrs.names, static_cast<size_t>(f_.qconstrs.size())};
+      return {w().qconstrs.extra, &w().qconstrs.names, static_cast<size_t>(w().qconstrs.size())};
     case AttrClass::GenConstr:
-      return {f_.gens.extra, &f_.gens.names, static_cast<size_t>(f_.gens.size())};
+      return {w().gens.extra, &w().gens.names, static_cast<size_t>(w().gens.size())};
     default:
       fail(KVR_ERROR_INTERNAL, "Model attributes have no element columns");
   }
 }
 
 void ModelData::set_linear_objective(const std::vector<double> &coef, double constant) {
-  if (coef.size() != f_.vars.obj.size())
+  if (coef.size() != w().vars.obj.size())
     fail(KVR_ERROR_INTERNAL, "%zu objective coefficients for %d variables", coef.size(),
          num_vars());
-  f_.vars.obj = coef;
-  f_.objcon = constant;
+  w().vars.obj = coef;
+  w().objcon = constant;
 }
 
 void ModelData::set_objective_n(int k, ObjectiveN o) {
-  if (static_cast<size_t>(k) >= f_.objn.size()) f_.objn.resize(static_cast<size_t>(k) + 1);
-  f_.objn[k] = std::move(o);
+  if (static_cast<size_t>(k) >= w().objn.size()) w().objn.resize(static_cast<size_t>(k) + 1);
+  w().objn[k] = std::move(o);
 }
 
 void ModelData::clear_objective() {
-  std::fill(f_.vars.obj.begin(), f_.vars.obj.end(), 0.0);
-  f_.objcon = 0.0;
-  f_.q.clear();
-  f_.objn.assign(1, ObjectiveN{});
-  f_.pwlobj.clear();
-  for (Scenario &s : f_.scenarios) s.obj.clear();
+  std::fill(w().vars.obj.begin(), w().vars.obj.end(), 0.0);
+  w().objcon = 0.0;
+  w().q.clear();
+  w().objn.assign(1, ObjectiveN{});
+  w().pwlobj.clear();
+  for (Scenario &s : w().scenarios) s.obj.clear();
 }
 
 void ModelData::apply_scenario(const Scenario &s) {
-  for (const auto &[j, v] : s.lb) f_.vars.lb[j] = v;
-  for (const auto &[j, v] : s.ub) f_.vars.ub[j] = v;
-  for (const auto &[j, v] : s.obj) f_.vars.obj[j] = v;
-  for (const auto &[i, v] : s.rhs) f_.constrs.rhs[i] = v;
+  for (const auto &[j, v] : s.lb) w().vars.lb[j] = v;
+  for (const auto &[j, v] : s.ub) w().vars.ub[j] = v;
+  for (const auto &[j, v] : s.obj) w().vars.obj[j] = v;
+  for (const auto &[i, v] : s.rhs) w().constrs.rhs[i] = v;
 }
 
 void ModelData::set_num_starts(int n) {
-  for (int k = n; k < std::max(f_.numstart, 1); ++k) f_.vars.extra.num.erase(start_key(k));
-  f_.numstart = n;
+  for (int k = n; k < std::max(w().numstart, 1); ++k) w().vars.extra.num.erase(start_key(k));
+  w().numstart = n;
 }
 
 void ModelData::binary_to_integer(int j) {
-  if (f_.vars.vtype[j] != KVR_BINARY) return;
-  f_.vars.vtype[j] = KVR_INTEGER;
-  f_.vars.lb[j] = std::max(f_.vars.lb[j], 0.0);
-  f_.vars.ub[j] = std::min(f_.vars.ub[j], 1.0);
+  if (w().vars.vtype[j] != KVR_BINARY) return;
+  w().vars.vtype[j] = KVR_INTEGER;
+  w().vars.lb[j] = std::max(w().vars.lb[j], 0.0);
+  w().vars.ub[j] = std::min(w().vars.ub[j], 1.0);
 }
 
 void ModelData::reserve_constrs(size_t rows, size_t nonzeros) {
-  f_.constrs.reserve(rows);
-  f_.constrs.rows.ind.reserve(nonzeros);
-  f_.constrs.rows.val.reserve(nonzeros);
+  w().constrs.reserve(rows);
+  w().constrs.rows.ind.reserve(nonzeros);
+  w().constrs.rows.val.reserve(nonzeros);
 }
 
 void ModelData::add_qconstr_term(int i, int var, double coef) {
-  QConstr &qc = f_.qconstrs.items[i];
+  QConstr &qc = w().qconstrs.items[i];
   qc.lind.push_back(var);
   qc.lval.push_back(coef);
 }
@@ -604,7 +623,8 @@ void ModelData::set_element_name(AttrClass kind, int i, std::string_view s) {
 }
 
 void ModelData::drop_names() {
-  for (NamePool *names : {&f_.vars.names, &f_.constrs.names, &f_.qconstrs.names, &f_.gens.names}) {
+  for (NamePool *names :
+       {&w().vars.names, &w().constrs.names, &w().qconstrs.names, &w().gens.names}) {
     const size_t n = names->size();
     names->clear();
     names->resize(n);

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -319,8 +320,24 @@ struct ModelFields {
 
 struct PendingChanges;
 
+// Facts about a model that every solve asks for.
+struct ModelFacts {
+  int non_continuous = 0;  // variables of any type but continuous
+  int semicontinuous = 0;  // semi-continuous and semi-integer variables
+};
+
 class ModelData {
   ModelFields f_;
+  // What refresh_facts() counted and whether check_values() passed, both dropped by every change
+  // (apply_change_log keeps them through changes of values they do not depend on).
+  std::optional<ModelFacts> facts_;
+  bool values_checked_ = false;
+  // The fields for writing: whatever writes may alter the facts.
+  ModelFields &w() {
+    facts_.reset();
+    values_checked_ = false;
+    return f_;
+  }
 
  public:
   // Read-only views of the fields, under the fields' names: readers write `d.vars.lb[j]`, and
@@ -346,17 +363,25 @@ class ModelData {
   ModelData(const ModelData &o) : f_(o.f_) {}
   ModelData(ModelData &&o) noexcept : f_(std::move(o.f_)) {}
   ModelData &operator=(const ModelData &o) {
-    f_ = o.f_;
+    w() = o.f_;
     return *this;
   }
   ModelData &operator=(ModelData &&o) noexcept {
-    f_ = std::move(o.f_);
+    w() = std::move(o.f_);
     return *this;
   }
 
   int num_vars() const { return vars.size(); }
   int num_constrs() const { return constrs.size(); }
   bool is_mip() const;
+  // Counts by variable type: kept from the last refresh_facts() while no change touched the
+  // types, counted afresh otherwise.
+  ModelFacts facts() const;
+  // Keeps the counts of facts() until the next change that may alter them (every optimize asks
+  // for them; only non-const code stores them, so that concurrent readers never write).
+  void refresh_facts();
+  // check_possible_values, skipped while nothing changed since it last passed.
+  void check_values();
   // The (single) objective at x: constant, linear and quadratic parts.
   double objective_value(const double *x) const {
     double v = objcon + q.value(x);
@@ -367,77 +392,77 @@ class ModelData {
   // ---- Changes. Code outside the store changes a model only through these: they keep the
   // parallel arrays, the names and the extra attribute columns of each element kind in step.
 
-  void set_model_name(std::string_view s) { f_.name = s; }
-  void set_objsense(int s) { f_.sense = s; }
-  void set_objcon(double c) { f_.objcon = c; }
+  void set_model_name(std::string_view s) { w().name = s; }
+  void set_objsense(int s) { w().sense = s; }
+  void set_objcon(double c) { w().objcon = c; }
   // Objective 0: coefficient j, all coefficients (one per variable) with the constant, the
   // quadratic terms.
-  void set_obj(int j, double c) { f_.vars.obj[j] = c; }
-  void add_obj(int j, double c) { f_.vars.obj[j] += c; }
+  void set_obj(int j, double c) { w().vars.obj[j] = c; }
+  void add_obj(int j, double c) { w().vars.obj[j] += c; }
   void set_linear_objective(const std::vector<double> &coef, double constant);
-  void set_q(QuadTerms terms) { f_.q = std::move(terms); }
+  void set_q(QuadTerms terms) { w().q = std::move(terms); }
   // Objective k's record (k >= 1; objective 0's record holds only its settings and name); the
   // list grows to k + 1 objectives when needed.
   void set_objective_n(int k, ObjectiveN o);
   // Removes every objective: coefficients, constant, quadratic and piecewise-linear parts, the
   // further objectives and the scenarios' objective changes. The sense stays.
   void clear_objective();
-  void add_pwl_obj(PwlObj p) { f_.pwlobj.push_back(std::move(p)); }
-  void clear_pwl_objs() { f_.pwlobj.clear(); }
-  void clear_scenarios() { f_.scenarios.clear(); }
+  void add_pwl_obj(PwlObj p) { w().pwlobj.push_back(std::move(p)); }
+  void clear_pwl_objs() { w().pwlobj.clear(); }
+  void clear_scenarios() { w().scenarios.clear(); }
   // Writes the bounds, objective coefficients and right-hand sides a scenario changes.
   void apply_scenario(const Scenario &s);
   // Keeps MIP starts 0..n-1 and drops the values of the others.
   void set_num_starts(int n);
 
   int add_var(double lower, double upper, double cost, char type, std::string_view name = {}) {
-    return f_.vars.append(lower, upper, cost, type, name);
+    return w().vars.append(lower, upper, cost, type, name);
   }
-  void reserve_vars(size_t n) { f_.vars.reserve(n); }
+  void reserve_vars(size_t n) { w().vars.reserve(n); }
   // Keeps the first n variables (undoes additions that no other element refers to yet).
-  void truncate_vars(int n) { f_.vars.truncate(n); }
-  void set_lb(int j, double v) { f_.vars.lb[j] = v; }
-  void set_ub(int j, double v) { f_.vars.ub[j] = v; }
+  void truncate_vars(int n) { w().vars.truncate(n); }
+  void set_lb(int j, double v) { w().vars.lb[j] = v; }
+  void set_ub(int j, double v) { w().vars.ub[j] = v; }
   void set_bounds(int j, double lower, double upper) {
-    f_.vars.lb[j] = lower, f_.vars.ub[j] = upper;
+    w().vars.lb[j] = lower, w().vars.ub[j] = upper;
   }
-  void set_vtype(int j, char t) { f_.vars.vtype[j] = t; }
+  void set_vtype(int j, char t) { w().vars.vtype[j] = t; }
   // A binary variable becomes an integer one with its bounds clipped to [0, 1], so that its
   // bounds can change on their own.
   void binary_to_integer(int j);
 
   int add_constr(int n, const int *ind, const double *val, char row_sense, double row_rhs,
                  std::string_view name = {}) {
-    return f_.constrs.append(n, ind, val, row_sense, row_rhs, name);
+    return w().constrs.append(n, ind, val, row_sense, row_rhs, name);
   }
   int add_constr(const std::vector<int> &ind, const std::vector<double> &val, char row_sense,
                  double row_rhs, std::string_view name = {}) {
-    return f_.constrs.append(ind, val, row_sense, row_rhs, name);
+    return w().constrs.append(ind, val, row_sense, row_rhs, name);
   }
   void reserve_constrs(size_t rows, size_t nonzeros);
   // Adds entries (row, column, value) at the ends of their rows.
   void add_matrix_entries(const std::vector<SparseMatrix::Entry> &entries) {
-    f_.constrs.rows.append_entries(entries);
+    w().constrs.rows.append_entries(entries);
   }
-  void set_rhs(int i, double v) { f_.constrs.rhs[i] = v; }
-  void set_constr_sense(int i, char s) { f_.constrs.sense[i] = s; }
+  void set_rhs(int i, double v) { w().constrs.rhs[i] = v; }
+  void set_constr_sense(int i, char s) { w().constrs.sense[i] = s; }
 
   int add_qconstr(QConstr item, std::string_view name = {}) {
-    return f_.qconstrs.append(std::move(item), name);
+    return w().qconstrs.append(std::move(item), name);
   }
   // Adds the linear term coef * x[var] to quadratic constraint i.
   void add_qconstr_term(int i, int var, double coef);
-  void clear_qconstrs() { f_.qconstrs = QConstrData{}; }
+  void clear_qconstrs() { w().qconstrs = QConstrData{}; }
 
   // Opens an empty SOS of this type; add_sos_member adds members to the last one.
-  int add_sos(int set_type) { return f_.sos.append(set_type); }
-  void add_sos_member(int var, double weight) { f_.sos.add_member(var, weight); }
-  void clear_sos() { f_.sos = SosData{}; }
+  int add_sos(int set_type) { return w().sos.append(set_type); }
+  void add_sos_member(int var, double weight) { w().sos.add_member(var, weight); }
+  void clear_sos() { w().sos = SosData{}; }
 
   int add_genconstr(GenConstr item, std::string_view name = {}) {
-    return f_.gens.append(std::move(item), name);
+    return w().gens.append(std::move(item), name);
   }
-  void clear_gens() { f_.gens = GenConstrData{}; }
+  void clear_gens() { w().gens = GenConstrData{}; }
 
   // Name of element i of one kind (Var, Constr, QConstr or GenConstr).
   void set_element_name(AttrClass kind, int i, std::string_view s);

@@ -55,10 +55,7 @@ void approximate(reform::Builder &b, const ParamValues &params, const EngineCapa
 }
 
 bool has_semicontinuous(const ModelData &u, const EngineCapabilities &caps) {
-  if (caps.semicontinuous) return false;
-  for (char t : u.vars.vtype)
-    if (t == KVR_SEMICONT || t == KVR_SEMIINT) return true;
-  return false;
+  return !caps.semicontinuous && u.facts().semicontinuous > 0;
 }
 
 bool has_pwl_objectives(const ModelData &u, const EngineCapabilities &) {
