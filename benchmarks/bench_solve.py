@@ -332,37 +332,52 @@ print(json.dumps({"time": t, "cpu": c, "status": status, "obj": obj}))
 """
 
 
+ENGINES = ("highs", "scip", "auto")
+
+
 def run_engines(args):
     rows = [(name, KAVIRO, str(INSTANCES / name)) for name in ENGINE_MIPS]
     rows += [(f"nonconvex n={n} seed={s}{' mixed' if mixed else ''}", NONCONVEX, f"{n}:{s}:{mixed}")
              for n in (6, 10) for s in (1, 2) for mixed in (0, 1)]
-    print(f"{'model':32s} {'HiGHS s':>9s} {'SCIP s':>9s} {'auto s':>9s} {'auto/best':>9s}  notes")
-    ratios = []
+    print("Median wall-clock and CPU seconds (read and solve) of each engine forced, and of the "
+          "automatic choice;\nthe ratios are automatic / the better engine.")
+    print(f"{'model':32s} {'HiGHS s':>9s} {'SCIP s':>9s} {'auto s':>9s} {'wall':>6s} "
+          f"{'HiGHS cpu':>9s} {'SCIP cpu':>9s} {'auto cpu':>9s} {'cpu':>6s}  notes")
+    ratios = {"time": [], "cpu": []}
     for name, script, arg in rows:
-        times, notes = {}, []
-        for engine in ("highs", "scip", "auto"):
-            env = dict(ENV, KAVIRO_ENGINE_OPTIONS=f"engine={engine}")
-            runs = []
-            for _ in range(args.runs):
+        notes = []
+        runs = {engine: [] for engine in ENGINES}
+        # The engines take turns, each round starting with another one, so that a change in the
+        # machine's load falls on all of them alike.
+        for k in range(args.runs):
+            for engine in ENGINES[k % 3:] + ENGINES[:k % 3]:
+                env = dict(ENV, KAVIRO_ENGINE_OPTIONS=f"engine={engine}")
                 out = subprocess.run([args.python, "-c", script, arg], capture_output=True,
                                      text=True, env=env)
-                r = json.loads(out.stdout.strip().splitlines()[-1]) if out.returncode == 0 else None
-                runs.append(r)
-            ok = [r for r in runs if r and r["obj"] is not None]
-            if ok:
-                times[engine] = statistics.median(r["time"] for r in ok)
-            else:
-                notes.append(f"{engine}: {runs[0]['status'] if runs[0] else 'failed'}")
-        best = min((times[e] for e in ("highs", "scip") if e in times), default=None)
-        ratio = times["auto"] / best if best and "auto" in times else None
-        if ratio:
-            ratios.append(ratio)
-        cell = lambda e: f"{times[e]:9.3f}" if e in times else f"{'-':>9s}"
-        print(f"{name:32s} {cell('highs')} {cell('scip')} {cell('auto')} "
-              f"{(f'{ratio:9.2f}' if ratio else '        -')}  {'; '.join(notes)}")
-    if ratios:
-        print(f"automatic choice over the better engine: geometric mean {geomean(ratios):.2f}, "
-              f"worst {max(ratios):.2f}")
+                ok = out.returncode == 0
+                runs[engine].append(json.loads(out.stdout.strip().splitlines()[-1]) if ok else None)
+        med = {"time": {}, "cpu": {}}
+        for engine in ENGINES:
+            ok = [r for r in runs[engine] if r and r["obj"] is not None]
+            if not ok:
+                first = runs[engine][0]
+                notes.append(f"{engine}: {first['status'] if first else 'failed'}")
+            for key in med:
+                if ok:
+                    med[key][engine] = statistics.median(r[key] for r in ok)
+        cells = []
+        for key, t in med.items():
+            best = min((t[e] for e in ("highs", "scip") if e in t), default=None)
+            ratio = t["auto"] / best if best and "auto" in t else None
+            if ratio:
+                ratios[key].append(ratio)
+            cells += [f"{t[e]:9.3f}" if e in t else f"{'-':>9s}" for e in ENGINES]
+            cells.append(f"{ratio:6.2f}" if ratio else f"{'-':>6s}")
+        print(f"{name:32s} {' '.join(cells)}  {'; '.join(notes)}")
+    for key, label in (("time", "wall clock"), ("cpu", "CPU time")):
+        if ratios[key]:
+            print(f"automatic choice over the better engine by {label}: geometric mean "
+                  f"{geomean(ratios[key]):.2f}, worst {max(ratios[key]):.2f}")
 
 
 # The library calls that read and solve, for callgrind's --toggle-collect.
