@@ -53,14 +53,11 @@ Loaded load() {
   Api &a = out.api;
   a.path = path;
   std::string missing;
-#define KVR_HIGHS_RESOLVE(name, type)                             \
-  a.name = reinterpret_cast<type>(library_symbol(handle, #name)); \
-  if (!a.name) note_missing(missing, #name);
+#define KVR_HIGHS_RESOLVE(name, type) resolve_symbol(handle, #name, a.name, &missing);
   KVR_HIGHS_FUNCTIONS(KVR_HIGHS_RESOLVE)
 #undef KVR_HIGHS_RESOLVE
   // HighsStatus Highs::getCoeff(HighsInt, HighsInt, double &) const
-  a.get_coeff =
-      reinterpret_cast<decltype(a.get_coeff)>(library_symbol(handle, "_ZNK5Highs8getCoeffEiiRd"));
+  resolve_symbol(handle, "_ZNK5Highs8getCoeffEiiRd", a.get_coeff, nullptr);
   if (!a.get_coeff) note_missing(missing, "Highs::getCoeff");
   if (!missing.empty()) {
     out.error = "the library " + path + " is not a usable HiGHS library: it lacks " + missing;

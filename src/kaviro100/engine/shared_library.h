@@ -36,5 +36,12 @@ EngineLibrary open_engine_library(const char *engine, const char *package,
                                   void (*before_open)(const std::string &path) = nullptr);
 // Adds `name` to a comma-separated list of missing symbols.
 void note_missing(std::string &missing, const char *name);
+// Looks up function `name` of an opened library into fn; when it is absent, fn is nullptr and the
+// name joins `missing` (unless the function is optional: missing is nullptr).
+template <class Fn>
+void resolve_symbol(void *handle, const char *name, Fn &fn, std::string *missing) {
+  fn = reinterpret_cast<Fn>(library_symbol(handle, name));
+  if (!fn && missing) note_missing(*missing, name);
+}
 
 }  // namespace kvr

@@ -61,13 +61,10 @@ Loaded load() {
   Api &a = out.api;
   a.path = path;
   std::string missing;
-#define KVR_SCIP_RESOLVE(name, type)                              \
-  a.name = reinterpret_cast<type>(library_symbol(handle, #name)); \
-  if (!a.name) note_missing(missing, #name);
+#define KVR_SCIP_RESOLVE(name, type) resolve_symbol(handle, #name, a.name, &missing);
   KVR_SCIP_FUNCTIONS(KVR_SCIP_RESOLVE)
 #undef KVR_SCIP_RESOLVE
-#define KVR_SCIP_RESOLVE_OPTIONAL(name, type) \
-  a.name = reinterpret_cast<type>(library_symbol(handle, #name));
+#define KVR_SCIP_RESOLVE_OPTIONAL(name, type) resolve_symbol(handle, #name, a.name, nullptr);
   KVR_SCIP_OPTIONAL_FUNCTIONS(KVR_SCIP_RESOLVE_OPTIONAL)
 #undef KVR_SCIP_RESOLVE_OPTIONAL
   if (!missing.empty()) {
