@@ -394,3 +394,116 @@ def test_shared_instances_on_scip(env, monkeypatch, name, value):
         assert m.Status == KVR.OPTIMAL
         assert m.ObjVal == pytest.approx(float(value), rel=max(m.Params.MIPGap, 1e-6), abs=1e-6)
     m.dispose()
+
+
+def and_or_model(m, seed):
+    """A covering model where and/or resultants earn rewards: operands cost, rows limit them."""
+    rnd = random.Random(seed)
+    x = [m.addVar(vtype=KVR.BINARY, name=f"x{j}") for j in range(10)]
+    reward = []
+    for k in range(6):
+        r = m.addVar(vtype=KVR.BINARY, name=f"r{k}")
+        ops = rnd.sample(x, rnd.randint(2, 4))
+        (m.addGenConstrAnd if k % 2 == 0 else m.addGenConstrOr)(r, ops, name=f"g{k}")
+        reward.append((rnd.randint(3, 9) * (1 if k % 2 == 0 else -1), r))
+    m.addConstr(kp.quicksum(x) <= 6)
+    for _ in range(3):
+        m.addConstr(kp.quicksum(rnd.sample(x, 3)) <= 2)
+    m.setObjective(kp.quicksum(c * r for c, r in reward) -
+                   kp.quicksum(rnd.randint(1, 3) * v for v in x), KVR.MAXIMIZE)
+    return x
+
+
+def test_and_or_constraints_reach_scip_as_they_are(m, monkeypatch, tmp_path):
+    log = logged(m, tmp_path)
+    for seed in range(4):
+        for c in m.getConstrs() + m.getGenConstrs() + m.getVars():
+            m.remove(c)
+        and_or_model(m, seed)
+        results = {}
+        for engine in ("highs", "scip"):
+            use(monkeypatch, engine)
+            start = len(log())
+            m.optimize()
+            assert m.Status == KVR.OPTIMAL
+            results[engine] = m.ObjVal
+            text = log()[start:]
+            # HiGHS gets 3 + 1 rows per operand; SCIP the constraints and the user's 4 rows.
+            assert ("Rewritten for the engine" in text) == (engine == "highs")
+            if engine == "scip":
+                assert "passed to SCIP as they are: 0 indicator, 3 and, 3 or" in text
+                assert "presolved problem has" in text or "presolving solved problem" in text
+            # The solution satisfies the constraints it was given.
+            for g in m.getGenConstrs():
+                res, ops = (m.getGenConstrAnd if g.GenConstrType == KVR.GENCONSTR_AND
+                               else m.getGenConstrOr)(g)
+                want = all if g.GenConstrType == KVR.GENCONSTR_AND else any
+                assert res.X == pytest.approx(float(want(v.X > 0.5 for v in ops)))
+        assert results["scip"] == pytest.approx(results["highs"], abs=1e-6)
+
+
+def test_and_or_that_scip_cannot_take_are_rewritten_or_refused(m, monkeypatch, tmp_path):
+    use(monkeypatch, "scip")
+    log = logged(m, tmp_path)
+    x = [m.addVar(vtype=KVR.BINARY, name=f"x{j}") for j in range(3)]
+    # A continuous resultant in [0, 2] and an and over nothing: rewritten, and still exact.
+    r = m.addVar(ub=2, name="r")
+    m.addGenConstrOr(r, x[:2])
+    e = m.addVar(vtype=KVR.BINARY, name="e")
+    m.addGenConstrAnd(e, [])
+    m.addConstr(x[0] + x[1] <= 0.5)
+    m.setObjective(r + e + x[2], KVR.MAXIMIZE)
+    m.optimize()
+    assert m.ObjVal == pytest.approx(2.0) and r.X == pytest.approx(0.0)
+    assert "Rewritten for the engine" in log()
+    # A continuous operand is refused as on HiGHS, and the model stays as it was.
+    y = m.addVar(ub=1, name="y")
+    m.addGenConstrAnd(x[2], [x[0], y], name="bad")
+    for engine in ("scip", "highs"):
+        use(monkeypatch, engine)
+        with pytest.raises(kp.KaviroError) as err:
+            m.optimize()
+        assert (err.value.errno, err.value.message) == (
+            KVR.ERROR_INVALID_ARGUMENT,
+            "General constraint bad (AND): operand y is not a binary variable")
+    assert m.NumGenConstrs == 3
+
+
+def test_kept_scip_problem_with_and_or_constraints(m, monkeypatch, tmp_path):
+    use(monkeypatch, "scip")
+    log = logged(m, tmp_path)
+    x = and_or_model(m, 7)
+    m.optimize()
+    first = m.ObjVal
+    start = len(log())
+    # A bound and a new row change the kept problem in place.
+    x[0].UB = 0
+    m.addConstr(x[1] + x[2] <= 1)
+    m.optimize()
+    text = log()[start:]
+    assert "Re-solve: 0 deleted, 1 added and 1 changed elements" in text
+    assert "Rewritten" not in text
+    kept = m.ObjVal
+    assert kept <= first + 1e-9
+    # Another and/or constraint: the problem is handed over in full, to the same optimum as a
+    # fresh model's.
+    r = m.addVar(vtype=KVR.BINARY, name="extra")
+    m.addGenConstrOr(r, x[3:6])
+    m.setObjective(m.getObjective() - 0.5 * r)
+    start = len(log())
+    m.optimize()
+    assert "handed to the engine in full" in log()[start:]
+    fresh = m.copy()
+    use(monkeypatch, "highs")
+    fresh.optimize()
+    assert m.ObjVal == pytest.approx(fresh.ObjVal, abs=1e-6)
+    # Deleting one hands it over in full as well.
+    use(monkeypatch, "scip")
+    m.remove(m.getGenConstrs()[0])
+    start = len(log())
+    m.optimize()
+    assert "its and/or constraints changed" in log()[start:]
+    fresh.remove(fresh.getGenConstrs()[0])
+    fresh.optimize()
+    assert m.ObjVal == pytest.approx(fresh.ObjVal, abs=1e-6)
+    fresh.dispose()

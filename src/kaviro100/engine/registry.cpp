@@ -23,7 +23,7 @@ EngineCapabilities highs_caps() {
 
 EngineCapabilities scip_caps() {
   EngineCapabilities c;
-  c.sos = c.indicator = c.semicontinuous = true;
+  c.sos = c.indicator = c.semicontinuous = c.and_or = true;
   c.convex_qcons = c.nonconvex = c.quadratic_mip = true;
   c.lazy_in_search = c.user_cuts = c.node_relaxation = true;
   return c;

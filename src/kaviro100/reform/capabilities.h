@@ -5,10 +5,12 @@ namespace kvr {
 
 // What an engine takes as it is; the reformulation rewrites the rest into what it does take.
 struct EngineCapabilities {
-  bool sos = false;              // SOS1 and SOS2 constraints
-  bool indicator = false;        // indicator constraints without big-M
-  bool semicontinuous = false;   // semi-continuous and semi-integer variables
-  bool logical = false;          // and, or, max, min, abs constraints
+  bool sos = false;             // SOS1 and SOS2 constraints
+  bool indicator = false;       // indicator constraints without big-M
+  bool semicontinuous = false;  // semi-continuous and semi-integer variables
+  // and/or constraints whose operands and resultant are binary. max, min, abs, norm and the
+  // function constraints have no engine of their own: they are always rewritten.
+  bool and_or = false;
   bool convex_qcons = false;     // convex quadratic constraints (else outer approximation)
   bool nonconvex = false;        // nonconvex quadratic objectives and constraints (NonConvex 2)
   bool quadratic_mip = false;    // quadratic objective together with integers or quadratic rows

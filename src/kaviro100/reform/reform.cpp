@@ -19,9 +19,17 @@ bool is_function_type(int type) {
   return type >= KVR_GENCONSTR_POLY && type <= KVR_GENCONSTR_LOGISTIC;
 }
 
-// Whether the engine takes general constraint g as it is.
-bool native_gen(const GenConstr &g, const EngineCapabilities &caps) {
-  return g.type == KVR_GENCONSTR_INDICATOR && caps.indicator;
+// Whether the engine takes general constraint g of u as it is. An and/or constraint goes as it
+// is when its resultant and operands are binary and the resultant is not an operand; the others
+// (no operands, a resultant of wider range) are rewritten, which also reports operands that are
+// not binary.
+bool native_gen(const ModelData &u, const GenConstr &g, const EngineCapabilities &caps) {
+  if (g.type == KVR_GENCONSTR_INDICATOR) return caps.indicator;
+  if (g.type != KVR_GENCONSTR_AND && g.type != KVR_GENCONSTR_OR) return false;
+  if (!caps.and_or || g.vars.empty() || !reform::is_binary_var(u, g.resvar)) return false;
+  for (int j : g.vars)
+    if (j == g.resvar || !reform::is_binary_var(u, j)) return false;
+  return true;
 }
 
 bool is_approximated(int type) { return type == KVR_GENCONSTR_PWL || is_function_type(type); }
@@ -68,7 +76,7 @@ bool has_foreign_sos(const ModelData &u, const EngineCapabilities &caps) {
 
 bool has_foreign_logical(const ModelData &u, const EngineCapabilities &caps) {
   for (const GenConstr &g : u.gens.items)
-    if (!is_approximated(g.type) && !native_gen(g, caps)) return true;
+    if (!is_approximated(g.type) && !native_gen(u, g, caps)) return true;
   return false;
 }
 
@@ -76,7 +84,7 @@ void rewrite_logical(reform::Builder &b, const ParamValues &params,
                      const EngineCapabilities &caps) {
   const ModelData &u = b.user();
   for (int i = 0; i < u.gens.size(); ++i)
-    if (!is_approximated(u.gens.items[i].type) && !native_gen(u.gens.items[i], caps))
+    if (!is_approximated(u.gens.items[i].type) && !native_gen(u, u.gens.items[i], caps))
       reform::rewrite_logical(b, i, params);
 }
 
@@ -204,7 +212,9 @@ Reformulated reformulate(const ModelData &user, const ParamValues &params,
   r.user_constrs = user.num_constrs();
   if (user.sos.size() > 0 || user.gens.size() > 0) check_references(user);
   for (int i = 0; i < user.gens.size(); ++i)
-    if (native_gen(user.gens.items[i], caps)) reform::check_indicator(user, i);
+    if (user.gens.items[i].type == KVR_GENCONSTR_INDICATOR &&
+        native_gen(user, user.gens.items[i], caps))
+      reform::check_indicator(user, i);
   bool needed[std::size(kSteps)];
   bool any = false;
   for (size_t k = 0; k < std::size(kSteps); ++k) any |= needed[k] = kSteps[k].needed(user, caps);
@@ -224,7 +234,7 @@ Reformulated reformulate(const ModelData &user, const ParamValues &params,
   if (!caps.sos) m.clear_sos();
   m.clear_gens();
   for (int i = 0; i < user.gens.size(); ++i)
-    if (native_gen(user.gens.items[i], caps))
+    if (native_gen(user, user.gens.items[i], caps))
       m.add_genconstr(user.gens.items[i], user.gens.names.get(static_cast<size_t>(i)));
   m.clear_pwl_objs();
   move_objective_to_epigraph(r, params, caps, epigraph);

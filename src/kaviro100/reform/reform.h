@@ -50,8 +50,10 @@ struct Reformulated {
 // nonpositive range), KVR_ERROR_INVALID_PIECEWISE_OBJ for a malformed piecewise-linear objective
 // KVR_ERROR_INDEX_OUT_OF_RANGE for references to missing variables, and KVR_ERROR_Q_NOT_PSD for
 // a nonconvex objective that would move into an epigraph. The user's model is only read.
-// Only what `caps` says the engine lacks is rewritten: SOS constraints and indicator constraints
-// the engine takes stay as they are (after the same checks), and a quadratic objective stays in
+// Only what `caps` says the engine lacks is rewritten: SOS constraints, indicator constraints and
+// and/or constraints over binary variables the engine takes stay as they are (after the same
+// checks; and/or constraints it cannot take, for example with a continuous resultant, are
+// rewritten), and a quadratic objective stays in
 // place when the engine takes it with integers and quadratic rows. With `epigraph` set, a
 // quadratic objective moves into an epigraph in every model.
 Reformulated reformulate(const ModelData &user, const ParamValues &params,

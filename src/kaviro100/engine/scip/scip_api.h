@@ -131,6 +131,8 @@ using MessageFree = Retcode (*)(Messagehdlr *);
                 double *, double, double))                                                         \
   X(SCIPcreateConsBasicIndicator,                                                                  \
     Retcode (*)(Scip *, Cons **, const char *, Var *, int, Var **, double *, double))              \
+  X(SCIPcreateConsBasicAnd, Retcode (*)(Scip *, Cons **, const char *, Var *, int, Var **))        \
+  X(SCIPcreateConsBasicOr, Retcode (*)(Scip *, Cons **, const char *, Var *, int, Var **))         \
   X(SCIPcreateConsBasicSOS1, Retcode (*)(Scip *, Cons **, const char *, int, Var **, double *))    \
   X(SCIPcreateConsBasicSOS2, Retcode (*)(Scip *, Cons **, const char *, int, Var **, double *))    \
   X(SCIPcreateConsBasicBounddisjunction,                                                           \

@@ -1,5 +1,5 @@
-// The SCIP engine: passes the model (linear and quadratic rows, nonconvex ones included, SOS1/2
-// and indicator constraints and semi-continuous variables as they are, a quadratic objective
+// The SCIP engine: passes the model (linear and quadratic rows, nonconvex ones included, SOS1/2,
+// indicator and and/or constraints and semi-continuous variables as they are, a quadratic objective
 // through an epigraph variable of its own), maps the library's parameters onto SCIP parameters, and
 // reports back through the SolveContext. The user's callback is served by one constraint handler
 // and one event handler:
@@ -525,9 +525,24 @@ void ScipEngine::pass_model(ScipRun &run) {
           "creating an SOS constraint");
     add(cons, "adding an SOS constraint");
   }
+  int counts[3] = {0, 0, 0};  // indicator, and, or
   for (const GenConstr &g : m.gens.items) {
+    if (g.type == KVR_GENCONSTR_AND || g.type == KVR_GENCONSTR_OR) {
+      const bool is_and = g.type == KVR_GENCONSTR_AND;
+      v.clear();
+      for (int j : g.vars) v.push_back(run.vars[j]);
+      Cons *cons = nullptr;
+      auto create = is_and ? a.SCIPcreateConsBasicAnd : a.SCIPcreateConsBasicOr;
+      check(create(s, &cons, is_and ? "and" : "or", run.vars[g.resvar], static_cast<int>(v.size()),
+                   v.data()),
+            "creating an and/or constraint");
+      add(cons, "adding an and/or constraint");
+      ++counts[is_and ? 1 : 2];
+      continue;
+    }
     if (g.type != KVR_GENCONSTR_INDICATOR)
       fail(KVR_ERROR_INTERNAL, "General constraint of type %d reached the SCIP engine", g.type);
+    ++counts[0];
     Var *bin = run.vars[g.binvar];
     if (g.binval == 0) check(a.SCIPgetNegatedVar(s, bin, &bin), "negating a variable");
     // binvar = binval implies sum val x <= rhs; >= flips the signs, = takes both.
@@ -546,6 +561,9 @@ void ScipEngine::pass_model(ScipRun &run) {
       add(cons, "adding an indicator constraint");
     }
   }
+  if (m.gens.size() > 0)
+    run.ctx.logf("General constraints passed to SCIP as they are: %d indicator, %d and, %d or\n",
+                 counts[0], counts[1], counts[2]);
 }
 
 // Sets one option given in KAVIRO_ENGINE_OPTIONS; SCIP's parameters have types, so each type is
@@ -633,7 +651,10 @@ struct KeptScip {
   std::unique_ptr<Instance> inst;
   std::vector<Var *> vars;
   std::vector<Cons *> rows;
-  std::vector<int> types;        // SCIP's variable types
+  std::vector<int> types;  // SCIP's variable types
+  // The and/or constraints SCIP has (after the rows); a model whose list differs is handed over
+  // in full.
+  std::vector<GenConstr> and_or;
   std::vector<double> lhs, rhs;  // the rows' sides as given (SCIP's infinity)
   int sense = KVR_MINIMIZE;
   double objcon = 0.0;
@@ -664,8 +685,10 @@ const char *not_kept_because(const Api &a, const EngineProblem &problem, const P
                              const SolveContext &ctx) {
   const ModelData &m = *problem.model;
   if (!keeping_possible(a)) return "the SCIP library lacks what changing a problem needs";
-  if (m.q.size() > 0 || m.qconstrs.size() > 0 || m.sos.size() > 0 || m.gens.size() > 0)
-    return "quadratic, SOS or general constraints";
+  if (m.q.size() > 0 || m.qconstrs.size() > 0 || m.sos.size() > 0)
+    return "quadratic or SOS constraints";
+  for (const GenConstr &g : m.gens.items)
+    if (g.type != KVR_GENCONSTR_AND && g.type != KVR_GENCONSTR_OR) return "indicator constraints";
   for (char t : m.vars.vtype)
     if (t == KVR_SEMICONT || t == KVR_SEMIINT) return "semi-continuous variables";
   if (ctx.has_callback() || !ctx.lazy.empty() || problem.user_vars != m.num_vars())
@@ -707,8 +730,9 @@ void keep_problem(std::shared_ptr<KeptScip> &kept, std::unique_ptr<Instance> mad
   k->vars = std::move(run.vars);
   run.vars.clear();
   const ModelData &m = run.m;
-  // The model's rows are the problem's only constraints, in order.
-  if (a.SCIPgetNOrigConss(run.scip) != m.num_constrs()) return;
+  // The model's rows are the problem's first constraints, in order; its and/or constraints follow.
+  if (a.SCIPgetNOrigConss(run.scip) != m.num_constrs() + m.gens.size()) return;
+  k->and_or = m.gens.items;
   Cons **conss = a.SCIPgetOrigConss(run.scip);
   for (int i = 0; i < m.num_constrs(); ++i) {
     check(a.SCIPcaptureCons(run.scip, conss[i]), "keeping a constraint");
@@ -724,6 +748,14 @@ void keep_problem(std::shared_ptr<KeptScip> &kept, std::unique_ptr<Instance> mad
   k->sense = m.sense;
   k->objcon = m.objcon;
   kept = std::move(k);
+}
+
+// Whether two lists of and/or constraints are the same constraints in the same order.
+bool same_and_or(const std::vector<GenConstr> &kept, const std::vector<GenConstr> &now) {
+  return std::equal(kept.begin(), kept.end(), now.begin(), now.end(),
+                    [](const GenConstr &x, const GenConstr &y) {
+                      return x.type == y.type && x.resvar == y.resvar && x.vars == y.vars;
+                    });
 }
 
 // Counts of what bringing a kept problem up to date handed over.
@@ -879,7 +911,11 @@ EngineResult ScipEngine::solve_kept(const EngineProblem &problem, const ParamVal
   std::shared_ptr<KeptScip> kept;
   EngineProblem offered;
   const EngineProblem *use = &problem;
-  if (previous && previous->kept) {
+  if (previous && previous->kept && !same_and_or(previous->kept->and_or, m.gens.items)) {
+    ctx.log(
+        "Re-solve: the model is handed to the engine in full (its and/or constraints "
+        "changed)\n");
+  } else if (previous && previous->kept) {
     ScipRun run(a, ctx, m);
     run.scip = previous->kept->inst->scip;
     run.infinity = a.SCIPinfinity(run.scip);
