@@ -507,3 +507,108 @@ def test_kept_scip_problem_with_and_or_constraints(m, monkeypatch, tmp_path):
     fresh.optimize()
     assert m.ObjVal == pytest.approx(fresh.ObjVal, abs=1e-6)
     fresh.dispose()
+
+
+def random_lp(m, sense, seed):
+    """Six rows (two each of <=, >=, =) over six variables with finite, one-sided or no bounds."""
+    rnd = random.Random(seed)
+    x = [m.addVar(lb=rnd.choice([0, -2, -KVR.INFINITY]), ub=rnd.choice([3, 5, KVR.INFINITY]),
+                  name=f"x{j}") for j in range(6)]
+    rows = []
+    for s in "<><=<>":
+        e = kp.quicksum(rnd.randint(-3, 5) * v for v in x)
+        rhs = rnd.randint(1, 10)
+        rows.append(m.addConstr(e <= rhs if s == "<" else e >= -rhs if s == ">" else e == rhs / 2))
+    m.setObjective(kp.quicksum(rnd.randint(-4, 4) * v for v in x), sense)
+    return x, rows
+
+
+def solution_of(m, x, rows):
+    return (m.ObjVal, m.getAttr("X", x), m.getAttr("RC", x), m.getAttr("Pi", rows),
+            m.getAttr("Slack", rows))
+
+
+def test_lp_duals_on_scip_equal_those_on_highs(env, monkeypatch):
+    # Optimal bases without degeneracy (checked on HiGHS: nonbasic variables at both bounds,
+    # nonzero duals of every row type in each sense), so the duals are unique.
+    nonzero = {KVR.MINIMIZE: set(), KVR.MAXIMIZE: set()}
+    for seed, sense in [(0, KVR.MINIMIZE), (0, KVR.MAXIMIZE), (1, KVR.MINIMIZE),
+                        (2, KVR.MINIMIZE), (4, KVR.MAXIMIZE), (6, KVR.MAXIMIZE)]:
+        got = {}
+        for engine in ("highs", "scip"):
+            use(monkeypatch, engine)
+            m = kp.Model(env=env)
+            x, rows = random_lp(m, sense, seed)
+            m.optimize()
+            assert m.Status == KVR.OPTIMAL
+            got[engine] = solution_of(m, x, rows)
+            nonzero[sense] |= {c.Sense for c in rows if abs(c.Pi) > 1e-6}
+            m.dispose()
+        for h, s in zip(got["highs"], got["scip"]):
+            assert s == pytest.approx(h, abs=1e-7), (seed, sense)
+    assert nonzero == {KVR.MINIMIZE: {"<", ">", "="}, KVR.MAXIMIZE: {"<", ">", "="}}
+
+
+@pytest.mark.parametrize("name", ["afiro.mps", "scrs8.mps", "stair.mps", "shell.mps",
+                                  pytest.param("greenbea.mps", marks=pytest.mark.slow)])
+def test_lp_duals_on_scip_are_optimal_for_degenerate_lps(env, monkeypatch, name):
+    # Degenerate LPs have many optimal duals; SCIP's need not be HiGHS's, but must be optimal:
+    # dual feasible, complementary and consistent with the reduced costs. (Parallel columns of
+    # greenbea once got uneven reduced costs from the LP solver's own presolve.)
+    use(monkeypatch, "scip")
+    m = kp.read(str(INSTANCES / name), env=env)
+    m.optimize()
+    assert m.Status == KVR.OPTIMAL
+    assert max(m.DualVio, m.ComplVio, m.DualResidual) < 1e-6
+    m.dispose()
+
+
+def test_scip_gives_no_duals_beyond_linear_continuous_models(m, monkeypatch):
+    use(monkeypatch, "scip")
+    x, y = m.addVar(ub=4, name="x"), m.addVar(ub=4, name="y")
+    c = m.addConstr(x + y <= 5)
+    m.setObjective(x + 2 * y, KVR.MAXIMIZE)
+    m.optimize()
+    assert (c.Pi, x.RC, y.RC) == (pytest.approx(1), pytest.approx(0), pytest.approx(1))
+    for change in ("integer", "quadratic"):
+        if change == "integer":
+            x.VType = KVR.INTEGER
+        else:
+            x.VType = KVR.CONTINUOUS
+            m.setObjective(x + 2 * y - x * x, KVR.MAXIMIZE)
+        m.optimize()
+        assert m.Status == KVR.OPTIMAL
+        for obj, attr in ((c, "Pi"), (x, "RC")):
+            with pytest.raises(kp.KaviroError) as err:
+                m.getAttr(attr, [obj])
+            assert (err.value.errno, err.value.message) == (
+                KVR.ERROR_DATA_NOT_AVAILABLE, f"Unable to retrieve attribute '{attr}'")
+
+
+def test_duals_of_a_kept_scip_lp_follow_its_changes(env, monkeypatch, tmp_path):
+    use(monkeypatch, "scip")
+    m = kp.Model(env=env)
+    log = logged(m, tmp_path)
+    x, rows = random_lp(m, KVR.MINIMIZE, 1)
+    x[0].VType = KVR.INTEGER  # solved as a MIP first: no duals, no probe columns kept
+    m.optimize()
+    changes = [
+        (lambda: setattr(x[0], "VType", KVR.CONTINUOUS), "in full (duals are wanted now)"),
+        (lambda: rows.append(m.addConstr(x[0] + x[1] + x[2] <= 3)), "0 deleted, 1 added and 0"),
+        (lambda: m.remove(rows.pop(2)), "1 deleted, 0 added and 0"),
+        (lambda: setattr(rows[0], "RHS", rows[0].RHS + 1), "0 deleted, 0 added and 1 changed"),
+    ]
+    for change, said in changes:
+        change()
+        start = len(log())
+        m.optimize()
+        assert said in log()[start:]
+        fresh = m.copy()
+        use(monkeypatch, "highs")
+        fresh.optimize()
+        use(monkeypatch, "scip")
+        want = solution_of(fresh, fresh.getVars(), fresh.getConstrs())
+        for h, s in zip(want, solution_of(m, x, rows)):
+            assert s == pytest.approx(h, abs=1e-7), said
+        fresh.dispose()
+    m.dispose()

@@ -26,6 +26,7 @@ EngineCapabilities scip_caps() {
   c.sos = c.indicator = c.semicontinuous = c.and_or = true;
   c.convex_qcons = c.nonconvex = c.quadratic_mip = true;
   c.lazy_in_search = c.user_cuts = c.node_relaxation = true;
+  c.lp_duals = true;
   return c;
 }
 

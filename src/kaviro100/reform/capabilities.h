@@ -18,6 +18,7 @@ struct EngineCapabilities {
   bool user_cuts = false;        // cuts from MIPNODE callbacks
   bool node_relaxation = false;  // MIPNODE callbacks with the node relaxation
   bool duals = false;            // duals, basis, sensitivity ranges, certificates
+  bool lp_duals = false;         // duals and reduced costs of continuous linear models only
   bool solution_pool = true;     // several solutions kept from one search
 };
 

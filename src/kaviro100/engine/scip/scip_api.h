@@ -77,6 +77,7 @@ enum ParamSetting : int { kSettingDefault = 0, kSettingOff = 3 };
 using LockType = int;
 
 constexpr EventType kEventNodeFocused = UINT64_C(0x0000080000);
+constexpr EventType kEventFirstLpSolved = UINT64_C(0x0002000000);
 constexpr EventType kEventLpSolved = UINT64_C(0x0004000000);
 constexpr EventType kEventBestSolFound = UINT64_C(0x0010000000);
 
@@ -168,6 +169,7 @@ using MessageFree = Retcode (*)(Messagehdlr *);
   X(SCIPgetNLPIterations, Longint (*)(Scip *))                                                     \
   X(SCIPgetLPSolstat, int (*)(Scip *))                                                             \
   X(SCIPgetLPObjval, double (*)(Scip *))                                                           \
+  X(SCIPgetVarRedcost, double (*)(Scip *, Var *))                                                  \
   X(SCIPretransformObj, double (*)(Scip *, double))                                                \
   X(SCIPgetCurrentNode, Node *(*)(Scip *))                                                         \
   X(SCIPnodeGetDepth, int (*)(Node *))                                                             \

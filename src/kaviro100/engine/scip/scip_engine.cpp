@@ -9,6 +9,11 @@
 //   - the event handler reports MIP progress and stops the solve when asked to.
 // The handler rejects solutions, so it locks every variable both ways: presolve then draws no
 // dual conclusions that a lazy constraint could invalidate.
+// Duals of a continuous linear model come from reduced costs: the original constraints give
+// none, so each row gets a probe column fixed at 0 whose reduced cost is minus the row's dual,
+// read with the variables' reduced costs whenever the root LP is solved to optimality. Presolve
+// and propagation are off for such models, since a removed row or a tightened bound moves the
+// duals away from the model's rows and bounds, and so is the LP solver's presolve.
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
@@ -37,6 +42,11 @@ struct ScipRun {
   SolveContext &ctx;
   const ModelData &m;
   std::vector<Var *> vars;  // SCIP variables of the model's columns
+  // Duals wanted (a continuous linear model): the probe columns of the rows, and the reduced
+  // costs of the columns and probes in the last optimal LP (SCIP's minimizing form).
+  bool duals = false;
+  std::vector<Var *> probes;
+  std::vector<double> lp_rc, lp_probe_rc;
   Var *epigraph = nullptr;  // objective variable of a quadratic objective
   std::vector<Var *> locked;
   Conshdlr *hdlr = nullptr;
@@ -313,12 +323,56 @@ Retcode on_sepalp(Scip *s, Conshdlr *hdlr, Cons **, int, int, int *result) {
   }
 }
 
+// Keeps the reduced costs of an optimal LP of a continuous linear model (see the top).
+void note_lp_duals(ScipRun &run) {
+  const Api &a = run.a;
+  if (a.SCIPgetLPSolstat(run.scip) != kLpOptimal) return;
+  auto redcosts = [&](const std::vector<Var *> &vars, std::vector<double> &out) {
+    out.resize(vars.size());
+    for (size_t j = 0; j < vars.size(); ++j) {
+      Var *t = nullptr;
+      if (a.SCIPgetTransformedVar(run.scip, vars[j], &t) != kOkay || !t) t = vars[j];
+      out[j] = a.SCIPgetVarRedcost(run.scip, t);
+    }
+  };
+  redcosts(run.vars, run.lp_rc);
+  redcosts(run.probes, run.lp_probe_rc);
+}
+
+// The duals of an optimal continuous linear model in the library's terms: SCIP minimizes, so a
+// maximization flips their signs; a probe's reduced cost is minus its row's dual. A root node
+// pruned before its LP (a known solution reaches the bound of every variable at its cheaper
+// bound) has the duals 0 and the objective as reduced costs, once that bound is checked.
+void read_duals(ScipRun &run, EngineResult &r) {
+  const ModelData &m = run.m;
+  const double sign = m.sense == KVR_MAXIMIZE ? -1.0 : 1.0;
+  if (run.lp_rc.size() == run.vars.size() &&
+      run.lp_probe_rc.size() == static_cast<size_t>(m.num_constrs())) {
+    r.rc = std::move(run.lp_rc);
+    for (double &d : r.rc) d *= sign;
+    r.pi = std::move(run.lp_probe_rc);
+    for (double &y : r.pi) y *= -sign;
+    return;
+  }
+  double bound = m.objcon;
+  for (int j = 0; j < m.num_vars(); ++j) {
+    const double c = m.vars.obj[j];
+    if (c != 0.0) bound += c * (sign * c > 0 ? m.vars.lb[j] : m.vars.ub[j]);
+  }
+  const double tol = run.ctx.params->get_dbl(ParamId::OptimalityTol);
+  if (!(std::fabs(bound - r.objval) <= tol * std::max(1.0, std::fabs(r.objval)))) return;
+  r.rc = m.vars.obj;
+  r.pi.assign(static_cast<size_t>(m.num_constrs()), 0.0);
+}
+
 // MIP progress, objective limits and every request to stop.
 Retcode on_event(Scip *s, Eventhdlr *, Event *event, EventData *) {
   ScipRun *run = t_run;
   if (!run) return kOkay;
   SolveContext &ctx = run->ctx;
   try {
+    if (run->duals && (run->a.SCIPeventGetType(event) & (kEventFirstLpSolved | kEventLpSolved)))
+      note_lp_duals(*run);
     note_progress(*run);
     offer_user_solutions(*run);
     double best = run->best_objective();
@@ -356,8 +410,9 @@ Retcode on_event(Scip *s, Eventhdlr *, Event *event, EventData *) {
 Retcode on_event_init(Scip *s, Eventhdlr *hdlr) {
   ScipRun *run = t_run;
   if (!run) return kOkay;
-  return run->a.SCIPcatchEvent(s, kEventNodeFocused | kEventLpSolved | kEventBestSolFound, hdlr,
-                               nullptr, nullptr);
+  const EventType lp = run->duals ? kEventFirstLpSolved | kEventLpSolved : kEventLpSolved;
+  return run->a.SCIPcatchEvent(s, kEventNodeFocused | lp | kEventBestSolFound, hdlr, nullptr,
+                               nullptr);
 }
 
 // ---------------------------------------------------------------- the engine
@@ -414,6 +469,17 @@ class ScipEngine final : public Engine {
                         std::shared_ptr<KeptScip> &kept, bool keep);
 };
 
+// A new probe column for a row's dual: fixed at 0, no objective.
+Var *add_probe(ScipRun &run) {
+  Var *probe = nullptr;
+  check(run.a.SCIPcreateVarBasic(run.scip, &probe, "dual", 0.0, 0.0, 0.0, kContinuous),
+        "creating a variable");
+  const Retcode rc = run.a.SCIPaddVar(run.scip, probe);
+  if (rc != kOkay) run.a.SCIPreleaseVar(run.scip, &probe);
+  check(rc, "adding a variable");
+  return probe;
+}
+
 void ScipEngine::pass_model(ScipRun &run) {
   const Api &a = run.a;
   Scip *s = run.scip;
@@ -469,6 +535,10 @@ void ScipEngine::pass_model(ScipRun &run) {
     for (int64_t k = A.beg[i]; k < A.beg[i + 1]; ++k) {
       v.push_back(run.vars[A.ind[k]]);
       val.push_back(A.val[k]);
+    }
+    if (run.duals) {
+      run.probes.push_back(add_probe(run));
+      v.push_back(run.probes.back()), val.push_back(1.0);
     }
     char sense = m.constrs.sense[i];
     double rhs = m.constrs.rhs[i];
@@ -607,8 +677,18 @@ void ScipEngine::set_params(ScipRun &run, const ParamValues &p) {
         "limits/maxsol");
   check(a.SCIPsetIntParam(s, "randomization/randomseedshift", p.get_int(ParamId::Seed)),
         "randomization/randomseedshift");
-  if (p.get_int(ParamId::Presolve) == 0)
+  if (p.get_int(ParamId::Presolve) == 0 || run.duals)
     check(a.SCIPsetPresolving(s, kSettingOff, 1), "presolving");
+  if (run.duals) {
+    check(a.SCIPsetIntParam(s, "propagating/maxrounds", 0), "propagating/maxrounds");
+    check(a.SCIPsetIntParam(s, "propagating/maxroundsroot", 0), "propagating/maxroundsroot");
+    // The LP solver's own presolve merges parallel columns and then splits their reduced costs
+    // unevenly (greenbea: one of two equal columns got twice the cost, the other none).
+    check(a.SCIPsetBoolParam(s, "lp/presolving", 0), "lp/presolving");
+    // A known solution as good as the LP's optimum (the last one of a kept problem, a
+    // heuristic's) would stop the LP at the cutoff, before its duals are optimal.
+    check(a.SCIPsetIntParam(s, "lp/disablecutoff", 1), "lp/disablecutoff");
+  }
   if (p.get_dbl(ParamId::Heuristics) == 0.0)
     check(a.SCIPsetHeuristics(s, kSettingOff, 1), "heuristics");
   if (p.get_int(ParamId::Symmetry) == 0)
@@ -634,6 +714,9 @@ struct Instance {
     if (run)
       for (Var *&v : run->vars)
         if (v) a.SCIPreleaseVar(scip, &v);
+    if (run)
+      for (Var *&v : run->probes)
+        if (v) a.SCIPreleaseVar(scip, &v);
     if (run && run->epigraph) a.SCIPreleaseVar(scip, &run->epigraph);
     a.SCIPfree(&scip);
     if (msg) a.SCIPmessagehdlrRelease(&msg);
@@ -651,11 +734,13 @@ struct KeptScip {
   std::unique_ptr<Instance> inst;
   std::vector<Var *> vars;
   std::vector<Cons *> rows;
-  std::vector<int> types;  // SCIP's variable types
+  std::vector<int> types;        // SCIP's variable types
+  std::vector<double> lhs, rhs;  // the rows' sides as given (SCIP's infinity)
+  bool probing = false;          // each row has a probe column for its dual, in `probes`
+  std::vector<Var *> probes;
   // The and/or constraints SCIP has (after the rows); a model whose list differs is handed over
   // in full.
   std::vector<GenConstr> and_or;
-  std::vector<double> lhs, rhs;  // the rows' sides as given (SCIP's infinity)
   int sense = KVR_MINIMIZE;
   double objcon = 0.0;
   ~KeptScip() {
@@ -664,6 +749,8 @@ struct KeptScip {
     for (Cons *&c : rows)
       if (c) a.SCIPreleaseCons(inst->scip, &c);
     for (Var *&v : vars)
+      if (v) a.SCIPreleaseVar(inst->scip, &v);
+    for (Var *&v : probes)
       if (v) a.SCIPreleaseVar(inst->scip, &v);
   }
 };
@@ -729,6 +816,9 @@ void keep_problem(std::shared_ptr<KeptScip> &kept, std::unique_ptr<Instance> mad
   k->inst = std::move(made);
   k->vars = std::move(run.vars);
   run.vars.clear();
+  k->probing = run.duals;
+  k->probes = std::move(run.probes);
+  run.probes.clear();
   const ModelData &m = run.m;
   // The model's rows are the problem's first constraints, in order; its and/or constraints follow.
   if (a.SCIPgetNOrigConss(run.scip) != m.num_constrs() + m.gens.size()) return;
@@ -748,6 +838,11 @@ void keep_problem(std::shared_ptr<KeptScip> &kept, std::unique_ptr<Instance> mad
   k->sense = m.sense;
   k->objcon = m.objcon;
   kept = std::move(k);
+}
+
+// Whether duals are computed for m: a continuous linear model (see the top).
+bool duals_wanted(const ModelData &m) {
+  return !m.is_mip() && m.q.size() == 0 && m.qconstrs.size() == 0;
 }
 
 // Whether two lists of and/or constraints are the same constraints in the same order.
@@ -778,12 +873,16 @@ bool update_kept(KeptScip &k, EngineState &changes, const ModelData &m, ScipRun 
   if (n < n0) return false;
   for (const auto &[kind, renumbering] : changes.deletions) {
     std::vector<Cons *> rows_left;
+    std::vector<Var *> probes_left;
     std::vector<double> lhs_left, rhs_left;
     for (size_t i = 0; i < k.rows.size(); ++i) {
       if (i < renumbering.size() && renumbering[i] >= 0) {
         rows_left.push_back(k.rows[i]), lhs_left.push_back(k.lhs[i]), rhs_left.push_back(k.rhs[i]);
+        if (k.probing) probes_left.push_back(k.probes[i]);
         continue;
       }
+      // A deleted row's probe column stays in the problem, in no row, fixed at 0.
+      if (k.probing) a.SCIPreleaseVar(s, &k.probes[i]);
       Cons *gone = k.rows[i];
       k.rows[i] = nullptr;  // released here, whatever happens next
       const Retcode rc = a.SCIPdelCons(s, gone);
@@ -792,6 +891,7 @@ bool update_kept(KeptScip &k, EngineState &changes, const ModelData &m, ScipRun 
       ++out.deleted;
     }
     k.rows = std::move(rows_left), k.lhs = std::move(lhs_left), k.rhs = std::move(rhs_left);
+    if (k.probing) k.probes = std::move(probes_left);
   }
   const int m0 = static_cast<int>(k.rows.size());
   if (rows < m0) return false;
@@ -872,6 +972,10 @@ bool update_kept(KeptScip &k, EngineState &changes, const ModelData &m, ScipRun 
     v.clear(), val.clear();
     for (int64_t e = A.beg[i]; e < A.beg[i + 1]; ++e)
       v.push_back(k.vars[A.ind[e]]), val.push_back(A.val[e]);
+    if (k.probing) {
+      k.probes.push_back(add_probe(run));
+      v.push_back(k.probes.back()), val.push_back(1.0);
+    }
     double l, r;
     row_sides(run, m, i, l, r);
     Cons *cons = nullptr;
@@ -894,6 +998,7 @@ bool update_kept(KeptScip &k, EngineState &changes, const ModelData &m, ScipRun 
     ++out.changed;
   }
   run.vars = k.vars;
+  run.probes = k.probes;
   changes.clear_changes();
   return true;
 }
@@ -915,6 +1020,8 @@ EngineResult ScipEngine::solve_kept(const EngineProblem &problem, const ParamVal
     ctx.log(
         "Re-solve: the model is handed to the engine in full (its and/or constraints "
         "changed)\n");
+  } else if (previous && previous->kept && duals_wanted(m) && !previous->kept->probing) {
+    ctx.log("Re-solve: the model is handed to the engine in full (duals are wanted now)\n");
   } else if (previous && previous->kept) {
     ScipRun run(a, ctx, m);
     run.scip = previous->kept->inst->scip;
@@ -975,7 +1082,8 @@ EngineResult ScipEngine::solve_on(const EngineProblem &problem, const ParamValue
     made->run = &run;
   }
   Instance &inst = kept ? *kept->inst : *made;
-  if (kept) run.vars = kept->vars;
+  if (kept) run.vars = kept->vars, run.probes = kept->probes;
+  run.duals = duals_wanted(m) && (!kept || kept->probing);
   run.scip = inst.scip;
   RunScope scope(&run);
   if (kept) {
@@ -1038,6 +1146,7 @@ EngineResult ScipEngine::solve_on(const EngineProblem &problem, const ParamValue
     r.x = r.found_x.front();
     r.objval = a.SCIPgetSolOrigObj(run.scip, sols[0]);
   }
+  if (run.duals && r.status == KVR_OPTIMAL) read_duals(run, r);
   ctx.solcount = nsols;
   if (keep) {
     try {

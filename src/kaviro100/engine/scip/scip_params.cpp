@@ -23,6 +23,10 @@ const EngineParams &scip_params() {
         {ParamId::PreCrush,
          "calls MIPNODE callbacks with the node relaxation and takes their cuts."},
         {ParamId::Threads, "runs on one thread whatever the value."},
+        {ParamId::Presolve,
+         "solves continuous linear models without presolve (its own, its bound propagation and "
+         "its LP solver's), so that their duals (Pi, RC) belong to the model's rows and bounds; "
+         "other models follow the value."},
         {ParamId::NodefileStart, "keeps its search tree in memory and writes no node files."},
         {ParamId::NodefileDir, "keeps its search tree in memory and writes no node files."}};
     return t;
