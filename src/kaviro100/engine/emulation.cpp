@@ -425,4 +425,24 @@ void Emulation::finish(EngineRun &run, EngineResult &r, bool &has_x, bool engine
   for (auto &s : steps_) s->finish(*this, run, r, has_x, engine_point_feasible);
 }
 
+bool solve_failed_qp_by_epigraph(
+    const ModelData &user, const Reformulated &rf, const ParamValues &params,
+    const EngineCapabilities &caps, Engine &engine, SolveContext &ctx,
+    const std::function<EngineProblem(const Reformulated &)> &problem_of, EngineResult &r,
+    std::optional<Reformulated> &epigraph) {
+  if (r.status != KVR_NUMERIC || !r.x.empty() || ctx.stop != StopReason::None || ctx.is_mip ||
+      rf.model().q.size() == 0 || rf.model().qconstrs.size() > 0)
+    return false;
+  ctx.log("The engine's QP method failed; solving again with the objective approximated by cuts\n");
+  epigraph.emplace(reformulate(user, params, caps, true));
+  ctx.engine_model = &epigraph->model();
+  ctx.rewritten = true;
+  ctx.lazy.clear();
+  ctx.lazy_in_engine = 0;
+  const double iters = r.itercount;
+  r = engine.solve(problem_of(*epigraph), params, ctx);
+  r.itercount += iters;
+  return true;
+}
+
 }  // namespace kvr

@@ -12,13 +12,17 @@
 //   rejected incumbent is repaired by solving the continuous model its integer values leave.
 // The engine drives its runs and reports each one through EngineRun; the steps decide whether to
 // run again and map the final result.
+// - epigraph after a failed QP method (a step of the optimization, after the engine's solve):
+//   see solve_failed_qp_by_epigraph at the end.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <vector>
 
 #include "engine/engine.h"
+#include "reform/reform.h"
 
 namespace kvr {
 
@@ -122,5 +126,20 @@ class EmulationStep {
   virtual bool keeps(Emulation &, const std::vector<double> &x) { return true; }
   virtual void finish(Emulation &, EngineRun &, EngineResult &, bool &has_x, bool feasible) {}
 };
+
+// The engine's QP method can fail on a convex QP it should solve (numerical trouble on badly
+// scaled models, or cycling up to its iteration cap): the result then has status NUMERIC and no
+// point. This step sees the result r of solving rf, the rewriting of `user` the engine was given,
+// and when the QP method failed on a continuous model with a quadratic objective and no quadratic
+// rows, solves `user` again with the objective moved into epigraphs (reformulate with `epigraph`
+// set), which the engine approximates by cuts with LPs. `epigraph` then holds that rewriting
+// (ctx.engine_model points to its model), r becomes its result with the failed run's iterations
+// added, and the log says so; problem_of makes the engine's problem of a rewriting. Returns
+// whether the step ran; otherwise nothing changes.
+bool solve_failed_qp_by_epigraph(
+    const ModelData &user, const Reformulated &rf, const ParamValues &params,
+    const EngineCapabilities &caps, Engine &engine, SolveContext &ctx,
+    const std::function<EngineProblem(const Reformulated &)> &problem_of, EngineResult &r,
+    std::optional<Reformulated> &epigraph);
 
 }  // namespace kvr

@@ -15,6 +15,7 @@
 #include <optional>
 #include <thread>
 
+#include "engine/emulation.h"
 #include "engine/engine.h"
 #include "engine/outer_approx.h"
 #include "engine/pool.h"
@@ -713,23 +714,11 @@ void optimize(kvr_model *model) {
     // The engine keeps its copy of a model it solves as given, for the next solve.
     EngineResult r = rf.changed ? engine->solve(problem, params, ctx)
                                 : engine->solve_kept(problem, params, ctx, model->engine_state);
-    // The engine's QP method can fail on a convex QP it should solve (badly scaled models);
-    // the objective's epigraph approximated by cuts then solves it with LPs.
+    // A convex QP the engine's QP method failed on is solved again through its epigraph.
     std::optional<Reformulated> epigraph;
-    if (r.status == KVR_NUMERIC && r.x.empty() && ctx.stop == StopReason::None && !ctx.is_mip &&
-        rf.model().q.size() > 0 && rf.model().qconstrs.size() == 0) {
-      model->env.log(
-          "The engine's QP method failed; solving again with the objective approximated by "
-          "cuts\n");
-      epigraph.emplace(reformulate(model->data, params, caps, true));
-      ctx.engine_model = &epigraph->model();
-      ctx.rewritten = true;
-      ctx.lazy.clear();
-      ctx.lazy_in_engine = 0;
-      const double iters = r.itercount;
-      r = engine->solve(make_problem(model, *epigraph), params, ctx);
-      r.itercount += iters;
-    }
+    solve_failed_qp_by_epigraph(
+        model->data, rf, params, caps, *engine, ctx,
+        [&](const Reformulated &again) { return make_problem(model, again); }, r, epigraph);
     const Reformulated &solved = epigraph ? *epigraph : rf;
     PolishFunction polish;
     // Polishing re-solves the linear part only: not for models that keep SOS or indicators.
