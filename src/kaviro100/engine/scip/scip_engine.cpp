@@ -677,29 +677,36 @@ void ScipEngine::set_params(ScipRun &run, const ParamValues &p) {
         "limits/maxsol");
   check(a.SCIPsetIntParam(s, "randomization/randomseedshift", p.get_int(ParamId::Seed)),
         "randomization/randomseedshift");
-  if (p.get_int(ParamId::Presolve) == 0 || run.duals)
+  if (p.get_int(ParamId::Presolve) == 0)
     check(a.SCIPsetPresolving(s, kSettingOff, 1), "presolving");
-  if (run.duals) {
-    check(a.SCIPsetIntParam(s, "propagating/maxrounds", 0), "propagating/maxrounds");
-    check(a.SCIPsetIntParam(s, "propagating/maxroundsroot", 0), "propagating/maxroundsroot");
-    // The LP solver's own presolve merges parallel columns and then splits their reduced costs
-    // unevenly (greenbea: one of two equal columns got twice the cost, the other none).
-    check(a.SCIPsetBoolParam(s, "lp/presolving", 0), "lp/presolving");
-    // A known solution as good as the LP's optimum (the last one of a kept problem, a
-    // heuristic's) would stop the LP at the cutoff, before its duals are optimal.
-    check(a.SCIPsetIntParam(s, "lp/disablecutoff", 1), "lp/disablecutoff");
-  }
   if (p.get_dbl(ParamId::Heuristics) == 0.0)
     check(a.SCIPsetHeuristics(s, kSettingOff, 1), "heuristics");
   if (p.get_int(ParamId::Symmetry) == 0)
     check(a.SCIPsetIntParam(s, "misc/usesymmetry", 0), "misc/usesymmetry");
+  bool options = false;
   for (const auto &[name, value] : engine_options()) {
     if (name.find('/') == std::string::npos) continue;  // another engine's option
     if (!set_any_param(a, s, name, value))
       fail(KVR_ERROR_INVALID_ARGUMENT, "KAVIRO_ENGINE_OPTIONS: the engine rejects %s=%s",
            name.c_str(), value.c_str());
     ctx.logf("Engine option %s=%s\n", name.c_str(), value.c_str());
+    options = true;
   }
+  if (!run.duals) return;
+  // Last, so that no engine option undoes them: wrong duals would be worse than none.
+  if (options)
+    ctx.log(
+        "The duals of a continuous linear model need SCIP's presolve, propagation, LP "
+        "presolve and LP cutoff off, whatever the engine options say\n");
+  check(a.SCIPsetPresolving(s, kSettingOff, 1), "presolving");
+  check(a.SCIPsetIntParam(s, "propagating/maxrounds", 0), "propagating/maxrounds");
+  check(a.SCIPsetIntParam(s, "propagating/maxroundsroot", 0), "propagating/maxroundsroot");
+  // The LP solver's own presolve merges parallel columns and then splits their reduced costs
+  // unevenly (greenbea: one of two equal columns got twice the cost, the other none).
+  check(a.SCIPsetBoolParam(s, "lp/presolving", 0), "lp/presolving");
+  // A known solution as good as the LP's optimum (the last one of a kept problem, a heuristic's)
+  // would stop the LP at the cutoff, before its duals are optimal.
+  check(a.SCIPsetIntParam(s, "lp/disablecutoff", 1), "lp/disablecutoff");
 }
 
 // Owns the SCIP instance and its message handler.
