@@ -547,12 +547,15 @@ def test_scip_gives_no_duals_beyond_linear_continuous_models(m, monkeypatch):
     m.setObjective(x + 2 * y, KVR.MAXIMIZE)
     m.optimize()
     assert (c.Pi, x.RC, y.RC) == (pytest.approx(1), pytest.approx(0), pytest.approx(1))
-    for change in ("integer", "quadratic"):
+    for change in ("integer", "quadratic objective", "quadratic constraint"):
         if change == "integer":
             x.VType = KVR.INTEGER
-        else:
+        elif change == "quadratic objective":
             x.VType = KVR.CONTINUOUS
             m.setObjective(x + 2 * y - x * x, KVR.MAXIMIZE)
+        else:
+            m.setObjective(x + 2 * y, KVR.MAXIMIZE)
+            m.addConstr(x * x + y * y <= 9)
         m.optimize()
         assert m.Status == KVR.OPTIMAL
         for obj, attr in ((c, "Pi"), (x, "RC")):
