@@ -35,43 +35,25 @@ std::vector<std::string> candidate_dirs() {
   return dirs;
 }
 
-struct Loaded {
-  Api api;
-  std::string error;  // why the library cannot be used ("" when it can)
-};
+using Loaded = LoadedEngine<Api>;
 
 Loaded load() {
-  Loaded out;
-  EngineLibrary lib =
-      open_engine_library("HiGHS", "highsbox==1.15.1", candidate_dirs(), {"libhighs.so"});
-  if (!lib.handle) {
-    out.error = lib.error;
-    return out;
-  }
-  void *handle = lib.handle;
-  const std::string &path = lib.path;
-  Api &a = out.api;
-  a.path = path;
-  std::string missing;
+  auto resolve = [](void *handle, Api &a, std::string &missing) {
 #define KVR_HIGHS_RESOLVE(name, type) resolve_symbol(handle, #name, a.name, &missing);
-  KVR_HIGHS_FUNCTIONS(KVR_HIGHS_RESOLVE)
+    KVR_HIGHS_FUNCTIONS(KVR_HIGHS_RESOLVE)
 #undef KVR_HIGHS_RESOLVE
-  // HighsStatus Highs::getCoeff(HighsInt, HighsInt, double &) const
-  resolve_symbol(handle, "_ZNK5Highs8getCoeffEiiRd", a.get_coeff, nullptr);
-  if (!a.get_coeff) note_missing(missing, "Highs::getCoeff");
-  if (!missing.empty()) {
-    out.error = "the library " + path + " is not a usable HiGHS library: it lacks " + missing;
-    close_library(handle);
-    return out;
-  }
-  const HighsInt major = a.Highs_versionMajor(), minor = a.Highs_versionMinor();
-  a.version = a.Highs_version();
-  if (major != kMajor || minor != kMinor) {
-    out.error = "the HiGHS library " + path + " is version " + a.version + "; the engine needs " +
-                std::to_string(kMajor) + "." + std::to_string(kMinor) + " (highsbox==1.15.1)";
-    close_library(handle);
-  }
-  return out;
+    // HighsStatus Highs::getCoeff(HighsInt, HighsInt, double &) const
+    resolve_symbol(handle, "_ZNK5Highs8getCoeffEiiRd", a.get_coeff, nullptr);
+    if (!a.get_coeff) note_missing(missing, "Highs::getCoeff");
+  };
+  auto check_version = [](Api &a) -> std::string {
+    a.version = a.Highs_version();
+    if (a.Highs_versionMajor() == kMajor && a.Highs_versionMinor() == kMinor) return "";
+    return "the HiGHS library " + a.path + " is version " + a.version + "; the engine needs " +
+           std::to_string(kMajor) + "." + std::to_string(kMinor) + " (highsbox==1.15.1)";
+  };
+  return load_engine<Api>("HiGHS", "highsbox==1.15.1", candidate_dirs(), {"libhighs.so"}, resolve,
+                          check_version);
 }
 
 const Loaded &loaded() {

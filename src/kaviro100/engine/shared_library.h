@@ -44,4 +44,36 @@ void resolve_symbol(void *handle, const char *name, Fn &fn, std::string *missing
   if (!fn && missing) note_missing(*missing, name);
 }
 
+// An engine's function table once loaded; error says why the engine cannot be used ("" when it
+// can), and then the library is closed again.
+template <class Api>
+struct LoadedEngine {
+  Api api;
+  std::string error;
+};
+// Opens an engine's library (see open_engine_library), fills its table with
+// `resolve(handle, api, missing)` and checks it with `check_version(api)`, which returns why the
+// version cannot be used ("" when it can). Api has a `path` member.
+template <class Api, class Resolve, class CheckVersion>
+LoadedEngine<Api> load_engine(const char *engine, const char *package,
+                              const std::vector<std::string> &dirs,
+                              std::initializer_list<const char *> names, Resolve resolve,
+                              CheckVersion check_version,
+                              void (*before_open)(const std::string &path) = nullptr) {
+  LoadedEngine<Api> out;
+  EngineLibrary lib = open_engine_library(engine, package, dirs, names, before_open);
+  if (!lib.handle) {
+    out.error = lib.error;
+    return out;
+  }
+  out.api.path = lib.path;
+  std::string missing;
+  resolve(lib.handle, out.api, missing);
+  out.error = missing.empty() ? check_version(out.api)
+                              : "the library " + lib.path + " is not a usable " + engine +
+                                    " library: it lacks " + missing;
+  if (!out.error.empty()) close_library(lib.handle);
+  return out;
+}
+
 }  // namespace kvr

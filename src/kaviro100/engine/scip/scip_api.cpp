@@ -43,44 +43,27 @@ void load_siblings(const std::string &path) {
     }
 }
 
-struct Loaded {
-  Api api;
-  std::string error;  // why the library cannot be used ("" when it can)
-};
+using Loaded = LoadedEngine<Api>;
 
 Loaded load() {
-  Loaded out;
-  EngineLibrary lib = open_engine_library("SCIP", "pyscipopt==6.3.0", candidate_dirs(),
-                                          {"libscip-*.so*", "libscip.so*"}, load_siblings);
-  if (!lib.handle) {
-    out.error = lib.error;
-    return out;
-  }
-  void *handle = lib.handle;
-  const std::string &path = lib.path;
-  Api &a = out.api;
-  a.path = path;
-  std::string missing;
+  auto resolve = [](void *handle, Api &a, std::string &missing) {
 #define KVR_SCIP_RESOLVE(name, type) resolve_symbol(handle, #name, a.name, &missing);
-  KVR_SCIP_FUNCTIONS(KVR_SCIP_RESOLVE)
+    KVR_SCIP_FUNCTIONS(KVR_SCIP_RESOLVE)
 #undef KVR_SCIP_RESOLVE
 #define KVR_SCIP_RESOLVE_OPTIONAL(name, type) resolve_symbol(handle, #name, a.name, nullptr);
-  KVR_SCIP_OPTIONAL_FUNCTIONS(KVR_SCIP_RESOLVE_OPTIONAL)
+    KVR_SCIP_OPTIONAL_FUNCTIONS(KVR_SCIP_RESOLVE_OPTIONAL)
 #undef KVR_SCIP_RESOLVE_OPTIONAL
-  if (!missing.empty()) {
-    out.error = "the SCIP library " + path + " lacks " + missing;
-    close_library(handle);
-    return out;
-  }
-  const int major = a.SCIPmajorVersion();
-  a.version = std::to_string(major) + "." + std::to_string(a.SCIPminorVersion()) + "." +
-              std::to_string(a.SCIPtechVersion());
-  if (major != 10) {
-    out.error = "the SCIP library " + path + " is version " + a.version +
-                "; the engine needs SCIP 10 (pyscipopt==6.3.0)";
-    close_library(handle);
-  }
-  return out;
+  };
+  auto check_version = [](Api &a) -> std::string {
+    const int major = a.SCIPmajorVersion();
+    a.version = std::to_string(major) + "." + std::to_string(a.SCIPminorVersion()) + "." +
+                std::to_string(a.SCIPtechVersion());
+    if (major == 10) return "";
+    return "the SCIP library " + a.path + " is version " + a.version +
+           "; the engine needs SCIP 10 (pyscipopt==6.3.0)";
+  };
+  return load_engine<Api>("SCIP", "pyscipopt==6.3.0", candidate_dirs(),
+                          {"libscip-*.so*", "libscip.so*"}, resolve, check_version, load_siblings);
 }
 
 const Loaded &loaded() {
