@@ -130,7 +130,22 @@ const ModelData &shown_data(const kvr_model *m, ModelData &scratch) {
   return scratch;
 }
 
-void discard_solution(kvr_model *model) { model->sol.clear(); }
+void discard_solution(kvr_model *model) {
+  recycle_solution(model);
+  model->sol.clear();
+}
+
+void recycle_solution(kvr_model *model) {
+  if (!model->engine_state) return;
+  Solution &sol = model->sol;
+  EngineState::Spare &spare = model->engine_state->spare;
+  // A vector the solution did not use keeps the spare one.
+  auto keep = [](std::vector<double> &from, std::vector<double> &to) {
+    if (from.capacity() > 0) to = std::move(from);
+  };
+  keep(sol.x, spare.x), keep(sol.slack, spare.slack), keep(sol.rc, spare.rc),
+      keep(sol.pi, spare.pi);
+}
 
 void data_changed(kvr_model *model) { ++model->version; }
 
