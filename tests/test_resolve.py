@@ -552,3 +552,28 @@ def test_results_fit_the_model_after_columns_and_rows_come_and_go(env, engine):
     check(m)
     ref = build(env)[0]
     assert m.NumVars == ref.NumVars + 1 - 3 - 5
+
+
+def test_replaced_objective_is_handed_over_in_place(env, engine, tmp_path):
+    """A new linear objective reaches the kept copy cost by cost, together with the other
+    changes of the same update; quadratic terms still mean a full hand-over."""
+    m, x, cons = build(env)
+    m.optimize()
+    log = tmp_path / "objective.log"
+    logged(m, log)
+    m.setObjective(kp.quicksum(((j * 7) % 5) * v for j, v in enumerate(x)), KVR.MAXIMIZE)
+    m.chgCoeff(cons[2], x[5], 1.5)
+    x[8].UB = 0.5
+    m.optimize()
+    ref = m.copy()
+    ref.optimize()
+    assert m.ObjVal == pytest.approx(ref.ObjVal, abs=1e-7)
+    text = log.read_text()
+    assert "Re-solve: 0 deleted, 0 added" in text and "in full" not in text
+    m.setObjective(kp.quicksum(v for v in x) - x[0] * x[0], KVR.MAXIMIZE)
+    m.optimize()
+    ref = m.copy()
+    ref.optimize()
+    assert m.ObjVal == pytest.approx(ref.ObjVal, abs=1e-6)
+    later = log.read_text()[len(text):]
+    assert "Re-solve: 0 deleted" not in later and ("dropped" in later or "in full" in later)

@@ -248,7 +248,11 @@ std::vector<T> listed(std::vector<T> list, auto below) {
 // Compares only the elements the model recorded as changed in place.
 bool compare_listed(void *h, const HighsState &state, const ModelData &m, int nkeep, int mkeep,
                     bool mip, Differences &d) {
-  auto cols = listed(state.changed_vars, [&](int j) { return j < nkeep; });
+  std::vector<int> cols(state.objective_replaced ? nkeep : 0);
+  if (state.objective_replaced)
+    std::iota(cols.begin(), cols.end(), 0);  // every cost
+  else
+    cols = listed(state.changed_vars, [&](int j) { return j < nkeep; });
   auto rows = listed(state.changed_constrs, [&](int i) { return i < mkeep; });
   if (!compare_cols(h, m, std::vector<HighsInt>(cols.begin(), cols.end()), mip, d)) return false;
   if (!compare_sides(h, m, std::vector<HighsInt>(rows.begin(), rows.end()), d)) return false;

@@ -37,6 +37,7 @@ struct EngineState {
   std::vector<int> changed_vars, changed_constrs;
   std::vector<std::pair<int, int>> changed_coeffs;
   bool scan_all = false;
+  bool objective_replaced = false;  // the whole linear objective: every cost is given again
   // Vectors of a discarded solution, sized as they were: the next solve fills them instead of
   // new, cleared ones.
   struct Spare {
@@ -48,6 +49,7 @@ struct EngineState {
     changed_constrs.clear();
     changed_coeffs.clear();
     scan_all = false;
+    objective_replaced = false;
   }
 };
 // The outcome of the last tuning run: the parameters in force when it started and the improved

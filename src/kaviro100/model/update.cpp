@@ -35,8 +35,10 @@ void note_changes(EngineState &e, const PendingChanges &p, const ModelData &d) {
   for (const Change &c : p.log) {
     if (c.kind == ChangeKind::Coeff) {
       e.changed_coeffs.emplace_back(c.elem, c.sub);
+    } else if (c.kind == ChangeKind::Objective) {
+      e.objective_replaced = true;
     } else if (c.kind != ChangeKind::Attr) {
-      e.scan_all = true;  // a whole objective or quadratic terms
+      e.scan_all = true;  // another objective or quadratic terms
     } else if (const AttrDef &def = attr_def(c.attr); def.compared) {
       // The objective's sense and constant are always compared; other writes are not given.
       (def.cls == AttrClass::Var ? e.changed_vars : e.changed_constrs).push_back(c.elem);
