@@ -577,3 +577,28 @@ def test_replaced_objective_is_handed_over_in_place(env, engine, tmp_path):
     assert m.ObjVal == pytest.approx(ref.ObjVal, abs=1e-6)
     later = log.read_text()[len(text):]
     assert "Re-solve: 0 deleted" not in later and ("dropped" in later or "in full" in later)
+
+
+def test_many_new_rows_start_from_the_last_basis(env, tmp_path):
+    """Rows too many to add to the engine's copy: the model is handed over in full, and the
+    last basis with the new rows basic starts the LP (fewer iterations than a cold solve);
+    not with LPWarmStart 0."""
+    rnd = random.Random(1)
+    results = {}
+    for warm in (1, 0):
+        m, x, _ = build(env)
+        m.optimize()
+        log = tmp_path / f"rows{warm}.log"
+        logged(m, log)
+        m.Params.LPWarmStart = warm
+        for _ in range(200):
+            m.addConstr(kp.quicksum(x[j] for j in rnd.sample(range(40), 4)) <= rnd.uniform(3, 12))
+        m.optimize()
+        cold = m.copy()
+        cold.optimize()
+        assert m.Status == KVR.OPTIMAL and m.ObjVal == pytest.approx(cold.ObjVal, abs=1e-7)
+        text = log.read_text()
+        assert "handed to the engine in full" in text
+        results[warm] = ("with the new rows basic" in text, m.IterCount, cold.IterCount)
+    assert results[1][0] and results[1][1] < results[1][2]
+    assert not results[0][0] and results[0][1] == results[0][2]

@@ -1104,6 +1104,26 @@ bool satisfies(const ModelData &m, const std::vector<double> &x, const ParamValu
   return true;
 }
 
+// The basis of the instance's last solve for m, which has the instance's columns and rows and
+// more rows after them: the new rows basic. The dual simplex method goes on from there as after
+// a round of cuts (new columns would make it dual infeasible: measured, more iterations than a
+// cold solve). False when the instance has no basis or m has other columns.
+bool extended_basis(const HighsInstance &hi, const ModelData &m, std::vector<int> &vbasis,
+                    std::vector<int> &cbasis) {
+  void *h = hi.get();
+  const int n0 = Highs_getNumCol(h), m0 = Highs_getNumRow(h);
+  const int n = m.num_vars(), rows = m.num_constrs();
+  if (!hi.has_basis() || n0 != n || m0 > rows) return false;
+  std::vector<HighsInt> cs(n0), rs(m0);
+  if (Highs_getBasis(h, cs.data(), rs.data()) != kHighsStatusOk) return false;
+  vbasis.resize(n);
+  cbasis.assign(rows, KVR_BASIC);
+  for (int j = 0; j < n; ++j) vbasis[j] = basis_from_engine_col(cs[j]);
+  for (int i = 0; i < m0; ++i)
+    cbasis[i] = rs[i] == kHighsBasisStatusBasic ? KVR_BASIC : KVR_NONBASIC_LOWER;
+  return true;
+}
+
 EngineResult HighsEngine::solve_kept(const EngineProblem &problem, const ParamValues &params,
                                      SolveContext &ctx, std::shared_ptr<EngineState> &state) {
   const ModelData &m = *problem.model;
@@ -1123,6 +1143,7 @@ EngineResult HighsEngine::solve_kept(const EngineProblem &problem, const ParamVa
   if (kept && kept->instance) {
     InstanceUpdate update;
     bool updated = false;
+    const bool grown_only = kept->deletions.empty();
     try {
       updated = update_instance(*kept, m, mip, update);
     } catch (const std::bad_alloc &) {
@@ -1142,6 +1163,15 @@ EngineResult HighsEngine::solve_kept(const EngineProblem &problem, const ParamVa
       }
     } else {
       ctx.log("Re-solve: the model is handed to the engine in full (too many changes)\n");
+      // An LP that only gained rows still starts from the last basis, unless the user gave a
+      // start.
+      offered = problem;
+      if (!mip && grown_only && params.get_int(ParamId::LPWarmStart) != 0 &&
+          problem.vbasis.empty() && problem.pstart.empty() && problem.dstart.empty() &&
+          extended_basis(*kept->instance, m, offered.vbasis, offered.cbasis)) {
+        use = &offered;
+        ctx.log("The last basis, with the new rows basic, is offered as a start\n");
+      }
     }
   }
   EngineState::Spare spare;
