@@ -459,3 +459,146 @@ def test_values_and_types_changed_after_a_solve_are_seen(env):
     x[0].VType, x[0].LB, x[0].UB = KVR.CONTINUOUS, 0.0, 5.0
     m.optimize()
     assert m.IsMIP == 0 and m.ObjVal == pytest.approx(lp_value)
+
+
+def check_basis(m, x, cons):
+    """The model's VBasis/CBasis describe its solution: one basic element per row, nonbasic
+    columns at the bound named, nonbasic rows tight."""
+    vb, cb = m.getAttr("VBasis", x), m.getAttr("CBasis", cons)
+    assert len(vb) == len(x) and len(cb) == len(cons)
+    assert sum(s == KVR.BASIC for s in vb + cb) == len(cons)
+    for v, s in zip(x, vb):
+        if s == KVR.NONBASIC_LOWER:
+            assert v.X == pytest.approx(v.LB, abs=1e-9)
+        elif s == KVR.NONBASIC_UPPER:
+            assert v.X == pytest.approx(v.UB, abs=1e-9)
+    for c, s in zip(cons, cb):
+        if s != KVR.BASIC:
+            assert c.Slack == pytest.approx(0.0, abs=1e-9)
+    return vb, cb
+
+
+def test_basis_is_that_of_the_solve_it_is_read_after(env, monkeypatch):
+    """The basis comes from the engine's kept copy when first read: after a re-solve it is the
+    new one, a copy made before keeps the old one, and a re-solve that fails keeps the last."""
+    m, x, cons = build(env)
+    m.optimize()
+    before = m.copy()
+    vb0, cb0 = check_basis(m, x, cons)
+    basic = [j for j, s in enumerate(vb0) if s == KVR.BASIC and x[j].X > 1e-6]
+    assert basic
+    for j in basic[:3]:   # basic columns fixed to 0 leave the basis
+        x[j].UB = 0.0
+    m.optimize()
+    assert m.IterCount > 0
+    vb1, _ = check_basis(m, x, cons)
+    assert all(vb1[j] != KVR.BASIC for j in basic[:3]) and vb1 != vb0
+    assert before.getAttr("VBasis", before.getVars()) == vb0
+    assert before.getAttr("CBasis", before.getConstrs()) == cb0
+    # Read only after a failed re-solve of the unchanged model: still the last solve's.
+    m.optimize()
+    monkeypatch.setenv("KAVIRO_ENGINE_OPTIONS", "simplex_iteration_limit=-5")
+    with pytest.raises(kp.KaviroError):
+        m.optimize()
+    assert m.getAttr("VBasis", x) == vb1
+    monkeypatch.delenv("KAVIRO_ENGINE_OPTIONS")
+    # Changes wait for the update; after it the basis read is the one the user set.
+    x[basic[0]].UB = 5.0
+    m.setAttr("VBasis", x, vb0)
+    m.setAttr("CBasis", cons, cb0)
+    assert m.getAttr("VBasis", x) == vb1
+    m.update()
+    assert m.getAttr("VBasis", x) == vb0
+    m.optimize()
+    check_basis(m, x, cons)
+
+
+def test_results_fit_the_model_after_columns_and_rows_come_and_go(env, engine):
+    """The result vectors of one solve are reused by the next: after more or fewer columns and
+    rows, and after a solve without a solution, every vector has the model's length and holds
+    this solve's values."""
+    def check(m):
+        x, cons = m.getVars(), m.getConstrs()
+        xs = m.getAttr("X", x)
+        assert len(xs) == m.NumVars and len(m.getAttr("Slack", cons)) == m.NumConstrs
+        assert m.ObjVal == pytest.approx(sum(v.Obj * xv for v, xv in zip(x, xs)), abs=1e-7)
+        for c in cons:
+            row = m.getRow(c)
+            act = sum(row.getCoeff(k) * row.getVar(k).X for k in range(row.size()))
+            assert c.Slack == pytest.approx(c.RHS - act, abs=1e-7)
+        if engine == "highs":
+            assert len(m.getAttr("RC", x)) == m.NumVars and len(m.getAttr("Pi", cons)) == m.NumConstrs
+            check_basis(m, x, cons)
+
+    m, x, cons = build(env)
+    m.optimize()
+    check(m)
+    apply(m, x, cons, "newcol")
+    apply(m, x, cons, "newrow")
+    m.optimize()
+    check(m)
+    m.remove(x[:3] + cons[:2])
+    m.optimize()
+    check(m)
+    y = m.getVars()
+    y[0].LB = 6.0      # infeasible: above its upper bound
+    m.optimize()
+    assert m.Status in (KVR.INFEASIBLE, KVR.INF_OR_UNBD) and m.SolCount == 0
+    with pytest.raises(AttributeError, match="Unable to retrieve attribute 'X'"):
+        y[1].X
+    y[0].LB = 0.0
+    m.remove(y[-5:])
+    m.optimize()
+    check(m)
+    ref = build(env)[0]
+    assert m.NumVars == ref.NumVars + 1 - 3 - 5
+
+
+def test_replaced_objective_is_handed_over_in_place(env, engine, tmp_path):
+    """A new linear objective reaches the kept copy cost by cost, together with the other
+    changes of the same update; quadratic terms still mean a full hand-over."""
+    m, x, cons = build(env)
+    m.optimize()
+    log = tmp_path / "objective.log"
+    logged(m, log)
+    m.setObjective(kp.quicksum(((j * 7) % 5) * v for j, v in enumerate(x)), KVR.MAXIMIZE)
+    m.chgCoeff(cons[2], x[5], 1.5)
+    x[8].UB = 0.5
+    m.optimize()
+    ref = m.copy()
+    ref.optimize()
+    assert m.ObjVal == pytest.approx(ref.ObjVal, abs=1e-7)
+    text = log.read_text()
+    assert "Re-solve: 0 deleted, 0 added" in text and "in full" not in text
+    m.setObjective(kp.quicksum(v for v in x) - x[0] * x[0], KVR.MAXIMIZE)
+    m.optimize()
+    ref = m.copy()
+    ref.optimize()
+    assert m.ObjVal == pytest.approx(ref.ObjVal, abs=1e-6)
+    later = log.read_text()[len(text):]
+    assert "Re-solve: 0 deleted" not in later and ("dropped" in later or "in full" in later)
+
+
+def test_many_new_rows_start_from_the_last_basis(env, tmp_path):
+    """Rows too many to add to the engine's copy: the model is handed over in full, and the
+    last basis with the new rows basic starts the LP (fewer iterations than a cold solve);
+    not with LPWarmStart 0."""
+    rnd = random.Random(1)
+    results = {}
+    for warm in (1, 0):
+        m, x, _ = build(env)
+        m.optimize()
+        log = tmp_path / f"rows{warm}.log"
+        logged(m, log)
+        m.Params.LPWarmStart = warm
+        for _ in range(200):
+            m.addConstr(kp.quicksum(x[j] for j in rnd.sample(range(40), 4)) <= rnd.uniform(3, 12))
+        m.optimize()
+        cold = m.copy()
+        cold.optimize()
+        assert m.Status == KVR.OPTIMAL and m.ObjVal == pytest.approx(cold.ObjVal, abs=1e-7)
+        text = log.read_text()
+        assert "handed to the engine in full" in text
+        results[warm] = ("with the new rows basic" in text, m.IterCount, cold.IterCount)
+    assert results[1][0] and results[1][1] < results[1][2]
+    assert not results[0][0] and results[0][1] == results[0][2]

@@ -110,11 +110,13 @@ const NamePool *extra_text(const ModelData &d, AttrId id) {
 
 template <auto Part, auto Vector>
 void basis(kvr_model &m, AttrId id, IndexSet ix, double *out) {
+  m.sol.ensure_basis();
   if (!(m.sol.*Vector).empty()) return copy_vec(id, m.sol.*Vector, ix, out);
   extra_column<Part>(m, id, ix, out);
 }
 template <auto Part, auto Vector>
 bool has_basis(kvr_model &m, AttrId id) {
+  m.sol.ensure_basis();
   return !(m.sol.*Vector).empty() || (m.data.fields().*Part).extra.num.count(static_cast<int>(id));
 }
 

@@ -62,9 +62,10 @@ KVRmodel *KVRcopymodel(KVRmodel *model) {
   KVRmodel *copy = nullptr;
   model->run([&] {
     kvr::check_queryable(model);
-    // Sensitivity ranges are read from the engine's copy of the model on first use; that copy
-    // stays with the original, whose next solve changes it.
+    // The basis and the sensitivity ranges are read from the engine's copy of the model on first
+    // use; that copy stays with the original, whose next solve changes it.
     model->sol.ensure_sensitivity();
+    model->sol.ensure_basis();
     copy = new kvr_model(*model);
   });
   return copy;

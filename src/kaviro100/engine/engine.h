@@ -55,6 +55,7 @@ struct Sensitivity {
 struct EngineResult {
   int status = KVR_LOADED;
   double objval = kNaN, objbound = kNaN;
+  bool objval_at_x = false;  // objval is the solved model's objective at x, computed from x
   double itercount = 0, baritercount = 0, nodecount = 0;
   double work = 0;
   int method_used = -1;  // 0 primal simplex, 1 dual simplex, 2 barrier (ConcurrentWinMethod)
@@ -62,7 +63,9 @@ struct EngineResult {
   // Duals of the rows added during the solve (the first rows of SolveContext::lazy), for
   // continuous models solved to optimality.
   std::vector<double> cut_pi;
-  std::vector<int> vbasis, cbasis;
+  // Reads the final basis (one status per column and per row of the model) on request; false
+  // when the engine has none for this result or has moved on to another solve.
+  std::function<bool(std::vector<int> &, std::vector<int> &)> basis;
   // Feasible solutions met during the search (any order; the library sorts and trims them).
   std::vector<std::vector<double>> found_x;
   std::vector<double> unbdray, farkasdual;

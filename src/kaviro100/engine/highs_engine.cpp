@@ -338,8 +338,10 @@ class HighsEngine final : public Engine {
   static void read_certificates(HighsInstance &hi, const ModelData &m, EngineResult &r);
   // Solves on the instance hi: a new one when hi is null; with loaded set, one that holds the
   // model already (kept from an earlier solve). hi ends as the instance whose result counts.
+  // The result's vectors reuse those in `spare` when given.
   EngineResult solve_on(const EngineProblem &problem, const ParamValues &params, SolveContext &ctx,
-                        std::shared_ptr<HighsInstance> &hi, bool loaded);
+                        std::shared_ptr<HighsInstance> &hi, bool loaded,
+                        EngineState::Spare *spare = nullptr);
 };
 
 void HighsEngine::pass_model(HighsInstance &hi, const ModelData &m, bool mip) {
@@ -714,7 +716,7 @@ EngineResult HighsEngine::solve(const EngineProblem &problem, const ParamValues 
 
 EngineResult HighsEngine::solve_on(const EngineProblem &problem, const ParamValues &params,
                                    SolveContext &ctx, std::shared_ptr<HighsInstance> &hi,
-                                   bool loaded) {
+                                   bool loaded, EngineState::Spare *spare) {
   const ModelData &m = *problem.model;
   const int n = m.num_vars(), rows = m.num_constrs();
   const bool mip = ctx.engine_model == &m ? ctx.is_mip : m.is_mip();
@@ -972,14 +974,24 @@ EngineResult HighsEngine::solve_on(const EngineProblem &problem, const ParamValu
   bool lp_keeps_x = r.status != KVR_INFEASIBLE && r.status != KVR_INF_OR_UNBD &&
                     r.status != KVR_UNBOUNDED && r.status != KVR_NUMERIC && r.status != KVR_CUTOFF;
   if (has_x && (mip ? pstat == kHighsSolutionStatusFeasible : lp_keeps_x)) {
-    r.x.resize(n);
-    r.row_activity.resize(rows + (ctx.lazy_in_engine));
+    // The engine overwrites every entry: vectors of an earlier solution are only resized.
+    auto sized = [spare](std::vector<double> EngineState::Spare::*v, size_t size) {
+      std::vector<double> out;
+      if (spare) out = std::move(spare->*v);
+      out.resize(size);
+      return out;
+    };
+    const size_t engine_rows = rows + ctx.lazy_in_engine;
+    r.x = sized(&EngineState::Spare::x, n);
+    r.row_activity = sized(&EngineState::Spare::slack, engine_rows);
     // A MIP has no duals to read.
-    std::vector<double> cd(mip ? 0 : n), rd(mip ? 0 : r.row_activity.size());
+    std::vector<double> cd = sized(&EngineState::Spare::rc, mip ? 0 : n);
+    std::vector<double> rd = sized(&EngineState::Spare::pi, mip ? 0 : engine_rows);
     Highs_getSolution(hi->get(), r.x.data(), mip ? nullptr : cd.data(), r.row_activity.data(),
                       mip ? nullptr : rd.data());
     r.row_activity.resize(rows);
     r.objval = m.objective_value(r.x.data());
+    r.objval_at_x = true;
     if (!mip && dstat == kHighsSolutionStatusFeasible && r.status == KVR_OPTIMAL) {
       r.rc = std::move(cd);
       r.cut_pi.assign(rd.begin() + rows, rd.end());
@@ -1002,16 +1014,22 @@ EngineResult HighsEngine::solve_on(const EngineProblem &problem, const ParamValu
     HighsInt valid = 0;
     Highs_getIntInfoValue(hi->get(), "basis_validity", &valid);
     if (valid == kHighsBasisValidityValid) {
-      // Read into the result's arrays and mapped in place.
-      r.vbasis.resize(n);
-      r.cbasis.resize(rows);
-      if (Highs_getBasis(hi->get(), r.vbasis.data(), r.cbasis.data()) == kHighsStatusOk) {
-        for (int &b : r.vbasis) b = basis_from_engine_col(b);
-        for (int &b : r.cbasis) b = b == kHighsBasisStatusBasic ? KVR_BASIC : KVR_NONBASIC_LOWER;
-      } else {
-        r.vbasis.clear();
-        r.cbasis.clear();
-      }
+      // Read from the instance on request, until it starts another solve or its model changes;
+      // mapped in place.
+      r.basis = [hi, n, rows, solve = hi->generation()](std::vector<int> &vb,
+                                                        std::vector<int> &cb) {
+        void *h = hi->get();
+        if (hi->generation() != solve || Highs_getNumCol(h) != n || Highs_getNumRow(h) < rows)
+          return false;
+        vb.resize(n);
+        std::vector<int> engine_rows(Highs_getNumRow(h));
+        if (Highs_getBasis(h, vb.data(), engine_rows.data()) != kHighsStatusOk) return false;
+        for (int &b : vb) b = basis_from_engine_col(b);
+        cb.resize(rows);
+        for (int i = 0; i < rows; ++i)
+          cb[i] = engine_rows[i] == kHighsBasisStatusBasic ? KVR_BASIC : KVR_NONBASIC_LOWER;
+        return true;
+      };
       if (r.status == KVR_OPTIMAL) {
         // Computed on request from what the instance holds, until it starts another solve.
         r.sensitivity = [hi, n, rows, solve = hi->generation()](Sensitivity &s) {
@@ -1086,6 +1104,26 @@ bool satisfies(const ModelData &m, const std::vector<double> &x, const ParamValu
   return true;
 }
 
+// The basis of the instance's last solve for m, which has the instance's columns and rows and
+// more rows after them: the new rows basic. The dual simplex method goes on from there as after
+// a round of cuts (new columns would make it dual infeasible: measured, more iterations than a
+// cold solve). False when the instance has no basis or m has other columns.
+bool extended_basis(const HighsInstance &hi, const ModelData &m, std::vector<int> &vbasis,
+                    std::vector<int> &cbasis) {
+  void *h = hi.get();
+  const int n0 = Highs_getNumCol(h), m0 = Highs_getNumRow(h);
+  const int n = m.num_vars(), rows = m.num_constrs();
+  if (!hi.has_basis() || n0 != n || m0 > rows) return false;
+  std::vector<HighsInt> cs(n0), rs(m0);
+  if (Highs_getBasis(h, cs.data(), rs.data()) != kHighsStatusOk) return false;
+  vbasis.resize(n);
+  cbasis.assign(rows, KVR_BASIC);
+  for (int j = 0; j < n; ++j) vbasis[j] = basis_from_engine_col(cs[j]);
+  for (int i = 0; i < m0; ++i)
+    cbasis[i] = rs[i] == kHighsBasisStatusBasic ? KVR_BASIC : KVR_NONBASIC_LOWER;
+  return true;
+}
+
 EngineResult HighsEngine::solve_kept(const EngineProblem &problem, const ParamValues &params,
                                      SolveContext &ctx, std::shared_ptr<EngineState> &state) {
   const ModelData &m = *problem.model;
@@ -1105,6 +1143,7 @@ EngineResult HighsEngine::solve_kept(const EngineProblem &problem, const ParamVa
   if (kept && kept->instance) {
     InstanceUpdate update;
     bool updated = false;
+    const bool grown_only = kept->deletions.empty();
     try {
       updated = update_instance(*kept, m, mip, update);
     } catch (const std::bad_alloc &) {
@@ -1124,10 +1163,21 @@ EngineResult HighsEngine::solve_kept(const EngineProblem &problem, const ParamVa
       }
     } else {
       ctx.log("Re-solve: the model is handed to the engine in full (too many changes)\n");
+      // An LP that only gained rows still starts from the last basis, unless the user gave a
+      // start.
+      offered = problem;
+      if (!mip && grown_only && params.get_int(ParamId::LPWarmStart) != 0 &&
+          problem.vbasis.empty() && problem.pstart.empty() && problem.dstart.empty() &&
+          extended_basis(*kept->instance, m, offered.vbasis, offered.cbasis)) {
+        use = &offered;
+        ctx.log("The last basis, with the new rows basic, is offered as a start\n");
+      }
     }
   }
+  EngineState::Spare spare;
+  if (state) spare = std::move(state->spare);
   state.reset();  // rebuilt below from the instance that ends the solve
-  EngineResult r = solve_on(*use, params, ctx, hi, static_cast<bool>(hi));
+  EngineResult r = solve_on(*use, params, ctx, hi, static_cast<bool>(hi), &spare);
   if (hi) hi->note_basis();
   if (ctx.lazy_in_engine == 0 && hi) {
     // The run's event state is gone; the engine logs while its model is changed later on.

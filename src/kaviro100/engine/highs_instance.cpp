@@ -47,41 +47,39 @@ void HighsInstance::before_deletion(const std::vector<HighsInt> &delcols,
 }
 
 bool HighsInstance::unchanged(const char *name, char type, double num, const char *text) {
-  auto same = [&](const Given &g) {
-    return g.type == type && (text ? g.text == text : g.num == num);
-  };
-  auto named = [&](const Given &g) { return g.name == name; };
-  // An option is in one list at most. Solves give their options in the same order, so the one
-  // asked for is usually the first left over from the last solve.
-  if (auto it = std::find_if(previous_.begin(), previous_.end(), named); it != previous_.end()) {
-    const bool kept = same(*it);
-    given_.push_back(std::move(*it));
-    previous_.erase(it);
-    if (!kept) given_.back() = Given{name, type, num, text ? text : ""};
-    return kept;
-  }
-  if (auto it = std::find_if(given_.begin(), given_.end(), named); it != given_.end()) {
-    if (same(*it)) return true;
-    *it = Given{name, type, num, text ? text : ""};
+  size_t k = next_ < given_.size() && given_[next_].name == name ? next_ : given_.size();
+  if (k == given_.size())
+    k = static_cast<size_t>(
+        std::find_if(given_.begin(), given_.end(), [&](const Given &g) { return g.name == name; }) -
+        given_.begin());
+  next_ = k + 1;
+  if (k == given_.size()) {
+    given_.push_back(Given{name, type, num, text ? text : "", generation_});
     return false;
   }
-  given_.push_back(Given{name, type, num, text ? text : ""});
+  Given &g = given_[k];
+  g.solve = generation_;
+  if (g.type == type && (text ? g.text == text : g.num == num)) return true;
+  g.type = type;
+  g.num = num;
+  g.text = text ? text : "";
   return false;
 }
 
 void HighsInstance::forget(const char *name) {
   std::erase_if(given_, [&](const Given &g) { return g.name == name; });
+  next_ = 0;
 }
 
 void HighsInstance::begin_options() {
   ++generation_;
-  previous_ = std::move(given_);
-  given_.clear();
+  next_ = 0;
 }
 
 void HighsInstance::end_options() {
   // Back to the default: the options the last solve gave and this one does not.
-  for (const Given &g : previous_) {
+  for (const Given &g : given_) {
+    if (g.solve == generation_) continue;
     const char *name = g.name.c_str();
     HighsInt type = -1;
     if (Highs_getOptionType(h_, name, &type) != kHighsStatusOk) continue;
@@ -101,7 +99,8 @@ void HighsInstance::end_options() {
              Highs_getStringOptionValues(h_, name, scur.data(), sdef.data()) == 0)
       Highs_setStringOptionValue(h_, name, sdef.c_str());
   }
-  previous_.clear();
+  std::erase_if(given_, [&](const Given &g) { return g.solve != generation_; });
+  next_ = 0;
 }
 
 namespace {
@@ -249,7 +248,11 @@ std::vector<T> listed(std::vector<T> list, auto below) {
 // Compares only the elements the model recorded as changed in place.
 bool compare_listed(void *h, const HighsState &state, const ModelData &m, int nkeep, int mkeep,
                     bool mip, Differences &d) {
-  auto cols = listed(state.changed_vars, [&](int j) { return j < nkeep; });
+  std::vector<int> cols(state.objective_replaced ? nkeep : 0);
+  if (state.objective_replaced)
+    std::iota(cols.begin(), cols.end(), 0);  // every cost
+  else
+    cols = listed(state.changed_vars, [&](int j) { return j < nkeep; });
   auto rows = listed(state.changed_constrs, [&](int i) { return i < mkeep; });
   if (!compare_cols(h, m, std::vector<HighsInt>(cols.begin(), cols.end()), mip, d)) return false;
   if (!compare_sides(h, m, std::vector<HighsInt>(rows.begin(), rows.end()), d)) return false;
@@ -269,6 +272,7 @@ bool compare_listed(void *h, const HighsState &state, const ModelData &m, int nk
 }  // namespace
 
 bool update_instance(HighsState &state, const ModelData &m, bool mip, InstanceUpdate &out) {
+  state.instance->model_changes();
   void *h = state.instance->get();
   const int n0 = Highs_getNumCol(h), m0 = Highs_getNumRow(h);
   const int n = m.num_vars(), rows = m.num_constrs();

@@ -59,9 +59,10 @@ class HighsInstance {
   // again, and those it gave that this one does not go back to their defaults.
   void begin_options();
   void end_options();
-  // Counts the solves started on the instance: what was read from it for one solve is valid
-  // while the count has not moved on.
+  // Counts the solves started on the instance and the changes of its model: what a solve left
+  // on it is valid while the count has not moved on.
   uint64_t generation() const { return generation_; }
+  void model_changes() { ++generation_; }
   double info_dbl(const char *name) const;
   long long info_int(const char *name) const;
   // Whether the instance holds a basis for its model (kept through changes of the model).
@@ -90,8 +91,13 @@ class HighsInstance {
     char type;
     double num;
     std::string text;
+    uint64_t solve;  // the generation of the last solve that gave it
   };
-  std::vector<Given> given_, previous_;  // options given in this solve, and in the last one
+  // The options given in the last solve and in this one, in the order they were first given.
+  // Solves give their options in the same order, so the next one asked for is usually the one
+  // after the last found: an unchanged set is checked in one comparison per option.
+  std::vector<Given> given_;
+  size_t next_ = 0;
 };
 
 // The engine's bounds of variable j of m (a binary within [0, 1]), its type, and the bounds of

@@ -399,7 +399,10 @@ void fill_solution(const kvr_model *model, const Reformulated &rf, const SolveCo
   } else {
     // A model without variables has an empty solution whose objective is the constant.
     if (!r.x.empty() || (rf.model().num_vars() == 0 && r.status == KVR_OPTIMAL)) {
-      sol.objval = true_objective(rf, rf.model(), r.x);
+      // Without an epigraph column the objective at x is the one the engine result has.
+      sol.objval = r.objval_at_x && rf.epigraph < 0 && !r.x.empty()
+                       ? r.objval
+                       : true_objective(rf, rf.model(), r.x);
       sol.x = std::move(r.x);
       truncate(sol.x, nu);
       // The pool of an LP is its solution, which the pool's readers fall back to; only the
@@ -428,8 +431,10 @@ void fill_solution(const kvr_model *model, const Reformulated &rf, const SolveCo
     sol.pi = std::move(r.pi);
     truncate(sol.pi, mu);
     if (!rf.changed && rf.model().num_constrs() == mu) {
-      sol.vbasis = std::move(r.vbasis);
-      sol.cbasis = std::move(r.cbasis);
+      if (r.basis)
+        sol.basis_source = [source = std::move(r.basis)](Solution &s) {
+          if (!source(s.vbasis, s.cbasis)) s.vbasis.clear(), s.cbasis.clear();
+        };
       sol.unbdray = std::move(r.unbdray);
       sol.farkasdual = std::move(r.farkasdual);
       sol.farkasproof = r.farkasproof;
@@ -711,7 +716,9 @@ void optimize(kvr_model *model) {
     }
     EngineProblem problem = make_problem(model, rf);
     if (ctx.is_mip) queue_extra_starts(model, rf, ctx);
-    // The engine keeps its copy of a model it solves as given, for the next solve.
+    // The engine keeps its copy of a model it solves as given, for the next solve; the basis
+    // of the last solve is read from that copy before it changes.
+    if (!rf.changed) model->sol.ensure_basis();
     EngineResult r = rf.changed ? engine->solve(problem, params, ctx)
                                 : engine->solve_kept(problem, params, ctx, model->engine_state);
     // A convex QP the engine's QP method failed on is solved again through its epigraph.
@@ -733,6 +740,7 @@ void optimize(kvr_model *model) {
   }
   fail_if_memory_exceeded(ctx, "optimization");
   sol.runtime = ctx.elapsed();
+  recycle_solution(model);
   model->sol = std::move(sol);
   if (output) log_summary(model->env, model->sol, ctx.is_mip);
   if (ctx.callback_error)

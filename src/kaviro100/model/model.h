@@ -37,12 +37,19 @@ struct EngineState {
   std::vector<int> changed_vars, changed_constrs;
   std::vector<std::pair<int, int>> changed_coeffs;
   bool scan_all = false;
+  bool objective_replaced = false;  // the whole linear objective: every cost is given again
+  // Vectors of a discarded solution, sized as they were: the next solve fills them instead of
+  // new, cleared ones.
+  struct Spare {
+    std::vector<double> x, slack, rc, pi;
+  } spare;
   void clear_changes() {
     deletions.clear();
     changed_vars.clear();
     changed_constrs.clear();
     changed_coeffs.clear();
     scan_all = false;
+    objective_replaced = false;
   }
 };
 // The outcome of the last tuning run: the parameters in force when it started and the improved
@@ -123,6 +130,8 @@ int run_on_model(kvr_model *model, Body &&body) noexcept {
 void update_model(kvr_model *model);
 // Drops the results of the last solve (a change of the model makes them stale).
 void discard_solution(kvr_model *model);
+// Hands the vectors of the solution to the engine's state for reuse, leaving them empty.
+void recycle_solution(kvr_model *model);
 // Marks `data` as changed (invalidates the caches derived from it).
 void data_changed(kvr_model *model);
 

@@ -30,7 +30,18 @@ struct Solution {
   std::vector<double> x, slack, qcslack;
   std::vector<double> rc, pi, qcpi;
   std::vector<double> barx;
+  // The final basis. An engine that keeps its solver state hands it over on first use: call
+  // ensure_basis() before reading it (false when the last solve has none).
   std::vector<int> vbasis, cbasis;
+  std::function<void(Solution &)> basis_source;
+  bool ensure_basis() {
+    if (vbasis.empty() && cbasis.empty() && basis_source) {
+      auto source = std::move(basis_source);
+      basis_source = nullptr;
+      source(*this);
+    }
+    return !vbasis.empty() || !cbasis.empty();
+  }
 
   // Solution pool, best first: pool_x[k] has one value per variable; pool_obj[k] its objective.
   std::vector<std::vector<double>> pool_x;

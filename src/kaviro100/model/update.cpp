@@ -35,8 +35,10 @@ void note_changes(EngineState &e, const PendingChanges &p, const ModelData &d) {
   for (const Change &c : p.log) {
     if (c.kind == ChangeKind::Coeff) {
       e.changed_coeffs.emplace_back(c.elem, c.sub);
+    } else if (c.kind == ChangeKind::Objective) {
+      e.objective_replaced = true;
     } else if (c.kind != ChangeKind::Attr) {
-      e.scan_all = true;  // a whole objective or quadratic terms
+      e.scan_all = true;  // another objective or quadratic terms
     } else if (const AttrDef &def = attr_def(c.attr); def.compared) {
       // The objective's sense and constant are always compared; other writes are not given.
       (def.cls == AttrClass::Var ? e.changed_vars : e.changed_constrs).push_back(c.elem);
@@ -130,7 +132,22 @@ const ModelData &shown_data(const kvr_model *m, ModelData &scratch) {
   return scratch;
 }
 
-void discard_solution(kvr_model *model) { model->sol.clear(); }
+void discard_solution(kvr_model *model) {
+  recycle_solution(model);
+  model->sol.clear();
+}
+
+void recycle_solution(kvr_model *model) {
+  if (!model->engine_state) return;
+  Solution &sol = model->sol;
+  EngineState::Spare &spare = model->engine_state->spare;
+  // A vector the solution did not use keeps the spare one.
+  auto keep = [](std::vector<double> &from, std::vector<double> &to) {
+    if (from.capacity() > 0) to = std::move(from);
+  };
+  keep(sol.x, spare.x), keep(sol.slack, spare.slack), keep(sol.rc, spare.rc),
+      keep(sol.pi, spare.pi);
+}
 
 void data_changed(kvr_model *model) { ++model->version; }
 

@@ -866,8 +866,9 @@ struct ScipUpdate {
 };
 
 // Brings the kept problem up to date with m: the deleted rows, the variables and rows changed in
-// place, then the new variables and rows. Returns false when the change is better handed over in
-// full (deleted variables, a replaced objective, more new elements than the problem had).
+// place (every cost when the objective was replaced), then the new variables and rows. Returns
+// false when the change is better handed over in full (deleted variables, quadratic terms, more
+// new elements than the problem had).
 bool update_kept(KeptScip &k, EngineState &changes, const ModelData &m, ScipRun &run,
                  ScipUpdate &out) {
   const Api &a = run.a;
@@ -942,6 +943,9 @@ bool update_kept(KeptScip &k, EngineState &changes, const ModelData &m, ScipRun 
   };
   for (int j : once(changes.changed_vars))
     if (j < n0) set_var(j), ++out.changed;
+  if (changes.objective_replaced)
+    for (int j = 0; j < n0; ++j, ++out.changed)
+      check(a.SCIPchgVarObj(s, k.vars[j], m.vars.obj[j]), "changing an objective coefficient");
   for (int i : once(changes.changed_constrs))
     if (i < m0) set_sides(i), ++out.changed;
   const SparseMatrix &A = m.constrs.rows;
