@@ -182,6 +182,15 @@ def build(name, env):
         for _ in range(rows):
             w = [rng.randint(5, 40) for _ in range(cols)]
             m.addConstr(kp.quicksum(w[j] * x[j] for j in range(cols)) <= 2 * sum(w))
+    elif kind == "icover":
+        # Covering with general integers: ROWS demands met by multiples of COLS sparse columns.
+        rows, cols = a
+        x = m.addVars(cols, ub=10, vtype=KVR.INTEGER)
+        m.setObjective(kp.quicksum(rng.randint(5, 40) * v for v in x.values()))
+        for _ in range(rows):
+            m.addConstr(kp.quicksum(rng.randint(1, 9) * x[j]
+                                    for j in rng.sample(range(cols), max(2, cols // 5)))
+                        >= rng.randint(20, 60))
     elif kind == "fcnf":
         # Fixed-charge flow on a random digraph: continuous flows, a binary opens each arc.
         n, deg = a
@@ -212,6 +221,13 @@ def build(name, env):
         m.setObjective(kp.quicksum(rng.randint(1, 100) * v for v in x.values()))
         for _ in range(rows):
             m.addConstr(kp.quicksum(x[j] for j in rng.sample(range(cols), k)) >= 1)
+    elif kind == "spack":
+        # Set packing: each row allows one of K random columns, values in [1, 100] maximized.
+        rows, cols, k = a
+        x = m.addVars(cols, vtype=KVR.BINARY)
+        m.setObjective(kp.quicksum(rng.randint(1, 100) * v for v in x.values()), KVR.MAXIMIZE)
+        for _ in range(rows):
+            m.addConstr(kp.quicksum(x[j] for j in rng.sample(range(cols), k)) <= 1)
     elif kind == "lot":
         # Capacitated lot sizing: P products over T periods share a capacity; a binary setup
         # per product and period, continuous production and stock, demand met in each period.
@@ -233,6 +249,23 @@ def build(name, env):
         cap = max(sum(demand[p, t] for p in range(products)) for t in range(periods))
         cap = max(cap + 5 * products, 1.3 * sum(demand.values()) / periods)
         m.addConstrs(prod.sum("*", t) + 5 * setup.sum("*", t) <= cap for t in range(periods))
+    elif kind == "batch":
+        # Lot sizing in whole batches: a general integer number of batches of a fixed size per
+        # product and period (at most 8), a binary setup allowing them, continuous stock.
+        periods, products = a
+        size = [rng.randint(10, 30) for _ in range(products)]
+        batches = m.addVars(products, periods, ub=8, vtype=KVR.INTEGER)
+        stock = m.addVars(products, periods)
+        setup = m.addVars(products, periods, vtype=KVR.BINARY)
+        m.setObjective(kp.quicksum(rng.uniform(50, 200) * setup[k] + rng.uniform(1, 3) * stock[k]
+                                   + rng.uniform(5, 15) * batches[k] for k in setup))
+        for p in range(products):
+            for t in range(periods):
+                before = stock[p, t - 1] if t else 0
+                m.addConstr(before + size[p] * batches[p, t] == rng.randint(0, 40) + stock[p, t])
+                m.addConstr(batches[p, t] <= 8 * setup[p, t])
+        m.addConstrs(kp.quicksum(size[p] * batches[p, t] for p in range(products))
+                     <= 60 * products for t in range(periods))
     else:
         raise SystemExit(f"unknown model {name}")
     return m
