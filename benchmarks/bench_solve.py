@@ -17,12 +17,17 @@ solve are counted (KVRreadmodel and KVRoptimize; Highs::readModel and Highs::run
 call; the Python calls around them are a few thousand instructions on either side.
 
     python benchmarks/bench_solve.py [--runs N] [--callgrind] [--peer-python PY] [name.mps ...]
-    python benchmarks/bench_solve.py --engines [--runs N]
+    python benchmarks/bench_solve.py --engines [--families] [--runs N] [model ...]
 
-With --engines kaviropy alone runs each shared MIP and a set of nonconvex models (built in the
-measuring process; `NonConvex` 2) three ways: HiGHS forced, SCIP forced and the automatic choice
-(KAVIRO_ENGINE_OPTIONS), same parameters otherwise; the table shows median seconds and the
-automatic choice's time over the better of the two engines.
+With --engines kaviropy alone runs each shared MIP, with --families also generated MIPs
+(ENGINE_FAMILIES), and a set of nonconvex models (built in the measuring process; `NonConvex` 2)
+three ways: HiGHS forced, SCIP forced and the automatic choice (KAVIRO_ENGINE_OPTIONS), same
+parameters otherwise, each run a fresh process, the three taking turns. The table shows the
+model's columns, rows, binaries and general integers, median CPU seconds, the automatic choice's
+CPU and wall-clock time over the better of the two engines and the engine it took (from its log),
+then the models where it needs more than 1.10 times the better engine's CPU time (and 10 ms more).
+Models named on the command line (shared ones by file name, generated ones by name, such as
+knap-5-30) replace the default list.
 
 With --methods the LP instances and lp-N (N from --lp-sizes; see ../shared/benchmarks.md; once with
 presolve as set by default and once with Presolve 0, as bench_build solves it) are solved by
@@ -77,9 +82,10 @@ HIGHSPY = """
 import json, sys, time
 import highspy
 h = highspy.Highs(); h.setOptionValue("output_flag", False)
-# The tolerances kaviropy hands to the engine by default, so that both follow the same path.
+# The tolerances kaviropy hands to the engine by default, so that both follow the same path (a
+# MIP's one tolerance is the tighter of IntFeasTol 1e-5 and FeasibilityTol 1e-6).
 for name, value in (("primal_feasibility_tolerance", 1e-6), ("dual_feasibility_tolerance", 1e-6),
-                    ("mip_feasibility_tolerance", 1e-5), ("mip_abs_gap", 1e-10)):
+                    ("mip_feasibility_tolerance", 1e-6), ("mip_abs_gap", 1e-10)):
     h.setOptionValue(name, value)
 t, c = time.perf_counter(), time.process_time()
 h.readModel(sys.argv[1])
@@ -398,11 +404,15 @@ def measure(python, script, path):
 ENGINE_MIPS = ["p0548.mps", "lseu.mps", "egout.mps", "flugpl.mps", "bell5.mps", "dcmulti.mps",
                "rgn.mps", "p01.mps", "small_mip.mps", "mip2171.mps", "tiny_mip.mps"]
 # Generated MIP families of --engines --families (see BUILDERS): general-integer knapsacks
-# (knap-ROWS-COLS), fixed-charge network flow (fcnf-NODES-DEGREE), set covering
-# (cover-ROWS-COLS-K) and capacitated lot sizing (lot-PERIODS-PRODUCTS).
+# (knap-ROWS-COLS) and covering (icover-ROWS-COLS), fixed-charge network flow
+# (fcnf-NODES-DEGREE), set covering (cover-ROWS-COLS-K) and packing (spack-ROWS-COLS-K),
+# capacitated lot sizing with binary setups (lot-PERIODS-PRODUCTS) and in integer batches
+# (batch-PERIODS-PRODUCTS).
 ENGINE_FAMILIES = ["knap-3-20", "knap-5-30", "knap-5-40", "knap-20-10", "knap-40-8",
-                   "fcnf-20-3", "fcnf-25-3", "fcnf-40-3", "cover-100-60-4", "cover-150-80-5",
-                   "cover-200-100-5", "cover-300-150-5", "lot-10-3", "lot-20-6", "lot-30-8"]
+                   "icover-30-40", "icover-40-50", "icover-25-60", "fcnf-20-3", "fcnf-25-3",
+                   "fcnf-40-3", "cover-100-60-4", "cover-150-80-5", "cover-200-100-5",
+                   "cover-300-150-5", "spack-200-100-5", "spack-250-120-5", "lot-10-3",
+                   "lot-20-6", "lot-30-8", "batch-10-3"]
 
 # One model of --engines solved in a process of its own: a shared MIP (read and solve timed) or a
 # generated family (solve timed; the build is the same for every engine). With a third argument

@@ -60,13 +60,14 @@ std::string forced_engine() {
 }
 
 // Why SCIP rather than HiGHS should solve a MIP that both can solve, or "" when HiGHS should.
-// Measured with bench_solve --engines --families (CPU time, engines taking turns): SCIP was faster
-// on programs over general integers alone (1.3-4x on knapsacks, integer covering, flugpl) and on
-// pure set covering, packing and partitioning models (1.3-4x); HiGHS was as fast or faster on
-// binary programs with other rows (lseu, p0548 2x), on mixed-binary models (dcmulti 2.5x, lot
-// sizing in integer batches 30x) and on integer models with far more rows than columns (mip2171
-// 5x). Only plain MIPs qualify: linear rows and integer or continuous columns, no callback, and
-// no setting that SCIP would leave unapplied.
+// Measured with bench_solve --engines --families (CPU time, engines taking turns; the table is in
+// benchmarks/README.md): SCIP was faster on programs over general integers alone (knapsacks
+// 1.7-3.5x, flugpl 1.4x; integer covering either way) and on set covering, packing and
+// partitioning models (1.5-4.2x on the larger ones). HiGHS was as fast or faster on binary
+// programs with other rows (lseu 2x), on integer models with far more rows than columns (mip2171
+// 5x) and on most mixed-binary ones (dcmulti 2.5x, lot sizing in integer batches 34x), where the
+// winner changes between instances of one shape. Only plain MIPs qualify: linear rows, integer or
+// continuous columns, no callback and no setting that SCIP would leave unapplied.
 std::string scip_is_faster(const ModelData &m, const ParamValues &params, bool has_callback) {
   if (has_callback || m.q.size() > 0 || m.sos.size() > 0 || m.gens.size() > 0 ||
       m.facts().semicontinuous > 0 || m.objn.size() > 1 || !m.scenarios.empty() ||
@@ -74,14 +75,13 @@ std::string scip_is_faster(const ModelData &m, const ParamValues &params, bool h
     return "";
   if (!unapplied_settings(*find_engine("SCIP"), params).empty()) return "";
   const int n = m.num_vars(), rows = m.num_constrs();
-  std::vector<char> binary(n, 0);
   int binaries = 0, general = 0;
   for (int j = 0; j < n; ++j) {
     const char t = m.vars.vtype[j];
     if (t == KVR_CONTINUOUS) continue;
-    binary[j] = t == KVR_BINARY || (m.vars.lb[j] >= 0.0 && m.vars.ub[j] <= 1.0);
-    binaries += binary[j];
-    general += !binary[j];
+    const bool binary = t == KVR_BINARY || (m.vars.lb[j] >= 0.0 && m.vars.ub[j] <= 1.0);
+    binaries += binary;
+    general += !binary;
   }
   // General integers alone (half the columns or more), with at most two rows per column.
   if (binaries == 0 && 2 * general >= n && rows <= 2 * n)
