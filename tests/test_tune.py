@@ -29,6 +29,13 @@ QUICK = {"TuneTimeLimit": 3, "TuneTrials": 1}
 TUNER_SETS = re.compile(r"^(?:Set \d+|Improved set after [\d.]+ s): (.*)$", re.M)
 
 
+@pytest.fixture(autouse=True)
+def on_highs(monkeypatch):
+    """The tuner's trials on HiGHS, whose settings it tries: left to the automatic choice, flugpl
+    and tiny_mip go to SCIP, and a trial setting that SCIP leaves alone brings them back."""
+    monkeypatch.setenv("KAVIRO_ENGINE_OPTIONS", "engine=highs")
+
+
 @pytest.fixture
 def loud_env():
     """An environment whose log reaches the console (captured by capsys)."""
@@ -200,9 +207,7 @@ def pointers(*models):
     return (C.c_void_p * len(models))(*[mm._cmodel for mm in models])
 
 
-def test_several_models_are_tuned_together(env, monkeypatch):
-    # On HiGHS, where these settings make flugpl faster (the automatic choice takes SCIP for it).
-    monkeypatch.setenv("KAVIRO_ENGINE_OPTIONS", "engine=highs")
+def test_several_models_are_tuned_together(env):
     a = read(env, "flugpl.mps", **QUICK)
     b = read(env, "tiny_mip.mps", **QUICK)
     assert clib.lib.KVRtunemodels(2, pointers(a, b)) == 0
