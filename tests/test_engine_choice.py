@@ -2,6 +2,9 @@
 sides of each limit, and what keeps a model on HiGHS whatever its shape."""
 
 import importlib.util
+import os
+import subprocess
+import sys
 
 import pytest
 
@@ -149,3 +152,28 @@ def test_what_keeps_a_scip_shaped_model_on_highs(env, tmp_path, monkeypatch):
         m.reset()
         assert header(m, tmp_path) == ["Engine HiGHS: chosen with KAVIRO_ENGINE_OPTIONS"]
         assert m.ObjVal == pytest.approx(optimum)
+
+
+def test_without_scip_the_shapes_stay_on_highs(tmp_path):
+    # The loader runs once per process: a fresh one points at a file that is no library. The
+    # model SCIP would take for its shape is solved on HiGHS, which needs nothing from SCIP.
+    fake = tmp_path / "libscip-0000.so.10.0"
+    fake.write_text("not a library")
+    script = """
+import kaviropy as kp
+from kaviropy import KVR
+m = kp.Model()
+m.Params.OutputFlag, m.Params.LogToConsole = 1, 1
+x = m.addVars(4, ub=5, vtype=KVR.INTEGER)
+m.addConstr(3 * x[0] + 5 * x[1] + 4 * x[2] + 2 * x[3] <= 17)
+m.setObjective(4 * x[0] + 7 * x[1] + 5 * x[2] + 2 * x[3], KVR.MAXIMIZE)
+m.optimize()
+print("result", m.Status, m.ObjVal)
+"""
+    env = dict(os.environ, KAVIRO_SCIP_LIBRARY=str(fake))
+    env.pop("KAVIRO_ENGINE_OPTIONS", None)
+    out = subprocess.run([sys.executable, "-c", script], capture_output=True, text=True, env=env,
+                         timeout=60).stdout.splitlines()
+    assert [line for line in out if line.startswith("Engine ")] == [HIGHS]
+    # The optimum by enumeration of all 6^4 points: 23 (x = 4, 1, 0, 0).
+    assert out[-1] == f"result {KVR.OPTIMAL} 23.0"
