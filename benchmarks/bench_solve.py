@@ -255,21 +255,24 @@ def build(name, env):
         cap = max(sum(demand[p, t] for p in range(products)) for t in range(periods))
         cap = max(cap + 5 * products, 1.3 * sum(demand.values()) / periods)
         m.addConstrs(prod.sum("*", t) + 5 * setup.sum("*", t) <= cap for t in range(periods))
-    elif kind == "batch":
+    elif kind in ("batch", "ibatch"):
         # Lot sizing in whole batches: a general integer number of batches of a fixed size per
-        # product and period (at most 8), a binary setup allowing them, continuous stock.
+        # product and period (at most 8), continuous stock, and with "batch" a binary setup
+        # allowing them (ibatch: general integers and continuous columns only).
         periods, products = a
         size = [rng.randint(10, 30) for _ in range(products)]
         batches = m.addVars(products, periods, ub=8, vtype=KVR.INTEGER)
         stock = m.addVars(products, periods)
-        setup = m.addVars(products, periods, vtype=KVR.BINARY)
-        m.setObjective(kp.quicksum(rng.uniform(50, 200) * setup[k] + rng.uniform(1, 3) * stock[k]
-                                   + rng.uniform(5, 15) * batches[k] for k in setup))
+        setup = m.addVars(products, periods, vtype=KVR.BINARY) if kind == "batch" else {}
+        m.setObjective(kp.quicksum(rng.uniform(50, 200) * setup.get(k, 0)
+                                   + rng.uniform(1, 3) * stock[k]
+                                   + rng.uniform(5, 15) * batches[k] for k in stock))
         for p in range(products):
             for t in range(periods):
                 before = stock[p, t - 1] if t else 0
                 m.addConstr(before + size[p] * batches[p, t] == rng.randint(0, 40) + stock[p, t])
-                m.addConstr(batches[p, t] <= 8 * setup[p, t])
+                if setup:
+                    m.addConstr(batches[p, t] <= 8 * setup[p, t])
         m.addConstrs(kp.quicksum(size[p] * batches[p, t] for p in range(products))
                      <= 60 * products for t in range(periods))
     else:
@@ -406,13 +409,14 @@ ENGINE_MIPS = ["p0548.mps", "lseu.mps", "egout.mps", "flugpl.mps", "bell5.mps", 
 # Generated MIP families of --engines --families (see BUILDERS): general-integer knapsacks
 # (knap-ROWS-COLS) and covering (icover-ROWS-COLS), fixed-charge network flow
 # (fcnf-NODES-DEGREE), set covering (cover-ROWS-COLS-K) and packing (spack-ROWS-COLS-K),
-# capacitated lot sizing with binary setups (lot-PERIODS-PRODUCTS) and in integer batches
-# (batch-PERIODS-PRODUCTS).
+# capacitated lot sizing with binary setups (lot-PERIODS-PRODUCTS) and in integer batches with
+# and without binary setups (batch-PERIODS-PRODUCTS, ibatch-PERIODS-PRODUCTS).
 ENGINE_FAMILIES = ["knap-3-20", "knap-5-30", "knap-5-40", "knap-20-10", "knap-40-8",
+                   "knap-60-10", "knap-100-6",
                    "icover-30-40", "icover-40-50", "icover-25-60", "fcnf-20-3", "fcnf-25-3",
                    "fcnf-40-3", "cover-100-60-4", "cover-150-80-5", "cover-200-100-5",
                    "cover-300-150-5", "spack-200-100-5", "spack-250-120-5", "lot-10-3",
-                   "lot-20-6", "lot-30-8", "batch-10-3"]
+                   "lot-20-6", "lot-30-8", "batch-10-3", "ibatch-10-3", "ibatch-12-4"]
 
 # One model of --engines solved in a process of its own: a shared MIP (read and solve timed) or a
 # generated family (solve timed; the build is the same for every engine). With a third argument

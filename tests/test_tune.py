@@ -31,8 +31,9 @@ TUNER_SETS = re.compile(r"^(?:Set \d+|Improved set after [\d.]+ s): (.*)$", re.M
 
 @pytest.fixture(autouse=True)
 def on_highs(monkeypatch):
-    """The tuner's trials on HiGHS, whose settings it tries: left to the automatic choice, flugpl
-    and tiny_mip go to SCIP, and a trial setting that SCIP leaves alone brings them back."""
+    """The tuner's trials on HiGHS, whose settings it tries: left to the automatic choice,
+    tiny_mip (set partitioning) goes to SCIP, and a trial setting that SCIP leaves alone brings
+    it back."""
     monkeypatch.setenv("KAVIRO_ENGINE_OPTIONS", "engine=highs")
 
 
