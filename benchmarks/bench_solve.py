@@ -235,6 +235,21 @@ def build(name, env):
         m.setObjective(kp.quicksum(rng.randint(1, 100) * v for v in x.values()), KVR.MAXIMIZE)
         for _ in range(rows):
             m.addConstr(kp.quicksum(x[j] for j in rng.sample(range(cols), k)) <= 1)
+    elif kind == "spart":
+        # Set partitioning: each of ROWS elements in exactly one chosen column; COLS random
+        # columns of K elements, and columns cutting the elements into blocks of K keep it
+        # feasible.
+        rows, cols, k = a
+        subsets = [rng.sample(range(rows), k) for _ in range(cols)]
+        order = rng.sample(range(rows), rows)
+        subsets += [order[i:i + k] for i in range(0, rows, k)]
+        x = m.addVars(len(subsets), vtype=KVR.BINARY)
+        m.setObjective(kp.quicksum(rng.randint(k, 10 * k) * v for v in x.values()))
+        members = [[] for _ in range(rows)]
+        for j, subset in enumerate(subsets):
+            for i in subset:
+                members[i].append(x[j])
+        m.addConstrs(kp.quicksum(members[i]) == 1 for i in range(rows))
     elif kind == "lot":
         # Capacitated lot sizing: P products over T periods share a capacity; a binary setup
         # per product and period, continuous production and stock, demand met in each period.
@@ -413,14 +428,16 @@ ENGINE_MIPS = ["p0548.mps", "lseu.mps", "egout.mps", "flugpl.mps", "bell5.mps", 
                "rgn.mps", "p01.mps", "small_mip.mps", "mip2171.mps", "tiny_mip.mps"]
 # Generated MIP families of --engines --families (see BUILDERS): general-integer knapsacks
 # (knap-ROWS-COLS) and covering (icover-ROWS-COLS), fixed-charge network flow
-# (fcnf-NODES-DEGREE), set covering (cover-ROWS-COLS-K) and packing (spack-ROWS-COLS-K),
+# (fcnf-NODES-DEGREE), set covering (cover-ROWS-COLS-K), packing (spack-ROWS-COLS-K) and
+# partitioning (spart-ROWS-COLS-K),
 # capacitated lot sizing with binary setups (lot-PERIODS-PRODUCTS) and in integer batches with
 # and without binary setups (batch-PERIODS-PRODUCTS, ibatch-PERIODS-PRODUCTS).
 ENGINE_FAMILIES = ["knap-3-20", "knap-5-30", "knap-5-40", "knap-20-10", "knap-40-8",
                    "knap-60-10", "knap-100-6",
                    "icover-30-40", "icover-40-50", "icover-25-60", "fcnf-20-3", "fcnf-25-3",
                    "fcnf-40-3", "cover-100-60-4", "cover-150-80-5", "cover-200-100-5",
-                   "cover-300-150-5", "spack-200-100-5", "spack-250-120-5", "lot-10-3",
+                   "cover-300-150-5", "spack-200-100-5", "spack-250-120-5", "spart-20-100-3",
+                   "spart-24-150-4", "spart-40-300-3", "lot-10-3",
                    "lot-20-6", "lot-30-8", "batch-10-3", "ibatch-10-3", "ibatch-12-4"]
 
 # One model of --engines solved in a process of its own: a shared MIP (read and solve timed) or a

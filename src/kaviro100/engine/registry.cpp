@@ -61,14 +61,14 @@ std::string forced_engine() {
 
 // Why SCIP rather than HiGHS should solve a MIP that both can solve, or "" when HiGHS should.
 // Measured with bench_solve --engines --families (CPU time, engines taking turns; the table is in
-// benchmarks/README.md): SCIP was faster on pure general-integer programs (knapsacks 1.5-3.6x up
+// benchmarks/README.md): SCIP was faster on pure general-integer programs (knapsacks 1.1-3.5x up
 // to six rows per column, HiGHS 1.2x faster at sixteen; integer covering either way) and on set
-// covering, packing and partitioning models (1.7-4.1x on the larger ones). HiGHS was as fast or
-// faster on binary programs with other rows (lseu 2x), on general integers beside continuous
-// columns (lot sizing in integer batches 3.7x and 12x, though flugpl 1.4x the other way) and on
-// most mixed-binary models (dcmulti 2.6x, batches with setups 34x), where the winner changes
-// between instances of one shape. Only plain MIPs qualify: linear rows, integer or continuous
-// columns, no callback and no setting that SCIP would leave unapplied.
+// covering, packing and partitioning models (1.2-4.3x on the seven taking HiGHS 0.23 s or more).
+// HiGHS was as fast or faster on binary programs with other rows (lseu 2x), on general integers
+// beside continuous columns (lot sizing in integer batches 3.7x and 12x, though flugpl 1.4x the
+// other way) and on most mixed-binary models (dcmulti 2.5x, batches with setups 33x), where the
+// winner changes between instances of one shape. Only plain MIPs qualify: linear rows, integer or
+// continuous columns, no callback and no setting that SCIP would leave unapplied.
 std::string scip_is_faster(const ModelData &m, const ParamValues &params, bool has_callback) {
   if (has_callback || m.q.size() > 0 || m.sos.size() > 0 || m.gens.size() > 0 ||
       m.facts().semicontinuous > 0 || m.objn.size() > 1 || !m.scenarios.empty() ||
