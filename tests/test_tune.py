@@ -29,6 +29,14 @@ QUICK = {"TuneTimeLimit": 3, "TuneTrials": 1}
 TUNER_SETS = re.compile(r"^(?:Set \d+|Improved set after [\d.]+ s): (.*)$", re.M)
 
 
+@pytest.fixture(autouse=True)
+def on_highs(monkeypatch):
+    """The tuner's trials on HiGHS, whose settings it tries: left to the automatic choice,
+    tiny_mip (set partitioning) goes to SCIP, and a trial setting that SCIP leaves alone brings
+    it back."""
+    monkeypatch.setenv("KAVIRO_ENGINE_OPTIONS", "engine=highs")
+
+
 @pytest.fixture
 def loud_env():
     """An environment whose log reaches the console (captured by capsys)."""

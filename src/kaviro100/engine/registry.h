@@ -40,8 +40,9 @@ struct EngineChoice {
 // gives: nonconvex quadratics under NonConvex 2, quadratic constraints with integer variables, or
 // a MIP callback with LazyConstraints 1 or PreCrush 1 (lazy rows and user cuts during the
 // search) or that acts at MIPNODE (callback_wheres, bits 1 << where, as declared with the
-// callback). Fails with INVALID_ARGUMENT for an unknown name and NOT_SUPPORTED when the named
-// engine cannot be loaded.
+// callback). SCIP also takes the plain MIPs it solves faster: general integers only, or set
+// covering, packing and partitioning rows only (see scip_is_faster). Fails with INVALID_ARGUMENT
+// for an unknown name and NOT_SUPPORTED when the named engine cannot be loaded.
 EngineChoice choose_engine(const ModelData &m, const ParamValues &params, bool has_callback,
                            int callback_wheres = 0);
 
