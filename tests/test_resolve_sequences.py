@@ -1,0 +1,441 @@
+"""Seeded random sequences of changes, reads, copies and solves on one model, each solve checked
+against a cold solve of a fresh copy of the changed model: same status, same objective, a
+solution feasible for the model as it now is, and for LPs duals and a basis that belong to that
+solution. Both engines, forced through KAVIRO_ENGINE_OPTIONS. The default run tries a few seeds;
+`-m slow` many more."""
+
+import importlib.util
+import math
+import random
+
+import pytest
+
+import kaviropy as kp
+from kaviropy import KVR
+
+MODEL_NAME = "sequences"
+ENGINES = ["highs"] + (["scip"] if importlib.util.find_spec("pyscipopt") else [])
+INF = KVR.INFINITY
+TOL = 1e-5
+NO_ANSWER = (KVR.INFEASIBLE, KVR.UNBOUNDED, KVR.INF_OR_UNBD)
+
+
+@pytest.fixture(params=ENGINES)
+def engine(request, monkeypatch):
+    monkeypatch.setenv("KAVIRO_ENGINE_OPTIONS", f"engine={request.param}")
+    return request.param
+
+
+def close(a, b, tol=TOL):
+    return abs(a - b) <= tol * max(1.0, abs(a), abs(b))
+
+
+class Sequence:
+    """A random model and the random calls made on it; `trace` lists the calls for a report."""
+
+    def __init__(self, env, seed, engine):
+        self.rng = random.Random(seed)
+        self.engine = engine
+        self.env = env
+        self.trace = []
+        self.m = kp.Model(env=env)
+        self.m.Params.MIPGap = 0.0
+        self.m.Params.MIPGapAbs = 0.0
+        self.gens = []          # (handle, "and"/"or", resultant, operands)
+        self.point = {}         # variable name -> a value that most rows and bounds admit
+        rng = self.rng
+        self.mip = mip = rng.random() < 0.5
+        for _ in range(rng.randint(3, 12)):
+            self.add_var(binary=mip and rng.random() < 0.5, integer=mip)
+        for _ in range(rng.randint(2, 10)):
+            self.add_constr()
+        if mip:
+            for _ in range(rng.randint(0, 2)):
+                self.add_gen()
+        self.new_objective()
+        self.m.update()
+
+    # -- the model's parts ------------------------------------------------------------------
+    def log(self, text):
+        self.trace.append(text)
+
+    def vars(self):
+        return self.m.getVars()
+
+    def constrs(self):
+        return self.m.getConstrs()
+
+    def tied(self):
+        """Variables of and/or constraints: they stay binaries and in the model."""
+        return {v.index() for _, _, r, ops in self.gens for v in [r] + ops}
+
+    def at_point(self, v):
+        return self.point.get(v.VarName, 0)
+
+    def add_var(self, binary=False, value=None, integer=True):
+        rng = self.rng
+        cons = self.constrs()
+        col = kp.Column()
+        for c in rng.sample(cons, min(len(cons), rng.randint(0, 3))):
+            col.addTerms(rng.randint(-4, 4) or 1, c)
+        name = f"v{len(self.point)}"
+        # A column in existing rows keeps their activity at the point by being 0 there.
+        self.point[name] = value if value is not None else \
+            0 if col.size() else rng.randint(0, 1 if binary else 2)
+        if binary:
+            v = self.m.addVar(vtype=KVR.BINARY, obj=rng.randint(-5, 5), column=col, name=name)
+        else:
+            lb = rng.choice([0, 0, -2, -INF])
+            ub = rng.choice([4, 6, 10, INF])
+            v = self.m.addVar(lb=lb, ub=ub, obj=rng.randint(-5, 5), column=col, name=name,
+                              vtype=KVR.INTEGER if integer and rng.random() < 0.25
+                              else KVR.CONTINUOUS)
+        self.log(f"addVar({'B' if binary else (lb, ub)}, col={col.size()})")
+        return v
+
+    def fit_rhs(self, c):
+        self.m.update()
+        row = self.m.getRow(c)
+        c.RHS = self.rhs_for([(row.getCoeff(k), row.getVar(k)) for k in range(row.size())],
+                             c.Sense)
+
+    def rhs_for(self, terms, sense):
+        """Mostly a right-hand side the point satisfies, sometimes any."""
+        if self.rng.random() < 0.1:
+            return self.rng.randint(-3, 15)
+        act = sum(a * self.at_point(v) for a, v in terms)
+        return act + {"<": 1, ">": -1, "=": 0}[sense] * self.rng.randint(0, 3)
+
+    def add_constr(self):
+        rng = self.rng
+        self.m.update()
+        vs = self.vars()
+        terms = [(rng.randint(-4, 4) or 1, v)
+                 for v in rng.sample(vs, min(len(vs), rng.randint(1, 5)))]
+        sense = rng.choice("<<>=")
+        rhs = self.rhs_for(terms, sense)
+        c = self.m.addLConstr(kp.quicksum(a * v for a, v in terms), sense, rhs)
+        self.log(f"addConstr({sense}{rhs})")
+        return c
+
+    def add_gen(self):
+        rng = self.rng
+        self.m.update()
+        binaries = [v for v in self.vars() if v.VType == KVR.BINARY]
+        while len(binaries) < 2:
+            binaries.append(self.add_var(binary=True))
+        ops = rng.sample(binaries, rng.randint(2, min(4, len(binaries))))
+        kind = rng.choice(["and", "or"])
+        values = [self.at_point(v) for v in ops]
+        res = self.add_var(binary=True, value=min(values) if kind == "and" else max(values))
+        self.m.update()
+        add = self.m.addGenConstrAnd if kind == "and" else self.m.addGenConstrOr
+        g = add(res, ops)
+        self.m.update()
+        self.gens.append((g, kind, res, ops))
+        self.log(f"addGenConstr{kind}({len(ops)})")
+
+    def new_objective(self):
+        rng = self.rng
+        self.m.update()
+        vs = self.vars()
+        sense = rng.choice([KVR.MINIMIZE, KVR.MAXIMIZE])
+        expr = kp.quicksum(rng.randint(-5, 5) * v for v in vs) + rng.randint(-2, 2)
+        if rng.random() < 0.25:   # convex for its sense
+            sign = 1 if sense == KVR.MINIMIZE else -1
+            for v in rng.sample(vs, min(2, len(vs))):
+                expr += sign * rng.randint(1, 3) * v * v
+        self.m.setObjective(expr, sense)
+        self.log(f"setObjective(sense={sense})")
+
+    # -- one random call --------------------------------------------------------------------
+    def step(self):
+        rng, m = self.rng, self.m
+        m.update()
+        vs, cons = self.vars(), self.constrs()
+        tied = self.tied()
+        free = [v for v in vs if v.index() not in tied]
+        kind = rng.choice(["bounds", "bounds", "obj", "objective", "rhs", "sense", "coeff",
+                           "vtype", "addvar", "delvar", "addcon", "delcon", "addgen", "delgen",
+                           "basis", "pstart", "start", "warm", "reset", "read", "copy",
+                           "update", "optimize", "optimize", "optimize"])
+        if kind == "bounds" and vs:
+            v = rng.choice(vs)
+            p = self.at_point(v)
+            if v.VType == KVR.BINARY or v.index() in tied:
+                lb = rng.choice([0, 0, 1])
+                ub = rng.choice([1, 1, lb])
+            elif rng.random() < 0.75:   # still admitting the point
+                lb = rng.choice([-INF, p - 2, p, p])
+                ub = rng.choice([INF, p, p + 1, p + 3])
+            else:
+                lb = rng.choice([-INF, -3, 0, 0, 1, 2])
+                ub = rng.choice([INF, 0, 2, 3, 5, 8])
+                if rng.random() < 0.3 and lb > -INF:
+                    ub = lb     # fixed
+            v.LB, v.UB = lb, ub
+            self.log(f"x{v.index()}.bounds={lb},{ub}")
+        elif kind == "obj" and vs:
+            v = rng.choice(vs)
+            v.Obj = rng.randint(-5, 5)
+            self.log(f"x{v.index()}.Obj={v.Obj}")
+        elif kind == "objective":
+            self.new_objective()
+        elif kind == "rhs" and cons:
+            c = rng.choice(cons)
+            self.fit_rhs(c)
+            self.log(f"c{c.index()}.RHS")
+        elif kind == "sense" and cons:
+            c = rng.choice(cons)
+            c.Sense = rng.choice("<>=")
+            self.fit_rhs(c)
+            self.log(f"c{c.index()}.Sense")
+        elif kind == "coeff" and cons and vs:
+            c, v = rng.choice(cons), rng.choice(vs)
+            val = rng.randint(-4, 4)
+            m.chgCoeff(c, v, val)
+            self.fit_rhs(c)
+            self.log(f"chgCoeff(c{c.index()},x{v.index()},{val})")
+        elif kind == "vtype" and free:
+            v = rng.choice(free)
+            t = rng.choice([KVR.CONTINUOUS, KVR.INTEGER, KVR.BINARY])
+            v.VType = t
+            if t == KVR.BINARY:
+                v.LB, v.UB = 0, 1
+            self.log(f"x{v.index()}.VType={t}")
+        elif kind == "addvar":
+            self.add_var(binary=self.mip and rng.random() < 0.3, integer=self.mip)
+        elif kind == "delvar" and len(free) > 1:
+            v = rng.choice(free)
+            m.remove(v)
+            self.log(f"remove(x{v.index()})")
+        elif kind == "addcon":
+            self.add_constr()
+        elif kind == "delcon" and len(cons) > 1:
+            c = rng.choice(cons)
+            m.remove(c)
+            self.log(f"remove(c{c.index()})")
+        elif kind == "addgen" and self.mip:
+            self.add_gen()
+        elif kind == "delgen" and self.gens:
+            g = self.gens.pop(rng.randrange(len(self.gens)))
+            m.remove(g[0])
+            self.log("remove(gen)")
+        elif kind == "basis" and vs and cons:
+            vb = [rng.choice([KVR.BASIC, KVR.NONBASIC_LOWER, KVR.NONBASIC_UPPER]) for _ in vs]
+            cb = [rng.choice([KVR.BASIC, KVR.NONBASIC_LOWER]) for _ in cons]
+            m.setAttr("VBasis", vs, vb)
+            m.setAttr("CBasis", cons, cb)
+            self.log("VBasis/CBasis set")
+        elif kind == "pstart" and vs:
+            m.setAttr("PStart", vs, [rng.randint(-2, 5) for _ in vs])
+            self.log("PStart set")
+        elif kind == "start" and vs:
+            m.setAttr("Start", vs, [rng.choice([0, 1, 2, kp.KVR.UNDEFINED]) for _ in vs])
+            self.log("Start set")
+        elif kind == "warm":
+            m.Params.LPWarmStart = rng.randint(0, 1)
+            self.log(f"LPWarmStart={m.Params.LPWarmStart}")
+        elif kind == "reset":
+            m.reset()
+            self.log("reset()")
+        elif kind == "read":
+            self.read_everything(m)
+            self.log("read")
+        elif kind == "copy":
+            c = m.copy()
+            self.log("copy().optimize()")
+            try:
+                assert self.outcome(c) == self.outcome(m), "a copy solves differently"
+            finally:
+                c.dispose()
+        elif kind == "update":
+            m.update()
+            self.log("update()")
+        elif kind == "optimize":
+            self.solve_and_check()
+
+    @staticmethod
+    def read_everything(m):
+        """Reads each result; absent ones must fail with an error, not a crash."""
+        for attr in ("X", "RC", "VBasis", "Start", "PStart"):
+            try:
+                m.getAttr(attr, m.getVars())
+            except (AttributeError, kp.KaviroError):
+                pass
+        for attr in ("Pi", "Slack", "CBasis"):
+            try:
+                m.getAttr(attr, m.getConstrs())
+            except (AttributeError, kp.KaviroError):
+                pass
+        try:
+            m.ObjVal
+        except (AttributeError, kp.KaviroError):
+            pass
+
+    # -- solving and checking ---------------------------------------------------------------
+    def solve_and_check(self):
+        self.log("optimize()")
+        self.check(self.m)
+
+    @staticmethod
+    def outcome(model):
+        """The status after optimize(), or the error code of a refused solve."""
+        try:
+            model.optimize()
+        except kp.KaviroError as err:
+            return ("error", err.errno, err.message)
+        return ("status", model.Status)
+
+    def check(self, model):
+        got = self.outcome(model)
+        cold = model.copy()
+        cold.reset()
+        cold.Params.LPWarmStart = 0
+        want = self.outcome(cold)
+        try:
+            self.compare(model, cold, got, want)
+        finally:
+            cold.dispose()
+
+    def compare(self, model, cold, got, want):
+        if got != want and got[0] == want[0] == "status" and \
+                got[1] in NO_ANSWER and want[1] in NO_ANSWER:
+            # Infeasible or unbounded may be told apart by one solve and not by the other; only
+            # a feasible model called infeasible, or an infeasible one unbounded, is wrong.
+            feasible = self.has_feasible_point(cold)
+            for status in (got[1], want[1]):
+                assert status != (KVR.INFEASIBLE if feasible else KVR.UNBOUNDED), \
+                    (got, want, feasible)
+            return
+        assert got == want, f"warm {got}, cold {want}"
+        if got != ("status", KVR.OPTIMAL):
+            return
+        assert close(model.ObjVal, cold.ObjVal), (model.ObjVal, cold.ObjVal)
+        self.check_primal(model)
+        if not model.IsMIP and not model.IsQP:
+            self.check_duals(model, basis=self.engine == "highs")
+
+    @staticmethod
+    def has_feasible_point(cold):
+        f = cold.copy()
+        f.setObjective(kp.LinExpr())
+        f.optimize()
+        feasible = f.Status == KVR.OPTIMAL
+        f.dispose()
+        return feasible
+
+    def check_primal(self, model):
+        vs = model.getVars()
+        x = model.getAttr("X", vs)
+        assert len(x) == model.NumVars
+        for v, xv in zip(vs, x):
+            assert v.LB - TOL <= xv <= v.UB + TOL, (v.index(), v.LB, xv, v.UB)
+            if v.VType != KVR.CONTINUOUS:
+                assert abs(xv - round(xv)) <= TOL, (v.index(), xv)
+        slacks = model.getAttr("Slack", model.getConstrs())
+        assert len(slacks) == model.NumConstrs
+        for c, slack in zip(model.getConstrs(), slacks):
+            act = model.getRow(c).getValue()
+            assert close(slack, c.RHS - act), (c.index(), slack, c.RHS - act)
+            if c.Sense == "<":
+                assert act <= c.RHS + TOL, (c.index(), act, c.RHS)
+            elif c.Sense == ">":
+                assert act >= c.RHS - TOL, (c.index(), act, c.RHS)
+            else:
+                assert close(act, c.RHS), (c.index(), act, c.RHS)
+        for g in model.getGenConstrs():
+            kind = g.GenConstrType
+            if kind == KVR.GENCONSTR_AND:
+                res, ops = model.getGenConstrAnd(g)
+                assert round(res.X) == min(round(o.X) for o in ops)
+            elif kind == KVR.GENCONSTR_OR:
+                res, ops = model.getGenConstrOr(g)
+                assert round(res.X) == max(round(o.X) for o in ops)
+        assert close(model.ObjVal, model.getObjective().getValue()), \
+            (model.ObjVal, model.getObjective().getValue())
+
+    @staticmethod
+    def check_duals(model, basis):
+        """Reduced costs are the costs less the priced rows, both have the signs of an optimal
+        dual solution and vanish where the primal is not at a bound; the basis (when the engine
+        gives one) has one basic element per row and nonbasic elements at their bounds."""
+        vs, cons = model.getVars(), model.getConstrs()
+        flip = 1.0 if model.ModelSense == KVR.MINIMIZE else -1.0
+        x, rc = model.getAttr("X", vs), model.getAttr("RC", vs)
+        pi, slack = model.getAttr("Pi", cons), model.getAttr("Slack", cons)
+        assert len(rc) == len(vs) and len(pi) == len(cons)
+        priced = [v.Obj for v in vs]
+        for c, p in zip(cons, pi):
+            row = model.getRow(c)
+            for k in range(row.size()):
+                priced[row.getVar(k).index()] -= row.getCoeff(k) * p
+        for v, xv, d, want in zip(vs, x, rc, priced):
+            assert close(d, want), ("RC", v.index(), d, want)
+            d *= flip
+            if xv > v.LB + TOL:
+                assert d <= TOL, ("RC sign", v.index(), xv, d)
+            if xv < v.UB - TOL:
+                assert d >= -TOL, ("RC sign", v.index(), xv, d)
+        for c, p, s in zip(cons, pi, slack):
+            p *= flip
+            if c.Sense == "<":
+                assert p <= TOL, ("Pi sign", c.index(), p)
+            elif c.Sense == ">":
+                assert p >= -TOL, ("Pi sign", c.index(), p)
+            if abs(s) > TOL:
+                assert abs(p) <= TOL, ("Pi of a loose row", c.index(), p, s)
+        if not basis:
+            return      # SCIP gives none
+        vb, cb = model.getAttr("VBasis", vs), model.getAttr("CBasis", cons)
+        assert len(vb) == len(vs) and len(cb) == len(cons)
+        assert sum(b == KVR.BASIC for b in vb + cb) == len(cons), (vb, cb)
+        for v, xv, b in zip(vs, x, vb):
+            if b == KVR.NONBASIC_LOWER:
+                assert close(xv, v.LB), ("VBasis", v.index(), xv, v.LB)
+            elif b == KVR.NONBASIC_UPPER:
+                assert close(xv, v.UB), ("VBasis", v.index(), xv, v.UB)
+            elif b == KVR.SUPERBASIC:
+                assert v.LB == -INF and v.UB == INF, ("VBasis", v.index())
+        for c, s, b in zip(cons, slack, cb):
+            if b != KVR.BASIC:
+                assert abs(s) <= TOL, ("CBasis", c.index(), s)
+
+
+def run(env, engine, seed, steps=None):
+    """Runs the sequence of this seed; a failing check names the seed and the calls made."""
+    seq = Sequence(env, seed, engine)
+    try:
+        for _ in range(steps or seq.rng.randint(20, 40)):
+            seq.step()
+        seq.solve_and_check()
+    except Exception as err:
+        raise AssertionError(f"seed {seed}: {' ; '.join(seq.trace)}\n{err!r}") from err
+    finally:
+        seq.m.dispose()
+
+
+@pytest.mark.parametrize("seed", range(20))
+def test_random_sequences(env, engine, seed):
+    run(env, engine, seed)
+
+
+@pytest.mark.slow
+@pytest.mark.parametrize("block", range(10))
+def test_random_sequences_many(env, engine, block):
+    for seed in range(1000 + 40 * block, 1040 + 40 * block):
+        run(env, engine, seed)
+
+
+def test_start_is_offered_while_a_heuristic_stores_its_solution(env, engine):
+    """A partial start that SCIP's first heuristic beats: offering it while SCIP stores that
+    solution made the solve fail."""
+    for vtype in (KVR.CONTINUOUS, KVR.INTEGER):
+        m = kp.Model(env=env)
+        x = m.addVar(vtype=vtype, obj=-1, ub=1)
+        y = m.addVar(vtype=KVR.INTEGER, ub=3, obj=-1)
+        m.addConstr(x + y <= 3)
+        x.Start = 1
+        m.optimize()
+        assert m.Status == KVR.OPTIMAL and m.ObjVal == pytest.approx(-3)
+        m.dispose()
