@@ -396,7 +396,7 @@ class Sequence:
             elif b == KVR.NONBASIC_UPPER:
                 assert close(xv, v.UB), ("VBasis", v.index(), xv, v.UB)
             elif b == KVR.SUPERBASIC:
-                assert v.LB == -INF and v.UB == INF, ("VBasis", v.index())
+                assert v.LB <= -INF and v.UB >= INF, ("VBasis", v.index())
         for c, s, b in zip(cons, slack, cb):
             if b != KVR.BASIC:
                 assert abs(s) <= TOL, ("CBasis", c.index(), s)
@@ -439,3 +439,18 @@ def test_start_is_offered_while_a_heuristic_stores_its_solution(env, engine):
         m.optimize()
         assert m.Status == KVR.OPTIMAL and m.ObjVal == pytest.approx(-3)
         m.dispose()
+
+
+def test_incumbent_with_an_infinite_value_is_not_the_solution(env, engine):
+    """HiGHS announced an incumbent with x = inf (a column its presolve removed); taken as the
+    best solution it gave ObjVal inf with status OPTIMAL."""
+    m = kp.Model(env=env)
+    b = m.addVar(vtype=KVR.BINARY, obj=-3)
+    n = m.addVar(lb=-INF, ub=6, vtype=KVR.INTEGER, obj=5)
+    x = m.addVar(obj=2)
+    m.addConstr(-b + 2 * n + 2 * x <= -1)
+    m.ModelSense = KVR.MAXIMIZE
+    m.optimize()
+    assert m.Status == KVR.OPTIMAL and m.ObjVal == pytest.approx(-3)
+    assert [b.X, n.X, x.X] == pytest.approx([1, 0, 0])
+    m.dispose()
