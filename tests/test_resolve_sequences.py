@@ -41,7 +41,6 @@ class Sequence:
         self.m = kp.Model(env=env)
         self.m.Params.MIPGap = 0.0
         self.m.Params.MIPGapAbs = 0.0
-        self.gens = []          # (handle, "and"/"or", resultant, operands)
         self.point = {}         # variable name -> a value that most rows and bounds admit
         rng = self.rng
         self.mip = mip = rng.random() < 0.5
@@ -67,7 +66,13 @@ class Sequence:
 
     def tied(self):
         """Variables of and/or constraints: they stay binaries and in the model."""
-        return {v.index() for _, _, r, ops in self.gens for v in [r] + ops}
+        tied = set()
+        for g in self.m.getGenConstrs():
+            read = self.m.getGenConstrAnd if g.GenConstrType == KVR.GENCONSTR_AND else \
+                self.m.getGenConstrOr
+            res, ops = read(g)
+            tied.update(v.index() for v in [res] + list(ops))
+        return tied
 
     def at_point(self, v):
         return self.point.get(v.VarName, 0)
@@ -130,9 +135,8 @@ class Sequence:
         res = self.add_var(binary=True, value=min(values) if kind == "and" else max(values))
         self.m.update()
         add = self.m.addGenConstrAnd if kind == "and" else self.m.addGenConstrOr
-        g = add(res, ops)
+        add(res, ops)
         self.m.update()
-        self.gens.append((g, kind, res, ops))
         self.log(f"addGenConstr{kind}({len(ops)})")
 
     def new_objective(self):
@@ -206,7 +210,7 @@ class Sequence:
         elif kind == "addvar":
             self.add_var(binary=self.mip and rng.random() < 0.3, integer=self.mip)
         elif kind == "delvar" and len(free) > 1:
-            v = rng.choice(free)
+            v = rng.choice(vs if rng.random() < 0.2 else free)   # and/or operands now and then
             m.remove(v)
             self.log(f"remove(x{v.index()})")
         elif kind == "addcon":
@@ -217,9 +221,8 @@ class Sequence:
             self.log(f"remove(c{c.index()})")
         elif kind == "addgen" and self.mip:
             self.add_gen()
-        elif kind == "delgen" and self.gens:
-            g = self.gens.pop(rng.randrange(len(self.gens)))
-            m.remove(g[0])
+        elif kind == "delgen" and m.getGenConstrs():
+            m.remove(rng.choice(m.getGenConstrs()))
             self.log("remove(gen)")
         elif kind == "basis" and vs and cons:
             vb = [rng.choice([KVR.BASIC, KVR.NONBASIC_LOWER, KVR.NONBASIC_UPPER]) for _ in vs]
@@ -229,7 +232,9 @@ class Sequence:
             self.log("VBasis/CBasis set")
         elif kind == "pstart" and vs:
             m.setAttr("PStart", vs, [rng.randint(-2, 5) for _ in vs])
-            self.log("PStart set")
+            if cons and rng.random() < 0.5:
+                m.setAttr("DStart", cons, [rng.randint(-2, 2) for _ in cons])
+            self.log("PStart/DStart set")
         elif kind == "start" and vs:
             m.setAttr("Start", vs, [rng.choice([0, 1, 2, kp.KVR.UNDEFINED]) for _ in vs])
             self.log("Start set")
@@ -454,3 +459,28 @@ def test_incumbent_with_an_infinite_value_is_not_the_solution(env, engine):
     assert m.Status == KVR.OPTIMAL and m.ObjVal == pytest.approx(-3)
     assert [b.X, n.X, x.X] == pytest.approx([1, 0, 0])
     m.dispose()
+
+
+def test_general_constraints_deleted_with_their_variables_lose_their_handles(m):
+    """Deleting a resultant, indicator variable, x or y, or the argument of an absolute value
+    deletes the general constraint: its handle goes too and the others keep their own."""
+    b = [m.addVar(vtype=KVR.BINARY, name=f"b{i}") for i in range(4)]
+    x, y, z = m.addVar(name="x"), m.addVar(name="y"), m.addVar(name="z")
+    keep_and = m.addGenConstrAnd(b[3], [b[0], b[1]], name="and")
+    lose_or = m.addGenConstrOr(b[2], [b[0], b[1]], name="or")
+    lose_ind = m.addGenConstrIndicator(b[2], True, x + y <= 1, name="ind")
+    keep_pwl = m.addGenConstrPWL(x, y, [0, 1], [0, 2], name="pwl")
+    lose_abs = m.addGenConstrAbs(y, z, name="abs")
+    m.update()
+    m.remove(b[2])      # the resultant of "or" and the indicator's variable
+    m.remove(b[0])      # an operand: "and" keeps b1
+    m.remove(z)         # the argument of "abs"
+    m.update()
+    assert m.NumGenConstrs == 2
+    assert [g.GenConstrName for g in m.getGenConstrs()] == ["and", "pwl"]
+    assert [keep_and.index(), keep_pwl.index()] == [0, 1]
+    assert [g.index() for g in (lose_or, lose_ind, lose_abs)] == [-2, -2, -2]
+    assert [v.VarName for v in m.getGenConstrAnd(keep_and)[1]] == ["b1"]
+    m.remove(y)         # the y of "pwl"
+    m.update()
+    assert [g.GenConstrName for g in m.getGenConstrs()] == ["and"]
