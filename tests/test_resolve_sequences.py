@@ -41,6 +41,7 @@ class Sequence:
         self.m = kp.Model(env=env)
         self.m.Params.MIPGap = 0.0
         self.m.Params.MIPGapAbs = 0.0
+        self.m.Params.TimeLimit = 5     # SCIP can loop on an unbounded MIP (see below)
         self.point = {}         # variable name -> a value that most rows and bounds admit
         rng = self.rng
         self.mip = mip = rng.random() < 0.5
@@ -484,3 +485,23 @@ def test_general_constraints_deleted_with_their_variables_lose_their_handles(m):
     m.remove(y)         # the y of "pwl"
     m.update()
     assert [g.GenConstrName for g in m.getGenConstrs()] == ["and"]
+
+
+@pytest.mark.xfail(strict=True, reason="SCIP 10.0.2 loops in SCIPlpGetUnboundedSol on this "
+                   "unbounded MIP (its own LP reader and solver alone do the same)")
+def test_unbounded_mip_is_recognised_by_scip(env, monkeypatch):
+    monkeypatch.setenv("KAVIRO_ENGINE_OPTIONS", "engine=scip")
+    m = kp.Model(env=env)
+    v = [m.addVar(lb=lb, ub=ub, vtype=t, obj=c) for lb, ub, t, c in [
+        (-2, 4, "C", -3), (0, 1, "B", 5), (0, 1, "B", -1), (0, 1, "B", -3), (-INF, INF, "C", 3),
+        (0, 1, "B", 1), (0, INF, "C", -2), (0, 1, "B", -5), (0, INF, "C", 1), (-2, 6, "C", 4),
+        (-2, INF, "I", -1), (0, INF, "C", 0), (0, 1, "B", -5)]]
+    m.addConstr(-v[9] + 2 * v[4] + 3 * v[1] - 4 * v[8] - 2 * v[6] + v[12] <= -4)
+    m.addConstr(-4 * v[8] == -8)
+    m.addConstr(-3 * v[10] + 2 * v[5] - 4 * v[0] - 3 * v[4] == 1)
+    m.addConstr(-4 * v[4] + 2 * v[9] + 4 * v[12] >= 3)
+    m.addConstr(v[9] + 2 * v[0] + 2 * v[10] + v[11] + 2 * v[4] + 3 * v[12] == 7)
+    m.addConstr(4 * v[6] - 3 * v[0] + 2 * v[5] == 0)
+    m.Params.TimeLimit = 2
+    m.optimize()
+    assert m.Status in (KVR.UNBOUNDED, KVR.INF_OR_UNBD)
