@@ -161,7 +161,7 @@ class Sequence:
         kind = rng.choice(["bounds", "bounds", "obj", "objective", "rhs", "sense", "coeff",
                            "vtype", "addvar", "delvar", "addcon", "delcon", "addgen", "delgen",
                            "basis", "pstart", "start", "warm", "reset", "read", "copy",
-                           "update", "optimize", "optimize", "optimize"])
+                           "update", "bulk", "optimize", "optimize", "optimize"])
         if kind == "bounds" and vs:
             v = rng.choice(vs)
             p = self.at_point(v)
@@ -214,6 +214,16 @@ class Sequence:
             self.log(f"remove(x{v.index()})")
         elif kind == "addcon":
             self.add_constr()
+        elif kind == "bulk":     # more than the engine's copy holds: handed over in one piece
+            count = len(vs) + len(cons) + rng.randint(101, 130)
+            if rng.random() < 0.5:
+                for _ in range(count):
+                    self.add_constr()
+            else:
+                for _ in range(count):
+                    self.add_var(integer=self.mip)
+            del self.trace[-count:]
+            self.log(f"{count} added at once")
         elif kind == "delcon" and len(cons) > 1:
             c = rng.choice(cons)
             m.remove(c)
