@@ -364,10 +364,10 @@ class Sequence:
             kind = g.GenConstrType
             if kind == KVR.GENCONSTR_AND:
                 res, ops = model.getGenConstrAnd(g)
-                assert round(res.X) == min(round(o.X) for o in ops)
+                assert round(res.X) == min((round(o.X) for o in ops), default=1)
             elif kind == KVR.GENCONSTR_OR:
                 res, ops = model.getGenConstrOr(g)
-                assert round(res.X) == max(round(o.X) for o in ops)
+                assert round(res.X) == max((round(o.X) for o in ops), default=0)
         assert close(model.ObjVal, model.getObjective().getValue()), \
             (model.ObjVal, model.getObjective().getValue())
 
@@ -515,3 +515,18 @@ def test_unbounded_mip_is_recognised_by_scip(env, monkeypatch):
     m.Params.TimeLimit = 2
     m.optimize()
     assert m.Status in (KVR.UNBOUNDED, KVR.INF_OR_UNBD)
+
+
+def test_integer_variable_within_zero_one_takes_a_wider_bound_later(env, engine):
+    """SCIP makes an integer variable created within [0, 1] binary; the kept problem then
+    refused a wider bound, and the re-solve failed."""
+    m = kp.Model(env=env)
+    x = m.addVar(vtype=KVR.INTEGER, ub=1, obj=-2)
+    y = m.addVar(vtype=KVR.INTEGER, ub=3, obj=-1)
+    m.addConstr(x + y <= 4)
+    for ub_x, ub_y in [(1, 3), (2, 3), (2, 1), (2, 2), (1, 2), (3, 0)]:
+        x.UB, y.UB = ub_x, ub_y
+        m.optimize()
+        best = min(-2 * i - j for i in range(ub_x + 1) for j in range(ub_y + 1) if i + j <= 4)
+        assert m.Status == KVR.OPTIMAL and m.ObjVal == pytest.approx(best), (ub_x, ub_y)
+    m.dispose()

@@ -801,7 +801,9 @@ int scip_type(const ModelData &m, int j, double &lb, double &ub) {
       lb = std::max(lb, 0.0), ub = std::min(ub, 1.0);
       return kBinary;
     case KVR_INTEGER:
-      return kInteger;
+      // SCIP creates an integer variable within [0, 1] as a binary one: a kept problem must
+      // know, or a wider bound later is refused.
+      return lb >= 0.0 && ub <= 1.0 ? kBinary : kInteger;
     default:
       return kContinuous;
   }
