@@ -183,7 +183,11 @@ class Sequence:
             v.Obj = rng.randint(-5, 5)
             self.log(f"x{v.index()}.Obj={v.Obj}")
         elif kind == "objective":
-            self.new_objective()
+            if rng.random() < 0.3:
+                m.ModelSense = -m.ModelSense
+                self.log(f"ModelSense={m.ModelSense}")
+            else:
+                self.new_objective()
         elif kind == "rhs" and cons:
             c = rng.choice(cons)
             self.fit_rhs(c)
@@ -234,8 +238,12 @@ class Sequence:
             m.remove(rng.choice(m.getGenConstrs()))
             self.log("remove(gen)")
         elif kind == "basis" and vs and cons:
-            vb = [rng.choice([KVR.BASIC, KVR.NONBASIC_LOWER, KVR.NONBASIC_UPPER]) for _ in vs]
-            cb = [rng.choice([KVR.BASIC, KVR.NONBASIC_LOWER]) for _ in cons]
+            try:    # the last basis, if there is one, else any
+                vb, cb = m.getAttr("VBasis", vs), m.getAttr("CBasis", cons)
+            except (AttributeError, kp.KaviroError):
+                vb = [rng.choice([KVR.BASIC, KVR.NONBASIC_LOWER, KVR.NONBASIC_UPPER])
+                      for _ in vs]
+                cb = [rng.choice([KVR.BASIC, KVR.NONBASIC_LOWER]) for _ in cons]
             m.setAttr("VBasis", vs, vb)
             m.setAttr("CBasis", cons, cb)
             self.log("VBasis/CBasis set")
