@@ -537,4 +537,10 @@ def test_integer_variable_within_zero_one_takes_a_wider_bound_later(env, engine)
         m.optimize()
         best = min(-2 * i - j for i in range(ub_x + 1) for j in range(ub_y + 1) if i + j <= 4)
         assert m.Status == KVR.OPTIMAL and m.ObjVal == pytest.approx(best), (ub_x, ub_y)
+    x.LB, x.UB = 2, 0       # crossed: no solution, and x is no binary variable
+    m.optimize()
+    assert m.Status in (KVR.INFEASIBLE, KVR.INF_OR_UNBD)
+    x.LB, x.UB, y.UB = 0, 1, 3
+    m.optimize()
+    assert m.ObjVal == pytest.approx(-5)
     m.dispose()

@@ -803,7 +803,7 @@ int scip_type(const ModelData &m, int j, double &lb, double &ub) {
     case KVR_INTEGER:
       // SCIP creates an integer variable within [0, 1] as a binary one: a kept problem must
       // know, or a wider bound later is refused.
-      return lb >= 0.0 && ub <= 1.0 ? kBinary : kInteger;
+      return 0.0 <= lb && lb <= ub && ub <= 1.0 ? kBinary : kInteger;
     default:
       return kContinuous;
   }
