@@ -143,6 +143,9 @@ void engine_event(int type, const char *msg, const HighsCallbackDataOut *out,
       case kHighsCallbackMipSolution: {
         if (!out->mip_solution || out->mip_solution_size < st.ncols) break;
         const double *x = out->mip_solution;
+        // The engine can announce an incumbent with an infinite value for a column (seen for one
+        // its presolve removed): that is no solution, and its final solution has the value.
+        if (!std::all_of(x, x + st.ncols, [](double v) { return std::isfinite(v); })) break;
         // An incumbent that violates a row the engine does not have yet is rejected.
         double obj = st.model->objective_value(x);
         const IncumbentVerdict verdict =

@@ -371,15 +371,17 @@ Retcode on_event(Scip *s, Eventhdlr *, Event *event, EventData *) {
   if (!run) return kOkay;
   SolveContext &ctx = run->ctx;
   try {
-    if (run->duals && (run->a.SCIPeventGetType(event) & (kEventFirstLpSolved | kEventLpSolved)))
-      note_lp_duals(*run);
+    const EventType type = run->a.SCIPeventGetType(event);
+    if (run->duals && (type & (kEventFirstLpSolved | kEventLpSolved))) note_lp_duals(*run);
     note_progress(*run);
-    offer_user_solutions(*run);
+    // A new incumbent is announced while SCIP is still storing it: a solution tried then would
+    // lower the bound under the one SCIP goes on to set, which it rejects as an error.
+    const bool storing_solution = type == kEventBestSolFound;
+    if (!storing_solution) offer_user_solutions(*run);
     double best = run->best_objective();
     double bound = run->from_scip(run->a.SCIPgetDualbound(s));
     ctx.solcount = run->a.SCIPgetNSols(s);
-    ctx.check_objective_limits(best,
-                               run->a.SCIPeventGetType(event) == kEventBestSolFound ? kNaN : bound);
+    ctx.check_objective_limits(best, storing_solution ? kNaN : bound);
     if (ctx.is_mip && ctx.has_callback() && ctx.progress_due()) {
       CallbackData cb{&ctx, KVR_CB_MIP, {}};
       if (std::isnan(best)) best = ctx.sense == KVR_MINIMIZE ? KVR_INFINITY : -KVR_INFINITY;
@@ -398,7 +400,7 @@ Retcode on_event(Scip *s, Eventhdlr *, Event *event, EventData *) {
       if (a.SCIPgetNCutsApplied)
         cb.values.push_back({KVR_CB_MIP_CUTCNT, double(a.SCIPgetNCutsApplied(s))});
       ctx.invoke(cb);
-      offer_user_solutions(*run);
+      if (!storing_solution) offer_user_solutions(*run);
     }
     run->stop_if_asked();
     return kOkay;
@@ -799,7 +801,9 @@ int scip_type(const ModelData &m, int j, double &lb, double &ub) {
       lb = std::max(lb, 0.0), ub = std::min(ub, 1.0);
       return kBinary;
     case KVR_INTEGER:
-      return kInteger;
+      // SCIP creates an integer variable within [0, 1] as a binary one: a kept problem must
+      // know, or a wider bound later is refused.
+      return 0.0 <= lb && lb <= ub && ub <= 1.0 ? kBinary : kInteger;
     default:
       return kContinuous;
   }
