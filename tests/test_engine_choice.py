@@ -17,7 +17,7 @@ pytestmark = pytest.mark.skipif(importlib.util.find_spec("pyscipopt") is None,
 HIGHS = "Engine HiGHS: the model needs nothing beyond it"
 
 
-def integer_program(m, ints, rows, binaries=0, continuous=0, ub=5):
+def integer_program(m, ints, rows, binaries=0, continuous=0, ub=5.0):
     """`ints` integer columns in [0, ub], some binaries and continuous columns, and `rows`
     covering rows, each over all columns but one (coefficients 1 to 3, right-hand sides 7 to
     11)."""
@@ -64,17 +64,18 @@ def solved_alike(m, tmp_path, monkeypatch):
     return line
 
 
-@pytest.mark.parametrize("ints, rows, binaries, continuous, scip", [
-    (6, 60, 0, 0, True),    # ten rows per column: the limit
-    (6, 61, 0, 0, False),   # one row more
-    (6, 8, 0, 1, False),    # one continuous column beside them
-    (6, 8, 1, 0, False),    # one binary among them
+@pytest.mark.parametrize("ints, rows, binaries, continuous, ub, scip", [
+    (6, 60, 0, 0, 5.0, True),           # ten rows per column: the limit
+    (6, 61, 0, 0, 5.0, False),          # one row more
+    (6, 8, 0, 1, 5.0, False),           # one continuous column beside them
+    (6, 8, 1, 0, 5.0, False),           # one binary among them
+    (6, 8, 0, 0, KVR.INFINITY, False),  # columns without an upper bound
 ])
 def test_general_integer_programs_go_to_scip_within_the_limits(
-        env, tmp_path, monkeypatch, ints, rows, binaries, continuous, scip):
+        env, tmp_path, monkeypatch, ints, rows, binaries, continuous, ub, scip):
     monkeypatch.delenv("KAVIRO_ENGINE_OPTIONS", raising=False)
     with kp.Model(env=env) as m:
-        integer_program(m, ints, rows, binaries, continuous)
+        integer_program(m, ints, rows, binaries, continuous, ub)
         line = solved_alike(m, tmp_path, monkeypatch)
         if scip:
             assert line == [f"Engine SCIP: general integer columns only ({ints} columns, {rows} "

@@ -77,16 +77,18 @@ std::string scip_is_faster(const ModelData &m, const ParamValues &params, bool h
     return "";
   if (!unapplied_settings(*find_engine("SCIP"), params).empty()) return "";
   const int n = m.num_vars(), rows = m.num_constrs();
-  int binaries = 0, general = 0;
+  int binaries = 0, general = 0, unbounded = 0;
   for (int j = 0; j < n; ++j) {
     const char t = m.vars.vtype[j];
     if (t == KVR_CONTINUOUS) continue;
     const bool binary = t == KVR_BINARY || (m.vars.lb[j] >= 0.0 && m.vars.ub[j] <= 1.0);
     binaries += binary;
     general += !binary;
+    unbounded += m.vars.lb[j] <= -KVR_INFINITY || m.vars.ub[j] >= KVR_INFINITY;
   }
-  // Every column a general integer, with at most ten rows per column.
-  if (general == n && static_cast<int64_t>(rows) <= 10LL * n)
+  // Every column a general integer between finite bounds, with at most ten rows per column. The
+  // bounds keep out unbounded relaxations, on which SCIP 10.0.2 can loop until a time limit.
+  if (general == n && unbounded == 0 && static_cast<int64_t>(rows) <= 10LL * n)
     return format("general integer columns only (%d columns, %d rows)", n, rows);
   // Every column binary, every row a sum of some of them against 1 (covering, packing or
   // partitioning).
