@@ -39,7 +39,7 @@ DEFAULT_PEER_PYTHON = os.path.join(os.path.dirname(os.path.dirname(HERE)), "venv
 LOOPS = ["addcol", "addrow", "ub", "obj", "mip"]
 # The engine options kaviropy's default parameters map to, given to the peers as well.
 ENGINE_OPTIONS = {"solver": "simplex", "simplex_strategy": 1, "primal_feasibility_tolerance": 1e-6,
-                  "dual_feasibility_tolerance": 1e-6, "mip_feasibility_tolerance": 1e-5,
+                  "dual_feasibility_tolerance": 1e-6, "mip_feasibility_tolerance": 1e-6,
                   "mip_abs_gap": 1e-10}
 PACKAGES = ["kaviropy", "pyoptinterface", "highspy"]
 
