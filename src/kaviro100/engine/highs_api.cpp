@@ -7,7 +7,6 @@
 
 #include <atomic>
 #include <cstdlib>
-#include <mutex>
 #include <vector>
 
 #include "engine/shared_library.h"
@@ -56,10 +55,9 @@ Loaded load() {
                           check_version);
 }
 
+// Loaded on first use; the static's initialisation is thread-safe.
 const Loaded &loaded() {
-  static std::once_flag once;
-  static Loaded result;
-  std::call_once(once, [] { result = load(); });
+  static const Loaded result = load();
   return result;
 }
 

@@ -6,7 +6,6 @@
 #include "engine/scip/scip_api.h"
 
 #include <cstdlib>
-#include <mutex>
 #include <vector>
 
 #include "engine/shared_library.h"
@@ -66,10 +65,9 @@ Loaded load() {
                           {"libscip-*.so*", "libscip.so*"}, resolve, check_version, load_siblings);
 }
 
+// Loaded on first use; the static's initialisation is thread-safe.
 const Loaded &loaded() {
-  static std::once_flag once;
-  static Loaded result;
-  std::call_once(once, [] { result = load(); });
+  static const Loaded result = load();
   return result;
 }
 
