@@ -128,97 +128,26 @@ void update_linear(Model &m, int kind, int &live, bool &pending_delete, DeleteFn
   live = static_cast<int>(list.size());
 }
 
-// The variables a general constraint cannot live without (its resultant, indicator variable,
-// x and y, the argument of an absolute value): the library's update deletes the constraint
-// together with any of them.
-std::vector<int> essential_vars(KVRmodel *model, int id) {
-  int type = -1, a = -1, b = -1, n = 0, binval = 0;
-  double num = 0.0;
-  char sense = 0;
-  check_model(KVRgetintattrelement(model, "GenConstrType", id, &type), model);
-  int code = 0;
-  switch (type) {
-    case KVR_GENCONSTR_MAX:
-      code = KVRgetgenconstrMax(model, id, &a, &n, nullptr, &num);
-      break;
-    case KVR_GENCONSTR_MIN:
-      code = KVRgetgenconstrMin(model, id, &a, &n, nullptr, &num);
-      break;
-    case KVR_GENCONSTR_ABS:
-      code = KVRgetgenconstrAbs(model, id, &a, &b);
-      break;
-    case KVR_GENCONSTR_AND:
-      code = KVRgetgenconstrAnd(model, id, &a, &n, nullptr);
-      break;
-    case KVR_GENCONSTR_OR:
-      code = KVRgetgenconstrOr(model, id, &a, &n, nullptr);
-      break;
-    case KVR_GENCONSTR_NORM:
-      code = KVRgetgenconstrNorm(model, id, &a, &n, nullptr, &num);
-      break;
-    case KVR_GENCONSTR_INDICATOR:
-      code = KVRgetgenconstrIndicator(model, id, &a, &binval, &n, nullptr, nullptr, &sense, &num);
-      break;
-    case KVR_GENCONSTR_PWL:
-      code = KVRgetgenconstrPWL(model, id, &a, &b, &n, nullptr, nullptr);
-      break;
-    case KVR_GENCONSTR_POLY:
-      code = KVRgetgenconstrPoly(model, id, &a, &b, &n, nullptr);
-      break;
-    case KVR_GENCONSTR_EXP:
-      code = KVRgetgenconstrExp(model, id, &a, &b);
-      break;
-    case KVR_GENCONSTR_EXPA:
-      code = KVRgetgenconstrExpA(model, id, &a, &b, &num);
-      break;
-    case KVR_GENCONSTR_LOG:
-      code = KVRgetgenconstrLog(model, id, &a, &b);
-      break;
-    case KVR_GENCONSTR_LOGA:
-      code = KVRgetgenconstrLogA(model, id, &a, &b, &num);
-      break;
-    case KVR_GENCONSTR_POW:
-      code = KVRgetgenconstrPow(model, id, &a, &b, &num);
-      break;
-    case KVR_GENCONSTR_LOGISTIC:
-      code = KVRgetgenconstrLogistic(model, id, &a, &b);
-      break;
-    case KVR_GENCONSTR_SIN:
-      code = KVRgetgenconstrSin(model, id, &a, &b);
-      break;
-    case KVR_GENCONSTR_COS:
-      code = KVRgetgenconstrCos(model, id, &a, &b);
-      break;
-    case KVR_GENCONSTR_TAN:
-      code = KVRgetgenconstrTan(model, id, &a, &b);
-      break;
-    default:
-      break;
-  }
-  if (code) check_model(code, model);
-  return {a, b};
-}
-
 // Before variables are deleted: the handles of the general constraints that go with them are
 // marked removed (the library deletes those constraints itself).
 void mark_gens_losing_vars(Model &m) {
   if (!m.delvars || m.lists[kGenConstr].empty()) return;
-  std::vector<char> going(m.lists[kVar].size(), 0);
-  bool any = false;
+  std::vector<int> going;
   for (auto &obj : m.lists[kVar]) {
     int index = handle_of(obj).index;
-    if (index < -2 && static_cast<size_t>(-(index + 3)) < going.size())
-      going[static_cast<size_t>(-(index + 3))] = 1, any = true;
+    if (index < -2) going.push_back(-(index + 3));
   }
-  if (!any) return;
+  if (going.empty()) return;
+  const int n = static_cast<int>(going.size());
+  int count = 0;
+  check_model(KVRgetgenconstrslosingvars(m.cmodel, n, going.data(), &count, nullptr), m.cmodel);
+  if (count == 0) return;
+  std::vector<int> lost(static_cast<size_t>(count));
+  check_model(KVRgetgenconstrslosingvars(m.cmodel, n, going.data(), &count, lost.data()), m.cmodel);
   for (auto &obj : m.lists[kGenConstr]) {
     Handle &h = handle_of(obj);
-    if (h.index < 0) continue;  // not in the library yet, or removed already
-    for (int v : essential_vars(m.cmodel, h.index))
-      if (v >= 0 && static_cast<size_t>(v) < going.size() && going[static_cast<size_t>(v)]) {
-        h.index = -2;
-        break;
-      }
+    // not in the library yet, or removed already, when negative
+    if (h.index >= 0 && std::binary_search(lost.begin(), lost.end(), h.index)) h.index = -2;
   }
 }
 

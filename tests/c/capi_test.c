@@ -691,6 +691,20 @@ static void test_genconstrs(void) {
   MSG(m, "type Abs");
   ERR(m, KVR_ERROR_INDEX_OUT_OF_RANGE, KVRgetgenconstrExp(m, 18, &x, &y));
 
+  /* Which constraints deleting variables takes along: x of the functions, the indicator's binary
+     and the absolute value's argument go with variable 1; operands alone do not count. */
+  {
+    int lost[18], count = -1, one = 1, three = 3, six = 6;
+    OK(m, KVRgetgenconstrslosingvars(m, 1, &one, &count, NULL));
+    CHECK(count == 13);
+    OK(m, KVRgetgenconstrslosingvars(m, 1, &one, &count, lost));
+    CHECK(lost[0] == 2 && lost[1] == 6 && lost[2] == 7 && lost[12] == 17);
+    OK(m, KVRgetgenconstrslosingvars(m, 1, &three, &count, lost));
+    CHECK(count == 0);
+    ERR(m, KVR_ERROR_INDEX_OUT_OF_RANGE, KVRgetgenconstrslosingvars(m, 1, &six, &count, lost));
+    ERR(m, KVR_ERROR_NULL_ARGUMENT, KVRgetgenconstrslosingvars(m, 1, NULL, &count, lost));
+  }
+
   /* Approximation controls: from the options, as attributes, defaults meaning "the parameter". */
   CHECK(int_elem(m, "FuncPieces", 9) == 5 && int_elem(m, "FuncPieces", 10) == -3);
   CHECK(dbl_elem(m, "FuncPieceError", 17) == 0.01 && dbl_elem(m, "FuncPieceRatio", 17) == 0.5);

@@ -413,4 +413,27 @@ int KVRgetgenconstrTan(KVRmodel *model, int id, int *xvarP, int *yvarP) {
   return get_function(model, KVR_GENCONSTR_TAN, id, xvarP, yvarP, nullptr);
 }
 
+int KVRgetgenconstrslosingvars(KVRmodel *model, int numvars, const int *vars, int *countP,
+                               int *ind) {
+  return kvr::run_on_model(model, [&] {
+    check_queryable(model);
+    check_count(numvars, "number of variables");
+    check_array(vars, numvars, "variable index");
+    const int n = model->data.num_vars();
+    std::vector<char> going(static_cast<size_t>(n), 0);
+    for (int k = 0; k < numvars; ++k) {
+      check_index(vars[k], n, "variable", "General constraints losing variables");
+      going[static_cast<size_t>(vars[k])] = 1;
+    }
+    int count = 0;
+    const auto &gens = model->data.gens.items;
+    for (int i = 0; i < static_cast<int>(gens.size()); ++i)
+      if (gen_loses_meaning(gens[i], [&](int v) { return going[static_cast<size_t>(v)] != 0; })) {
+        if (ind) ind[count] = i;
+        ++count;
+      }
+    put(countP, count);
+  });
+}
+
 }  // extern "C"

@@ -400,6 +400,12 @@ KVR_API int KVRgetgenconstrLogistic(KVRmodel *model, int id, int *xvarP, int *yv
 KVR_API int KVRgetgenconstrSin(KVRmodel *model, int id, int *xvarP, int *yvarP);
 KVR_API int KVRgetgenconstrCos(KVRmodel *model, int id, int *xvarP, int *yvarP);
 KVR_API int KVRgetgenconstrTan(KVRmodel *model, int id, int *xvarP, int *yvarP);
+/* The general constraints (as of the last update) that deleting the given variables deletes with
+   them: those losing their resultant, indicator, x or y variable, or the argument of an absolute
+   value. Their count goes to *countP and, when ind is not NULL, their indices to ind (room for
+   every general constraint is enough). */
+KVR_API int KVRgetgenconstrslosingvars(KVRmodel *model, int numvars, const int *vars, int *countP,
+                                       int *ind);
 
 /* Replaces the whole objective. sense 0 keeps the model's sense. */
 KVR_API int KVRsetobjective(KVRmodel *model, int sense, double constant, int lnz, const int *lind,

@@ -421,17 +421,11 @@ void ModelData::check_values() {
 }
 
 void ModelData::delete_vars(const Renumbering &newpos) {
-  // General constraints lose their meaning without their resultant, binary, x or y variable.
   Renumbering gennew(static_cast<size_t>(w().gens.size()));
   int ng = 0;
-  auto gone = [&](int v) { return v >= 0 && newpos[v] < 0; };
-  for (int i = 0; i < w().gens.size(); ++i) {
-    const GenConstr &g = w().gens.items[i];
-    // The argument of an absolute value is as essential as its resultant.
-    bool lost_arg = g.type == KVR_GENCONSTR_ABS && !g.vars.empty() && gone(g.vars[0]);
-    gennew[i] =
-        gone(g.resvar) || gone(g.binvar) || gone(g.xvar) || gone(g.yvar) || lost_arg ? -1 : ng++;
-  }
+  auto gone = [&](int v) { return newpos[v] < 0; };
+  for (int i = 0; i < w().gens.size(); ++i)
+    gennew[i] = gen_loses_meaning(w().gens.items[i], gone) ? -1 : ng++;
   if (ng != w().gens.size()) {
     keep_entries(w().gens.items, gennew);
     w().gens.names.renumber(gennew);

@@ -272,6 +272,16 @@ struct GenConstr {
   double funcpieceerror = -1.0, funcpiecelength = -1.0, funcpieceratio = -2.0;
 };
 
+// Whether g loses its meaning when the variables for which gone(v) holds are deleted (its
+// resultant, indicator, x or y variable, or the argument of an absolute value): deleting them
+// deletes g too.
+template <class Gone>
+bool gen_loses_meaning(const GenConstr &g, Gone gone) {
+  auto lost = [&](int v) { return v >= 0 && gone(v); };
+  return lost(g.resvar) || lost(g.binvar) || lost(g.xvar) || lost(g.yvar) ||
+         (g.type == KVR_GENCONSTR_ABS && !g.vars.empty() && lost(g.vars[0]));
+}
+
 using GenConstrData = RecordData<GenConstr>;
 
 // Objective n of a multi-objective model (n >= 1; objective 0 is the ordinary objective, whose
