@@ -19,8 +19,15 @@ measurement is repeated (--repeat, in turns so that a change of the machine's lo
 package) and the median is shown. The table gives the times, the ratio kaviropy/peer, and the
 final objectives, which must agree.
 
+pyoptinterface loads the HiGHS library of the highsbox package, as kaviropy does by default;
+highspy carries its own build of the same HiGHS version, whose simplex runs a few per cent fewer
+instructions. So that each ratio compares one engine binary with itself, kaviropy runs twice: on
+highsbox's library for the pyoptinterface ratio, and on highspy's library (KAVIRO_HIGHS_LIBRARY)
+for the highspy ratio. --no-same-build compares both peers with the default run instead.
+
     python benchmarks/bench_resolve.py [--rounds 60] [--repeat 3] [--loops addcol,addrow,ub,obj,mip]
                                        [--peer-python PATH] [--kaviropy-python PATH]
+                                       [--no-same-build]
 """
 
 import argparse
@@ -42,6 +49,8 @@ ENGINE_OPTIONS = {"solver": "simplex", "simplex_strategy": 1, "primal_feasibilit
                   "dual_feasibility_tolerance": 1e-6, "mip_feasibility_tolerance": 1e-6,
                   "mip_abs_gap": 1e-10}
 PACKAGES = ["kaviropy", "pyoptinterface", "highspy"]
+# kaviropy run on highspy's own HiGHS library, the like-for-like partner of the highspy column.
+SAME_BUILD = "kaviropy-on-highspy-build"
 
 
 # ---------------------------------------------------------------- shared data
@@ -232,8 +241,22 @@ def worker(package, loop, rounds):
     print(json.dumps({"time": seconds, "cpu": cpu, "obj": objective, "peak_mb": peak}))
 
 
-def measure(python, package, loop, rounds):
+def highspy_library(peer_python):
+    """The HiGHS library file inside the peer environment's highspy package."""
+    out = subprocess.run([peer_python, "-c", "import highspy, os; "
+                          "print(os.path.dirname(highspy.__file__))"],
+                         capture_output=True, text=True, timeout=120, check=True)
+    folder = out.stdout.strip()
+    names = sorted(f for f in os.listdir(folder) if f.startswith("libhighs.so"))
+    if not names:
+        raise SystemExit(f"no HiGHS library in {folder}")
+    return os.path.join(folder, names[0])
+
+
+def measure(python, package, loop, rounds, library=None):
     env = dict(os.environ, OMP_NUM_THREADS="1", OPENBLAS_NUM_THREADS="1")
+    if library:
+        env["KAVIRO_HIGHS_LIBRARY"] = library
     out = subprocess.run([python, os.path.abspath(__file__), "--worker", package, loop,
                           str(rounds)], capture_output=True, text=True, env=env, timeout=3600)
     if out.returncode != 0:
@@ -260,39 +283,55 @@ def main():
     ap.add_argument("--loops", default=",".join(LOOPS))
     ap.add_argument("--peer-python", default=DEFAULT_PEER_PYTHON)
     ap.add_argument("--kaviropy-python", default=sys.executable)
+    ap.add_argument("--no-same-build", action="store_true",
+                    help="compare highspy with kaviropy on highsbox's library too")
     args = ap.parse_args()
+    library = None if args.no_same_build else highspy_library(args.peer_python)
     print(f"{args.rounds} rounds a loop, median of {args.repeat} runs; every side: the engine "
           f"options {ENGINE_OPTIONS}, output off. Times of the rounds only: CPU seconds of the "
           "process (wall-clock seconds in brackets; the ratios are of CPU time, which a busy "
           "machine disturbs less), peak resident memory of the process (MB)")
+    print("kaviropy and pyoptinterface run highsbox's HiGHS library; " +
+          (f"for the highspy ratio kaviropy runs highspy's own build ({library}), "
+           "shown in the kaviropy* column" if library else
+           "highspy runs its own build, compared with that same kaviropy run"))
     header = (f"{'loop':8} {'kaviropy':>16} {'MB':>4} {'pyoptinterface':>16} {'MB':>4} {'ratio':>5} "
-              f"{'highspy':>16} {'MB':>4} {'ratio':>5}  objectives")
+              + (f"{'kaviropy*':>16} {'MB':>4} " if library else "")
+              + f"{'highspy':>16} {'MB':>4} {'ratio':>5}  objectives")
     print(header)
     pythons = {"kaviropy": args.kaviropy_python, "pyoptinterface": args.peer_python,
                "highspy": args.peer_python}
+    sides = PACKAGES + ([SAME_BUILD] if library else [])
     for loop in args.loops.split(","):
-        runs = {p: [] for p in PACKAGES}
+        runs = {p: [] for p in sides}
         for _ in range(args.repeat):
-            for p in PACKAGES:
-                runs[p].append(measure(pythons[p], p, loop, args.rounds))
-        res = {p: median_of(runs[p]) for p in PACKAGES}
-        k = res["kaviropy"]
+            for p in sides:
+                if p == SAME_BUILD:
+                    runs[p].append(measure(args.kaviropy_python, "kaviropy", loop, args.rounds,
+                                           library))
+                else:
+                    runs[p].append(measure(pythons[p], p, loop, args.rounds))
+        res = {p: median_of(runs[p]) for p in sides}
+        partner = {"pyoptinterface": res["kaviropy"], "highspy": res[SAME_BUILD if library
+                                                                      else "kaviropy"]}
 
         def cell(r):
             return (f"{r['cpu']:7.3f} ({r['time']:6.3f}) {r['peak_mb']:4.0f}" if "cpu" in r
                     else f"{'failed':>16} {'':4}")
 
-        cells = [f"{loop:8}", cell(k)]
+        cells = [f"{loop:8}", cell(res["kaviropy"])]
         for p in ("pyoptinterface", "highspy"):
-            r = res[p]
+            r, k = res[p], partner[p]
+            if p == "highspy" and library:
+                cells.append(cell(k))
             ratio = f"{k['cpu'] / r['cpu']:5.2f}" if "cpu" in r and "cpu" in k else f"{'':5}"
             cells.append(f"{cell(r)} {ratio}")
-        objs = [res[p].get("obj") for p in PACKAGES]
+        objs = [res[p].get("obj") for p in sides]
         same = all(o is not None for o in objs) and max(objs) - min(objs) <= 1e-6 * (1 + abs(objs[0]))
         cells.append(" ".join("-" if o is None else f"{o:.6f}" for o in objs) +
                      ("  (same)" if same else "  (DIFFER)"))
         print(" ".join(cells), flush=True)
-        for p in PACKAGES:
+        for p in sides:
             if "error" in res[p]:
                 print(f"  {p}: {res[p]['error']}")
 

@@ -602,3 +602,33 @@ def test_many_new_rows_start_from_the_last_basis(env, tmp_path):
         results[warm] = ("with the new rows basic" in text, m.IterCount, cold.IterCount)
     assert results[1][0] and results[1][1] < results[1][2]
     assert not results[0][0] and results[0][1] == results[0][2]
+
+
+def test_events_of_a_kept_instance_reach_each_solve(env):
+    """A run stopped from a callback leaves the kept instance able to solve; a later solve's
+    callback hears that solve's events."""
+    m, x, _ = build(env, n=200)
+    heard = []
+
+    def stop_at_once(model, where):
+        if where == KVR.Callback.SIMPLEX:
+            heard.append(model.cbGet(KVR.Callback.SPX_ITRCNT))
+            model.terminate()
+
+    m.optimize(stop_at_once)
+    assert m.Status == KVR.INTERRUPTED and heard
+    x[0].UB = 0.5
+    m.optimize()
+    assert m.Status == KVR.OPTIMAL
+    expected, _ = cold_optimum(env, {"ub": [(0, 0.5)]}, n=200)
+    assert m.ObjVal == pytest.approx(expected, rel=1e-9)
+    heard.clear()
+    x[1].UB = 0.0
+    m.reset()  # a cold run, long enough to be heard
+
+    def listen(model, where):
+        if where == KVR.Callback.SIMPLEX:
+            heard.append(model.cbGet(KVR.Callback.SPX_ITRCNT))
+
+    m.optimize(listen)
+    assert m.Status == KVR.OPTIMAL and heard

@@ -134,6 +134,7 @@ constexpr HighsInt kHighsIisBoundBoxed = 4;
   X(Highs_getDoubleInfoValue, HighsInt (*)(const void *, const char *, double *))                  \
   X(Highs_setCallback, HighsInt (*)(void *, HighsCCallbackType, void *))                           \
   X(Highs_startCallback, HighsInt (*)(void *, HighsInt))                                           \
+  X(Highs_stopCallback, HighsInt (*)(void *, HighsInt))                                            \
   X(Highs_setCallbackSolution, HighsInt (*)(HighsCallbackDataIn *, HighsInt, const double *))      \
   X(Highs_repairCallbackSolution, HighsInt (*)(HighsCallbackDataIn *))                             \
   X(Highs_getModelStatus, HighsInt (*)(const void *))                                              \

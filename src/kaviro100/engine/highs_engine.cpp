@@ -216,8 +216,13 @@ void race_event(int, const char *, const HighsCallbackDataOut *, HighsCallbackDa
   if (in) in->user_interrupt = static_cast<std::atomic<bool> *>(usrdata)->load() ? 1 : 0;
 }
 
-// Events of a kept instance between solves: none is of interest.
-void idle_event(int, const char *, const HighsCallbackDataOut *, HighsCallbackDataIn *, void *) {}
+// Points an instance's events away from a run's state when that state goes.
+struct EventsRouted {
+  const std::shared_ptr<HighsInstance> &hi;
+  ~EventsRouted() {
+    if (hi) hi->route_events(nullptr, nullptr, 0);
+  }
+};
 
 // Whether the engine's model status settles the LP (an interrupted or limited run does not).
 bool decided(HighsInt model_status) {
@@ -748,17 +753,18 @@ EngineResult HighsEngine::solve_on(const EngineProblem &problem, const ParamValu
   st.threads = sched.threads_used;
   st.found = &found;
   if (!emulation.empty()) st.emulation = &emulation;
-  Highs_setCallback(hi->get(), engine_event, &st);
-  Highs_startCallback(hi->get(), kHighsCallbackLogging);
-  Highs_startCallback(hi->get(), kHighsCallbackSimplexInterrupt);
-  Highs_startCallback(hi->get(), kHighsCallbackIpmInterrupt);
+  constexpr auto kind = [](HighsInt k) { return uint32_t{1} << k; };
+  uint32_t events = kind(kHighsCallbackLogging) | kind(kHighsCallbackSimplexInterrupt) |
+                    kind(kHighsCallbackIpmInterrupt);
   if (mip) {
-    Highs_startCallback(hi->get(), kHighsCallbackMipInterrupt);
-    Highs_startCallback(hi->get(), kHighsCallbackMipSolution);
+    events |= kind(kHighsCallbackMipInterrupt) | kind(kHighsCallbackMipSolution);
     // Solution queries only matter when someone may hand over solutions.
     if (ctx.has_callback() || !ctx.user_solutions.empty())
-      Highs_startCallback(hi->get(), kHighsCallbackCallbackMipUserSolution);
+      events |= kind(kHighsCallbackCallbackMipUserSolution);
   }
+  hi->route_events(engine_event, &st, events);
+  // The run's state goes with this call; the instance may outlive it.
+  const EventsRouted routed{hi};
   // A kept instance holds the model and its last basis; only changed options are passed on.
   const bool warm = params.get_int(ParamId::LPWarmStart) != 0;
   hi->begin_options();
@@ -812,9 +818,9 @@ EngineResult HighsEngine::solve_on(const EngineProblem &problem, const ParamValu
     race_with->set_bool("output_flag", false);
     race_with->set_str("solver", "ipm");
     if (params.get_int(ParamId::Crossover) == 0) race_with->set_str("run_crossover", "off");
-    Highs_setCallback(race_with->get(), race_event, &race_over);
-    Highs_startCallback(race_with->get(), kHighsCallbackSimplexInterrupt);
-    Highs_startCallback(race_with->get(), kHighsCallbackIpmInterrupt);
+    race_with->route_events(
+        race_event, &race_over,
+        kind(kHighsCallbackSimplexInterrupt) | kind(kHighsCallbackIpmInterrupt));
     pass_model(*race_with, m, mip);
     hi->set_str("solver", "simplex");
     hi->set_int("simplex_strategy", 1);
@@ -876,6 +882,7 @@ EngineResult HighsEngine::solve_on(const EngineProblem &problem, const ParamValu
     if (race_with) {
       run_status = run_race(hi, std::move(race_with), race_over, ctx);
       st.race_over = nullptr;  // later runs of this solve are the winner's alone
+      hi->route_events(engine_event, &st, events);
     } else {
       run_status = Highs_run(hi->get());
     }
@@ -1183,8 +1190,7 @@ EngineResult HighsEngine::solve_kept(const EngineProblem &problem, const ParamVa
   EngineResult r = solve_on(*use, params, ctx, hi, static_cast<bool>(hi), &spare);
   if (hi) hi->note_basis();
   if (ctx.lazy_in_engine == 0 && hi) {
-    // The run's event state is gone; the engine logs while its model is changed later on.
-    Highs_setCallback(hi->get(), idle_event, nullptr);
+    // The engine would log while its model is changed later on, with no run to take it.
     hi->set_bool("output_flag", false);
     auto next = std::make_shared<HighsState>();
     next->instance = std::move(hi);
@@ -1207,9 +1213,8 @@ bool HighsEngine::infeasible_subsystem(const ModelData &lp, const ParamValues &p
   st.threads = sched.threads_used;
   std::vector<std::vector<double>> found;
   st.found = &found;
-  Highs_setCallback(hi.get(), engine_event, &st);
-  Highs_startCallback(hi.get(), kHighsCallbackSimplexInterrupt);
-  Highs_startCallback(hi.get(), kHighsCallbackIpmInterrupt);
+  hi.route_events(engine_event, &st,
+                  (1u << kHighsCallbackSimplexInterrupt) | (1u << kHighsCallbackIpmInterrupt));
   set_options(hi, params, ctx, false, false, sched.threads_used);
   // An elastic LP locates the conflict; the engine then reduces it to an irreducible set.
   hi.set_int("iis_strategy", kHighsIisStrategyFromLpRowPriority);

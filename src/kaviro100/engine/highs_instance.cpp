@@ -8,6 +8,27 @@ namespace kvr {
 
 void release_highs(void *highs) { highs_delete_instance(highs); }
 
+void HighsInstance::dispatch_event(int type, const char *msg, const HighsCallbackDataOut *out,
+                                   HighsCallbackDataIn *in, void *self) {
+  const auto &hi = *static_cast<const HighsInstance *>(self);
+  if (hi.event_fn_)
+    hi.event_fn_(type, msg, out, in, hi.event_data_);
+  else if (in)
+    in->user_interrupt = 0;  // the engine keeps the flag: an earlier run may have raised it
+}
+
+void HighsInstance::route_events(HighsCCallbackType fn, void *data, uint32_t kinds) {
+  event_fn_ = fn;
+  event_data_ = data;
+  const uint32_t wanted = fn ? kinds : 0;
+  for (HighsInt k = 0; k < 32; ++k) {
+    const uint32_t bit = 1u << k;
+    if ((wanted & bit) && !(event_kinds_ & bit)) Highs_startCallback(h_, k);
+    if (!(wanted & bit) && (event_kinds_ & bit)) Highs_stopCallback(h_, k);
+  }
+  event_kinds_ = wanted;
+}
+
 double HighsInstance::info_dbl(const char *name) const {
   double v = kNaN;
   if (Highs_getDoubleInfoValue(h_, name, &v) != kHighsStatusOk) return kNaN;

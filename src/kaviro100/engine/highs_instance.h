@@ -28,11 +28,19 @@ class HighsInstance {
  public:
   HighsInstance() : h_(Highs_create()) {
     if (!h_) fail(KVR_ERROR_OUT_OF_MEMORY, "Unable to create an engine instance");
+    // The engine's event function is given once, while the instance has no columns: given
+    // again on a loaded model, the engine sizes a per-column buffer that it then copies at
+    // every event of every later run (every simplex iteration). route_events() redirects.
+    Highs_setCallback(h_, dispatch_event, this);
   }
   ~HighsInstance() { release_highs(h_); }
   HighsInstance(const HighsInstance &) = delete;
   HighsInstance &operator=(const HighsInstance &) = delete;
   void *get() const { return h_; }
+
+  // Sends the engine's events of the kinds in `kinds` (bit k: kind k) to `fn` with `data`, and
+  // no others; with `fn` null, none.
+  void route_events(HighsCCallbackType fn, void *data, uint32_t kinds);
 
   void set_bool(const char *name, bool v) {
     if (!unchanged(name, 'b', v, nullptr)) check(Highs_setBoolOptionValue(h_, name, v), name);
@@ -83,7 +91,12 @@ class HighsInstance {
   // the value as given in this solve either way.
   bool unchanged(const char *name, char type, double num, const char *text);
   void forget(const char *name);
+  static void dispatch_event(int type, const char *msg, const HighsCallbackDataOut *out,
+                             HighsCallbackDataIn *in, void *self);
   void *h_;
+  HighsCCallbackType event_fn_ = nullptr;
+  void *event_data_ = nullptr;
+  uint32_t event_kinds_ = 0;  // bit k: kind k is started
   bool basis_valid_ = false;
   uint64_t generation_ = 0;
   struct Given {
