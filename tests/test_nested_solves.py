@@ -172,3 +172,26 @@ def test_a_model_cannot_be_freed_or_solved_from_its_own_callback(m):
     assert len(m.getVars()) == 8   # still the whole model, still usable
     m.optimize()
     assert m.ObjVal == 7
+
+
+def test_solves_after_solves_of_every_size_and_in_forked_children():
+    """The scheduler one solve leaves (or stops) lets the next solve choose any size, on this
+    thread and in a process forked in between, and no worker thread outlives the solves."""
+    run_child("""
+        import multiprocessing, os
+        sizes = [1, 2, 0, 2, 1, 0, 1]
+        for t in sizes:
+            small(True, threads=t)
+        assert len(os.listdir("/proc/self/task")) == threading.active_count()
+
+        def child(t):
+            small(True, threads=t)
+            small(False, threads=t)
+            return t
+
+        with multiprocessing.get_context("fork").Pool(2) as pool:
+            assert pool.map(child, sizes) == sizes
+        for t in (2, 1):
+            small(False, threads=t)
+        print("done")
+    """)

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <limits>
 #include <numeric>
+#include <thread>
 
 namespace kvr {
 
@@ -412,12 +413,19 @@ bool update_instance(HighsState &state, const ModelData &m, bool mip, InstanceUp
 namespace {
 
 // The calling thread's use of its scheduler: how many solves and engine events are under way on
-// it, and the Threads value its scheduler was made for (-1: none made by a solve of ours).
+// it, the Threads value its scheduler was made for (-1: none made by a solve of ours), and
+// whether a scheduler of one worker, the calling thread alone, is kept from an earlier solve.
 struct ThreadScheduler {
   int depth = 0;
   int threads = -1;
+  bool kept_single = false;
 };
 thread_local ThreadScheduler t_sched;
+
+// The workers of the scheduler the engine makes for a threads option (0: its own choice).
+int scheduler_workers(int threads) {
+  return threads > 0 ? threads : static_cast<int>((std::thread::hardware_concurrency() + 1) / 2);
+}
 
 }  // namespace
 
@@ -427,6 +435,10 @@ SchedulerUse::SchedulerUse(int threads, SolveContext &ctx) {
              t_sched.threads);
     threads_used = t_sched.threads;
   } else {
+    // A kept scheduler of another size would refuse this solve.
+    if (t_sched.depth == 0 && t_sched.kept_single && scheduler_workers(threads) != 1)
+      highs_reset_scheduler();
+    t_sched.kept_single = false;
     threads_used = threads;
     t_sched.threads = threads;
   }
@@ -434,10 +446,15 @@ SchedulerUse::SchedulerUse(int threads, SolveContext &ctx) {
 }
 
 SchedulerUse::~SchedulerUse() {
-  // The outermost solve of the thread stops the scheduler's workers, so that no thread outlives
-  // the solves and the next one may choose another size.
+  // The outermost solve of the thread stops the scheduler's worker threads, so that no thread
+  // outlives the solves (a process forked later would wait for workers it does not have) and
+  // the next solve may choose another size. A scheduler of one worker has no threads: it is
+  // kept, which spares every re-solve making it again.
   if (--t_sched.depth == 0) {
-    highs_reset_scheduler();
+    if (scheduler_workers(t_sched.threads) == 1)
+      t_sched.kept_single = true;
+    else
+      highs_reset_scheduler();
     t_sched.threads = -1;
   }
 }
