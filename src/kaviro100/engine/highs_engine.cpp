@@ -19,6 +19,7 @@
 #include "engine/registry.h"
 #include "engine/solve.h"
 #include "util/error.h"
+#include "util/machine.h"
 #include "util/strings.h"
 
 namespace kvr {
@@ -532,7 +533,7 @@ void HighsEngine::read_certificates(HighsInstance &hi, const ModelData &m, Engin
 // certificate (which only the simplex method gives) is asked for. It needs two threads.
 bool use_race(const ParamValues &p, int threads) {
   if (p.get_int(ParamId::Method) != 3 || p.get_int(ParamId::InfUnbdInfo) != 0) return false;
-  return threads != 1 && std::thread::hardware_concurrency() >= 2;
+  return threads != 1 && machine_threads() >= 2;
 }
 
 // The automatic LP method (Method -1) picks from cheap features of the model as given. Measured

@@ -3,7 +3,8 @@
 #include <algorithm>
 #include <limits>
 #include <numeric>
-#include <thread>
+
+#include "util/machine.h"
 
 namespace kvr {
 
@@ -424,7 +425,7 @@ thread_local ThreadScheduler t_sched;
 
 // The workers of the scheduler the engine makes for a threads option (0: its own choice).
 int scheduler_workers(int threads) {
-  return threads > 0 ? threads : static_cast<int>((std::thread::hardware_concurrency() + 1) / 2);
+  return threads > 0 ? threads : static_cast<int>((machine_threads() + 1) / 2);
 }
 
 }  // namespace

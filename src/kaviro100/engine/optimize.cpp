@@ -13,7 +13,6 @@
 #include <cstring>
 #include <mutex>
 #include <optional>
-#include <thread>
 
 #include "engine/emulation.h"
 #include "engine/engine.h"
@@ -28,6 +27,7 @@
 #include "reform/reform.h"
 #include "util/error.h"
 #include "util/interrupt.h"
+#include "util/machine.h"
 
 namespace kvr {
 
@@ -581,7 +581,7 @@ void log_header(const kvr_model *model, const ModelData &m, int threads,
                 const EngineChoice &choice) {
   const kvr_env &env = model->env;
   kvr_env &out = const_cast<kvr_env &>(env);
-  unsigned hw = std::thread::hardware_concurrency();
+  unsigned hw = machine_threads();
   std::string thread_text = threads > 0 ? format("%d threads", threads)
                                         : format("threads chosen by the engine (%u available)", hw);
   if (std::strcmp(choice.entry->name, "SCIP") == 0) thread_text = "one thread";
