@@ -4,6 +4,7 @@ fresh model built with the change, on every engine (forced through KAVIRO_ENGINE
 starts follow LPWarmStart, reset() and a user's basis."""
 
 import importlib.util
+import json
 import random
 
 import pytest
@@ -632,3 +633,31 @@ def test_events_of_a_kept_instance_reach_each_solve(env):
 
     m.optimize(listen)
     assert m.Status == KVR.OPTIMAL and heard
+
+
+def test_duals_and_slacks_are_those_of_the_solve_they_come_from(env, tmp_path):
+    """What a re-solve leaves with the engine is read on request as of that solve: in a copy
+    taken before the original changed and solved again, and in a solution file."""
+    models = [build(env) for _ in range(2)]
+    for m, x, _ in models:
+        m.optimize()
+        x[0].UB = 0.5
+        m.optimize()
+    (m, x, cons), (twin, tx, tcons) = models
+    copy = m.copy()
+    m.write(str(tmp_path / "solved.json"))
+    want = [twin.getAttr(a, tcons) for a in ("Slack", "Pi")] + [twin.getAttr("RC", tx)]
+    written = json.loads((tmp_path / "solved.json").read_text())
+    for key, values in zip(("Slack", "Pi"), want):
+        assert [c.get(key, 0.0) for c in written["Constrs"]] == pytest.approx(values, abs=1e-9)
+    cons[2].RHS = 1.0
+    m.chgCoeff(cons[4], x[1], 9.0)
+    m.optimize()
+    assert [copy.getAttr(a, copy.getConstrs()) for a in ("Slack", "Pi")] + \
+        [copy.getAttr("RC", copy.getVars())] == want
+    # The re-solve answers for the changed model.
+    fresh = m.copy()
+    fresh.reset()
+    fresh.optimize()
+    assert m.getAttr("Slack", cons) == pytest.approx(fresh.getAttr("Slack", fresh.getConstrs()),
+                                                     abs=1e-6)

@@ -153,10 +153,12 @@ bool has_scalar(kvr_model &m, AttrId) {
 }
 template <auto Vector>
 void solution_vector(kvr_model &m, AttrId id, IndexSet ix, double *out) {
+  m.sol.ensure_lp_values();
   copy_vec(id, m.sol.*Vector, ix, out);
 }
 template <auto Vector>
 bool has_vector(kvr_model &m, AttrId) {
+  m.sol.ensure_lp_values();
   return !(m.sol.*Vector).empty();
 }
 template <auto Vector>

@@ -52,7 +52,7 @@ void write_elem_str(kvr_model *model, AttrId id, IndexSet ix, const char *const 
 // Statistics and solution quality of the model (attrs/stats.cpp, attrs/quality.cpp).
 double statistic(kvr_model *model, AttrId id);
 // Whether the current solution has what the quality attribute needs.
-bool quality_available(const kvr_model *model, AttrId id);
+bool quality_available(kvr_model *model, AttrId id);
 double quality(kvr_model *model, AttrId id);
 int fingerprint(const kvr_model *model);
 

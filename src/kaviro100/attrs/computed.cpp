@@ -122,13 +122,17 @@ bool has_scen_objbound(kvr_model &m, AttrId id) {
 
 // Slacks: the solve's, else computed from the solution.
 void read_slack(kvr_model &m, AttrId id, IndexSet ix, double *out) {
+  m.sol.ensure_lp_values();
   const ModelData &d = m.data;
   const Solution &s = m.sol;
   if (!s.slack.empty()) return copy_vec(id, s.slack, ix, out);
   if (s.x.size() != static_cast<size_t>(d.num_vars())) unavailable(id);
   fill(ix, out, [&](int i) { return d.constrs.rhs[i] - d.constrs.rows.row_value(i, s.x.data()); });
 }
-bool has_slack(kvr_model &m, AttrId) { return !m.sol.slack.empty() || !m.sol.x.empty(); }
+bool has_slack(kvr_model &m, AttrId) {
+  m.sol.ensure_lp_values();
+  return !m.sol.slack.empty() || !m.sol.x.empty();
+}
 void read_qcslack(kvr_model &m, AttrId id, IndexSet ix, double *out) {
   const ModelData &d = m.data;
   const Solution &s = m.sol;

@@ -237,9 +237,10 @@ bool sized(const std::vector<double> &v, int n) { return v.size() == static_cast
 
 }  // namespace
 
-bool quality_available(const kvr_model *m, AttrId id) {
+bool quality_available(kvr_model *m, AttrId id) {
   QualityAttr q{Kind::Max, Form::Max};
   describe(id, q);
+  m->sol.ensure_lp_values();
   const ModelData &d = m->data;
   const Solution &s = m->sol;
   bool ok = sized(s.x, d.num_vars());
@@ -252,6 +253,7 @@ bool quality_available(const kvr_model *m, AttrId id) {
 double quality(kvr_model *m, AttrId id) {
   QualityAttr q{Kind::Max, Form::Max};
   describe(id, q);
+  m->sol.ensure_lp_values();
   const ModelData &d = m->data;
   const Solution &s = m->sol;
   Worst w;

@@ -62,10 +62,12 @@ KVRmodel *KVRcopymodel(KVRmodel *model) {
   KVRmodel *copy = nullptr;
   model->run([&] {
     kvr::check_queryable(model);
-    // The basis and the sensitivity ranges are read from the engine's copy of the model on first
-    // use; that copy stays with the original, whose next solve changes it.
+    // The basis, the sensitivity ranges and an LP's duals and slacks are read from the engine's
+    // copy of the model on first use; that copy stays with the original, whose next solve changes
+    // it.
     model->sol.ensure_sensitivity();
     model->sol.ensure_basis();
+    model->sol.ensure_lp_values();
     copy = new kvr_model(*model);
   });
   return copy;

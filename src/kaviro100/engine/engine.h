@@ -66,6 +66,12 @@ struct EngineResult {
   // Reads the final basis (one status per column and per row of the model) on request; false
   // when the engine has none for this result or has moved on to another solve.
   std::function<bool(std::vector<int> &, std::vector<int> &)> basis;
+  // When set, rc, pi and row_activity are left empty and this reads them on request, as the
+  // row slacks (right-hand side minus activity) in place of the activities; false when the
+  // engine has moved on to another solve or model. Reduced costs and duals stay empty when the
+  // result has none.
+  std::function<bool(std::vector<double> &rc, std::vector<double> &pi, std::vector<double> &slack)>
+      lp_values;
   // Feasible solutions met during the search (any order; the library sorts and trims them).
   std::vector<std::vector<double>> found_x;
   std::vector<double> unbdray, farkasdual;

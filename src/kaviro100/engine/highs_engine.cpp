@@ -528,6 +528,35 @@ void HighsEngine::read_certificates(HighsInstance &hi, const ModelData &m, Engin
   }
 }
 
+// Reads the reduced costs (with `duals`), duals and row slacks of the LP the instance solved
+// last for m, while the instance holds that solve; the row bounds the engine holds are those
+// of the solve, whatever m has become.
+std::function<bool(std::vector<double> &, std::vector<double> &, std::vector<double> &)>
+lp_values_reader(std::shared_ptr<HighsInstance> hi, const ModelData &m, bool duals) {
+  const uint64_t solve = hi->generation();
+  return
+      [hi = std::move(hi), n = m.num_vars(), rows = m.num_constrs(), solve, sense = m.constrs.sense,
+       duals](std::vector<double> &rc, std::vector<double> &pi, std::vector<double> &slack) {
+        void *h = hi->get();
+        if (hi->generation() != solve || Highs_getNumCol(h) != n || Highs_getNumRow(h) != rows)
+          return false;
+        rc.resize(duals ? n : 0);
+        pi.resize(duals ? rows : 0);
+        slack.resize(rows);
+        std::vector<double> lower(rows), upper(rows);
+        HighsInt got = 0, nz = 0;
+        if (Highs_getSolution(h, nullptr, duals ? rc.data() : nullptr, slack.data(),
+                              duals ? pi.data() : nullptr) != kHighsStatusOk ||
+            (rows > 0 && Highs_getRowsByRange(h, 0, rows - 1, &got, lower.data(), upper.data(), &nz,
+                                              nullptr, nullptr, nullptr) != kHighsStatusOk))
+          return false;
+        // The right-hand side is the bound on the row's side.
+        for (int i = 0; i < rows; ++i)
+          slack[i] = from_engine(sense[i] == KVR_LESS_EQUAL ? upper[i] : lower[i]) - slack[i];
+        return true;
+      };
+}
+
 // Concurrent LP solve (Method 3): the barrier method runs beside the dual simplex method on a
 // second engine instance and the first to settle the model decides, unless an infeasibility
 // certificate (which only the simplex method gives) is asked for. It needs two threads.
@@ -994,21 +1023,29 @@ EngineResult HighsEngine::solve_on(const EngineProblem &problem, const ParamValu
     };
     const size_t engine_rows = rows + ctx.lazy_in_engine;
     r.x = sized(&EngineState::Spare::x, n);
-    r.row_activity = sized(&EngineState::Spare::slack, engine_rows);
-    // A MIP has no duals to read.
-    std::vector<double> cd = sized(&EngineState::Spare::rc, mip ? 0 : n);
-    std::vector<double> rd = sized(&EngineState::Spare::pi, mip ? 0 : engine_rows);
-    Highs_getSolution(hi->get(), r.x.data(), mip ? nullptr : cd.data(), r.row_activity.data(),
-                      mip ? nullptr : rd.data());
-    r.row_activity.resize(rows);
+    // An LP re-solved on a kept instance, often in a loop that reads little of each result,
+    // leaves its other vectors in the instance until they are asked for.
+    if (spare && !mip && !qp && emulation.empty() && ctx.lazy_in_engine == 0) {
+      Highs_getSolution(hi->get(), r.x.data(), nullptr, nullptr, nullptr);
+      r.lp_values =
+          lp_values_reader(hi, m, dstat == kHighsSolutionStatusFeasible && r.status == KVR_OPTIMAL);
+    } else {
+      r.row_activity = sized(&EngineState::Spare::slack, engine_rows);
+      // A MIP has no duals to read.
+      std::vector<double> cd = sized(&EngineState::Spare::rc, mip ? 0 : n);
+      std::vector<double> rd = sized(&EngineState::Spare::pi, mip ? 0 : engine_rows);
+      Highs_getSolution(hi->get(), r.x.data(), mip ? nullptr : cd.data(), r.row_activity.data(),
+                        mip ? nullptr : rd.data());
+      r.row_activity.resize(rows);
+      if (!mip && dstat == kHighsSolutionStatusFeasible && r.status == KVR_OPTIMAL) {
+        r.rc = std::move(cd);
+        r.cut_pi.assign(rd.begin() + rows, rd.end());
+        rd.resize(rows);
+        r.pi = std::move(rd);
+      }
+    }
     r.objval = m.objective_value(r.x.data());
     r.objval_at_x = true;
-    if (!mip && dstat == kHighsSolutionStatusFeasible && r.status == KVR_OPTIMAL) {
-      r.rc = std::move(cd);
-      r.cut_pi.assign(rd.begin() + rows, rd.end());
-      rd.resize(rows);
-      r.pi = std::move(rd);
-    }
     if (mip) found.push_back(r.x);
   }
   if (mip) {

@@ -454,7 +454,14 @@ void fill_solution(const kvr_model *model, const Reformulated &rf, const SolveCo
   // solution it returned when it solved the user's model itself.
   const bool engine_activity =
       !mip && !rf.changed && r.row_activity.size() >= size_t(mu) && user.num_constrs() == mu;
-  if (engine_activity && !sol.x.empty()) {
+  if (r.lp_values && !mip && !rf.changed && user.num_constrs() == mu &&
+      rf.model().num_vars() == nu) {
+    // Read from the engine on first use. A later solve that fails after changing the engine's
+    // copy leaves the slacks to be computed from x, and no duals.
+    sol.lp_values_source = [source = std::move(r.lp_values)](Solution &s) {
+      if (!source(s.rc, s.pi, s.slack)) s.rc.clear(), s.pi.clear(), s.slack.clear();
+    };
+  } else if (engine_activity && !sol.x.empty()) {
     // Computed in place of the activities, which are not needed afterwards.
     std::vector<double> &slack = r.row_activity;
     slack.resize(mu);

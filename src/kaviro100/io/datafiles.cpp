@@ -410,6 +410,7 @@ void write_values(TextWriter &out, const ElementNames &names, const std::vector<
 }
 
 void write_sol(kvr_model *m, TextWriter &out) {
+  m->sol.ensure_lp_values();
   const Solution &s = m->sol;
   if (s.x.empty())
     fail(KVR_ERROR_DATA_NOT_AVAILABLE,
@@ -674,6 +675,7 @@ void write_data_file(kvr_model *model, const std::string &filename, FileType t) 
 // ---------------------------------------------------------------- JSON solution
 
 std::string json_solution(kvr_model *m) {
+  m->sol.ensure_lp_values();
   const Solution &s = m->sol;
   if (!s.solved)
     fail(KVR_ERROR_DATA_NOT_AVAILABLE,

@@ -29,6 +29,16 @@ struct Solution {
   // Primal solution (empty = none), duals and reduced costs (continuous models only).
   std::vector<double> x, slack, qcslack;
   std::vector<double> rc, pi, qcpi;
+  // An engine that keeps its solver state hands over the slacks, reduced costs and duals of an
+  // LP on first use: call ensure_lp_values() before reading slack, rc or pi.
+  std::function<void(Solution &)> lp_values_source;
+  void ensure_lp_values() {
+    if (lp_values_source) {
+      auto source = std::move(lp_values_source);
+      lp_values_source = nullptr;
+      source(*this);
+    }
+  }
   std::vector<double> barx;
   // The final basis. An engine that keeps its solver state hands it over on first use: call
   // ensure_basis() before reading it (false when the last solve has none).
