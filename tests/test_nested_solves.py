@@ -175,14 +175,19 @@ def test_a_model_cannot_be_freed_or_solved_from_its_own_callback(m):
 
 
 def test_solves_after_solves_of_every_size_and_in_forked_children():
-    """The scheduler one solve leaves (or stops) lets the next solve choose any size, on this
-    thread and in a process forked in between, and no worker thread outlives the solves."""
+    """The scheduler a solve leaves on its thread serves the next solve of the same size, gives
+    way to one of another size, and does not keep a process forked in between from solving."""
     run_child("""
         import multiprocessing, os
+        tasks = lambda: len(os.listdir("/proc/self/task"))
         sizes = [1, 2, 0, 2, 1, 0, 1]
         for t in sizes:
             small(True, threads=t)
-        assert len(os.listdir("/proc/self/task")) == threading.active_count()
+        small(False, threads=2)
+        kept = tasks()
+        for _ in range(5):
+            small(False, threads=2)
+        assert tasks() == kept
 
         def child(t):
             small(True, threads=t)
@@ -191,7 +196,37 @@ def test_solves_after_solves_of_every_size_and_in_forked_children():
 
         with multiprocessing.get_context("fork").Pool(2) as pool:
             assert pool.map(child, sizes) == sizes
-        for t in (2, 1):
+        import random, time
+
+        def parallel_mip():
+            # Large enough for the engine to hand work to its worker threads.
+            rnd = random.Random(3)
+            m = kp.Model(env=env)
+            m.Params.Threads = 2
+            x = [m.addVar(vtype=KVR.BINARY) for _ in range(60)]
+            for i in range(30):
+                m.addConstr(kp.quicksum(rnd.randint(1, 30) * x[j]
+                                        for j in rnd.sample(range(60), 20)) <= 200)
+            m.setObjective(kp.quicksum(rnd.randint(1, 20) * v for v in x), KVR.MAXIMIZE)
+            m.optimize()
+            assert m.Status == KVR.OPTIMAL and m.ObjVal == 512, m.ObjVal
+
+        for t in (1, 2):
             small(False, threads=t)
+        parallel_mip()
+        pid = os.fork()
+        if pid == 0:
+            parallel_mip()
+            os._exit(0)
+        for _ in range(600):
+            done, status = os.waitpid(pid, os.WNOHANG)
+            if done:
+                break
+            time.sleep(0.1)
+        else:
+            os.kill(pid, 9)
+            os.waitpid(pid, 0)
+            raise AssertionError("the forked process did not finish its solve")
+        assert status == 0
         print("done")
     """)

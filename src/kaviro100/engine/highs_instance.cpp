@@ -1,7 +1,10 @@
 #include "engine/highs_instance.h"
 
+#include <pthread.h>
+
 #include <algorithm>
 #include <limits>
+#include <mutex>
 #include <numeric>
 
 #include "util/machine.h"
@@ -414,18 +417,27 @@ bool update_instance(HighsState &state, const ModelData &m, bool mip, InstanceUp
 namespace {
 
 // The calling thread's use of its scheduler: how many solves and engine events are under way on
-// it, the Threads value its scheduler was made for (-1: none made by a solve of ours), and
-// whether a scheduler of one worker, the calling thread alone, is kept from an earlier solve.
+// it, the Threads value its scheduler was made for (-1: none made by a solve of ours), and the
+// workers of the scheduler an earlier solve left on it (0: none).
 struct ThreadScheduler {
   int depth = 0;
   int threads = -1;
-  bool kept_single = false;
+  int kept_workers = 0;
 };
 thread_local ThreadScheduler t_sched;
 
 // The workers of the scheduler the engine makes for a threads option (0: its own choice).
 int scheduler_workers(int threads) {
   return threads > 0 ? threads : static_cast<int>((machine_threads() + 1) / 2);
+}
+
+// A forked child has the forking thread's scheduler but none of its worker threads, and would
+// wait for them at its first parallel step: the forking thread stops them first.
+void stop_workers_before_fork() {
+  if (t_sched.depth == 0 && t_sched.kept_workers > 1) {
+    highs_reset_scheduler();
+    t_sched.kept_workers = 0;
+  }
 }
 
 }  // namespace
@@ -437,9 +449,10 @@ SchedulerUse::SchedulerUse(int threads, SolveContext &ctx) {
     threads_used = t_sched.threads;
   } else {
     // A kept scheduler of another size would refuse this solve.
-    if (t_sched.depth == 0 && t_sched.kept_single && scheduler_workers(threads) != 1)
+    if (t_sched.depth == 0 && t_sched.kept_workers != 0 &&
+        t_sched.kept_workers != scheduler_workers(threads))
       highs_reset_scheduler();
-    t_sched.kept_single = false;
+    t_sched.kept_workers = 0;
     threads_used = threads;
     t_sched.threads = threads;
   }
@@ -447,15 +460,15 @@ SchedulerUse::SchedulerUse(int threads, SolveContext &ctx) {
 }
 
 SchedulerUse::~SchedulerUse() {
-  // The outermost solve of the thread stops the scheduler's worker threads, so that no thread
-  // outlives the solves (a process forked later would wait for workers it does not have) and
-  // the next solve may choose another size. A scheduler of one worker has no threads: it is
-  // kept, which spares every re-solve making it again.
+  // The scheduler stays for the thread's next solve, which would otherwise make it again (and
+  // start its worker threads again); its workers wait idle in between.
   if (--t_sched.depth == 0) {
-    if (scheduler_workers(t_sched.threads) == 1)
-      t_sched.kept_single = true;
-    else
-      highs_reset_scheduler();
+    t_sched.kept_workers = std::max(1, scheduler_workers(t_sched.threads));
+    if (t_sched.kept_workers > 1) {
+      static std::once_flag fork_guard;
+      std::call_once(fork_guard,
+                     [] { pthread_atfork(stop_workers_before_fork, nullptr, nullptr); });
+    }
     t_sched.threads = -1;
   }
 }

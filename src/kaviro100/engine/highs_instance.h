@@ -2,11 +2,12 @@
 //
 // The engine runs its parallel work on a scheduler that belongs to the calling thread: the first
 // run on a thread creates it, sized by that run's threads option, and later runs on the thread
-// must use the same size. A solve can run inside another one on the same thread (the user's
-// callback solves or frees another model), so the scheduler is reset only by the outermost solve
-// of a thread, never while another solve uses it; and instances are released without touching
-// it at all, wherever and whenever that happens (in a callback, on another thread, in garbage
-// collection).
+// must use the same size. The scheduler stays on the thread between solves; the outermost solve
+// of a thread that asks for another size resets it first, never while another solve uses it (the
+// user's callback can solve or free another model), and so does a fork of the process (the
+// child would have the scheduler without its worker threads). Instances are released without
+// touching it at all, wherever and whenever that happens (in a callback, on another thread, in
+// garbage collection).
 #pragma once
 
 #include <algorithm>
