@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <type_traits>
 
 #include "attrs/readers.h"
 #include "model/checks.h"
@@ -151,14 +152,20 @@ template <auto Field>
 bool has_scalar(kvr_model &m, AttrId) {
   return !std::isnan(static_cast<double>(m.sol.*Field));
 }
+// Reduced costs and duals may still wait in the engine (X never does).
+template <auto Vector>
+void ensure_vector(kvr_model &m) {
+  if constexpr (std::is_same_v<decltype(Vector), std::vector<double> Solution::*>)
+    if constexpr (Vector == &Solution::rc || Vector == &Solution::pi) m.sol.ensure_lp_values();
+}
 template <auto Vector>
 void solution_vector(kvr_model &m, AttrId id, IndexSet ix, double *out) {
-  m.sol.ensure_lp_values();
+  ensure_vector<Vector>(m);
   copy_vec(id, m.sol.*Vector, ix, out);
 }
 template <auto Vector>
 bool has_vector(kvr_model &m, AttrId) {
-  m.sol.ensure_lp_values();
+  ensure_vector<Vector>(m);
   return !(m.sol.*Vector).empty();
 }
 template <auto Vector>
