@@ -783,7 +783,7 @@ EngineResult HighsEngine::solve_on(const EngineProblem &problem, const ParamValu
   st.threads = sched.threads_used;
   st.found = &found;
   if (!emulation.empty()) st.emulation = &emulation;
-  constexpr auto kind = [](HighsInt k) { return uint32_t{1} << k; };
+  constexpr auto kind = HighsInstance::event_kind;
   uint32_t events = kind(kHighsCallbackLogging) | kind(kHighsCallbackSimplexInterrupt) |
                     kind(kHighsCallbackIpmInterrupt);
   if (mip) {
@@ -1252,7 +1252,8 @@ bool HighsEngine::infeasible_subsystem(const ModelData &lp, const ParamValues &p
   std::vector<std::vector<double>> found;
   st.found = &found;
   hi.route_events(engine_event, &st,
-                  (1u << kHighsCallbackSimplexInterrupt) | (1u << kHighsCallbackIpmInterrupt));
+                  HighsInstance::event_kind(kHighsCallbackSimplexInterrupt) |
+                      HighsInstance::event_kind(kHighsCallbackIpmInterrupt));
   set_options(hi, params, ctx, false, false, sched.threads_used);
   // An elastic LP locates the conflict; the engine then reduces it to an irreducible set.
   hi.set_int("iis_strategy", kHighsIisStrategyFromLpRowPriority);

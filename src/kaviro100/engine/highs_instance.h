@@ -39,8 +39,10 @@ class HighsInstance {
   HighsInstance &operator=(const HighsInstance &) = delete;
   void *get() const { return h_; }
 
-  // Sends the engine's events of the kinds in `kinds` (bit k: kind k) to `fn` with `data`, and
-  // no others; with `fn` null, none.
+  // The bit of one kind of engine event in route_events' `kinds`.
+  static constexpr uint32_t event_kind(HighsInt kind) { return uint32_t{1} << kind; }
+  // Sends the engine's events of the kinds in `kinds` (event_kind bits) to `fn` with `data`,
+  // and no others; with `fn` null, none.
   void route_events(HighsCCallbackType fn, void *data, uint32_t kinds);
 
   void set_bool(const char *name, bool v) {

@@ -32,24 +32,14 @@ struct Solution {
   // An engine that keeps its solver state hands over the slacks, reduced costs and duals of an
   // LP on first use: call ensure_lp_values() before reading slack, rc or pi.
   std::function<void(Solution &)> lp_values_source;
-  void ensure_lp_values() {
-    if (lp_values_source) {
-      auto source = std::move(lp_values_source);
-      lp_values_source = nullptr;
-      source(*this);
-    }
-  }
+  void ensure_lp_values() { take_from(lp_values_source); }
   std::vector<double> barx;
   // The final basis. An engine that keeps its solver state hands it over on first use: call
   // ensure_basis() before reading it (false when the last solve has none).
   std::vector<int> vbasis, cbasis;
   std::function<void(Solution &)> basis_source;
   bool ensure_basis() {
-    if (vbasis.empty() && cbasis.empty() && basis_source) {
-      auto source = std::move(basis_source);
-      basis_source = nullptr;
-      source(*this);
-    }
+    if (vbasis.empty() && cbasis.empty()) take_from(basis_source);
     return !vbasis.empty() || !cbasis.empty();
   }
 
@@ -70,11 +60,7 @@ struct Solution {
   std::vector<double> saobjlow, saobjup, salblow, salbup, saublow, saubup, sarhslow, sarhsup;
   std::function<void(Solution &)> sensitivity_source;
   bool ensure_sensitivity() {
-    if (saobjlow.empty() && sensitivity_source) {
-      auto source = std::move(sensitivity_source);
-      sensitivity_source = nullptr;
-      source(*this);
-    }
+    if (saobjlow.empty()) take_from(sensitivity_source);
     return !saobjlow.empty();
   }
 
@@ -101,6 +87,15 @@ struct Solution {
     return !pool_x.empty() ? static_cast<int>(pool_x.size()) : x.empty() ? 0 : 1;
   }
   void clear() { *this = Solution(); }
+
+ private:
+  // Runs a source of values read on first use, once: it is dropped before it runs.
+  void take_from(std::function<void(Solution &)> &source) {
+    if (!source) return;
+    auto run = std::move(source);
+    source = nullptr;
+    run(*this);
+  }
 };
 
 }  // namespace kvr
